@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// SnapDriverInterface, the one object through which a process talks to the kernel's copy-on-write snapshot
+// driver (module "mirelsnap", control node "/dev/mirelsnapctl").
+//
+// Every operation opens the control node, issues its request and closes it. Nothing here locks: callers must
+// not issue commands from two threads at once. Messages go to the system log (identity "MIRELSNAP_SDK").
+//
+// Results, unless an operation says otherwise:
+//    0 success                                  3 a missing argument, or memory is short
+//    5 the control device could not be opened   6 the driver refused the request
+//    7 a name is not a block device             8 a device does not exist
+#pragma once
+
+#include <list>
+#include <map>
+#include <string>
+
+#include <mirelsnap/VolumeRecords.h>
+
+class MIRELSNAP_API SnapDriverInterface {
+ public:
+  // The singleton, made on first use, with one reference added; null when memory is short. Drop the
+  // reference with releaseInstance.
+  static SnapDriverInterface* Instance();
+  // Drops one reference; the last one destroys the singleton.
+  static void releaseInstance();
+
+  static SnapDriverInterface* mInstance;
+  static unsigned int mReferenceCount;
+
+  // The driver's version text. 0, 3, 5, 6.
+  unsigned int GetDriverVersionDetail(std::string& version);
+  // True exactly when GetDriverVersionDetail returns 0.
+  bool IsDriverEnabled(std::string& version);
+  // Sets the driver's log level, and this process's log mask to all priorities up to `level`. 0, 3, 5, 6.
+  unsigned int SetLogLevel(unsigned char level);
+
+  // Whether the block device `volume` is snapped (frozen). Every failure reads as false.
+  bool IsVolumeSnapped(const std::string& volume);
+  bool IsVolumeFrozen(const std::string& volume);
+  // 17 when a volume of the list is snapped (frozen), else 0.
+  unsigned int checkIfVolSnapped(std::list<SnapVolumeInformation>* volumes);
+  unsigned int checkIfVolFrozen(std::list<SnapVolumeInformation>* volumes);
+  // Freezes (thaws) the named block devices together. 0, 3, 5; 24 when one is frozen already; 25 when one is
+  // not frozen.
+  unsigned int FreezeVolume(std::list<std::wstring>* volumes);
+  unsigned int ThawVolume(std::list<std::wstring>* volumes);
+
+  // Registers (withdraws) the relocation file of a volume for process `pid`. 0, 3, 5, 6.
+  unsigned int CreateRelocationFileMapping(const std::string& snappedVolumeName, const std::string& relocFileName,
+                                           int pid);
+  unsigned int DeleteRelocationFileMapping(const std::string& snappedVolumeName, int pid);
+  // The number of mappings, or 3, 5, 6 on failure: the two meanings share the value.
+  unsigned int GetNumOfRelocFileMapping();
+  // Appends one record a mapping. 0, 3, 5, 6.
+  unsigned int GetRelocFileMapping(std::list<RelocFileMappingInformation>& mappings);
+
+  // Writes the number of snapped volumes. 0, 3, 5, 6.
+  unsigned int GetNumOfSnappedVolumes(int* count);
+  // Appends one record a snapped volume. 0, 3, 5, 6.
+  unsigned int GetSnappedVolumeDetails(std::list<SnappedVolumeInformation>& volumes);
+  // Whether `volume` (the real device path) has a relocation-file mapping or is snapped. Failures read as false.
+  bool IsSnapInProgress(std::string& volume);
+
+  // Takes the snapshots of all volumes at one instant. Fills each record's relocation fields and appends one
+  // snapshot device name a volume, in list order. 0; 3, 5, 6, 7, 8; 11 the only volume is already snapped, or
+  // one is frozen; 12 one of several is already snapped; 20 a relocation file could not be placed; 26 a
+  // device's size changed.
+  int SnapVolume(std::list<SnapVolumeInformation>* volumes, std::list<std::wstring>* snapDeviceNames);
+
+  // Discards the snapshots of the named block devices and removes their relocation files. `flag` is handed to
+  // the driver. 0, 3, 5, 6; 13 or 14 when a volume is not snapped.
+  unsigned int UnSnapVolume(std::list<std::wstring>* volumes, bool flag);
+  // Removes what dead processes left: snapshots, mappings, relocation files. 0, or 3 when the driver cannot
+  // be asked.
+  unsigned int ReconcileAndCleanup();
+
+  // Steps of SnapVolume.
+
+  // Adds the byte size of every volume's entry to `*size` and fills `runs` with the runs of the relocation
+  // files that lie on each volume, by position in the list; the caller owns what is in the map. 0; 3; 10 when
+  // a relocation file cannot be mapped. On failure the map is left empty.
+  int getIoctlCmdSize(std::list<SnapVolumeInformation>* volumes, std::map<unsigned int, std::list<_run*>*>* runs,
+                      unsigned int* size);
+  // Places, registers and creates a relocation file for every volume; `relocEntriesInMemory` blocks at most
+  // for all together. 0, or 10 with everything undone.
+  int deduceRelocLocations(std::list<SnapVolumeInformation>* volumes, unsigned long relocEntriesInMemory);
+  // Removes what deduceRelocLocations made.
+  void cleanRelocFiles(std::list<SnapVolumeInformation>* volumes);
+
+ private:
+  SnapDriverInterface();  // opens the system log, mask up to LOG_ERR
+  ~SnapDriverInterface() = default;
+};

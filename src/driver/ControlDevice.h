@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The driver's control node: loading the module, making the node, opening it.
+#pragma once
+
+#include <string>
+
+inline constexpr char kDriverModule[] = "mirelsnap";
+inline constexpr char kControlNode[] = "/dev/mirelsnapctl";
+
+// Full path of the first executable `name` in the system's program directories; empty when there is none.
+std::string findExe(const std::string& name);
+
+// Opens the control node, loading the module and (re)making the node where needed. Returns a descriptor that
+// the caller closes, or -1.
+int openControlDevice();

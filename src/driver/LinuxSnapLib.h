@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The driver interface as the library's own rooms use it: SnapDriverInterface and the free operations around
+// the relocation files of a volume.
+#pragma once
+
+#include <mirelsnap/DriverInterface.h>
+
+#include <list>
+#include <string>
+
+#include "driver/VolumeRecords.h"
+
+// True when `path` lies on the block device `device`: the mount table is searched for the deepest parent of the
+// resolved path that is mounted from that device. A path that cannot be resolved lies on no device.
+bool inPartitionRelocFile(const std::string& path, const std::string& device);
+
+// Appends the relocation files that lie on `snapVolumeName`: those of the volumes that the driver holds snapped,
+// in its order, then `relocFileName`. 0; 3 when the driver cannot be asked.
+int getAllRelocFileInVol(const std::string& snapVolumeName, const std::string& relocFileName,
+                         std::list<std::string>& files);
+
+// Discards the snapshots of `count` devices with one command, whatever its outcome removes the relocation files that the
+// driver names, and returns the command's status: 0, 3, 5, 6, 13, 14. `flag` is handed to the driver.
+unsigned int discardSnappedVolumes(unsigned int count, const DeviceNumberPair* volumes, bool flag);

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The driver interface's stateless helper: the handshake of a command, and the sizing of the driver's tables from
+// the machine's memory.
+#pragma once
+
+#include <cstdint>
+
+#include "driver/DriverProtocol.h"
+#include "sysinfo/LinuxSystemInfo.h"
+
+class SnapDriverInterfaceUtility {
+ public:
+  // The helper of the command issued last. Every command stores a fresh one without releasing the one before; that
+  // is the contract (docs/limits.md counts its cost).
+  static SnapDriverInterfaceUtility* mUtilInstance;
+
+  // Fills the two handshake words. Reseeds the C library's generator from the current UTC time.
+  void generateHandShake(_ioctlCmd* command);
+
+  // Fills `*state` from /proc/meminfo. 0, or 3.
+  unsigned int getSystemState(mirelsnapsdk_linuxcomputer::_sysMemStateInfo* state);
+  // How many relocation entries the driver may hold in memory.
+  std::uint64_t calculateMaxRelocBlocks(mirelsnapsdk_linuxcomputer::_sysMemStateInfo state);
+  // Size of a hash table for `count` entries.
+  unsigned int calculateHashSize(unsigned int count);
+};

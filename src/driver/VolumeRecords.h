@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The driver interface's value records with what the library itself needs beside them: the two string
+// converters and the resolver from volume names to device numbers.
+#pragma once
+
+#include <mirelsnap/VolumeRecords.h>
+
+#include <list>
+#include <string>
+
+// A block device's number, as the driver's commands carry it.
+struct DeviceNumberPair {
+  unsigned int majorNum;
+  unsigned int minorNum;
+};
+
+// Widens byte by byte, each byte sign-extended: no decoding, so byte 0xE9 becomes a negative code unit.
+std::wstring StringToWString(const std::string& text);
+// Keeps the low 8 bits of each character; higher bits are dropped.
+std::string WStringToString(const std::wstring& text);
+
+// Resolves each name to its block device's number, in list order, into `pairs`, which has one element per
+// name. 0; 3 when an argument is missing; 8 a device does not exist; 7 a name is not a block device. Pairs
+// filled before a failure stay filled.
+unsigned int getDeviceNumbers(std::list<std::wstring>* volumes, DeviceNumberPair* pairs);

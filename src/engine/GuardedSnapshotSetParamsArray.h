@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Every snapshot set taken in this process and not yet deleted.
+#pragma once
+
+#include <pthread.h>
+
+#include <vector>
+
+#include "engine/SnapshotSetParams.h"
+
+namespace MirelSnapSnapshotCoordinator {
+
+class LinuxGuardedSnapshotSetParamsArray {
+ public:
+  LinuxGuardedSnapshotSetParamsArray() = default;
+  LinuxGuardedSnapshotSetParamsArray(const LinuxGuardedSnapshotSetParamsArray&) = delete;
+  LinuxGuardedSnapshotSetParamsArray& operator=(const LinuxGuardedSnapshotSetParamsArray&) = delete;
+  virtual ~LinuxGuardedSnapshotSetParamsArray();
+
+  // Lists `set` with a reference of its own. False for null and for a set or an identifier that is listed already.
+  bool Add(MirelSnapshotSetParams* set);
+  // Removes the set `setId`; only the set listed first can be removed.
+  bool RemoveSnapshotSet(const _SSGUIDPLAIN& setId);
+  // The first volume of any set on this device, with a reference; null when none. Takes no lock.
+  MirelSnapshotVolumeParams* FindVolume(const wchar_t* name);
+  MirelSnapshotVolumeParams* FindVolume(const char* name);
+
+  unsigned int GetSnapshotSetCount();
+  // 0 for an unknown set.
+  unsigned int GetVolumeCountInSnapshotSet(const _SSGUIDPLAIN& setId);
+  // Over all sets.
+  unsigned int GetSnappedVolumeCount();
+  // Volume `index` of that set, with a reference; null when absent.
+  MirelSnapshotVolumeParams* GetVolume(const _SSGUIDPLAIN& setId, unsigned int index);
+
+ private:
+  pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
+  std::vector<MirelSnapshotSetParams*> mSets;
+};
+
+}  // namespace MirelSnapSnapshotCoordinator

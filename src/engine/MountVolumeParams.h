@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One entry of an alternate mount set: a live mount point that is bind-mounted under the exposure's base.
+#pragma once
+
+#include "qxtools/UnixUtils.h"
+
+namespace MirelSnapSnapshotCoordinator {
+
+class MirelMountVolumeParams {
+ public:
+  // A new entry, or null with `error` set to an errno value (0 on success): 22 for a path that is not absolute, not a mount
+  // point itself, or a `newBound` that is no directory; 12 when a path cannot be converted or memory is short.
+  static MirelMountVolumeParams* CreateMountVolumeParams(const wchar_t* original, const wchar_t* newBound, int& error);
+
+  // The live mount point.
+  const char* OriginalMountPoint() const { return mOriginalMountPoint.get(); }
+  // Where it is bound, or is to be bound; null when neither is known.
+  const char* NewBoundMountPoint() const { return mNewBoundMountPoint.get(); }
+  // The errno of the last failure.
+  int MountError() const { return mMountError; }
+  bool IsMounted() const { return mMounted; }
+
+  // Binds it at `base` (or, for null, at the bound mount point given before) joined with its own path; true when bound.
+  bool DoMount(const wchar_t* base);
+  // Unbinds it; true when it is not bound afterwards.
+  bool DoDismount();
+
+ private:
+  MirelMountVolumeParams() = default;
+
+  UnixUtils::NarrowText mOriginalMountPoint;
+  UnixUtils::NarrowText mNewBoundMountPoint;
+  bool mMounted = false;
+  int mMountError = 0;
+};
+
+}  // namespace MirelSnapSnapshotCoordinator

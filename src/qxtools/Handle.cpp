@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qxtools/Handle.h"
+
+#include <cerrno>
+
+void UniqueFd::reset(int descriptor) noexcept {
+  const int old = std::exchange(mDescriptor, descriptor);
+  if (old < 0) return;
+  const int saved = errno;
+  ::close(old);
+  errno = saved;
+}

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where one volume's relocation file goes, how large it is, and the file itself. One object serves one volume: construct
+// it, initialise it by exactly one of the four ways, create the file.
+//
+// File-system sizes are in KB (1024 bytes); relocation sizes are in blocks of `mBlockSize` bytes.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+#include "sysinfo/LinuxSystemInfo.h"
+
+// Directory at the top of a file system that holds relocation files.
+inline const std::string RELOC_FILE_LOCATION = ".verrelocarea";
+
+// `name` with every "/" replaced by "_".
+std::string prepareRelocFileName(std::string name);
+
+class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
+ public:
+  // With the caller's options: a size (0: not given), a mount point (empty: not given). `relocEntriesInMemory` bounds
+  // the size.
+  LinuxSnapshotreloc(const std::string& snappedDeviceName, unsigned int blockSize, unsigned int relocNumBlks,
+                     const std::string& relocMountName, unsigned long relocEntriesInMemory);
+  // Without options.
+  LinuxSnapshotreloc(const std::string& snappedDeviceName, unsigned int blockSize, unsigned long numBlocksOfVolume,
+                     unsigned long relocEntriesInMemory);
+
+  // The four ways, each 0 when the file is placed: neither option given (7, 20 or 17) ...
+  unsigned int initialize();
+  // ... the mount point only; `fallbackSize` is the volume's number of blocks (17) ...
+  unsigned int initializeRelocLocationOption(unsigned long fallbackSize);
+  // ... the size only (17, 21) ...
+  unsigned int initializeRelocSizeOption();
+  // ... both: validate first, then place (17).
+  unsigned int validate();
+  unsigned int initializeUserSelectedOptions();
+
+  // Places the file on the other file system with the most free space. 0; 21 when there is none, or, with
+  // `onlyIfLarger`, none with more free space than the volume's own.
+  unsigned int SetRelocFileLocation(bool onlyIfLarger);
+  // Places a file of the given size on the other file system with the most free space. 0, 21.
+  unsigned int checkOtherMountVolumeForReloc();
+  unsigned int GetVolumeDetails(const std::string& volume);
+  void CheckIfVolumeIsMounted(const std::string& volume);
+  void GetMountDetails(const std::string& mountPoint, std::uint64_t* availKB, std::uint64_t* usedKB,
+                       std::uint32_t* blockSize);
+  bool IsMountPointWritable(const std::string& mountPoint);
+  // Size in blocks of a file that stays on the volume itself.
+  std::uint64_t PredictSizeOfFile();
+
+  std::uint64_t GetRelocNumBlks();
+  std::string GetSnappedDeviceName();
+  std::string GetRelocDeviceName();
+  std::string GetRelocFileName();
+  std::string GetRelocFileLocation();
+
+  // True when a file of `mRelocNumBlks` reaches the largest that a file system of this magic takes, which is written to
+  // `*limitBlocks`; file systems without a known limit leave it untouched.
+  bool CheckIfExceedsFSLimits(std::uint64_t fsType, std::uint64_t* limitBlocks);
+  // Cuts the size to that limit; returns the new size, or 0 when nothing was cut.
+  std::uint64_t ImposeRelocFSLimits(std::uint64_t fsType);
+  // Makes the file at its full size with every block allocated and written or mapped. 0, 18. The size may have been
+  // cut by the file system: read GetRelocNumBlks afterwards.
+  unsigned int CreateRelocFile();
+  // True when the file is gone.
+  bool DeleteRelocFile();
+  bool IsRelocFileExists();
+  // Appends what the relocation directories of all mounted file systems hold. 0; 3 when nothing is mounted.
+  unsigned int GetAllRelocationFiles(std::list<std::string>& files);
+  // Appends what the relocation directory of `volume` holds. Always 0.
+  unsigned int GetAllRelocationFilesInVolume(const std::string& volume, std::list<std::string>& files);
+
+  std::string mRelocMountName;          // chosen by the caller; empty when not
+  std::string mRelocFileName;           // full path; empty until placed
+  std::uint64_t mRelocNumBlks;          // size in blocks
+  std::uint64_t mRelocEntriesInMemory;  // blocks that the driver can still hold in memory
+  std::string mRelocDirName;            // directory of the file
+  std::string mRelocDeviceName;         // block device of the file system that holds the file
+  std::string mSnappedDeviceName;       // block device of the volume to snap, beginning with /dev/
+  std::string mVolMountPoint;           // first mount point of the volume, later the chosen one
+  bool mIsMounted = false;              // mounted, and its sizes could be read
+  std::uint64_t mTotalSizeKOfVolume = 0;
+  std::uint64_t mAvailSizeKOfVolume = 0;
+  std::uint64_t mUsedSizeKofVolume = 0;
+  std::uint32_t mBlockSize;           // bytes
+  std::uint64_t mNumBlocksOfVolume;   // size of the volume in blocks
+  std::uint64_t mFSType = 0;          // magic of the file system that holds the file
+
+ private:
+  // Composes directory and path of the file on the file system mounted at `mountPoint`.
+  void nameFileOn(const std::string& mountPoint);
+};

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ScriptedDriver.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <stdexcept>
+
+namespace test {
+namespace {
+
+ScriptedDriver* current = nullptr;
+
+void putStatus(std::byte* buffer, std::int32_t status) {
+  std::memcpy(buffer + offsetof(_ioctlCmd, driverStatus), &status, sizeof status);
+}
+
+}  // namespace
+
+ScriptedDriver::ScriptedDriver() : mProcFile(std::make_unique<ProcFile>("mirelsnap/dev", "1 3\n")) {
+  if (current != nullptr) throw std::logic_error("one scripted driver at a time");
+  current = this;
+  status(IOC_CHECK_VOLUME_SNAPPED, -4);
+  status(IOC_CHECK_VOLUME_FROZEN, -7);
+  on(IOC_GET_DRIVER_VERSION, [](std::byte* buffer, std::size_t) {
+    std::strcpy(reinterpret_cast<char*>(buffer) + sizeof(_ioctlCmd), "scripted");
+    return 0;
+  });
+}
+
+ScriptedDriver::~ScriptedDriver() {
+  current = nullptr;
+  unlink("/dev/mirelsnapctl");
+}
+
+void ScriptedDriver::on(unsigned long request, Script script) { mScripts[request] = std::move(script); }
+
+void ScriptedDriver::fail(unsigned long request, int error, std::int32_t status) {
+  on(request, [=](std::byte* buffer, std::size_t) {
+    putStatus(buffer, status);
+    return error;
+  });
+}
+
+void ScriptedDriver::status(unsigned long request, std::int32_t status) {
+  on(request, [=](std::byte* buffer, std::size_t) {
+    putStatus(buffer, status);
+    return 0;
+  });
+}
+
+std::vector<DriverCall> ScriptedDriver::calls(unsigned long request) const {
+  std::vector<DriverCall> found;
+  for (const DriverCall& call : mCalls) {
+    if (call.request == request) found.push_back(call);
+  }
+  return found;
+}
+
+int ScriptedDriver::answer(unsigned long request, void* argument) {
+  auto* buffer = static_cast<std::byte*>(argument);
+  _ioctlCmd header;
+  std::memcpy(&header, buffer, sizeof header);
+  mCalls.push_back({request, std::vector<std::byte>(buffer, buffer + header.length)});
+  const auto script = mScripts.find(request);
+  const int error = script == mScripts.end() ? 0 : script->second(buffer, header.length);
+  if (error == 0) return 0;
+  errno = error;
+  return -1;
+}
+
+}  // namespace test
+
+// Takes the place of the C library's function in every program that uses a scripted driver.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, request);
+  void* argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (((request >> 8) & 0xFF) == 'S' && (request >> 30) == 3 && test::current != nullptr) {
+    return test::current->answer(request, argument);
+  }
+  return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+}

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A test program's private world: its own mount namespace with
+//   /dev   a tmpfs with the plain character devices, loop-control, and whatever the tests make
+//   /proc  a tmpfs whose files lead to the real one, so that a test can lay its own meminfo, mounts, mirelsnap/dev
+//   /mnt   an empty tmpfs: images, mount points, scratch
+// All of it is gone with the process.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+
+namespace test {
+
+inline constexpr char kScratch[] = "/mnt";
+// The real procfs.
+inline constexpr char kRealProc[] = "/mnt/.proc";
+
+// Lays the world; ends the program with a message when it cannot (not root, no mount namespaces).
+void layPrivateWorld();
+
+void writeFile(const std::filesystem::path& path, const std::string& content);
+std::string readFile(const std::filesystem::path& path);
+
+// A directory of its own under /mnt, removed with all that it holds.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return mPath; }
+  std::string operator/(const std::string& name) const { return mPath + "/" + name; }
+
+ private:
+  std::string mPath;
+};
+
+// Lays a file over /proc/NAME ("meminfo", "mounts", "mirelsnap/dev") for a scope; without content the name is missing.
+class ProcFile {
+ public:
+  ProcFile(const std::string& name, const std::string& content);
+  explicit ProcFile(const std::string& name);
+  ~ProcFile();
+  ProcFile(const ProcFile&) = delete;
+  ProcFile& operator=(const ProcFile&) = delete;
+
+ private:
+  std::string mPath;
+  std::string mLink;  // what the name led to before
+};
+
+// A device node for a scope.
+class Node {
+ public:
+  Node(std::string path, mode_t type, unsigned int major, unsigned int minor);
+  ~Node();
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+  const std::string& path() const { return mPath; }
+
+ private:
+  std::string mPath;
+};
+
+}  // namespace test

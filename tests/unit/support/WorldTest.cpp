@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tests' own tools do what the tests lean on.
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <syslog.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "LogCapture.h"
+#include "LoopVolume.h"
+#include "ScriptedDriver.h"
+#include "World.h"
+#include "qxtools/Handle.h"
+
+TEST(LogCapture, keeps_priority_identity_and_text_letter_for_letter) {
+  test::LogCapture log;
+  openlog("SOMEBODY", LOG_PID, LOG_USER);
+  for (int i = 0; i < 50; ++i) syslog(LOG_DEBUG, "line %d.\n", i);
+  syslog(LOG_ERR, "no line end");
+  ASSERT_EQ(log.lines().size(), 51u);
+  EXPECT_EQ(log.lines()[49].text, "line 49.\n");
+  EXPECT_EQ(log.lines()[50].text, "no line end");
+  EXPECT_EQ(log.lines()[50].priority, LOG_ERR);
+  EXPECT_EQ(log.lines()[50].facility, LOG_USER);
+  EXPECT_EQ(log.lines()[50].ident, "SOMEBODY[" + std::to_string(getpid()) + "]");
+  log.clear();
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(Volume, is_a_real_mounted_file_system) {
+  const test::Volume ext4("ext4", 16 << 20, {"-b", "1024"});
+  const test::Volume xfs("xfs", 300 << 20);
+  test::writeFile(ext4.folder() + "/a", "x");
+  EXPECT_EQ(test::readFile(ext4.folder() + "/a"), "x");
+  EXPECT_NE(ext4.device(), xfs.device());
+}
+
+TEST(ProcFile, lies_over_the_kernels_file_and_goes_away_again) {
+  {
+    const test::ProcFile meminfo("meminfo", "MemFree: 7 kB\n");
+    EXPECT_EQ(test::readFile("/proc/meminfo"), "MemFree: 7 kB\n");
+    const test::ProcFile missing("mounts");
+    EXPECT_NE(access("/proc/mounts", F_OK), 0);
+  }
+  EXPECT_NE(test::readFile("/proc/meminfo").find("MemTotal"), std::string::npos);
+  EXPECT_EQ(access("/proc/mounts", F_OK), 0);
+}
+
+TEST(ScriptedDriver, answers_driver_requests_and_leaves_others_to_the_kernel) {
+  test::ScriptedDriver driver;
+  const UniqueFd null(open("/dev/null", O_RDONLY));
+  _ioctlCmd command{};
+  command.length = sizeof command;
+  EXPECT_EQ(ioctl(null.get(), IOC_CHECK_VOLUME_SNAPPED, &command), 0);
+  EXPECT_EQ(command.driverStatus, -4);
+  driver.fail(IOC_SNAP, EBUSY, -2);
+  EXPECT_EQ(ioctl(null.get(), IOC_SNAP, &command), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(command.driverStatus, -2);
+  int size = 0;
+  EXPECT_EQ(ioctl(null.get(), FIONREAD, &size), -1);
+  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(driver.calls().size(), 2u);
+}
