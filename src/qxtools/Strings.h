@@ -17,8 +17,8 @@ class cstring : public std::string {
 // Wide text.
 class wcstring : public std::wstring {
  public:
-  using std::wstring::wstring;
   using std::wstring::assign;
+  using std::wstring::wstring;
   using std::wstring::operator=;
   wcstring() = default;
   wcstring(const std::wstring& text) : std::wstring(text) {}

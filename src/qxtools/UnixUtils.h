@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Names and directories: conversions between narrow and wide text, one directory made or removed, a block device's number.
-// Conversions follow the process's locale and answer null, never a cut or altered text; none of them throws.
+// Names and directories: conversions between narrow and wide text, one directory made or removed, a block device's
+// number. Conversions follow the process's locale and answer null, never a cut or altered text; none of them throws.
 #pragma once
 
 #include <sys/types.h>
