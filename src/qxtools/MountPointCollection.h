@@ -16,7 +16,10 @@ class SystemMountPointCollection {
   // One mount. Reference-counted; what needs the device is read when it is asked for.
   class MountPointInformation {
    public:
-    MountPointInformation(std::string folder, std::string type, std::string source, std::uint64_t fsDeviceNumber);
+    // `fsDeviceNumber` is the number that the kernel's table has for it; `pseudo` marks a file system that never has a
+    // block device, whatever its source is called.
+    MountPointInformation(std::string folder, std::string type, std::string source, std::uint64_t fsDeviceNumber,
+                          bool pseudo) noexcept;
 
     void Get() noexcept;
     // Drops a reference; true when that was the last one.
@@ -30,7 +33,7 @@ class SystemMountPointCollection {
     std::uint64_t GetDeviceNumber() const noexcept;
     // The file system's block size in bytes (FIGETBSZ on the mount folder); 0 when it has no block device.
     std::uint32_t GetBlockSize() const noexcept;
-    // Size of the block device in bytes (BLKGETSIZE64); 0 when there is none.
+    // Size of the block device in bytes (BLKGETSIZE64); 0 when there is none or no node leads to it.
     std::uint64_t GetDeviceSize() const noexcept;
 
    private:
@@ -40,11 +43,12 @@ class SystemMountPointCollection {
     std::string mFolder;
     std::string mType;
     std::string mSource;
-    std::uint64_t mFsDeviceNumber;  // st_dev of what is mounted
+    std::uint64_t mFsDeviceNumber;
+    bool mPseudo;
   };
 
-  // The mounts of this machine but for those of network file systems, in the kernel's order, those without a block device
-  // included. One reference, to be dropped with Done; null when the table cannot be read or memory is short.
+  // The mounts of this machine but for those of network file systems, in the kernel's order, those without a block
+  // device included. One reference, to be dropped with Done; null when the table cannot be read or memory is short.
   static SystemMountPointCollection* GetLocalSystemMountPointCollection() noexcept;
 
   void Get() noexcept;
@@ -53,17 +57,31 @@ class SystemMountPointCollection {
   std::size_t GetCount() const noexcept { return mEntries.size(); }
   // Entry `index` with a reference added; null when out of range.
   MountPointInformation* GetAt(std::size_t index) const noexcept;
-  // The deepest mount that contains `path` once it is resolved; of several on one folder the last. With a reference added;
-  // null when the path cannot be resolved or no entry holds it.
+  // The deepest mount that contains `path` once it is resolved; of several on one folder the last. With a reference
+  // added; null for a null or empty path, for one that cannot be resolved and when the mount that holds it is not in
+  // here.
   MountPointInformation* FindMountPointFromPath(const char* path) const noexcept;
   MountPointInformation* FindMountPointFromPath(const wchar_t* path) const noexcept;
 
  private:
+  // A mount in the kernel's order. Network mounts stand here without an entry, because they too cover what lies below.
+  struct Mount {
+    int id;
+    std::string folder;
+    MountPointInformation* entry;
+  };
+
   SystemMountPointCollection() = default;
   ~SystemMountPointCollection();
 
+  // Reads the kernel's table; false when it cannot be read.
+  bool read();
+  const Mount* findById(int id) const noexcept;
+  const Mount* findDeepest(const char* resolvedPath) const noexcept;
+
   std::atomic<unsigned int> mReferences{1};
-  std::vector<MountPointInformation*> mEntries;
+  std::vector<Mount> mMounts;
+  std::vector<MountPointInformation*> mEntries;  // those of mMounts that have one
 };
 
 }  // namespace UnixUtils
