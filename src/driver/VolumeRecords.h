@@ -20,6 +20,10 @@ std::wstring StringToWString(const std::string& text);
 // Keeps the low 8 bits of each character; higher bits are dropped.
 std::string WStringToString(const std::wstring& text);
 
+// The number of the block device `path` (the C library's split of the device number). 0; 8 the path cannot be asked
+// for; 7 it is not a block device. Failures are logged and leave `*pair` as it was.
+unsigned int getDeviceNumber(const char* path, DeviceNumberPair* pair);
+
 // Resolves each name to its block device's number, in list order, into `pairs`, which has one element per
 // name. 0; 3 when an argument is missing; 8 a device does not exist; 7 a name is not a block device. Pairs
 // filled before a failure stay filled.
