@@ -5,12 +5,18 @@
 
 #include <string>
 
+#include "qxtools/Handle.h"
+
 inline constexpr char kDriverModule[] = "mirelsnap";
 inline constexpr char kControlNode[] = "/dev/mirelsnapctl";
 
-// Full path of the first executable `name` in the system's program directories; empty when there is none.
+// Full path of the first file `name` in the system's program directories; empty when there is none.
 std::string findExe(const std::string& name);
 
-// Opens the control node, loading the module and (re)making the node where needed. Returns a descriptor that
-// the caller closes, or -1.
+// Opens the control node, loading the module and (re)making the node where needed. Returns a descriptor that the
+// caller closes, or -1 with errno saying why. When a node with wrong numbers cannot be replaced, the number of the
+// descriptor that was closed already comes back; a request on it fails.
 int openControlDevice();
+
+// The control device for one command; a failure is logged and gives an invalid handle.
+UniqueFd openDriver();

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Every record that crosses between the library and the kernel driver: request numbers, the common header, and each
-// command's payload. All integers are little-endian; records are packed; a command is one contiguous, zero-filled buffer
+// command's payload. All integers are little-endian; records are packed; a command is one contiguous, zero-filled
+// buffer
 //
 //     +--------------------+----------------------------+-------------------------+
 //     | _ioctlCmd, 24 byte | n records of the command   | trailing spare bytes    |
@@ -104,17 +105,17 @@ MIRELSNAP_FIELD(VolumeListEntry, reserved_, 8);
 // IOC_CREATE_RELOC_FILE_MAPPING and IOC_DELETE_RELOC_FILE_MAPPING, 2079 bytes with header and trailer; request value 0.
 // IOC_GET_RELOC_FILE_MAPPING answers the same record, one a mapping; request value: room in, filled out.
 struct RelocFileMappingEntry {
-  std::int32_t appPid;                         // process that registered the mapping
-  char snappedVolumeName[kDriverPathSize];     // NUL-terminated
-  char relocFileName[kDriverPathSize];         // NUL-terminated; zero in the delete command
+  std::int32_t appPid;                      // process that registered the mapping
+  char snappedVolumeName[kDriverPathSize];  // NUL-terminated
+  char relocFileName[kDriverPathSize];      // NUL-terminated; zero in the delete command
 };
 static_assert(sizeof(RelocFileMappingEntry) == 2052);
 MIRELSNAP_FIELD(RelocFileMappingEntry, appPid, 0);
 MIRELSNAP_FIELD(RelocFileMappingEntry, snappedVolumeName, 4);
 MIRELSNAP_FIELD(RelocFileMappingEntry, relocFileName, 1028);
 
-// IOC_GET_NUM_OF_SNAPPED_VOLUMES and IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 28 bytes with their header; request value 0 in, the
-// number out. IOC_VERIFY_AND_CLEAN_VOLUMES has the same shape and only its first byte means something.
+// IOC_GET_NUM_OF_SNAPPED_VOLUMES and IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 28 bytes with their header; request value 0 in,
+// the number out. IOC_VERIFY_AND_CLEAN_VOLUMES has the same shape and only its first byte means something.
 struct CountPayload {
   std::uint32_t reserved_;  // zero
 };
@@ -122,10 +123,10 @@ static_assert(sizeof(CountPayload) == 4);
 
 // IOC_GET_SNAPPED_VOL_DETAILS: one record a snapped volume, all out; request value: room in, filled out.
 struct SnappedVolumeEntry {
-  std::uint64_t numBlocks;                  // size of the volume in blocks
-  std::uint32_t blockSize;                  // bytes
-  std::uint32_t relocFileSize;              // blocks
-  std::uint32_t majorNum;                   // the snapped volume's device
+  std::uint64_t numBlocks;      // size of the volume in blocks
+  std::uint32_t blockSize;      // bytes
+  std::uint32_t relocFileSize;  // blocks
+  std::uint32_t majorNum;       // the snapped volume's device
   std::uint32_t minorNum;
   std::int32_t appPid;                      // process that made the snapshot
   std::uint32_t deviceState;                // the driver's own
@@ -143,26 +144,26 @@ MIRELSNAP_FIELD(SnappedVolumeEntry, deviceState, 28);
 MIRELSNAP_FIELD(SnappedVolumeEntry, relocFileName, 32);
 MIRELSNAP_FIELD(SnappedVolumeEntry, snappedVolumeName, 1056);
 
-// IOC_SNAP: one variable entry a volume, the next right behind; request value: their number. An entry is this fixed part,
-// then numRuns runs, then 16 bytes that stay zero: 2160 + 16 * numRuns bytes.
-// Status: -2 the device is already snapped; -3 one of several is; -8 a device's size changed.
+// IOC_SNAP: one variable entry a volume, the next right behind; request value: their number. An entry is this fixed
+// part, then numRuns runs, then 16 bytes that stay zero: 2160 + 16 * numRuns bytes. Status: -2 the device is already
+// snapped; -3 one of several is; -8 a device's size changed.
 struct SnapVolumeEntry {
-  std::uint64_t numBlocks;                  // in: size of the volume in blocks
-  std::uint32_t blockSize;                  // in: bytes
-  std::uint32_t relocFileSize;              // in: blocks
-  std::uint32_t hashSize;                   // in: buckets of the driver's table
-  std::uint32_t appPid;                     // in: the process that makes the snapshot
-  std::uint32_t volumeMajor;                // in
-  std::uint32_t volumeMinor;                // in
-  std::uint32_t relocVolumeMajor;           // in: the device that holds the relocation file
-  std::uint32_t relocVolumeMinor;           // in
-  char relocFileName[kDriverPathSize];      // in: NUL-terminated
-  char volumeName[kDriverPathSize];         // in: NUL-terminated
-  std::uint32_t numRuns;                    // in: runs of relocation files on this volume
-  std::uint32_t vtrackRequest;              // in: 0 or 1, change tracking wanted
-  std::uint32_t independentSnapshotRequest; // in: 0 or 1
-  std::uint32_t snapUsageType;              // in: passed through
-  char trackingGuid[40];                    // in: NUL-terminated text, or zero
+  std::uint64_t numBlocks;                   // in: size of the volume in blocks
+  std::uint32_t blockSize;                   // in: bytes
+  std::uint32_t relocFileSize;               // in: blocks
+  std::uint32_t hashSize;                    // in: buckets of the driver's table
+  std::uint32_t appPid;                      // in: the process that makes the snapshot
+  std::uint32_t volumeMajor;                 // in
+  std::uint32_t volumeMinor;                 // in
+  std::uint32_t relocVolumeMajor;            // in: the device that holds the relocation file
+  std::uint32_t relocVolumeMinor;            // in
+  char relocFileName[kDriverPathSize];       // in: NUL-terminated
+  char volumeName[kDriverPathSize];          // in: NUL-terminated
+  std::uint32_t numRuns;                     // in: runs of relocation files on this volume
+  std::uint32_t vtrackRequest;               // in: 0 or 1, change tracking wanted
+  std::uint32_t independentSnapshotRequest;  // in: 0 or 1
+  std::uint32_t snapUsageType;               // in: passed through
+  char trackingGuid[40];                     // in: NUL-terminated text, or zero
 };
 static_assert(sizeof(SnapVolumeEntry) == 2144);
 MIRELSNAP_FIELD(SnapVolumeEntry, numBlocks, 0);

@@ -12,7 +12,7 @@
 class SnapDriverInterfaceUtility {
  public:
   // The helper of the command issued last. Every command stores a fresh one without releasing the one before; that
-  // is the contract (docs/limits.md counts its cost).
+  // is the contract (docs/left-allocated.md counts its cost).
   static SnapDriverInterfaceUtility* mUtilInstance;
 
   // Fills the two handshake words. Reseeds the C library's generator from the current UTC time.
@@ -25,3 +25,7 @@ class SnapDriverInterfaceUtility {
   // Size of a hash table for `count` entries.
   unsigned int calculateHashSize(unsigned int count);
 };
+
+// Stores a fresh helper in mUtilInstance, leaving the one before allocated, and returns it; null when memory is short,
+// the stored one unchanged then.
+SnapDriverInterfaceUtility* storeFreshUtility();

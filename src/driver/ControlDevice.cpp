@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "driver/ControlDevice.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "driver/VolumeRecords.h"
+
+namespace {
+
+constexpr char kDriverNumbers[] = "/proc/mirelsnap/dev";
+constexpr char kUnsupportedModules[] = "/etc/modprobe.d/unsupported-modules";
+
+using LoadCommand = std::array<char, 150>;
+
+bool exists(const char* path) {
+  struct stat status {};
+  return stat(path, &status) == 0;
+}
+
+LoadCommand makeLoadCommand(const std::string& modprobe) {
+  LoadCommand command{};
+  if (exists(kUnsupportedModules)) {
+    std::snprintf(command.data(), command.size(), "%s %s --allow-unsupported-modules 2> /dev/null", modprobe.c_str(),
+                  kDriverModule);
+  } else {
+    std::snprintf(command.data(), command.size(), "%s %s 2> /dev/null", modprobe.c_str(), kDriverModule);
+  }
+  return command;
+}
+
+UniqueFile openDriverNumbers() { return UniqueFile(std::fopen(kDriverNumbers, "re")); }
+
+// Whether the module came is seen by its file, not by the load command's exit status.
+UniqueFile loadDriver(const LoadCommand& command) {
+  syslog(LOG_ERR, "Driver is not loaded. Loading %s.\n", kDriverModule);
+  if (std::system(command.data()) == -1) {  // NOLINT(cert-env33-c): a fixed command with a full path
+    syslog(LOG_ERR, "Failed to run system command. err: %d\n", errno);
+  }
+  return openDriverNumbers();
+}
+
+void reportMissingDriver(int error) {
+  syslog(LOG_ERR, "Missing %s driver.\n", kDriverModule);
+  errno = error;
+}
+
+// The numbers of the control device that the loaded module gives, loading it where needed.
+bool readDriverNumbers(const LoadCommand& loadCommand, DeviceNumberPair* numbers) {
+  UniqueFile file = openDriverNumbers();
+  if (!file) file = loadDriver(loadCommand);
+  if (!file) {
+    reportMissingDriver(errno);
+    return false;
+  }
+  if (std::fscanf(file.get(), "%u %u", &numbers->majorNum, &numbers->minorNum) != 2) {
+    reportMissingDriver(ENODEV);  // a file without two numbers names no device
+    return false;
+  }
+  return true;
+}
+
+bool nodeHas(const DeviceNumberPair& numbers) {
+  struct stat status {};
+  return stat(kControlNode, &status) == 0 && major(status.st_rdev) == numbers.majorNum &&
+         minor(status.st_rdev) == numbers.minorNum;
+}
+
+void unlinkNode() {
+  if (unlink(kControlNode) != 0) syslog(LOG_ERR, "unlink failed, errno:%d\n", errno);
+}
+
+}  // namespace
+
+std::string findExe(const std::string& name) {
+  for (const char* folder : {"/sbin/", "/usr/sbin/", "/usr/local/sbin/", "/bin/", "/usr/bin/", "/usr/local/bin/"}) {
+    std::string path = folder + name;
+    if (exists(path.c_str())) return path;
+  }
+  return {};
+}
+
+int openControlDevice() {
+  const std::string modprobe = findExe("modprobe");
+  if (modprobe.empty()) {
+    const int error = errno;
+    syslog(LOG_ERR, "modprobe utility not found\n");
+    errno = error;
+    return -1;
+  }
+  DeviceNumberPair numbers{};
+  if (!readDriverNumbers(makeLoadCommand(modprobe), &numbers)) return -1;
+
+  const int first = open(kControlNode, O_RDONLY | O_CLOEXEC);
+  if (first >= 0) {
+    if (nodeHas(numbers)) {
+      syslog(LOG_DEBUG, "major-minor remained same.\n");
+      return first;
+    }
+    close(first);
+    unlinkNode();
+  } else if (errno != ENOENT) {
+    unlinkNode();
+  }
+
+  if (mknod(kControlNode, S_IFCHR, makedev(numbers.majorNum, numbers.minorNum)) != 0) {
+    const int error = errno;
+    syslog(LOG_ERR, "Failure in creating control device. errno: %d\n", error);
+    errno = error;
+    // The contract: the number comes back as it stands, although a node with wrong numbers was closed under it. Callers
+    // issue their command on it and close it, so it must not have been given to anything else meanwhile.
+    return first;
+  }
+  return open(kControlNode, O_RDONLY | O_CLOEXEC);
+}
+
+UniqueFd openDriver() {
+  UniqueFd device(openControlDevice());
+  if (!device) syslog(LOG_ERR, "Failed to open device: %s, errno: %d.\n", kControlNode, errno);
+  return device;
+}
