@@ -20,6 +20,6 @@ bool inPartitionRelocFile(const std::string& path, const std::string& device);
 int getAllRelocFileInVol(const std::string& snapVolumeName, const std::string& relocFileName,
                          std::list<std::string>& files);
 
-// Discards the snapshots of `count` devices with one command, whatever its outcome removes the relocation files that the
-// driver names, and returns the command's status: 0, 3, 5, 6, 13, 14. `flag` is handed to the driver.
+// Discards the snapshots of `count` devices with one command, whatever its outcome removes the relocation files that
+// the driver names, and returns the command's status: 0, 3, 5, 6, 13, 14. `flag` is handed to the driver.
 unsigned int discardSnappedVolumes(unsigned int count, const DeviceNumberPair* volumes, bool flag);
