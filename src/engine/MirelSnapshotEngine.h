@@ -15,6 +15,7 @@
 
 #include "engine/AutoLock.h"
 #include "engine/GuardedSnapshotSetParamsArray.h"
+#include "engine/ReconcileSweep.h"
 #include "engine/SnapshotSetParams.h"
 #include "engine/UnknownImpl.h"
 #include "qxtools/Strings.h"
@@ -171,23 +172,9 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   std::int32_t mSnapResult = -1;  // -1 until the worker has called the driver
 };
 
-
 // Base directory joined with an absolute mount point; null when either is not absolute or memory is short.
 UnixUtils::NarrowText JoinMountPath(const char* base, const char* mountPoint);
 // The number of "/" characters of `path`, read as multibyte text; -1 for undecodable text.
 int FolderDepth(const char* path);
-
-// Left-over mounts under a base directory, deepest first.
-struct PosCnt {
-  unsigned int position;  // index in the mount-point collection
-  unsigned int count;     // depth
-};
-using PosCntQueue = std::deque<PosCnt>;
-// Keeps descending depth order.
-void InsertIntoQueue(PosCntQueue& queue, unsigned int position, unsigned int depth);
-// Unmounts `folder` and removes it; only logs.
-void DismountAndDeleteDirectory(const char* folder, unsigned int n);
-// Unmounts and removes everything mounted at or under `base`. 0, or an errno value when `base` is no directory.
-int DismountAndDeleteAllUnder(const char* base);
 
 }  // namespace MirelSnapSnapshotCoordinator
