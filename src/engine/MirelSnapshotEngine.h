@@ -155,6 +155,11 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   int InsertIntoInternalShallowFirstSortedQueue(const char* target, const char* device, const char* fsType,
                                                 int volumeIndex, int mountPointIndex);
 
+  // Whether there is a set with an identifier.
+  bool hasSet() const;
+  // The state, read under sLock, under which the worker's end changes it.
+  SnapshotState currentState() const;
+
   static _SSGUIDPLAIN sUUID;                // set now being built or taken in this process; zero: none
   static const _SSGUIDPLAIN sProviderUUID;  // {862B8DDD-8146-46A1-9885-EA7F74C15BA7}
   static pthread_mutex_t sLock;             // guards sUUID, every engine's mState and mSnapResult, both conditions
@@ -171,6 +176,15 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   MountPointInfoWithFolderDepthQueue mMountPointQueue;
   std::int32_t mSnapResult = -1;  // -1 until the worker has called the driver
 };
+
+inline bool MirelSnapshotEngine::hasSet() const {
+  return mSnapshotSetParams != nullptr && !UnixInterfaces::InlineIsNULLGUID(mSnapshotSetParams->GetSnapshotSetGUID());
+}
+
+inline SnapshotState MirelSnapshotEngine::currentState() const {
+  const AutoLock hold(sLock);
+  return mState;
+}
 
 // Base directory joined with an absolute mount point; null when either is not absolute or memory is short.
 UnixUtils::NarrowText JoinMountPath(const char* base, const char* mountPoint);
