@@ -174,7 +174,8 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   wcstring mVersionString;   // the driver's version
   cstring mMountPointBase;   // directory of the exposure
   MountPointInfoWithFolderDepthQueue mMountPointQueue;
-  std::int32_t mSnapResult = -1;  // -1 until the worker has called the driver
+  std::int32_t mSnapResult = -1;   // -1 until the worker has called the driver
+  unsigned int mUnSnapResult = 0;  // what the driver side answered when the set was deleted
 };
 
 inline bool MirelSnapshotEngine::hasSet() const {
