@@ -14,7 +14,9 @@
 #include <mirelsnap/DriverInterface.h>
 
 #include "engine/AutoLock.h"
+#include "engine/Deadline.h"
 #include "engine/GuardedSnapshotSetParamsArray.h"
+#include "engine/MountPath.h"
 #include "engine/ReconcileSweep.h"
 #include "engine/SnapshotSetParams.h"
 #include "engine/UnknownImpl.h"
@@ -38,10 +40,6 @@ class IAsyncDoSnapshot : public UnixSnapshotCoordinator::IUscAsync {
  public:
   virtual int DoSnapshotOnSeparateThread(void* threadParams) = 0;
 };
-
-// Adds `timeoutMs` to `deadline`. Nanoseconds that land on exactly 1,000,000,000 are not carried, which makes the wait
-// fail; that is the contract.
-void AddMilliseconds(timespec& deadline, unsigned int timeoutMs);
 
 class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoordinator::IUscSnapshotEngine>,
                             protected IAsyncDoSnapshot {
@@ -186,10 +184,5 @@ inline SnapshotState MirelSnapshotEngine::currentState() const {
   const AutoLock hold(sLock);
   return mState;
 }
-
-// Base directory joined with an absolute mount point; null when either is not absolute or memory is short.
-UnixUtils::NarrowText JoinMountPath(const char* base, const char* mountPoint);
-// The number of "/" characters of `path`, read as multibyte text; -1 for undecodable text.
-int FolderDepth(const char* path);
 
 }  // namespace MirelSnapSnapshotCoordinator
