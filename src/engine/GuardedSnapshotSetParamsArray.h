@@ -18,7 +18,8 @@ class LinuxGuardedSnapshotSetParamsArray {
   LinuxGuardedSnapshotSetParamsArray& operator=(const LinuxGuardedSnapshotSetParamsArray&) = delete;
   virtual ~LinuxGuardedSnapshotSetParamsArray();
 
-  // Lists `set` with a reference of its own. False for null and for a set or an identifier that is listed already.
+  // Lists `set` with a reference of its own. False for null and for a set or an identifier that is listed
+  // already, and when memory is short.
   bool Add(MirelSnapshotSetParams* set);
   // Removes the set `setId`; only the set listed first can be removed.
   bool RemoveSnapshotSet(const _SSGUIDPLAIN& setId);
@@ -35,6 +36,9 @@ class LinuxGuardedSnapshotSetParamsArray {
   MirelSnapshotVolumeParams* GetVolume(const _SSGUIDPLAIN& setId, unsigned int index);
 
  private:
+  // Called with the mutex held; null when absent.
+  MirelSnapshotSetParams* find(const _SSGUIDPLAIN& setId) const;
+
   pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
   std::vector<MirelSnapshotSetParams*> mSets;
 };

@@ -9,8 +9,8 @@ namespace MirelSnapSnapshotCoordinator {
 
 class MirelMountVolumeParams {
  public:
-  // A new entry, or null with `error` set to an errno value (0 on success): 22 for a path that is not absolute, not a mount
-  // point itself, or a `newBound` that is no directory; 12 when a path cannot be converted or memory is short.
+  // A new entry, or null with `error` set to an errno value (0 on success): 22 for a path that is not absolute, not a
+  // mount point itself, or a `newBound` that is no directory; 12 when a path cannot be converted or memory is short.
   static MirelMountVolumeParams* CreateMountVolumeParams(const wchar_t* original, const wchar_t* newBound, int& error);
 
   // The live mount point.
@@ -28,6 +28,11 @@ class MirelMountVolumeParams {
 
  private:
   MirelMountVolumeParams() = default;
+
+  // Keeps `error` and logs that there is no directory to bind to.
+  void failWithoutTarget(int error);
+  // Binds at `target` (null: the mount call refuses it) and keeps it as the bound mount point.
+  bool bind(UnixUtils::NarrowText target);
 
   UnixUtils::NarrowText mOriginalMountPoint;
   UnixUtils::NarrowText mNewBoundMountPoint;

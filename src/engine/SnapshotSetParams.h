@@ -29,6 +29,9 @@ class MirelSnapshotSetParams {
   bool Exists(const wchar_t* name);
   // Whether a volume with this identifier or with this device is there.
   bool InternalExists(const _SSGUIDPLAIN& id, const wchar_t* name);
+  // No reference added; null when absent.
+  MirelSnapshotVolumeParams* InternalGet(const _SSGUIDPLAIN& id);
+  MirelSnapshotVolumeParams* InternalGet(const wchar_t* name);
   // With a reference added; null when absent.
   MirelSnapshotVolumeParams* GetFor(const _SSGUIDPLAIN& id);
   MirelSnapshotVolumeParams* GetFor(const wchar_t* name);
@@ -37,8 +40,8 @@ class MirelSnapshotSetParams {
   unsigned int GetIndex(const MirelSnapshotVolumeParams* volume);
   unsigned int GetVolumeCount();
 
-  // Adds a volume, or a mount point to the volume that both `id` and `volume` name. The new count of volumes or of mount
-  // points; 0 when the two disagree or the volume cannot be made.
+  // Adds a volume, or a mount point to the volume that both `id` and `volume` name. The new count of volumes or of
+  // mount points; 0 when the two disagree or the volume cannot be made.
   unsigned int Add(const _SSGUIDPLAIN& id, const wchar_t* volume, const wchar_t* mountPoint);
   bool RemoveAt(unsigned int index);
   bool Remove(const MirelSnapshotVolumeParams* volume);
@@ -57,15 +60,24 @@ class MirelSnapshotSetParams {
   explicit MirelSnapshotSetParams(const _SSGUIDPLAIN& setId) : mSnapshotSetId(setId) {}
   virtual ~MirelSnapshotSetParams();
 
-  // Called with the mutex held; no reference added.
-  MirelSnapshotVolumeParams* InternalGet(const _SSGUIDPLAIN& id) const;
-  MirelSnapshotVolumeParams* InternalGet(const wchar_t* name) const;
+  bool initialize();
+
+  // Called with the mutex held.
+  MirelSnapshotVolumeParams* find(const _SSGUIDPLAIN& id) const;
+  MirelSnapshotVolumeParams* find(const wchar_t* name) const;
+  unsigned int count() const { return static_cast<unsigned int>(mVolumes->size()); }
+  unsigned int positionOf(const MirelSnapshotVolumeParams* volume) const;
+  bool removeAt(unsigned int index);
+  static MirelSnapshotVolumeParams* withReference(MirelSnapshotVolumeParams* volume);
+
+  static constexpr unsigned int kNoPosition = 0xFFFFFFFF;
 
   _SSGUIDPLAIN mSnapshotSetId;
   std::vector<MirelSnapshotVolumeParams*>* mVolumes = nullptr;
   std::vector<MirelMountVolumeParams*>* mAlternateMounts = nullptr;  // made on first use
   volatile unsigned int mReferenceCount = 1;
-  pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_mutex_t mMutex{};
+  bool mMutexInitialized = false;
 };
 
 }  // namespace MirelSnapSnapshotCoordinator

@@ -27,14 +27,15 @@ class MirelSnapshotVolumeParams {
   enum class WaitKind : int { Signalled = 0, TimedOut = 1, Failed = -1 };
   struct WaitResult {
     WaitKind kind;
-    int error;  // errno value of the clock or of the wait
+    int error;  // errno value of the clock or of the wait (ETIMEDOUT when the time ran out); 0 when signalled
   };
 
-  // The volume `volume`, mounted at `mountPoint`, with one reference. The mount table supplies the mount point's spelling,
-  // the file-system type and the device's number and sizes. Null for a null argument or an all-zero identifier, when
-  // nothing is mounted there, when a figure is zero, when a name cannot be converted and when memory is short.
-  static MirelSnapshotVolumeParams* CreateSnapshotVolumeParameters(const _SSGUIDPLAIN& snapshotId, const wchar_t* volume,
-                                                                   const wchar_t* mountPoint);
+  // The volume `volume`, mounted at `mountPoint`, with one reference. The mount table supplies the mount point's
+  // spelling, the file-system type and the device's number and sizes. Null for a null argument or an all-zero
+  // identifier, when nothing is mounted there, when a figure is zero, when a name cannot be converted and when memory
+  // is short.
+  static MirelSnapshotVolumeParams* CreateSnapshotVolumeParameters(const _SSGUIDPLAIN& snapshotId,
+                                                                   const wchar_t* volume, const wchar_t* mountPoint);
 
   void Get();
   // Drops a reference; true when the object was deleted.
@@ -48,6 +49,7 @@ class MirelSnapshotVolumeParams {
   const wcstring& GetRelocationFileMountName() const { return mRelocationMountName; }
   // Null while there is none.
   const wchar_t* GetRelocationFileName() const;
+  // Null takes the name away.
   void SetRelocationFileName(const wchar_t* name);
   const wcstring& GetMountFileSystem() const { return mMountFileSystem; }
   // Always 0: nothing sets it.
@@ -62,7 +64,8 @@ class MirelSnapshotVolumeParams {
   bool SetRelocationFileMountName(const wchar_t* path);
   // Stores the value; always true.
   bool SetRelocationFileSizeInBlocks(unsigned int blocks);
-  // Appends a mount point; the new count, or 0 for null.
+  // Appends a mount point; the new count, or 0 for null. std::bad_alloc may leave every operation that stores a text;
+  // nothing is changed then.
   unsigned int AddMountPoint(const wchar_t* path);
 
   unsigned int GetMountPointCount() const { return static_cast<unsigned int>(mMountPoints.size()); }

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "engine/GuardedSnapshotSetParamsArray.h"
+
+#include <algorithm>
+#include <new>
+
+#include "engine/AutoLock.h"
+#include "qxtools/UnixUtils.h"
+
+namespace MirelSnapSnapshotCoordinator {
+
+using UnixInterfaces::IsEqualGUID;
+
+LinuxGuardedSnapshotSetParamsArray::~LinuxGuardedSnapshotSetParamsArray() {
+  pthread_mutex_destroy(&mMutex);
+  for (MirelSnapshotSetParams* set : mSets) set->Done();
+  mSets.clear();
+}
+
+bool LinuxGuardedSnapshotSetParamsArray::Add(MirelSnapshotSetParams* set) try {
+  if (set == nullptr) return false;
+  const AutoLock hold(mMutex);
+  // The same object has the same identifier.
+  if (find(set->GetSnapshotSetGUID()) != nullptr) return false;
+  mSets.push_back(set);
+  set->Get();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+bool LinuxGuardedSnapshotSetParamsArray::RemoveSnapshotSet(const _SSGUIDPLAIN& setId) {
+  const AutoLock hold(mMutex);
+  for (MirelSnapshotSetParams*& slot : mSets) {
+    // Every round looks at the first set, not at the slot's; that is the contract: only the first set can be removed.
+    MirelSnapshotSetParams* const first = mSets.front();
+    if (!IsEqualGUID(first->GetSnapshotSetGUID(), setId)) continue;
+    first->Done();
+    slot = nullptr;
+    mSets.erase(mSets.begin());
+    return true;
+  }
+  return false;
+}
+
+MirelSnapshotVolumeParams* LinuxGuardedSnapshotSetParamsArray::FindVolume(const wchar_t* name) {
+  // Without the mutex; that is the contract. What lists and unlists sets is kept apart from it by the one set that a
+  // process may have in progress.
+  for (MirelSnapshotSetParams* set : mSets) {
+    if (MirelSnapshotVolumeParams* volume = set->GetFor(name)) return volume;
+  }
+  return nullptr;
+}
+
+MirelSnapshotVolumeParams* LinuxGuardedSnapshotSetParamsArray::FindVolume(const char* name) {
+  return FindVolume(UnixUtils::ConvertToWide(name).get());
+}
+
+unsigned int LinuxGuardedSnapshotSetParamsArray::GetSnapshotSetCount() {
+  const AutoLock hold(mMutex);
+  return static_cast<unsigned int>(mSets.size());
+}
+
+unsigned int LinuxGuardedSnapshotSetParamsArray::GetVolumeCountInSnapshotSet(const _SSGUIDPLAIN& setId) {
+  const AutoLock hold(mMutex);
+  MirelSnapshotSetParams* const set = find(setId);
+  return set == nullptr ? 0 : set->GetVolumeCount();
+}
+
+unsigned int LinuxGuardedSnapshotSetParamsArray::GetSnappedVolumeCount() {
+  const AutoLock hold(mMutex);
+  unsigned int count = 0;
+  for (MirelSnapshotSetParams* set : mSets) count += set->GetVolumeCount();
+  return count;
+}
+
+MirelSnapshotVolumeParams* LinuxGuardedSnapshotSetParamsArray::GetVolume(const _SSGUIDPLAIN& setId,
+                                                                         unsigned int index) {
+  const AutoLock hold(mMutex);
+  MirelSnapshotSetParams* const set = find(setId);
+  return set == nullptr ? nullptr : set->GetAt(index);
+}
+
+MirelSnapshotSetParams* LinuxGuardedSnapshotSetParamsArray::find(const _SSGUIDPLAIN& setId) const {
+  const auto found = std::find_if(mSets.begin(), mSets.end(), [&](const MirelSnapshotSetParams* set) {
+    return IsEqualGUID(set->GetSnapshotSetGUID(), setId);
+  });
+  return found == mSets.end() ? nullptr : *found;
+}
+
+}  // namespace MirelSnapSnapshotCoordinator
