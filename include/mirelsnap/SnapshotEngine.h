@@ -254,7 +254,8 @@ MIRELSNAP_API UscCreateSnapshotEngine* GetCreatorFunction();
 
 // Routes the engine's messages to `handler` (level 0 is a failure or a change of state; the text has no
 // line end). Null gives the default back: the system log. Thread-safe; once it returns, the old handler is
-// not called any more. The handler must not call it.
+// not called any more. The handler must not call it, nor an engine: some messages come while the engine's lock
+// is held.
 MIRELSNAP_API void QX_SetLogHandler(void (*handler)(unsigned short level, const wchar_t* message, void* context),
                                     void* context);
 }

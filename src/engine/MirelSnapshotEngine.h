@@ -10,6 +10,7 @@
 #include <deque>
 #include <list>
 #include <memory>
+#include <string>
 
 #include <mirelsnap/DriverInterface.h>
 
@@ -47,12 +48,14 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   // The hand-over between DoSnapshotSet and the worker.
   class SnapshotThreadParams {
    public:
-    // Null when an argument is null or the mutex or the condition cannot be made. Adds a reference to `async`.
+    // Adds a reference to `async`, which goes to the agent with the job's pointer, and refers to `volumes`, which stays the
+    // caller's to free. Null, with nothing added, when an argument is null, when the mutex or the condition cannot be made
+    // and when memory is short.
     static SnapshotThreadParams* CreateSnapshotThreadParams(IAsyncDoSnapshot* async,
                                                             std::list<SnapVolumeInformation>* volumes);
     IAsyncDoSnapshot* GetAsyncSnapshot() const { return mAsync; }
     std::list<SnapVolumeInformation>* GetVolumeInformationList() const { return mVolumes; }
-    // Waits until the worker has signalled; the result of the lock or unlock.
+    // Waits, once, until the worker has signalled; the result of the lock or unlock.
     int Wait();
     // Tells DoSnapshotSet that the worker has taken over.
     void Signal();
@@ -65,6 +68,8 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
    private:
     SnapshotThreadParams(IAsyncDoSnapshot* async, std::list<SnapVolumeInformation>* volumes);
     virtual ~SnapshotThreadParams();
+    // Makes the mutex and the condition; false when one fails.
+    bool initialize();
 
     pthread_mutex_t mMutex{};
     pthread_cond_t mCondition{};
@@ -157,6 +162,11 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   bool hasSet() const;
   // The state, read under sLock, under which the worker's end changes it.
   SnapshotState currentState() const;
+  // Discards the snapshots of every volume that the job snapped, also of those that were dropped from the set since. The
+  // driver's answer is kept in mUnSnapResult.
+  void unsnapVolumes();
+  // Drops the job's parameters, if any, and the list of request records with them.
+  void dropThreadParams();
 
   static _SSGUIDPLAIN sUUID;                // set now being built or taken in this process; zero: none
   static const _SSGUIDPLAIN sProviderUUID;  // {862B8DDD-8146-46A1-9885-EA7F74C15BA7}
@@ -174,6 +184,37 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   MountPointInfoWithFolderDepthQueue mMountPointQueue;
   std::int32_t mSnapResult = -1;   // -1 until the worker has called the driver
   unsigned int mUnSnapResult = 0;  // what the driver side answered when the set was deleted
+
+ private:
+  using RequestList = std::list<SnapVolumeInformation>;
+
+  // Construction: the driver's version, into the log and mVersionString.
+  void readDriverVersion();
+
+  // Steps of AddToSnapshotSet.
+  int addNewVolume(const wchar_t* volume, const wchar_t* mountPoint, _SSGUIDPLAIN* snapshotId);
+  int addFurtherMountPoint(const MirelSnapshotVolumeParams& known, const wchar_t* volume, const wchar_t* mountPoint,
+                           _SSGUIDPLAIN* snapshotId);
+
+  // One option each of SetOption.
+  int setMountPointBase(const wchar_t* value);
+  static int setRelocationFileMountPoint(MirelSnapshotVolumeParams& volume, const wchar_t* value);
+  static int setRelocationFileSize(MirelSnapshotVolumeParams& volume, const wchar_t* value);
+
+  // Steps of DoSnapshotSet: S_OK, or the call's result.
+  int checkReadyForJob(UnixSnapshotCoordinator::IUscAsync** async) const;
+  int obtainDriver();
+  int validateVolumes() const;
+  std::unique_ptr<RequestList> buildRequests() const;
+  int startWorker(std::unique_ptr<RequestList> requests, UnixSnapshotCoordinator::IUscAsync** async);
+
+  // Steps of the worker.
+  void takeSnapshots(RequestList& requests);
+  void recordSnapshots(RequestList& requests, const std::list<std::wstring>& snapDeviceNames);
+  void takeBackSnapshots() noexcept;
+
+  // Ends the process-wide set in progress; called with sLock held.
+  static void clearSetInProgress();
 };
 
 inline bool MirelSnapshotEngine::hasSet() const {

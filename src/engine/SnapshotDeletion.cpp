@@ -14,42 +14,21 @@
 namespace MirelSnapSnapshotCoordinator {
 namespace {
 
-using ThreadParams = MirelSnapshotEngine::SnapshotThreadParams;
-
 // Only a job that succeeded has something to delete.
 bool hasSnapshots(const MirelSnapshotEngine& engine) {
   const AutoLock hold(MirelSnapshotEngine::sLock);
   return engine.mState == StateSnapshotSetDone && engine.mSnapResult == 0;
 }
 
-// Discards the snapshots of every volume that the job snapped, also of those that were dropped from the set since. The
-// driver's answer is kept but not reported: what stays is left to a later DoReconcile.
-void unsnapVolumes(MirelSnapshotEngine& engine) {
-  if (engine.mDriver == nullptr || engine.mThreadParams == nullptr) return;
-  std::list<std::wstring> names;
-  for (SnapVolumeInformation& request : *engine.mThreadParams->GetVolumeInformationList()) {
-    names.push_back(request.getSnapVolumeName());
-  }
-  engine.mUnSnapResult = engine.mDriver->UnSnapVolume(&names, false);
-}
-
-// The list of requests goes with the parameters, which do not free it themselves.
-void dropThreadParams(MirelSnapshotEngine& engine) {
-  if (engine.mThreadParams == nullptr) return;
-  const std::unique_ptr<std::list<SnapVolumeInformation>> requests(engine.mThreadParams->GetVolumeInformationList());
-  engine.mThreadParams->Done();
-  engine.mThreadParams = nullptr;
-}
-
 int deleteSet(MirelSnapshotEngine& engine, const _SSGUIDPLAIN& id) {
   const _SSGUIDPLAIN setId = engine.mSnapshotSetParams->GetSnapshotSetGUID();
   if (!UnixInterfaces::IsEqualGUID(id, setId)) return USC_E_OBJECT_NOT_FOUND;
-  unsnapVolumes(engine);
+  engine.unsnapVolumes();  // what stays is left to a later DoReconcile
   if (!engine.mMountPointBase.empty()) DismountAndDeleteAllUnder(engine.mMountPointBase.c_str());
   MirelSnapshotEngine::sSnapshotSetParamsArray.RemoveSnapshotSet(setId);
   engine.mSnapshotSetParams->Done();
   engine.mSnapshotSetParams = nullptr;
-  dropThreadParams(engine);
+  engine.dropThreadParams();
   engine.ResetState();
   return S_OK;
 }
@@ -77,6 +56,15 @@ void sweep(const wchar_t* mountBase) noexcept {
 }
 
 }  // namespace
+
+void MirelSnapshotEngine::unsnapVolumes() {
+  if (mDriver == nullptr || mThreadParams == nullptr) return;
+  std::list<std::wstring> names;
+  for (SnapVolumeInformation& request : *mThreadParams->GetVolumeInformationList()) {
+    names.push_back(request.getSnapVolumeName());
+  }
+  mUnSnapResult = mDriver->UnSnapVolume(&names, false);
+}
 
 int MirelSnapshotEngine::DeleteSnapshots(const _SSGUIDPLAIN& id, UnixSnapshotCoordinator::_USC_OBJECT_TYPE type) {
   return AtBoundary([&]() -> int {

@@ -37,8 +37,8 @@ inline unsigned int InterlockedDecrement(volatile unsigned int* value) {
   return __atomic_sub_fetch(value, 1U, __ATOMIC_SEQ_CST);
 }
 
-// Implements the unknown interface for interface I with a reference count that starts at 1. The virtual destructor stands
-// behind I's slots.
+// Implements the unknown interface for interface I with a reference count that starts at 1. The virtual destructor
+// stands behind I's slots.
 template <class I>
 class IUnknownImpl : public I {
  public:
@@ -55,11 +55,10 @@ class IUnknownImpl : public I {
   unsigned int AddRef() override { return InterlockedIncrement(&mReferenceCount); }
 
   unsigned int Release() override {
-    if (InterlockedDecrement(&mReferenceCount) == 0) {
-      delete this;
-      return 0;
-    }
-    return mReferenceCount;
+    // The object may be gone once the count is dropped, so the count is not read a second time.
+    const unsigned int remaining = InterlockedDecrement(&mReferenceCount);
+    if (remaining == 0) delete this;
+    return remaining;
   }
 
   virtual ~IUnknownImpl() = default;
