@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where one volume's relocation file goes, how large it is, and the file itself. One object serves one volume: construct
-// it, initialise it by exactly one of the four ways, create the file.
+// Where one volume's relocation file goes, how large it is, and the file itself. One object serves one volume:
+// construct it, initialise it by exactly one of the four ways, create the file.
 //
 // File-system sizes are in KB (1024 bytes); relocation sizes are in blocks of `mBlockSize` bytes.
 #pragma once
 
 #include <cstdint>
 #include <list>
+#include <optional>
 #include <string>
 
+#include "qxtools/Handle.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 // Directory at the top of a file system that holds relocation files.
@@ -85,11 +87,67 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   std::uint64_t mTotalSizeKOfVolume = 0;
   std::uint64_t mAvailSizeKOfVolume = 0;
   std::uint64_t mUsedSizeKofVolume = 0;
-  std::uint32_t mBlockSize;           // bytes
-  std::uint64_t mNumBlocksOfVolume;   // size of the volume in blocks
-  std::uint64_t mFSType = 0;          // magic of the file system that holds the file
+  std::uint32_t mBlockSize;          // bytes
+  std::uint64_t mNumBlocksOfVolume;  // size of the volume in blocks
+  std::uint64_t mFSType = 0;         // magic of the file system that holds the file
 
  private:
-  // Composes directory and path of the file on the file system mounted at `mountPoint`.
+  // A mounted file system that can take the file.
+  struct Candidate {
+    std::uint64_t availKB = 0;  // 0: none found yet
+    std::uint64_t fsType = 0;
+    mirelsnapsdk_linuxcomputer::MountEntry mount;
+  };
+
+  // Steps of the initialisers.
+
+  // True when the volume is mounted, writable, and a file that stays on it gets at least one block; sets
+  // `mRelocNumBlks`.
+  bool predictFileOnVolume();
+  // True when the volume is mounted, writable, and has more space free than the file of the given size needs.
+  bool volumeHasRoom();
+  // Sets and logs the volume's total size.
+  void sumUpVolume();
+  // True from 90 % on.
+  bool isNearlyFull() const;
+  // Places the file on the snapped volume itself; 17 when it is snapped already.
+  unsigned int placeOnVolume();
+  // Replaces `mRelocMountName` by what it resolves to; false, logged, when it cannot be resolved.
+  bool resolveRelocMount();
+  // False, logged, when the caller's mount point cannot take a file of the caller's size; sets `mFSType`.
+  bool acceptsChosenFile();
+  // Size of a file on the caller's mount point, which has `availKB` free.
+  std::uint64_t sizeOnChosenMount(std::uint64_t availKB, unsigned long fallbackSize);
+
+  // Steps of the searches.
+
+  // The other file system with the most free space; FAT only as a last resort.
+  Candidate findLargestFileSystem();
+  // Size of a file on a file system other than the volume's own, with `availKB` free.
+  std::uint64_t sizeElsewhere(std::uint64_t availKB) const;
+
+  // KB to blocks and back.
+  std::uint64_t toBlocks(std::uint64_t sizeKB) const { return bytesToBlocks(sizeKB << 10); }
+  std::uint64_t toKB(std::uint64_t blocks) const { return (mBlockSize * blocks) >> 10; }
+  // Whole blocks; none for a volume without a block size.
+  std::uint64_t bytesToBlocks(std::uint64_t bytes) const { return mBlockSize == 0 ? 0 : bytes / mBlockSize; }
+
+  // Composes directory and path of the file on the file system mounted at `mountPoint`. A snapped device whose name is
+  // shorter than "/dev/" throws std::out_of_range, the directory being set.
   void nameFileOn(const std::string& mountPoint);
+  void nameDirectoryOn(const std::string& mountPoint);
+  void nameFile();
+
+  // Steps of CreateRelocFile.
+
+  bool makeRelocDirectory() const;
+  // Nothing when every block of the open file is allocated and mapped; else the error number that writing it out logs.
+  std::optional<int> allocateAtOnce(int file) const;
+  // Writes the file block by block. 0, 18.
+  unsigned int writeOut(UniqueFd file, int allocationError);
+  // False, logged, when a block cannot be written: then the file is closed and gone.
+  bool writeBlocks(UniqueFd& file, const void* zeros);
+  // The file ends with its first `blocks` blocks.
+  void cutTo(std::uint64_t blocks, int file);
+  void closeAndDelete(UniqueFd& file);
 };

@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The relocation file itself: its name, the largest that a file system takes, making, deleting and listing it.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationStatus.h"
+
+using mirelsnapsdk_linuxcomputer::LinuxSystemInfo;
+using mirelsnapsdk_linuxcomputer::MountEntry;
+
+namespace {
+
+constexpr std::uint64_t kXfsMagic = 0x58465342;
+
+struct FileSizeLimit {
+  std::uint64_t fsType;
+  std::uint64_t largestGiB;
+};
+constexpr FileSizeLimit kFileSizeLimits[] = {
+    {0x4D44, 4},         // FAT
+    {0xEF53, 2048},      // ext2, ext3
+    {0xEF53, 2048},      // ext4: the same magic, so the row before it answers
+    {0x52654973, 2048},  // ReiserFS
+};
+
+constexpr std::size_t kDevPrefixLength = 5;  // "/dev/"
+
+// True when the file system holds the file's first block as allocated but unwritten: then it maps none of its blocks
+// until they are written. A file system that maps no blocks for anybody is no reason to write.
+bool isUnwritten(int file) {
+  int block = 0;
+  return ioctl(file, FIBMAP, &block) == 0 && block == 0;
+}
+
+}  // namespace
+
+// --- The name.
+
+std::string prepareRelocFileName(std::string name) {
+  std::replace(name.begin(), name.end(), '/', '_');
+  return name;
+}
+
+void LinuxSnapshotreloc::nameFileOn(const std::string& mountPoint) {
+  nameDirectoryOn(mountPoint);
+  nameFile();
+}
+
+void LinuxSnapshotreloc::nameDirectoryOn(const std::string& mountPoint) {
+  mRelocDirName = mountPoint + FILE_PATH_SEPERATOR + RELOC_FILE_LOCATION;
+}
+
+void LinuxSnapshotreloc::nameFile() {
+  // A shorter device name throws std::out_of_range. That is the contract.
+  mRelocFileName = mRelocDirName + "/" + prepareRelocFileName(mSnappedDeviceName.substr(kDevPrefixLength));
+}
+
+// --- Limits.
+
+bool LinuxSnapshotreloc::CheckIfExceedsFSLimits(std::uint64_t fsType, std::uint64_t* limitBlocks) {
+  const auto* limit = std::find_if(std::begin(kFileSizeLimits), std::end(kFileSizeLimits),
+                                   [fsType](const FileSizeLimit& row) { return row.fsType == fsType; });
+  if (limit == std::end(kFileSizeLimits)) return false;
+  *limitBlocks = bytesToBlocks(limit->largestGiB << 30);
+  if (*limitBlocks > mRelocNumBlks) return false;
+  syslog(LOG_INFO, "mRelocNumBlks : %lu\t\t\t\t\t\t\t   ,maxFileSizeLimitInBlocks :%lu\n", mRelocNumBlks, *limitBlocks);
+  return true;
+}
+
+std::uint64_t LinuxSnapshotreloc::ImposeRelocFSLimits(std::uint64_t fsType) {
+  std::uint64_t limitBlocks = 0;
+  if (!CheckIfExceedsFSLimits(fsType, &limitBlocks)) return 0;
+  mRelocNumBlks = limitBlocks;
+  return limitBlocks;
+}
+
+// --- Making the file.
+
+unsigned int LinuxSnapshotreloc::CreateRelocFile() {
+  if (mRelocFileName.empty()) {
+    syslog(LOG_ERR, "Invalid reloc file name initilzed.\n");
+    return kRelocFileNotCreated;
+  }
+  if (!makeRelocDirectory()) return kRelocFileNotCreated;
+
+  syslog(LOG_DEBUG, "Reloc file name is: %s.\n", mRelocFileName.c_str());
+  UniqueFd file(open(mRelocFileName.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!file) {
+    syslog(LOG_ERR, "Unable to create the directory.\n");  // the contract: the directory's text
+    return kRelocFileNotCreated;
+  }
+  if (const std::optional<int> error = allocateAtOnce(file.get())) return writeOut(std::move(file), *error);
+  file.reset();
+  syslog(LOG_ERR, "Reloc File successfully created.\n");  // the contract: at error priority on this path
+  return kRelocSuccess;
+}
+
+bool LinuxSnapshotreloc::makeRelocDirectory() const {
+  syslog(LOG_DEBUG, "Directory containing reloc file is: %s.\n", mRelocDirName.c_str());
+  // The contract: without search bits, and never removed here, whatever follows.
+  if (mkdir(mRelocDirName.c_str(), 0644) == 0 || errno == EEXIST) return true;
+  syslog(LOG_ERR, "Unable to create the directory.\n");
+  return false;
+}
+
+std::optional<int> LinuxSnapshotreloc::allocateAtOnce(int file) const {
+  if (mFSType == kXfsMagic) return 0;  // xfs never maps allocated blocks before they are written
+  const int error = posix_fallocate(file, 0, static_cast<off_t>(mBlockSize * mRelocNumBlks));
+  if (error != 0) return error;
+  // Nor does ext4 since kernel 5.7, and a file whose blocks are not mapped would be refused as sparse.
+  if (mRelocNumBlks != 0 && isUnwritten(file)) return 0;
+  return std::nullopt;
+}
+
+unsigned int LinuxSnapshotreloc::writeOut(UniqueFd file, int allocationError) {
+  syslog(LOG_ERR, "fallocate failed with err: %dfalling back to traditional method.\n", allocationError);
+  const std::unique_ptr<void, FreeMemory> zeros(std::calloc(1, mBlockSize));
+  if (zeros == nullptr) {
+    syslog(LOG_ERR, "Unable to allocate memory.\n");
+    static_cast<void>(file.release());  // the contract: the descriptor stays open, and the file stays
+    return kRelocFileNotCreated;
+  }
+  if (!writeBlocks(file, zeros.get())) return kRelocFileNotCreated;
+  fsync(file.get());
+  file.reset();
+  syslog(LOG_DEBUG, "Reloc File successfully created.\n");
+  return kRelocSuccess;
+}
+
+// One seek and one write a block and nothing else: this loop bounds the time that a snapshot waits for its file.
+bool LinuxSnapshotreloc::writeBlocks(UniqueFd& file, const void* zeros) {
+  for (std::uint64_t i = 0; i < mRelocNumBlks; ++i) {
+    const std::uint64_t offset = mBlockSize * i;
+    errno = 0;
+    if (lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) != static_cast<off_t>(offset)) {
+      const int error = errno;
+      closeAndDelete(file);
+      syslog(LOG_ERR, "lseek failed to offset to :%lu bytes, errno : %d.\n", offset, error);
+      return false;
+    }
+    errno = 0;
+    const auto written = static_cast<std::int32_t>(write(file.get(), zeros, mBlockSize));
+    if (written == static_cast<std::int32_t>(mBlockSize)) continue;
+    if (errno != 0) {
+      closeAndDelete(file);
+      syslog(LOG_ERR, "write failed for Reloc file.\n");
+      return false;
+    }
+    cutTo(i, file.get());
+    break;
+  }
+  return true;
+}
+
+void LinuxSnapshotreloc::cutTo(std::uint64_t blocks, int file) {
+  syslog(LOG_DEBUG,
+         "reloc file size is limited to count = %luinstead of mBlockSize = %lu blocks because of filesystem file size "
+         "limit.\n ",
+         blocks, mRelocNumBlks);
+  mRelocNumBlks = blocks;
+  // The beginning of one more block may be there. Where it cannot be cut off, it does no harm behind the last.
+  [[maybe_unused]] const int cut = ftruncate(file, static_cast<off_t>(mBlockSize * blocks));
+}
+
+void LinuxSnapshotreloc::closeAndDelete(UniqueFd& file) {
+  file.reset();
+  DeleteRelocFile();
+}
+
+bool LinuxSnapshotreloc::DeleteRelocFile() {
+  return mRelocFileName.empty() || std::remove(mRelocFileName.c_str()) == 0;
+}
+
+bool LinuxSnapshotreloc::IsRelocFileExists() {
+  return !mRelocFileName.empty() && UniqueFd(open(mRelocFileName.c_str(), O_RDONLY | O_CLOEXEC)).valid();
+}
+
+// --- Listing files.
+
+unsigned int LinuxSnapshotreloc::GetAllRelocationFiles(std::list<std::string>& files) {
+  LinuxSystemInfo system;
+  system.Initialize();
+  const std::vector<MountEntry> mounts = system.GetProcMounts();
+  if (mounts.empty()) {
+    syslog(LOG_DEBUG, "Unable to find a mounted volume.\n");
+    return kRelocNothingMounted;
+  }
+  for (const MountEntry& mount : mounts) {
+    const std::string directory = mount.dir + FILE_PATH_SEPERATOR + RELOC_FILE_LOCATION;
+    if (system.GetFilesInDirectory(directory, files) != 0) {
+      syslog(LOG_DEBUG, "GetAllRelocationFiles: Unable to read directory: %s.\n", directory.c_str());
+    }
+  }
+  return kRelocSuccess;
+}
+
+unsigned int LinuxSnapshotreloc::GetAllRelocationFilesInVolume(const std::string& volume,
+                                                               std::list<std::string>& files) {
+  syslog(LOG_DEBUG, "Checking for mounts: %s.\n", volume.c_str());
+  LinuxSystemInfo system;
+  system.Initialize();
+  const std::vector<std::string> mountPoints = system.GetMountPoints(volume);
+  if (mountPoints.empty()) {
+    syslog(LOG_DEBUG, "volume is not mounted.");
+    return kRelocSuccess;
+  }
+  syslog(LOG_DEBUG, "volMountPoint: %s.\n", mountPoints.front().c_str());
+  const std::string directory = mountPoints.front() + FILE_PATH_SEPERATOR + RELOC_FILE_LOCATION + FILE_PATH_SEPERATOR;
+  syslog(LOG_DEBUG, "relocDir is : %s.\n", directory.c_str());
+  if (system.GetFilesInDirectory(directory, files) != 0) {
+    syslog(LOG_DEBUG, "Unable to read the relocation directory: %s.\n", directory.c_str());
+  }
+  return kRelocSuccess;
+}
