@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Probing volumes and mount points, and the searches among the mounted file systems.
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "reloc/DriverReference.h"
+#include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationStatus.h"
+
+using mirelsnapsdk_linuxcomputer::MountEntry;
+
+namespace {
+
+constexpr char kProbeName[] = "/qorTESTfile.KQTA";
+constexpr std::uint64_t kFatMagic = 0x4D44;
+
+// A file that stays on its volume gets a tenth of the free space, but at most 512 MiB ...
+constexpr std::uint64_t kPredictedLimitKB = 0x80000;
+// ... unless the volume has more than this in use: then a tenth of the smaller of free and used.
+constexpr std::uint64_t kSmallUseKB = 0x7FFFF;
+
+// With this much free space (40 GiB) a file system is never passed over in favour of FAT.
+constexpr std::uint64_t kFatLastResortKB = 0x2800000;
+
+}  // namespace
+
+bool LinuxSnapshotreloc::IsMountPointWritable(const std::string& mountPoint) {
+  const std::string probe = mountPoint + kProbeName;
+  UniqueFd file(open(probe.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  if (!file) return false;
+  file.reset();
+  unlink(probe.c_str());
+  return true;
+}
+
+void LinuxSnapshotreloc::CheckIfVolumeIsMounted(const std::string& volume) {
+  syslog(LOG_DEBUG, "VolumeName to be checked: %s.\n", volume.c_str());
+  const std::vector<std::string> mountPoints = GetMountPoints(volume);
+  if (mountPoints.empty()) {
+    mIsMounted = false;
+    return;
+  }
+  mVolMountPoint = mountPoints.front();
+  syslog(LOG_DEBUG, "Volume %s is mounted on : %s.\n", volume.c_str(), mVolMountPoint.c_str());
+  mIsMounted = IsValidMountPoint(mVolMountPoint, mSnappedDeviceName) == 0;
+  if (!mIsMounted) mVolMountPoint.clear();
+}
+
+unsigned int LinuxSnapshotreloc::GetVolumeDetails(const std::string& volume) {
+  CheckIfVolumeIsMounted(volume);
+  std::uint32_t blockSize = 0;  // dropped: mBlockSize stays the volume's own
+  if (mIsMounted &&
+      GetMountSizeDetails(mVolMountPoint, &mAvailSizeKOfVolume, &mUsedSizeKofVolume, &blockSize, &mFSType) != 0) {
+    mIsMounted = false;
+  }
+  return kRelocSuccess;  // the contract: mIsMounted tells
+}
+
+void LinuxSnapshotreloc::GetMountDetails(const std::string& mountPoint, std::uint64_t* availKB, std::uint64_t* usedKB,
+                                         std::uint32_t* blockSize) {
+  if (GetMountSizeDetails(mountPoint, availKB, usedKB, blockSize, &mFSType) != 0) mIsMounted = false;
+}
+
+std::uint64_t LinuxSnapshotreloc::PredictSizeOfFile() {
+  const std::uint64_t sizeKB = mUsedSizeKofVolume > kSmallUseKB ? std::min(mAvailSizeKOfVolume, mUsedSizeKofVolume) / 10
+                                                                : std::min(mAvailSizeKOfVolume / 10, kPredictedLimitKB);
+  const std::uint64_t blocks = toBlocks(sizeKB);
+  syslog(LOG_DEBUG, "AvSize: %lu, UsedSize: %lu, threshHold: %lu.\n", mAvailSizeKOfVolume, mUsedSizeKofVolume, blocks);
+  syslog(LOG_DEBUG, "threshold size: %lu.\n", blocks);
+  const std::uint64_t size = std::min(blocks, mRelocEntriesInMemory);
+  syslog(LOG_INFO, "threshold size: %lumRelocEntriesInMemory : %lu.\n", size, mRelocEntriesInMemory);
+  return size;
+}
+
+unsigned int LinuxSnapshotreloc::SetRelocFileLocation(bool onlyIfLarger) {
+  const Candidate chosen = findLargestFileSystem();
+  if (chosen.availKB == 0) {
+    syslog(LOG_ERR, "Not enough space to create reloc file.\n");
+    return kRelocNotEnoughSpace;
+  }
+  if (onlyIfLarger && chosen.availKB <= mAvailSizeKOfVolume) {
+    syslog(LOG_WARNING, "Could not find enough space on other mounted volumes\n");
+    return kRelocNotEnoughSpace;
+  }
+  mRelocNumBlks = sizeElsewhere(chosen.availKB);
+  mFSType = chosen.fsType;
+  mVolMountPoint = chosen.mount.dir;
+  nameFileOn(mVolMountPoint);
+  mRelocDeviceName = chosen.mount.fsname;
+  return kRelocSuccess;
+}
+
+LinuxSnapshotreloc::Candidate LinuxSnapshotreloc::findLargestFileSystem() {
+  const std::vector<MountEntry> mounts = GetProcMounts();
+  const DriverReference driver;
+  Candidate best;
+  Candidate bestFat;
+  // A failed query leaves them as they were: the contract.
+  std::uint64_t availKB = 0;
+  std::uint64_t usedKB = 0;
+  std::uint32_t blockSize = 0;
+  std::uint64_t fsType = 0;
+  for (const MountEntry& mount : mounts) {
+    if (mount.fsname == mSnappedDeviceName) continue;
+    syslog(LOG_DEBUG, "Volume being checked: %s.\n", mount.dir.c_str());
+    if (driver.isSnapped(mount.fsname)) {
+      syslog(LOG_DEBUG, "Volume %s is already snapped.\n", mount.fsname.c_str());
+      continue;
+    }
+    if (driver.isFrozen(mount.fsname)) {
+      syslog(LOG_DEBUG, "Volume %s is already frozen.\n", mount.fsname.c_str());
+      continue;
+    }
+    if (!IsMountPointWritable(mount.dir)) {
+      syslog(LOG_DEBUG, "Volume %s is read only.\n", mount.dir.c_str());
+      continue;
+    }
+    static_cast<void>(GetMountSizeDetails(mount.dir, &availKB, &usedKB, &blockSize, &fsType));
+    if (fsType == kFatMagic) {
+      if (availKB <= bestFat.availKB) continue;
+      syslog(LOG_DEBUG, "Volume being checked is FAT \n");
+      bestFat = {availKB, fsType, mount};
+    } else {
+      syslog(LOG_DEBUG, "AvailS: %lu, UsedS: %lu, blockSize: %u.\n", availKB, usedKB, blockSize);
+      if (availKB > best.availKB) best = {availKB, fsType, mount};
+    }
+  }
+  if (best.availKB < bestFat.availKB && best.availKB < kFatLastResortKB) {
+    syslog(LOG_DEBUG, "savedAvailableSize before %lu ", best.availKB);
+    syslog(LOG_DEBUG, "savedAvailableSize after %lu", bestFat.availKB);
+    return bestFat;
+  }
+  return best;
+}
+
+std::uint64_t LinuxSnapshotreloc::sizeElsewhere(std::uint64_t availKB) const {
+  const std::uint64_t byAvailable = toBlocks(availKB / 10);
+  const std::uint64_t byVolume = mNumBlocksOfVolume / 10;
+  syslog(LOG_DEBUG, "Reloc in other volume: relocSizeBasedOnAvailSize: %lu, relocSizeBasedOnVolSize: %lu.\n",
+         byAvailable, byVolume);
+  return std::min({byAvailable, byVolume, mRelocEntriesInMemory});
+}
+
+unsigned int LinuxSnapshotreloc::checkOtherMountVolumeForReloc() {
+  const std::vector<MountEntry> mounts = GetProcMounts();
+  DriverReference driver;
+  Candidate best;
+  std::uint64_t availKB = 0;
+  std::uint64_t usedKB = 0;
+  std::uint32_t blockSize = 0;
+  std::uint64_t fsType = 0;
+  for (const MountEntry& mount : mounts) {
+    if (mount.fsname == mSnappedDeviceName) continue;
+    if (driver.isSnapped(mount.fsname) || driver.isFrozen(mount.fsname) || !IsMountPointWritable(mount.dir)) continue;
+    static_cast<void>(GetMountSizeDetails(mount.dir, &availKB, &usedKB, &blockSize, &fsType));
+    if (availKB > mAvailSizeKOfVolume && availKB > toKB(mRelocNumBlks) && availKB > best.availKB) {
+      best = {availKB, fsType, mount};
+    }
+  }
+  if (best.availKB == 0) {
+    syslog(LOG_ERR, "No mount point avaialbe to hold reloc file of size(blocks)\n");
+    driver.neverGiveBack();
+    return kRelocNotEnoughSpace;
+  }
+  syslog(LOG_ERR, "Found appropriate volume for SnapVol: %s , RVName: %s, RMName: %s.\n", mSnappedDeviceName.c_str(),
+         best.mount.fsname.c_str(), best.mount.dir.c_str());
+  mVolMountPoint = best.mount.dir;
+  nameFileOn(mVolMountPoint);
+  mRelocDeviceName = best.mount.fsname;
+  mFSType = fsType;  // the contract: of the last file system looked at, which need not be the chosen one
+  return kRelocSuccess;
+}
