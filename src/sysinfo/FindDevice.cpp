@@ -30,8 +30,9 @@ std::string FindDev(unsigned long device) {
   std::string path;
   path.reserve(kPathLimit + 1);  // the longest path that the search composes
   path = "/dev";
-  if (FindDevRecursive(path, device)) return path;
-  return formatDeviceNumber(device);
+  if (!FindDevRecursive(path, device)) return formatDeviceNumber(device);
+  path.shrink_to_fit();  // every system-information object keeps one
+  return path;
 }
 
 bool FindDevRecursive(std::string& path, unsigned long device) {

@@ -72,8 +72,8 @@ class LinuxSystemInfo {
 
   // Rebuilds both alias maps from /dev/disk and /dev/root.
   void LinkVolumeDeviceAliases();
-  // Registers the symbolic link `path`, or all those in the tree at `path`, under the path that they lead to, a dangling
-  // one as far as it can be resolved. `parentDir` is the directory that holds `path`.
+  // Registers the symbolic link `path`, or all those in the tree at `path`, under the path that they lead to, a
+  // dangling one as far as it can be resolved. `parentDir` is the directory that holds `path`.
   void LinkVolumeDeviceAliases(const std::string& path, const std::string& parentDir);
   // Registers `candidate`, or else the nodes in the tree at it, that carry the device number of `alias`.
   void InitVolumeDeviceAlias(const std::string& alias, const std::string& candidate);
