@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interpose/Allocations.h"
+
+#include <malloc.h>
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+thread_local std::ptrdiff_t held = 0;
+thread_local bool armed = false;
+thread_local std::size_t untilFailure = 0;
+thread_local bool hasFailed = false;
+
+}  // namespace
+
+namespace test {
+
+std::ptrdiff_t heldBytes() { return held; }
+
+FailingAllocation::FailingAllocation(std::size_t n) {
+  untilFailure = n;
+  hasFailed = false;
+  armed = true;
+}
+
+FailingAllocation::~FailingAllocation() { armed = false; }
+
+bool FailingAllocation::failed() const { return hasFailed; }
+
+}  // namespace test
+
+void* operator new(std::size_t size) {
+  if (armed && untilFailure-- == 0) {
+    armed = false;
+    hasFailed = true;
+    throw std::bad_alloc();
+  }
+  void* memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  held += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr) held -= static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
