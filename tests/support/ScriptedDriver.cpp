@@ -8,6 +8,8 @@
 #include <cstdarg>
 #include <stdexcept>
 
+#include "HarnessScope.h"
+
 namespace test {
 namespace {
 
@@ -15,6 +17,13 @@ ScriptedDriver* current = nullptr;
 
 void putStatus(std::byte* buffer, std::int32_t status) {
   std::memcpy(buffer + offsetof(_ioctlCmd, driverStatus), &status, sizeof status);
+}
+
+// What a request call with this outcome returns, errno set.
+int finish(int error) {
+  if (error == 0) return 0;
+  errno = error;
+  return -1;
 }
 
 }  // namespace
@@ -65,10 +74,15 @@ int ScriptedDriver::answer(unsigned long request, void* argument) {
   std::memcpy(&header, buffer, sizeof header);
   mCalls.push_back({request, std::vector<std::byte>(buffer, buffer + header.length)});
   const auto script = mScripts.find(request);
-  const int error = script == mScripts.end() ? 0 : script->second(buffer, header.length);
-  if (error == 0) return 0;
-  errno = error;
-  return -1;
+  return finish(script == mScripts.end() ? 0 : script->second(buffer, header.length));
+}
+
+std::optional<int> ScriptedDriver::intercepted(int descriptor, unsigned long request, void* argument) {
+  const auto taken = mIntercepts.find(request);
+  if (taken == mIntercepts.end()) return std::nullopt;
+  const std::optional<int> error = taken->second(descriptor, argument);
+  if (!error) return std::nullopt;
+  return finish(*error);
 }
 
 }  // namespace test
@@ -79,8 +93,10 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_start(arguments, request);
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
-  if (((request >> 8) & 0xFF) == 'S' && (request >> 30) == 3 && test::current != nullptr) {
-    return test::current->answer(request, argument);
+  if (test::current != nullptr) {
+    const test::HarnessScope own;
+    if (((request >> 8) & 0xFF) == 'S' && (request >> 30) == 3) return test::current->answer(request, argument);
+    if (const std::optional<int> result = test::current->intercepted(fd, request, argument)) return *result;
   }
   return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A driver that answers as a test says. The control device's path (/proc/mirelsnap/dev, the node, opening it) is real; only
-// ioctl requests of type 'S' are answered here, every other request goes to the kernel.
+// ioctl requests of type 'S' are answered here, every other request goes to the kernel unless a test takes it.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,11 @@ class ScriptedDriver {
   // `request` succeeds with this status word.
   void status(unsigned long request, std::int32_t status);
 
+  // Takes a request that is not the driver's (FIBMAP, FIGETBSZ, BLKFLSBUF): the answer is 0 or an errno; nothing leaves it
+  // to the kernel.
+  using Intercept = std::function<std::optional<int>(int descriptor, void* argument)>;
+  void intercept(unsigned long request, Intercept intercept) { mIntercepts[request] = std::move(intercept); }
+
   const std::vector<DriverCall>& calls() const { return mCalls; }
   // The calls of one request.
   std::vector<DriverCall> calls(unsigned long request) const;
@@ -60,10 +66,12 @@ class ScriptedDriver {
 
   // What the interposed ioctl calls.
   int answer(unsigned long request, void* argument);
+  std::optional<int> intercepted(int descriptor, unsigned long request, void* argument);
 
  private:
   std::unique_ptr<ProcFile> mProcFile;
   std::map<unsigned long, Script> mScripts;
+  std::map<unsigned long, Intercept> mIntercepts;
   std::vector<DriverCall> mCalls;
 };
 

@@ -6,12 +6,24 @@
 #include <cstdlib>
 #include <new>
 
+#include "HarnessScope.h"
+
 namespace {
 
 thread_local std::ptrdiff_t held = 0;
 thread_local bool armed = false;
 thread_local std::size_t untilFailure = 0;
+thread_local std::size_t countedSize = test::FailingAllocation::kAnySize;
 thread_local bool hasFailed = false;
+
+bool failsNow(std::size_t size) {
+  if (!armed || test::HarnessScope::running()) return false;
+  if (countedSize != test::FailingAllocation::kAnySize && countedSize != size) return false;
+  if (untilFailure-- != 0) return false;
+  armed = false;
+  hasFailed = true;
+  return true;
+}
 
 }  // namespace
 
@@ -19,8 +31,9 @@ namespace test {
 
 std::ptrdiff_t heldBytes() { return held; }
 
-FailingAllocation::FailingAllocation(std::size_t n) {
+FailingAllocation::FailingAllocation(std::size_t n, std::size_t size) {
   untilFailure = n;
+  countedSize = size;
   hasFailed = false;
   armed = true;
 }
@@ -32,11 +45,7 @@ bool FailingAllocation::failed() const { return hasFailed; }
 }  // namespace test
 
 void* operator new(std::size_t size) {
-  if (armed && untilFailure-- == 0) {
-    armed = false;
-    hasFailed = true;
-    throw std::bad_alloc();
-  }
+  if (failsNow(size)) throw std::bad_alloc();
   void* memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   held += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));

@@ -12,10 +12,13 @@ namespace test {
 // Bytes that this thread allocated and did not free, as the allocator rounds them.
 std::ptrdiff_t heldBytes();
 
-// Makes the n-th allocation of this thread from now on (0 is the next) throw std::bad_alloc, for a scope.
+// Makes the n-th allocation of this thread from now on (0 is the next) throw std::bad_alloc, for a scope. With a size
+// only allocations of exactly so many bytes count. What the tests' own code allocates meanwhile (HarnessScope) never
+// fails.
 class FailingAllocation {
  public:
-  explicit FailingAllocation(std::size_t n);
+  static constexpr std::size_t kAnySize = 0;
+  explicit FailingAllocation(std::size_t n, std::size_t size = kAnySize);
   ~FailingAllocation();
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
