@@ -16,6 +16,8 @@ class DriverReference {
     if (mTaken) SnapDriverInterface::releaseInstance();
   }
 
+  // Null when memory is short.
+  SnapDriverInterface* get() const { return mDriver; }
   bool isSnapped(const std::string& device) const { return mDriver != nullptr && mDriver->IsVolumeSnapped(device); }
   bool isFrozen(const std::string& device) const { return mDriver != nullptr && mDriver->IsVolumeFrozen(device); }
 

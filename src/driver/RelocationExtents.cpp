@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Relocation files as physical block runs, and the size of the snap command that carries them.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "driver/DriverProtocol.h"
+#include "driver/LinuxSnapLib.h"
+#include "driver/RunMap.h"
+#include "qxtools/Handle.h"
+
+namespace {
+
+// Results of mapping one file.
+enum MapResult : int {
+  kMapped = 0,
+  kNameless = 3,
+  kUnreadable = 8,
+  kUnusable = 9,
+};
+
+// Maps one file: asks for the physical block of each of its blocks and appends the runs, in the unit of the volume's
+// blocks, to a list.
+class FileMap {
+ public:
+  // At most `room` runs fit the list.
+  FileMap(const std::string& name, unsigned int volumeBlockSize, RunList& runs, std::size_t room)
+      : mName(name), mVolumeBlockSize(volumeBlockSize), mRuns(runs), mRunsBefore(runs.size()), mRoom(room) {}
+
+  // Throws std::bad_alloc when memory, or the room, is short.
+  MapResult map() {
+    using Step = MapResult (FileMap::*)();
+    for (const Step step : {&FileMap::openFile, &FileMap::readBlockSize, &FileMap::chooseFactor, &FileMap::countBlocks,
+                            &FileMap::mapBlocks}) {
+      if (const MapResult result = (this->*step)(); result != kMapped) return result;
+    }
+    syslog(LOG_DEBUG, "Number of Runs: %u.\n", static_cast<unsigned int>(numRuns()));
+    return kMapped;
+  }
+
+  // Runs of this file.
+  std::size_t numRuns() const { return mRuns.size() - mRunsBefore; }
+
+ private:
+  MapResult openFile() {
+    if (mName.empty()) {
+      syslog(LOG_ERR, "assert at %d in %s failed.\n", 130, "LinuxSnapLib.cpp");
+      return kNameless;
+    }
+    mFile.reset(open(mName.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!mFile) {
+      syslog(LOG_ERR, "Error opening file %s \n", mName.c_str());
+      return kUnreadable;
+    }
+    return kMapped;
+  }
+
+  MapResult readBlockSize() {
+    int blockSize = 0;
+    if (ioctl(mFile.get(), FIGETBSZ, &blockSize) != 0 || blockSize <= 0) {
+      syslog(LOG_ERR, "Error getting the block size for file: %s.\n", mName.c_str());
+      return kUnreadable;
+    }
+    mBlockSize = static_cast<unsigned int>(blockSize);
+    return kMapped;
+  }
+
+  MapResult chooseFactor() {
+    if (mBlockSize == mVolumeBlockSize) return kMapped;
+    syslog(LOG_ERR,
+           "The block size passed and obtained from FIBMAP doesn't match. fibmap blocksize: %u  obtained blocksize: "
+           "%u\n",
+           mBlockSize, mVolumeBlockSize);
+    // A volume without a block size has no unit to scale to.
+    if (mBlockSize < mVolumeBlockSize || mVolumeBlockSize == 0) {
+      syslog(LOG_ERR, "FIBMAP blockSize is less that of origblockSize. Failed to continue.\n");
+      return kUnusable;
+    }
+    mFactor = mBlockSize / mVolumeBlockSize;
+    mScaling = true;
+    return kMapped;
+  }
+
+  MapResult countBlocks() {
+    struct stat status {};
+    if (fstat(mFile.get(), &status) != 0) {
+      syslog(LOG_ERR, "Error getting File status for file: %s errno: %s.\n", mName.c_str(), std::strerror(errno));
+      return kUnreadable;
+    }
+    const auto size = static_cast<std::uint64_t>(status.st_size);
+    mNumBlocks = size / mBlockSize + (size % mBlockSize != 0 ? 1 : 0);
+    syslog(LOG_DEBUG, "File: %s Size: %ld Blocks: %u Blocksize: %u\n", mName.c_str(), status.st_size,
+           static_cast<unsigned int>(mNumBlocks), mBlockSize);
+    // The request takes block numbers as int: a file beyond is refused before hours are spent on its first blocks.
+    if (mNumBlocks > std::uint64_t{1} + std::numeric_limits<int>::max()) {
+      errno = EOVERFLOW;
+      return mappingFailed(kUnusable);
+    }
+    return kMapped;
+  }
+
+  MapResult mapBlocks() {
+    std::uint64_t physical = 0;
+    // Block 0 is asked for also in an empty file.
+    if (const MapResult result = physicalBlock(0, physical, kUnreadable); result != kMapped) return result;
+    startRun(physical);
+    for (std::uint64_t logical = 1; logical < mNumBlocks; ++logical) {
+      if (const MapResult result = physicalBlock(logical, physical, kUnusable); result != kMapped) return result;
+      if (physical == mRun->startBlock + mRun->numBlocks) {
+        ++mRun->numBlocks;
+        continue;
+      }
+      closeRun();
+      startRun(physical);
+    }
+    closeRun();
+    return kMapped;
+  }
+
+  // A failed request is answered with `onFailure`.
+  MapResult physicalBlock(std::uint64_t logical, std::uint64_t& physical, MapResult onFailure) {
+    int block = static_cast<int>(logical);
+    if (ioctl(mFile.get(), FIBMAP, &block) != 0) return mappingFailed(onFailure);
+    if (block < 0) {  // a block beyond what the request can answer, cut by the kernel
+      errno = EOVERFLOW;
+      return mappingFailed(onFailure);
+    }
+    if (block == 0) {
+      syslog(LOG_ERR, "Relocation file is sparse, not supported.\n");
+      return kUnusable;
+    }
+    physical = static_cast<std::uint64_t>(block);
+    return kMapped;
+  }
+
+  static MapResult mappingFailed(MapResult result) {
+    syslog(LOG_ERR, "FIBMAP ioctl failed - errno: %s\n", std::strerror(errno));
+    return result;
+  }
+
+  void startRun(std::uint64_t physical) {
+    if (mRuns.size() >= mRoom) throw std::bad_alloc();
+    std::unique_ptr<_run> run(new _run{physical, 1});
+    mRuns.push_back(run.get());
+    mRun = run.release();
+  }
+
+  void closeRun() {
+    if (!mScaling) return;
+    syslog(LOG_DEBUG, "Shifting blocks offset: %u. startBlock: %lu, numBlocks: %lu\n", mFactor, mRun->startBlock,
+           mRun->numBlocks);
+    mRun->startBlock *= mFactor;
+    mRun->numBlocks *= mFactor;
+    syslog(LOG_DEBUG, " New startBlock: %lu, numBlocks: %lu\n", mRun->startBlock, mRun->numBlocks);
+  }
+
+  const std::string& mName;
+  const unsigned int mVolumeBlockSize;
+  RunList& mRuns;
+  const std::size_t mRunsBefore;
+  const std::size_t mRoom;
+  UniqueFd mFile;
+  unsigned int mBlockSize = 0;  // of the file system that holds the file
+  unsigned int mFactor = 1;     // blocks of the volume in one of the file system
+  bool mScaling = false;
+  std::uint64_t mNumBlocks = 0;
+  _run* mRun = nullptr;  // the run being grown, the last of the list
+};
+
+// Adds to the size of the command; one beyond its 32 bits is a lack of memory.
+void grow(unsigned int& size, std::uint64_t bytes) {
+  if (__builtin_add_overflow(size, bytes, &size)) throw std::bad_alloc();
+}
+
+bool mapFile(const std::string& name, unsigned int volumeBlockSize, RunList& runs, std::size_t room) {
+  syslog(LOG_INFO, "RelocFile: %s.\n", name.c_str());
+  FileMap file(name, volumeBlockSize, runs, room);
+  if (file.map() != kMapped) {
+    syslog(LOG_ERR, "Relocation File %s is invalid.\n", name.c_str());
+    return false;
+  }
+  syslog(LOG_INFO, "Reloc fileName: %s, num of runs: %lu.\n", name.c_str(), file.numRuns());
+  return true;
+}
+
+// Adds one volume's entry to the size, and its runs, when it has any, to the map. 0, 3, 10.
+int addVolume(SnapVolumeInformation& volume, unsigned int index, RunMap& runMap, unsigned int& size) {
+  grow(size, kSnapEntrySize);
+  std::list<std::string> files;
+  if (getAllRelocFileInVol(volume.getSnapVolumeNameString(), volume.getRelocFileName(), files) != 0) {
+    syslog(LOG_ERR, "Unable to read the relocation files.\n");
+    return 3;
+  }
+  if (files.empty()) return 0;
+
+  syslog(LOG_DEBUG, "Process %lu reloc files on this volume.\n", files.size());
+  UniqueRuns runs(new RunList);
+  const std::size_t room = (std::numeric_limits<unsigned int>::max() - size) / sizeof(_run);
+  for (const std::string& file : files) {
+    if (!mapFile(file, volume.getBlockSize(), *runs, room)) return 10;
+  }
+
+  const std::size_t bytes = sizeof(_run) * runs->size();
+  grow(size, bytes);
+  syslog(LOG_INFO, "SnapVolName: %s, num of runs: %lu, size to be allocated: %lu.\n", volume.getcStrSnapVolumeName(),
+         runs->size(), bytes);
+  RunList*& slot = runMap[index];
+  slot = runs.release();
+  return 0;
+}
+
+// Leaves the map empty unless it is told that all went well.
+class MapGuard {
+ public:
+  explicit MapGuard(RunMap& runs) : mRuns(runs) {}
+  ~MapGuard() {
+    if (!mKeep) freeRunMap(mRuns);
+  }
+  MapGuard(const MapGuard&) = delete;
+  MapGuard& operator=(const MapGuard&) = delete;
+  void keep() { mKeep = true; }
+
+ private:
+  RunMap& mRuns;
+  bool mKeep = false;
+};
+
+}  // namespace
+
+int SnapDriverInterface::getIoctlCmdSize(std::list<SnapVolumeInformation>* volumes, RunMap* runs, unsigned int* size) {
+  MapGuard guard(*runs);
+  try {
+    unsigned int index = 0;
+    for (SnapVolumeInformation& volume : *volumes) {
+      if (const int result = addVolume(volume, index++, *runs, *size); result != 0) return result;
+    }
+  } catch (const std::bad_alloc&) {
+    syslog(LOG_ERR, "Memory Allocation failure.\n");
+    return 3;
+  }
+  guard.keep();
+  return 0;
+}

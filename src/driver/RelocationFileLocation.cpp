@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Which relocation files lie on a volume.
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "driver/LinuxSnapLib.h"
+#include "qxtools/Handle.h"
+#include "reloc/DriverReference.h"
+#include "sysinfo/LinuxSystemInfo.h"
+
+namespace {
+
+// One line of the mount table.
+struct MountedDevice {
+  std::string device;
+  std::string folder;
+};
+
+std::vector<MountedDevice> readMountTable() {
+  std::vector<MountedDevice> table;
+  const UniqueMountTable file(setmntent("/proc/mounts", "r"));
+  if (!file) return table;
+  // Room for two paths of the longest kind with every character escaped.
+  std::array<char, 65536> line{};
+  mntent entry{};
+  while (getmntent_r(file.get(), &entry, line.data(), static_cast<int>(line.size())) != nullptr) {
+    table.push_back({entry.mnt_fsname, entry.mnt_dir});
+  }
+  return table;
+}
+
+std::optional<std::string> resolve(const std::string& path) {
+  const std::unique_ptr<char, FreeMemory> resolved(realpath(path.c_str(), nullptr));
+  if (resolved == nullptr) return std::nullopt;
+  return resolved.get();
+}
+
+std::optional<dev_t> blockDeviceNumber(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) return std::nullopt;
+  return status.st_rdev;
+}
+
+// A block device, to be recognised under any of its names.
+class SoughtDevice {
+ public:
+  explicit SoughtDevice(const std::string& name) : mPath(resolve(name)), mNumber(blockDeviceNumber(name)) {}
+
+  bool isNamed(const std::string& name) const {
+    return (mPath && resolve(name) == mPath) || (mNumber && blockDeviceNumber(name) == mNumber);
+  }
+
+ private:
+  std::optional<std::string> mPath;
+  std::optional<dev_t> mNumber;
+};
+
+// The folder's name as the mount table shows it: the kernel escapes "#" too, and the C library leaves that as it is.
+std::string asInMountTable(const std::string& folder) {
+  std::string shown;
+  for (const char c : folder) {
+    if (c == '#') {
+      shown += "\\043";
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
+bool isMountedOn(const std::vector<MountedDevice>& table, const SoughtDevice& device, const std::string& folder) {
+  const std::string shown = asInMountTable(folder);
+  for (const MountedDevice& entry : table) {
+    if ((entry.folder == folder || entry.folder == shown) && device.isNamed(entry.device)) return true;
+  }
+  return false;
+}
+
+// The folder that holds `path`, an absolute one; empty above "/".
+std::string parentOf(const std::string& path) {
+  if (path == "/") return {};
+  const std::size_t slash = path.rfind('/');
+  return path.substr(0, slash == 0 ? 1 : slash);
+}
+
+bool isMounted(const std::string& volume) {
+  mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
+  system.Initialize();
+  return !system.GetMountPoints(volume).empty();
+}
+
+}  // namespace
+
+bool inPartitionRelocFile(const std::string& path, const std::string& device) {
+  const std::optional<std::string> resolved = resolve(path);
+  if (!resolved) return false;
+  const std::vector<MountedDevice> table = readMountTable();
+  const SoughtDevice sought(device);
+  // The contract: a mount of another device does not end the search, so a file also lies on the device that its file
+  // system's mount point lies on.
+  for (std::string current = *resolved; !current.empty(); current = parentOf(current)) {
+    if (isMountedOn(table, sought, current)) return true;
+  }
+  return false;
+}
+
+int getAllRelocFileInVol(const std::string& snapVolumeName, const std::string& relocFileName,
+                         std::list<std::string>& files) {
+  if (!isMounted(snapVolumeName)) {
+    syslog(LOG_ERR, "Snap Vol is not mounted.\n");
+    return 0;
+  }
+  const DriverReference driver;
+  if (driver.get() == nullptr) {
+    syslog(LOG_ERR, "Error allocating memory.\n");
+    return 3;
+  }
+  std::list<SnappedVolumeInformation> snappedVolumes;
+  if (driver.get()->GetSnappedVolumeDetails(snappedVolumes) != 0) {
+    syslog(LOG_ERR, "Unable to obtain snapped vol details\n");
+    return 3;
+  }
+  // The contract: finding a file is logged as an error, in two spellings.
+  for (const SnappedVolumeInformation& snapped : snappedVolumes) {
+    const std::string file = WStringToString(snapped.getRelocFileName());
+    if (!inPartitionRelocFile(file, snapVolumeName)) continue;
+    syslog(LOG_ERR, "Reloc File %s is in Volume: %s\n", file.c_str(), snapVolumeName.c_str());
+    files.push_back(file);
+  }
+  if (inPartitionRelocFile(relocFileName, snapVolumeName)) {
+    syslog(LOG_ERR, "Reloc file %s is in Volume: %s\n", relocFileName.c_str(), snapVolumeName.c_str());
+    files.push_back(relocFileName);
+  }
+  return 0;
+}
