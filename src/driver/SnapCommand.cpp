@@ -1,0 +1,335 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Taking the snapshots of a set of volumes with one driver command.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <optional>
+#include <set>
+#include <utility>
+
+#include "driver/ControlDevice.h"
+#include "driver/DriverCommand.h"
+#include "driver/LinuxSnapLib.h"
+#include "driver/LinuxSnapLibUtil.h"
+#include "driver/RunMap.h"
+#include "driver/TrackingGuid.h"
+
+namespace {
+
+constexpr char kSnapshotNodePrefix[] = "/dev/snap";
+
+// The driver's refusals.
+enum SnapStatus : std::int32_t {
+  kDeviceSnapped = -2,
+  kOneDeviceSnapped = -3,
+  kDeviceSizeChanged = -8,
+};
+
+// The number of a block device that the request cannot do without. 0, 7, 8, logged with the path.
+unsigned int requireDevice(const char* path, DeviceNumberPair* pair) {
+  const unsigned int result = getDeviceNumber(path, pair);
+  if (result != 0) syslog(LOG_ERR, "Device is invalid: %s.\n", path);
+  return result;
+}
+
+// Writes out what the kernel holds of the device in memory. Failures never stop a snapshot.
+void flushDevice(const char* path) {
+  const UniqueFd device(open(path, O_RDONLY | O_CLOEXEC));
+  if (!device) {
+    syslog(LOG_ERR, "Failed to open devfd for %s\n", path);
+    return;
+  }
+  fsync(device.get());
+  syslog(LOG_INFO, "flushing %s.\n", path);
+  if (ioctl(device.get(), BLKFLSBUF, 0) != 0) syslog(LOG_ERR, "ioctl BLKFLSBUF failed.\n");
+}
+
+// One set of snapshots in the making. It owns the control descriptor, the run map and the command, and gives all of
+// them back when it goes.
+class SnapSet {
+ public:
+  SnapSet(SnapDriverInterface& driver, std::list<SnapVolumeInformation>& volumes,
+          std::list<std::wstring>& snapDeviceNames)
+      : mDriver(driver), mVolumes(volumes), mSnapDeviceNames(snapDeviceNames) {}
+  ~SnapSet() { freeRunMap(mRuns); }
+  SnapSet(const SnapSet&) = delete;
+  SnapSet& operator=(const SnapSet&) = delete;
+
+  int take();
+
+ private:
+  using Step = int (SnapSet::*)();
+
+  // Until relocation files exist: nothing to undo.
+  int checkDevices();
+  int checkVolumeStates();
+  int openControl();
+  int sizeDriverTables();
+  int placeRelocFiles();
+  // With relocation files.
+  int collectRuns();
+  int allocateCommand();
+  int fillEntries();
+  int issue();
+
+  // Parts of one volume's entry.
+  int fillEntry(SnapVolumeInformation& volume, unsigned int index, std::size_t offset);
+  void fillSizes(const SnapVolumeInformation& volume, SnapVolumeEntry& entry);
+  void fillDevice(const SnapVolumeInformation& volume, SnapVolumeEntry& entry);
+  void nameSnapshotDevice(const SnapVolumeInformation& volume);
+  int fillRelocDevice(const SnapVolumeInformation& volume, SnapVolumeEntry& entry);
+  int fillRequests(const SnapVolumeInformation& volume, SnapVolumeEntry& entry);
+  void fillRuns(const RunList* runs, SnapVolumeEntry& entry, std::size_t offset);
+  const RunList* runsOf(unsigned int index) { return mRuns[index]; }
+
+  void logSize() const { syslog(LOG_DEBUG, "Size of the IOCTL Command: %d.\n", static_cast<int>(mSize)); }
+  void abandon();
+  int refusal(int error);
+
+  SnapDriverInterface& mDriver;
+  std::list<SnapVolumeInformation>& mVolumes;
+  std::list<std::wstring>& mSnapDeviceNames;
+
+  UniqueFd mControl;
+  SnapDriverInterfaceUtility* mUtility = nullptr;  // never released, as every command's
+  std::uint64_t mMaxRelocBlocks = 0;
+  RunMap mRuns;
+  unsigned int mSize = 0;
+  std::optional<DriverCommand> mCommand;
+  DeviceNumberPair mDevice{};  // of the volume whose entry is being filled, or of the one before
+};
+
+int SnapSet::take() {
+  for (const Step step : {&SnapSet::checkDevices, &SnapSet::checkVolumeStates, &SnapSet::openControl,
+                          &SnapSet::sizeDriverTables, &SnapSet::placeRelocFiles}) {
+    if (const int result = (this->*step)(); result != 0) return result;
+  }
+  try {
+    for (const Step step : {&SnapSet::collectRuns, &SnapSet::allocateCommand, &SnapSet::fillEntries}) {
+      if (const int result = (this->*step)(); result != 0) {
+        abandon();
+        return result;
+      }
+    }
+  } catch (...) {
+    abandon();
+    throw;
+  }
+  if (issue() == 0) return 0;
+  const int error = errno;
+  abandon();
+  return refusal(error);
+}
+
+int SnapSet::checkDevices() {
+  std::set<std::pair<unsigned int, unsigned int>> seen;
+  for (const SnapVolumeInformation& volume : mVolumes) {
+    DeviceNumberPair number{};
+    if (const unsigned int result = requireDevice(volume.getcStrSnapVolumeName(), &number); result != 0) {
+      return static_cast<int>(result);
+    }
+    if (!seen.emplace(number.majorNum, number.minorNum).second) {
+      syslog(LOG_ERR, "Multiple entries for the Device: %s.\n", volume.getcStrSnapVolumeName());
+      return 3;
+    }
+  }
+  return 0;
+}
+
+int SnapSet::checkVolumeStates() {
+  if (mDriver.checkIfVolSnapped(&mVolumes) != 0) return mVolumes.size() == 1 ? 11 : 12;
+  if (mDriver.checkIfVolFrozen(&mVolumes) != 0) return 11;
+  return 0;
+}
+
+int SnapSet::openControl() {
+  mControl = openDriver();
+  return mControl ? 0 : 5;
+}
+
+int SnapSet::sizeDriverTables() {
+  mUtility = storeFreshUtility();
+  if (mUtility == nullptr) {
+    syslog(LOG_ERR, "Memory Allocation Failure.\n");
+    return 3;
+  }
+  mirelsnapsdk_linuxcomputer::_sysMemStateInfo memory{};
+  if (mUtility->getSystemState(&memory) != 0) {
+    syslog(LOG_ERR, "Unable to get the System State\n");
+    return 3;
+  }
+  mMaxRelocBlocks = mUtility->calculateMaxRelocBlocks(memory);
+  if (mMaxRelocBlocks == 0) {
+    syslog(LOG_ERR, "Not enough Memory space to hold relocation Entries\n");
+    return 3;
+  }
+  return 0;
+}
+
+int SnapSet::placeRelocFiles() {
+  // The contract: 20, although the engine looks for 21 to report that storage is short.
+  return mDriver.deduceRelocLocations(&mVolumes, mMaxRelocBlocks) == 0 ? 0 : 20;
+}
+
+int SnapSet::collectRuns() { return mDriver.getIoctlCmdSize(&mVolumes, &mRuns, &mSize) == 0 ? 0 : 3; }
+
+int SnapSet::allocateCommand() {
+  constexpr unsigned int kFraming = sizeof(_ioctlCmd) + kDriverTrailerSize;
+  if (!__builtin_add_overflow(mSize, kFraming, &mSize)) {
+    mCommand.emplace(mSize, static_cast<std::uint32_t>(mVolumes.size()), *mUtility);
+  }
+  if (!mCommand || !*mCommand) {
+    syslog(LOG_ERR, "Memory Allocation Failure.\n");
+    return 3;
+  }
+  logSize();
+  return 0;
+}
+
+int SnapSet::fillEntries() {
+  try {
+    std::size_t offset = sizeof(_ioctlCmd);
+    unsigned int index = 0;
+    for (SnapVolumeInformation& volume : mVolumes) {
+      if (const int result = fillEntry(volume, index, offset); result != 0) return result;
+      const RunList* runs = runsOf(index++);
+      offset += kSnapEntrySize + sizeof(_run) * (runs == nullptr ? 0 : runs->size());
+      flushDevice(volume.getcStrSnapVolumeName());
+    }
+  } catch (const std::bad_alloc&) {
+    syslog(LOG_ERR, "Unable to allocate memory.\n");
+    return 3;
+  }
+  return 0;
+}
+
+int SnapSet::fillEntry(SnapVolumeInformation& volume, unsigned int index, std::size_t offset) {
+  syslog(LOG_INFO, "SnapvolName: %s, RelocVolName: %s, RelocFileName: %s.\n", volume.getcStrSnapVolumeName(),
+         volume.getcStrRelocVolumeName(), volume.getcStrRelocFileName());
+  auto& entry = *mCommand->at<SnapVolumeEntry>(offset);
+  fillSizes(volume, entry);
+  fillDevice(volume, entry);
+  nameSnapshotDevice(volume);
+  if (const int result = fillRelocDevice(volume, entry); result != 0) return result;
+  if (const int result = fillRequests(volume, entry); result != 0) return result;
+  putText(entry.relocFileName, volume.getcStrRelocFileName());
+  fillRuns(runsOf(index), entry, offset + sizeof entry);
+  syslog(LOG_DEBUG, "BS: %u, numSectors: %lu , rSize: %u.\n", volume.getBlockSize(), volume.getNumBlocks(),
+         volume.getRelocFileSize());
+  syslog(LOG_DEBUG, "SnapVolName: %s, relocFileName: %s.\n", volume.getcStrSnapVolumeName(),
+         volume.getcStrRelocFileName());
+  return 0;
+}
+
+void SnapSet::fillSizes(const SnapVolumeInformation& volume, SnapVolumeEntry& entry) {
+  entry.blockSize = volume.getBlockSize();
+  entry.numBlocks = volume.getNumBlocks();
+  entry.relocFileSize = volume.getRelocFileSize();
+  entry.hashSize = mUtility->calculateHashSize(volume.getRelocFileSize());
+  entry.appPid = static_cast<std::uint32_t>(getpid());
+}
+
+void SnapSet::fillDevice(const SnapVolumeInformation& volume, SnapVolumeEntry& entry) {
+  // The contract: a device that is gone by now is only logged, and its entry carries the numbers of the volume before.
+  static_cast<void>(getDeviceNumber(volume.getcStrSnapVolumeName(), &mDevice));
+  entry.volumeMajor = mDevice.majorNum;
+  entry.volumeMinor = mDevice.minorNum;
+  putText(entry.volumeName, volume.getcStrSnapVolumeName());
+}
+
+void SnapSet::nameSnapshotDevice(const SnapVolumeInformation& volume) {
+  std::array<char, 1024> name{};
+  std::snprintf(name.data(), name.size(), "%s%d%s%d", kSnapshotNodePrefix, static_cast<int>(mDevice.majorNum), "_",
+                static_cast<int>(mDevice.minorNum));
+  syslog(LOG_INFO, "SnapVolName: %s, SnapAccessVolName: %s.\n", volume.getcStrSnapVolumeName(), name.data());
+  std::array<wchar_t, name.size()> wide{};
+  std::mbstowcs(wide.data(), name.data(), wide.size() - 1);
+  mSnapDeviceNames.emplace_back(wide.data());
+}
+
+int SnapSet::fillRelocDevice(const SnapVolumeInformation& volume, SnapVolumeEntry& entry) {
+  DeviceNumberPair number{};
+  if (const unsigned int result = requireDevice(volume.getcStrRelocVolumeName(), &number); result != 0) {
+    return static_cast<int>(result);
+  }
+  entry.relocVolumeMajor = number.majorNum;
+  entry.relocVolumeMinor = number.minorNum;
+  return 0;
+}
+
+int SnapSet::fillRequests(const SnapVolumeInformation& volume, SnapVolumeEntry& entry) {
+  entry.vtrackRequest = volume.getVtrackReqState() ? 1 : 0;
+  entry.independentSnapshotRequest = volume.getIndSnapshotReqState() ? 1 : 0;
+  entry.snapUsageType = volume.getSnapUsageType();
+  if (!volume.getVtrackReqState() || volume.getIndSnapshotReqState()) return 0;
+
+  const std::string guid = generateTrackingGuid();
+  if (guid == "{null}") {
+    syslog(LOG_ERR, "Unable to generate UUID for volume (maj, min):(%u, %u)", mDevice.majorNum, mDevice.minorNum);
+    return 3;
+  }
+  putText(entry.trackingGuid, guid.c_str());
+  syslog(LOG_DEBUG, "Guid generated : %s\n", guid.c_str());
+  return 0;
+}
+
+void SnapSet::fillRuns(const RunList* runs, SnapVolumeEntry& entry, std::size_t offset) {
+  if (runs == nullptr) return;
+  entry.numRuns = static_cast<std::uint32_t>(runs->size());
+  auto* field = mCommand->at<_run>(offset);
+  for (const _run* run : *runs) *field++ = *run;
+}
+
+int SnapSet::issue() {
+  logSize();
+  return mCommand->issue(mControl.get(), IOC_SNAP);
+}
+
+// Gives back what the set holds and removes the relocation files.
+void SnapSet::abandon() {
+  mControl.reset();
+  freeRunMap(mRuns);
+  mDriver.cleanRelocFiles(&mVolumes);
+}
+
+// What the driver's refusal means; `error` is that of the request.
+int SnapSet::refusal(int error) {
+  switch (mCommand->header().driverStatus) {
+    case kDeviceSnapped:
+      syslog(LOG_ERR, "The Device is already snapped.\n");
+      return 11;
+    case kOneDeviceSnapped:
+      syslog(LOG_ERR, "A device is already snapped.\n");
+      return 12;
+    case kDeviceSizeChanged:
+      syslog(LOG_ERR, "A device size got changed.\n");
+      return 26;
+    default:
+      syslog(LOG_ERR, "Device Snap ioctl failed, errno: %d\n", error);
+      return 6;
+  }
+}
+
+}  // namespace
+
+int SnapDriverInterface::SnapVolume(std::list<SnapVolumeInformation>* volumes,
+                                    std::list<std::wstring>* snapDeviceNames) {
+  if (volumes == nullptr || snapDeviceNames == nullptr) {
+    syslog(LOG_ERR, "assert at %d in %s failed.\n", 1008, "LinuxSnapLib.cpp");
+    return 3;
+  }
+  if (volumes->empty()) {
+    syslog(LOG_DEBUG, "SnapVolumes: Number of volumes to be snapped: %d.\n", 0);
+    return 3;
+  }
+  return SnapSet(*this, *volumes, *snapDeviceNames).take();
+}
