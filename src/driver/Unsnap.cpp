@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Discarding snapshots, with their relocation files.
+#include <syslog.h>
+
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "driver/ControlDevice.h"
+#include "driver/DriverCommand.h"
+#include "driver/LinuxSnapLib.h"
+#include "driver/RelocFileRemoval.h"
+#include "sysinfo/LinuxSystemInfo.h"
+
+namespace {
+
+// The driver's refusals, two for one text.
+enum DiscardStatus : std::int32_t {
+  kNotSnapped = -4,
+  kNotSnappedEither = -5,
+};
+
+void fillRecords(DriverCommand& command, const DeviceNumberPair* volumes, unsigned int count, bool flag) {
+  for (unsigned int i = 0; i < count; ++i) {
+    auto* entry = command.record<DiscardEntry>(i);
+    entry->majorNum = volumes[i].majorNum;
+    entry->minorNum = volumes[i].minorNum;
+    entry->flag = flag ? 1 : 0;
+    syslog(LOG_DEBUG, "UNSNAP VOL ID: (MAJ, MIN): (%d, %d).\n", static_cast<int>(volumes[i].majorNum),
+           static_cast<int>(volumes[i].minorNum));
+  }
+}
+
+// 0, 6, 13, 14.
+unsigned int issueDiscard(DriverCommand& command, int descriptor) {
+  if (command.issue(descriptor, IOC_SNAP_DISCARD) == 0) return 0;
+  const int error = errno;
+  switch (command.header().driverStatus) {
+    case kNotSnapped:
+      syslog(LOG_ERR, "The volume is not snapped\n");
+      return 13;
+    case kNotSnappedEither:
+      syslog(LOG_ERR, "The volume is not snapped\n");
+      return 14;
+    default:
+      syslog(LOG_ERR, "Snap Discard IOCTL failed, errno:%d\n", error);
+      return 6;
+  }
+}
+
+// Removes the relocation files of the discarded snapshots, and their directories when these are empty then.
+void removeRelocFiles(DriverCommand& command, unsigned int count) {
+  mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
+  for (unsigned int i = 0; i < count; ++i) {
+    const auto* entry = command.record<DiscardEntry>(i);
+    if (entry->result != 0) {
+      syslog(LOG_ERR, "Volume (maj, min): (%d, %d) is not snapped.\n", static_cast<int>(entry->majorNum),
+             static_cast<int>(entry->minorNum));
+      continue;
+    }
+    const std::string file = getText(entry->relocFileName);
+    unlinkRelocFile(file);
+    const std::string directory = relocFileDirectory(file);
+    system.DeleteDirectoryIfEmpty(directory);
+    syslog(LOG_DEBUG, "Deleted directory: %s.\n", directory.c_str());  // whether or not it was
+  }
+}
+
+}  // namespace
+
+unsigned int discardSnappedVolumes(unsigned int count, const DeviceNumberPair* volumes, bool flag) {
+  if (count == 0) {
+    syslog(LOG_ERR, "assert at %d in %s failed.\n", 2711, "LinuxSnapLib.cpp");
+    return 3;
+  }
+  if (volumes == nullptr) {
+    syslog(LOG_ERR, "assert at %d in %s failed.\n", 2712, "LinuxSnapLib.cpp");
+    return 3;
+  }
+  const UniqueFd device = openDriver();
+  if (!device) return 5;
+  DriverCommand command(sizeof(_ioctlCmd) + std::size_t{count} * sizeof(DiscardEntry) + kDriverTrailerSize, count);
+  if (!command) {
+    syslog(LOG_ERR, "Error Allocating memory.\n");
+    return 3;
+  }
+  fillRecords(command, volumes, count, flag);
+  const unsigned int result = issueDiscard(command, device.get());
+  // The contract: also after a failed request. Its result words still read 0 then, so that the removal of a file
+  // without a name is tried, and reported, for each volume.
+  removeRelocFiles(command, count);
+  return result;
+}
+
+unsigned int SnapDriverInterface::UnSnapVolume(std::list<std::wstring>* volumes, bool flag) {
+  if (volumes == nullptr) {
+    syslog(LOG_ERR, "assert at %d in %s failed.\n", 1288, "LinuxSnapLib.cpp");
+    return 3;
+  }
+  if (volumes->empty()) {
+    syslog(LOG_ERR, "assert at %d in %s failed.\n", 1289, "LinuxSnapLib.cpp");
+    return 3;
+  }
+  const std::unique_ptr<DeviceNumberPair[]> pairs(new (std::nothrow) DeviceNumberPair[volumes->size()]);
+  if (pairs == nullptr) {
+    syslog(LOG_ERR, "Error Allocating memory.\n");
+    return 3;
+  }
+  // The contract: 3 whatever was wrong with the name.
+  if (getDeviceNumbers(volumes, pairs.get()) != 0) return 3;
+  return discardSnappedVolumes(static_cast<unsigned int>(volumes->size()), pairs.get(), flag);
+}
