@@ -28,10 +28,11 @@ using MountIterator = std::unique_ptr<libmnt_iter, CloseWith<&mnt_free_iter>>;
 
 std::string TextOf(const char* text) { return text == nullptr ? std::string() : std::string(text); }
 
-// libmount knows the old network file systems; these came later or live outside the kernel's tree.
+// What libmount takes for a network file system, and what its versions differ in or do not know.
 bool IsNetworkFileSystem(libmnt_fs* mount) {
-  static constexpr std::string_view kOthers[] = {"ceph",      "lustre",      "beegfs",    "orangefs",  "coda",
-                                                 "fuse.ceph", "fuse.rclone", "fuse.s3fs", "fuse.davfs"};
+  static constexpr std::string_view kOthers[] = {
+      "afs",       "beegfs",         "ceph",       "coda",           "lustre",      "ncpfs",     "orangefs",  "smb3",
+      "fuse.ceph", "fuse.curlftpfs", "fuse.davfs", "fuse.glusterfs", "fuse.rclone", "fuse.s3fs", "fuse.sshfs"};
   if (mnt_fs_is_netfs(mount) != 0) return true;
   const char* type = mnt_fs_get_fstype(mount);
   return type != nullptr && std::find(std::begin(kOthers), std::end(kOthers), type) != std::end(kOthers);
@@ -40,7 +41,7 @@ bool IsNetworkFileSystem(libmnt_fs* mount) {
 // The kernel's number of the mount that holds `path`; -1 where it does not tell (before 5.8).
 int MountIdOf(const char* path) {
   struct statx status;
-  if (statx(AT_FDCWD, path, AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0) return -1;
+  if (statx(AT_FDCWD, path, AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC, STATX_MNT_ID, &status) != 0) return -1;
   if ((status.stx_mask & STATX_MNT_ID) == 0 || status.stx_mnt_id > INT_MAX) return -1;
   return static_cast<int>(status.stx_mnt_id);
 }

@@ -1,0 +1,2 @@
+target_sources(unit_qxtools PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/interpose/FailingMalloc.cpp)
+target_link_options(unit_qxtools PRIVATE LINKER:--wrap=malloc)
