@@ -78,6 +78,13 @@ void unlinkNode() {
   if (unlink(kControlNode) != 0) syslog(LOG_ERR, "unlink failed, errno:%d\n", errno);
 }
 
+// Closes the node behind `descriptor` but keeps the number taken, by a descriptor on which every request fails with
+// EBADF: what still uses or closes the number then meets no file of another thread or of the system log.
+void closeKeepingNumber(int descriptor) {
+  const UniqueFd placeholder(open("/", O_PATH | O_CLOEXEC));
+  if (!placeholder || dup3(placeholder.get(), descriptor, O_CLOEXEC) < 0) close(descriptor);
+}
+
 }  // namespace
 
 std::string findExe(const std::string& name) {
@@ -105,7 +112,7 @@ int openControlDevice() {
       syslog(LOG_DEBUG, "major-minor remained same.\n");
       return first;
     }
-    close(first);
+    closeKeepingNumber(first);
     unlinkNode();
   } else if (errno != ENOENT) {
     unlinkNode();
@@ -115,10 +122,11 @@ int openControlDevice() {
     const int error = errno;
     syslog(LOG_ERR, "Failure in creating control device. errno: %d\n", error);
     errno = error;
-    // The contract: the number comes back as it stands, although a node with wrong numbers was closed under it. Callers
-    // issue their command on it and close it, so it must not have been given to anything else meanwhile.
+    // The contract: what was held comes back, also when the node with wrong numbers behind it was closed. Callers issue
+    // their request on that number, which fails, and close it.
     return first;
   }
+  if (first >= 0) close(first);
   return open(kControlNode, O_RDONLY | O_CLOEXEC);
 }
 

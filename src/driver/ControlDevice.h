@@ -14,8 +14,8 @@ inline constexpr char kControlNode[] = "/dev/mirelsnapctl";
 std::string findExe(const std::string& name);
 
 // Opens the control node, loading the module and (re)making the node where needed. Returns a descriptor that the
-// caller closes, or -1 with errno saying why. When a node with wrong numbers cannot be replaced, the number of the
-// descriptor that was closed already comes back; a request on it fails.
+// caller closes, or -1 with errno saying why. When a node with wrong numbers cannot be replaced, the number of its
+// closed descriptor comes back: it is the caller's to close as well, and every request on it fails.
 int openControlDevice();
 
 // The control device for one command; a failure is logged and gives an invalid handle.
