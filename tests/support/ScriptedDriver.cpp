@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ScriptedDriver.h"
 
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +16,14 @@ namespace test {
 namespace {
 
 ScriptedDriver* current = nullptr;
+
+constexpr unsigned int kMajor = 1, kMinor = 3;
+
+// Only what was opened through the control node reaches the driver; the kernel refuses a closed or foreign descriptor.
+bool isControlDevice(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 && S_ISCHR(status.st_mode) && status.st_rdev == makedev(kMajor, kMinor);
+}
 
 void putStatus(std::byte* buffer, std::int32_t status) {
   std::memcpy(buffer + offsetof(_ioctlCmd, driverStatus), &status, sizeof status);
@@ -28,7 +38,9 @@ int finish(int error) {
 
 }  // namespace
 
-ScriptedDriver::ScriptedDriver() : mProcFile(std::make_unique<ProcFile>("mirelsnap/dev", "1 3\n")) {
+ScriptedDriver::ScriptedDriver()
+    : mProcFile(
+          std::make_unique<ProcFile>("mirelsnap/dev", std::to_string(kMajor) + " " + std::to_string(kMinor) + "\n")) {
   if (current != nullptr) throw std::logic_error("one scripted driver at a time");
   current = this;
   status(IOC_CHECK_VOLUME_SNAPPED, -4);
@@ -95,7 +107,9 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_end(arguments);
   if (test::current != nullptr) {
     const test::HarnessScope own;
-    if (((request >> 8) & 0xFF) == 'S' && (request >> 30) == 3) return test::current->answer(request, argument);
+    if (((request >> 8) & 0xFF) == 'S' && (request >> 30) == 3 && test::isControlDevice(fd)) {
+      return test::current->answer(request, argument);
+    }
     if (const std::optional<int> result = test::current->intercepted(fd, request, argument)) return *result;
   }
   return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
