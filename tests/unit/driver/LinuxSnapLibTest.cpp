@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "driver/LinuxSnapLib.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "DriverFixture.h"
+#include "Interposed.h"
+
+namespace {
+
+using test::debug;
+using test::DriverTest;
+using test::LogCapture;
+using test::LogLine;
+
+class LogMask {
+ public:
+  ~LogMask() { setlogmask(mBefore); }
+  static int now() { return setlogmask(0); }
+
+ private:
+  int mBefore = setlogmask(0);
+};
+
+TEST(Singleton, instance_counts_every_call_and_the_last_release_destroys) {
+  const LogMask keep;
+  ASSERT_EQ(SnapDriverInterface::mReferenceCount, 0U);
+  ASSERT_EQ(SnapDriverInterface::mInstance, nullptr);
+  SnapDriverInterface* first = SnapDriverInterface::Instance();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(SnapDriverInterface::mInstance, first);
+  EXPECT_EQ(SnapDriverInterface::mReferenceCount, 1U);
+  EXPECT_EQ(SnapDriverInterface::Instance(), first);
+  EXPECT_EQ(SnapDriverInterface::mReferenceCount, 2U);
+  SnapDriverInterface::releaseInstance();
+  EXPECT_EQ(SnapDriverInterface::mReferenceCount, 1U);
+  EXPECT_EQ(SnapDriverInterface::mInstance, first);
+  SnapDriverInterface::releaseInstance();
+  EXPECT_EQ(SnapDriverInterface::mReferenceCount, 0U);
+  EXPECT_EQ(SnapDriverInterface::mInstance, nullptr);
+}
+
+TEST(Singleton, the_first_instance_opens_the_log_up_to_errors_and_a_second_reference_leaves_the_mask) {
+  LogCapture log;
+  SnapDriverInterface::Instance();
+  EXPECT_EQ(LogMask::now(), 0x0F);
+  log.openMask();
+  SnapDriverInterface::Instance();
+  EXPECT_EQ(LogMask::now(), 0xFF);
+  syslog(LOG_ERR, "probe");
+  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(log.lines()[0].ident, "MIRELSNAP_SDK[" + std::to_string(getpid()) + "]");
+  EXPECT_EQ(log.lines()[0].facility, LOG_USER);
+  SnapDriverInterface::releaseInstance();
+  SnapDriverInterface::releaseInstance();
+}
+
+class DriverVersion : public DriverTest {};
+
+TEST_F(DriverVersion, comes_from_the_payload_and_replaces_what_was_there) {
+  std::string version = "old";
+  EXPECT_EQ(driver().GetDriverVersionDetail(version), 0U);
+  EXPECT_EQ(version, "scripted");
+  EXPECT_EQ(log.lines(), (std::vector<LogLine>{debug("major-minor remained same.\n"),
+                                               debug("The Driver Version number is: scripted.\n")}));
+}
+
+TEST_F(DriverVersion, a_text_without_a_nul_ends_with_its_67_bytes) {
+  kernel.on(IOC_GET_DRIVER_VERSION, [](std::byte* buffer, std::size_t length) {
+    std::memset(buffer + 24, 'v', length - 24);
+    return 0;
+  });
+  std::string version;
+  EXPECT_EQ(driver().GetDriverVersionDetail(version), 0U);
+  EXPECT_EQ(version, std::string(67, 'v'));
+  EXPECT_TRUE(log.has(LOG_DEBUG, "The Driver Version number is: " + std::string(67, 'v') + ".\n"));
+}
+
+TEST_F(DriverVersion, a_failed_request_gives_6_with_the_snapped_volumes_text) {
+  kernel.fail(IOC_GET_DRIVER_VERSION, EPERM);
+  std::string version = "old";
+  EXPECT_EQ(driver().GetDriverVersionDetail(version), 6U);
+  EXPECT_EQ(version, "old");
+  EXPECT_EQ(log.texts(LOG_ERR), std::vector<std::string>{"IOC_GET_NUM_OF_SNAPPED_VOLUMES IOCTL failed, errno:1\n"});
+}
+
+TEST_F(DriverVersion, without_a_driver_gives_5_and_issues_nothing) {
+  unload();
+  std::string version = "old";
+  EXPECT_EQ(driver().GetDriverVersionDetail(version), 5U);
+  EXPECT_EQ(version, "old");
+  expectOpenFailure();
+}
+
+TEST_F(DriverVersion, a_request_on_a_stale_descriptor_number_fails_with_EBADF) {
+  std::filesystem::remove(kControlNode);
+  std::filesystem::create_directory(kControlNode);  // opens, has other numbers, cannot be replaced
+  std::string version;
+  EXPECT_EQ(driver().GetDriverVersionDetail(version), 6U);
+  EXPECT_TRUE(kernel.calls().empty());
+  EXPECT_TRUE(log.has(LOG_ERR, "IOC_GET_NUM_OF_SNAPPED_VOLUMES IOCTL failed, errno:9\n")) << log.dump();
+  std::filesystem::remove(kControlNode);
+}
+
+TEST_F(DriverVersion, the_driver_is_enabled_exactly_when_it_tells_its_version) {
+  std::string version;
+  EXPECT_TRUE(driver().IsDriverEnabled(version));
+  EXPECT_EQ(version, "scripted");
+  kernel.fail(IOC_GET_DRIVER_VERSION, EIO);
+  EXPECT_FALSE(driver().IsDriverEnabled(version));
+  unload();
+  EXPECT_FALSE(driver().IsDriverEnabled(version));
+}
+
+class LogLevel : public DriverTest {};
+
+TEST_F(LogLevel, opens_the_processs_mask_up_to_the_level) {
+  const LogMask keep;
+  for (const auto& [level, mask] : {std::pair{7, 0xFF}, std::pair{0, 0x01}, std::pair{3, 0x0F}, std::pair{6, 0x7F},
+                                    std::pair{30, 0x7FFFFFFF}, std::pair{32, 0x01}, std::pair{39, 0xFF}}) {
+    EXPECT_EQ(driver().SetLogLevel(static_cast<unsigned char>(level)), 0U);
+    EXPECT_EQ(LogMask::now(), mask) << level;
+  }
+}
+
+TEST_F(LogLevel, whose_mask_would_be_empty_leaves_the_mask) {
+  const LogMask keep;
+  setlogmask(0x0F);
+  EXPECT_EQ(driver().SetLogLevel(31), 0U);
+  EXPECT_EQ(LogMask::now(), 0x0F);
+  EXPECT_EQ(driver().SetLogLevel(255), 0U);
+  EXPECT_EQ(LogMask::now(), 0x0F);
+}
+
+TEST_F(LogLevel, a_failed_request_gives_6_and_leaves_the_mask) {
+  kernel.fail(IOC_SET_LOG_LEVEL, EINVAL);
+  const int before = LogMask::now();
+  EXPECT_EQ(driver().SetLogLevel(1), 6U);
+  EXPECT_EQ(LogMask::now(), before);
+  EXPECT_EQ(log.texts(LOG_ERR), std::vector<std::string>{"Set Log Level ioctl failed, errno:22\n"});
+}
+
+TEST_F(LogLevel, without_a_driver_gives_5_and_leaves_the_mask) {
+  unload();
+  const int before = LogMask::now();
+  EXPECT_EQ(driver().SetLogLevel(1), 5U);
+  EXPECT_EQ(LogMask::now(), before);
+  expectOpenFailure();
+}
+
+}  // namespace

@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What each operation of the driver interface does when memory is short: the n-th allocation of a kind fails.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <cstdlib>
+#include <functional>
+#include <new>
+
+#include "LogCapture.h"
+#include "ScriptedDriver.h"
+#include "World.h"
+#include "driver/ControlDevice.h"
+#include "driver/DriverCommand.h"
+#include "driver/LinuxSnapLib.h"
+
+namespace {
+
+// One kind of allocation; counts from construction to destruction and fails one.
+class Kind {
+ public:
+  // Whether this allocation is to fail.
+  bool refuses(std::size_t bytes) {
+    mSizes.push_back(bytes);
+    return mSizes.size() == mFailing;
+  }
+  void failNext(std::size_t which) {
+    mSizes.clear();
+    mFailing = which;
+  }
+  const std::vector<std::size_t>& sizes() const { return mSizes; }
+
+ private:
+  std::vector<std::size_t> mSizes;
+  std::size_t mFailing = 0;
+};
+
+Kind zeroed, single, array;
+
+}  // namespace
+
+extern "C" {
+void* __real_calloc(std::size_t count, std::size_t size);
+void* __real__ZnwmRKSt9nothrow_t(std::size_t bytes, const std::nothrow_t& tag);
+void* __real__ZnamRKSt9nothrow_t(std::size_t bytes, const std::nothrow_t& tag);
+
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+  return zeroed.refuses(count * size) ? nullptr : __real_calloc(count, size);
+}
+void* __wrap__ZnwmRKSt9nothrow_t(std::size_t bytes, const std::nothrow_t& tag) {
+  return single.refuses(bytes) ? nullptr : __real__ZnwmRKSt9nothrow_t(bytes, tag);
+}
+void* __wrap__ZnamRKSt9nothrow_t(std::size_t bytes, const std::nothrow_t& tag) {
+  return array.refuses(bytes) ? nullptr : __real__ZnamRKSt9nothrow_t(bytes, tag);
+}
+}
+
+namespace {
+
+using test::LogCapture;
+using test::Node;
+
+class Allocation : public testing::Test {
+ protected:
+  Allocation() { log.openMask(); }
+  ~Allocation() override {
+    none();
+    SnapDriverInterface::releaseInstance();
+  }
+
+  static void none() {
+    for (Kind* kind : {&zeroed, &single, &array}) kind->failNext(0);
+  }
+
+  // Runs `operation` with the `which`-th allocation of `kind` failing. Checks that `text` is the only error, that the
+  // stored helper stays when its successor cannot be made, and gives how many commands were issued.
+  std::size_t issuedWithout(Kind& kind, std::size_t which, const std::string& text,
+                            const std::function<void()>& operation) {
+    none();
+    log.clear();
+    kernel.clearCalls();
+    SnapDriverInterfaceUtility* before = SnapDriverInterfaceUtility::mUtilInstance;
+    kind.failNext(which);
+    operation();
+    EXPECT_GE(kind.sizes().size(), which) << "nothing was made to fail";
+    none();
+    EXPECT_EQ(log.texts(LOG_ERR), std::vector<std::string>{text}) << log.dump();
+    if (kernel.calls().empty()) {
+      EXPECT_EQ(SnapDriverInterfaceUtility::mUtilInstance, before);
+    }
+    return kernel.calls().size();
+  }
+  // As above for the one command of an operation: neither its buffer nor its helper can be had.
+  void expectShortMemory(const std::string& text, const std::function<void()>& operation) {
+    EXPECT_EQ(issuedWithout(zeroed, 1, text, operation), 0U);
+    EXPECT_EQ(issuedWithout(single, 1, text, operation), 0U);
+  }
+  void answerCount(unsigned long request, std::uint32_t count) {
+    kernel.on(request, [=](std::byte* buffer, std::size_t) {
+      std::memcpy(buffer + 4, &count, sizeof count);
+      return 0;
+    });
+  }
+
+  LogCapture log;
+  test::ScriptedDriver kernel;
+  SnapDriverInterface& driver = *SnapDriverInterface::Instance();
+  const Node volume{"/dev/vol-1", S_IFBLK, 8, 1};
+  std::list<std::wstring> one = {L"/dev/vol-1"};
+};
+
+TEST(SingletonAllocation, no_instance_is_null_and_still_counted) {
+  single.failNext(1);
+  EXPECT_EQ(SnapDriverInterface::Instance(), nullptr);
+  EXPECT_EQ(SnapDriverInterface::mReferenceCount, 1U);
+  single.failNext(0);
+  EXPECT_NE(SnapDriverInterface::Instance(), nullptr);
+  EXPECT_EQ(SnapDriverInterface::mReferenceCount, 2U);
+  SnapDriverInterface::releaseInstance();
+  EXPECT_NE(SnapDriverInterface::mInstance, nullptr);
+  SnapDriverInterface::releaseInstance();
+  EXPECT_EQ(SnapDriverInterface::mInstance, nullptr);
+}
+
+TEST_F(Allocation, version) {
+  expectShortMemory("Error Allocating memory.\n", [&] {
+    std::string version = "old";
+    EXPECT_EQ(driver.GetDriverVersionDetail(version), 3U);
+    EXPECT_EQ(version, "old");
+  });
+}
+
+TEST_F(Allocation, log_level) {
+  expectShortMemory("Memory alocation failed.\n", [&] { EXPECT_EQ(driver.SetLogLevel(7), 3U); });
+}
+
+TEST_F(Allocation, volume_checks_read_as_false) {
+  kernel.status(IOC_CHECK_VOLUME_SNAPPED, -2);
+  kernel.status(IOC_CHECK_VOLUME_FROZEN, -6);
+  expectShortMemory("Error Allocating memory.\n", [&] { EXPECT_FALSE(driver.IsVolumeSnapped("/dev/vol-1")); });
+  expectShortMemory("Error Allocating memory.\n", [&] { EXPECT_FALSE(driver.IsVolumeFrozen("/dev/vol-1")); });
+}
+
+TEST_F(Allocation, freeze_and_thaw) {
+  const auto freeze = [&] { EXPECT_EQ(driver.FreezeVolume(&one), 3U); };
+  const auto thaw = [&] { EXPECT_EQ(driver.ThawVolume(&one), 3U); };
+  expectShortMemory("Error Allocating memory.\n", freeze);
+  expectShortMemory("Error Allocating memory.\n", thaw);
+  EXPECT_EQ(issuedWithout(array, 1, "Error Allocating memory.\n", freeze), 0U);
+  EXPECT_EQ(issuedWithout(array, 1, "Error Allocating memory.\n", thaw), 0U);
+}
+
+TEST_F(Allocation, the_pairs_of_a_freeze_come_before_the_names_and_the_device) {
+  std::list<std::wstring> missing = {L"/dev/nothing"};
+  EXPECT_EQ(
+      issuedWithout(array, 1, "Error Allocating memory.\n", [&] { EXPECT_EQ(driver.FreezeVolume(&missing), 3U); }), 0U);
+  EXPECT_TRUE(log.lines().size() == 1) << log.dump();
+}
+
+TEST_F(Allocation, create_and_delete_mapping) {
+  expectShortMemory("Error Allocating memory.\n",
+                    [&] { EXPECT_EQ(driver.CreateRelocationFileMapping("/dev/vol-1", "/f", 1), 3U); });
+  expectShortMemory("Error Allocating memory.\n",
+                    [&] { EXPECT_EQ(driver.DeleteRelocationFileMapping("/dev/vol-1", 1), 3U); });
+}
+
+TEST_F(Allocation, count_of_mappings) {
+  expectShortMemory("Memory Allocation Failed.\n", [&] { EXPECT_EQ(driver.GetNumOfRelocFileMapping(), 3U); });
+}
+
+TEST_F(Allocation, list_of_mappings) {
+  answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 2);
+  std::list<RelocFileMappingInformation> mappings;
+  const auto list = [&] { EXPECT_EQ(driver.GetRelocFileMapping(mappings), 3U); };
+  EXPECT_EQ(issuedWithout(zeroed, 2, "Error Allocating memory.\n", list), 1U);
+  EXPECT_EQ(issuedWithout(single, 2, "Error Allocating memory.\n", list), 1U);
+  EXPECT_TRUE(mappings.empty());
+}
+
+TEST_F(Allocation, a_count_of_mappings_that_found_memory_short_is_used_as_the_count_3) {
+  std::list<RelocFileMappingInformation> mappings;
+  EXPECT_EQ(issuedWithout(zeroed, 1, "Memory Allocation Failed.\n",
+                          [&] { EXPECT_EQ(driver.GetRelocFileMapping(mappings), 0U); }),
+            1U);
+  EXPECT_EQ(kernel.calls().at(0).request, IOC_GET_RELOC_FILE_MAPPING);
+  EXPECT_EQ(kernel.calls().at(0).header().requestValue, 3U);
+}
+
+TEST_F(Allocation, the_longest_list_of_mappings_is_what_the_length_field_can_express) {
+  std::list<RelocFileMappingInformation> mappings;
+  answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 2093063);
+  EXPECT_EQ(issuedWithout(zeroed, 2, "Error Allocating memory.\n",
+                          [&] {
+                            EXPECT_EQ(driver.GetRelocFileMapping(mappings), 3U);
+                            EXPECT_EQ(zeroed.sizes().back(), 2093063UL * 2052 + 27);
+                          }),
+            1U);
+  answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 2093064);
+  zeroed.failNext(0);
+  EXPECT_EQ(driver.GetRelocFileMapping(mappings), 3U);
+  EXPECT_EQ(zeroed.sizes(), std::vector<std::size_t>{28}) << "only the count's command is asked for";
+}
+
+TEST_F(Allocation, count_of_snapped_volumes_needs_only_its_helper) {
+  int count = -1;
+  EXPECT_EQ(issuedWithout(single, 1, "Error Allocating memory.\n",
+                          [&] { EXPECT_EQ(driver.GetNumOfSnappedVolumes(&count), 3U); }),
+            0U);
+  EXPECT_EQ(count, -1);
+  zeroed.failNext(1);
+  EXPECT_EQ(driver.GetNumOfSnappedVolumes(&count), 0U);
+  EXPECT_TRUE(zeroed.sizes().empty());
+}
+
+TEST_F(Allocation, details_of_snapped_volumes) {
+  answerCount(IOC_GET_NUM_OF_SNAPPED_VOLUMES, 2);
+  std::list<SnappedVolumeInformation> volumes;
+  const auto list = [&] { EXPECT_EQ(driver.GetSnappedVolumeDetails(volumes), 3U); };
+  EXPECT_EQ(issuedWithout(zeroed, 1, "Error Allocating memory.\n", list), 1U);
+  EXPECT_EQ(issuedWithout(single, 2, "Error Allocating memory.\n", list), 1U);
+  EXPECT_TRUE(volumes.empty());
+}
+
+TEST_F(Allocation, details_whose_count_found_memory_short_give_6) {
+  std::list<SnappedVolumeInformation> volumes;
+  none();
+  single.failNext(1);
+  EXPECT_EQ(driver.GetSnappedVolumeDetails(volumes), 6U);
+  EXPECT_EQ(log.texts(LOG_ERR), (std::vector<std::string>{"Error Allocating memory.\n",
+                                                          "Unable to obtained the number of snapped volumes.\n"}));
+}
+
+TEST_F(Allocation, the_stored_helper_stays_when_its_successor_cannot_be_made) {
+  SnapDriverInterfaceUtility* stored = storeFreshUtility();
+  ASSERT_NE(stored, nullptr);
+  single.failNext(1);
+  EXPECT_EQ(storeFreshUtility(), nullptr);
+  EXPECT_EQ(SnapDriverInterfaceUtility::mUtilInstance, stored);
+}
+
+}  // namespace
