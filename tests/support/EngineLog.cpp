@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "HarnessScope.h"
+
 namespace test {
 
 EngineLog::EngineLog() { QX_SetLogHandler(&EngineLog::take, this); }
@@ -12,6 +14,7 @@ EngineLog::~EngineLog() { QX_SetLogHandler(nullptr, nullptr); }
 
 void EngineLog::take(unsigned short, const wchar_t* message, void* self) {
   auto* log = static_cast<EngineLog*>(self);
+  const HarnessScope own;
   const std::lock_guard<std::mutex> hold(log->mMutex);
   log->mLines.emplace_back(message);
 }

@@ -8,7 +8,8 @@
 
 namespace test {
 
-// Makes this thread's n-th malloc from now on (0 is the next) answer null, and all later ones, for a scope.
+// Makes this thread's n-th malloc from now on (0 is the next) answer null, and all later ones, for a scope. What
+// the tests' own code allocates meanwhile (HarnessScope) never fails.
 class FailingMalloc {
  public:
   explicit FailingMalloc(std::size_t n = 0);

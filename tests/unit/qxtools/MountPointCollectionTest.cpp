@@ -13,6 +13,7 @@
 #include "Locale.h"
 #include "LoopVolume.h"
 #include "World.h"
+#include "interpose/Allocations.h"
 
 namespace fs = std::filesystem;
 using UnixUtils::SystemMountPointCollection;
@@ -374,4 +375,33 @@ TEST(MountPointInformation, a_file_that_is_mounted_on_a_file_has_its_file_system
   ASSERT_NE(entry, nullptr);
   EXPECT_EQ(entry->GetMountFolder(), dir / "target");
   EXPECT_EQ(entry->GetBlockSize(), 1024u);
+}
+
+TEST(SystemMountPointCollection, is_null_and_leaves_nothing_when_memory_is_short) {
+  const KernelTable table(tableLine(kNobody, "8:1", "/", "ext4", "/dev/a/long/path/to/sda1") +
+                          tableLine(kNobody + 1, "8:2", "/mnt/a/long/path/to/a/folder", "ext4", "/dev/sda2") +
+                          tableLine(kNobody + 2, "8:3", "/mnt/another/long/path", "xfs", "/dev/sda3"));
+  const std::ptrdiff_t before = test::heldBytes();
+  const std::size_t allocations = test::failEveryAllocation(
+      [] {
+        const Collection mounts = localMounts();
+        if (mounts == nullptr) throw std::bad_alloc();
+      },
+      [&](std::size_t n) { EXPECT_EQ(test::heldBytes(), before) << "allocation " << n; });
+  EXPECT_GT(allocations, 5u);
+  EXPECT_EQ(test::heldBytes(), before);
+}
+
+TEST(MountPointInformation, has_no_size_to_tell_when_memory_is_short) {
+  const test::Volume volume("ext4", 16 << 20);
+  const Entry entry = mountOf(volume.folder());
+  const std::ptrdiff_t before = test::heldBytes();
+  std::uint64_t size = 1;
+  {
+    const test::FailingAllocation failing(0);
+    size = entry->GetDeviceSize();
+  }
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(test::heldBytes(), before);
+  EXPECT_EQ(entry->GetDeviceSize(), 16u << 20);
 }

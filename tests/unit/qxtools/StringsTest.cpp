@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "Locale.h"
+#include "interpose/Allocations.h"
 #include "qxtools/Multibyte.h"
 
 TEST(wcstring, takes_narrow_text_in_the_processs_locale) {
@@ -40,6 +41,16 @@ TEST(wcstring, its_own_narrow_assignment_leaves_the_wide_ones_open) {
   EXPECT_EQ(text, L"wide");
   text = std::wstring(L"moved");
   EXPECT_EQ(text, L"moved");
+}
+
+TEST(wcstring, keeps_its_text_when_memory_is_short) {
+  wcstring text(L"before");
+  const std::string longer(100, 'x');
+  {
+    const test::FailingAllocation failing(0);
+    EXPECT_THROW(text.assign(longer.c_str(), 0), std::bad_alloc);
+  }
+  EXPECT_EQ(text, L"before");
 }
 
 TEST(cstring, is_a_narrow_string) {
