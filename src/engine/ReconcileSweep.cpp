@@ -10,7 +10,7 @@
 #include <new>
 
 #include "engine/GetDoneWrapper.h"
-#include "engine/MirelSnapshotEngine.h"
+#include "engine/MountPath.h"
 #include "qxtools/Log.h"
 #include "qxtools/MountPointCollection.h"
 
