@@ -25,6 +25,8 @@ class LoopDevice {
   std::wstring wpath() const { return {mPath.begin(), mPath.end()}; }
   unsigned int major() const { return 7; }
   unsigned int minor() const { return mMinor; }
+  // The file that it shows.
+  std::string image() const { return mDir / "image"; }
   // Makes a file system; `options` as mkfs takes them.
   void mkfs(const std::string& type, const std::vector<std::string>& options = {}) const;
 
