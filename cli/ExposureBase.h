@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The directory that snapshots are exposed under, with the folders that the mounts need and no snapshot brings along.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "Failure.h"
+#include "MountTable.h"
+
+namespace cli {
+
+// Checks, before anything is snapped, that each of `mountPoints` will have a folder under a base: the mount that it is
+// mounted in must be one of them too, or none of them may lie above it.
+Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTable& table);
+
+class ExposureBase {
+ public:
+  // Makes the base and below it the folders for those of `mountPoints` that lie in no other. An empty `wanted` is a
+  // directory of this process's own under /run/mirelsnap. One that exists must be empty and nothing may be mounted in
+  // it; it is kept in the end.
+  Outcome make(const std::string& wanted, const std::vector<std::string>& mountPoints);
+  // Removes what was made; names what could not be removed. Does nothing the second time.
+  std::vector<Failure> remove();
+  ~ExposureBase() { remove(); }
+
+  const std::string& path() const { return mPath; }
+
+ private:
+  Outcome makeFolder(const std::string& path, mode_t mode);
+  Outcome makeFoldersTo(const std::string& path, mode_t mode);
+
+  std::string mPath;
+  std::vector<std::string> mMade;  // in the order made
+  bool mKept = false;              // the base was there before
+  mode_t mMode = 0;
+  uid_t mOwner = 0;
+  gid_t mGroup = 0;
+};
+
+}  // namespace cli

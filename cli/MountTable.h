@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The mounts of this machine as the verbs look at them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace cli {
+
+struct Mount {
+  std::string folder;
+  std::string type;
+  std::string source;        // as the kernel prints it
+  std::uint64_t device = 0;  // number of the block device; 0 when there is none
+};
+
+class MountTable {
+ public:
+  // The table at this moment; empty when it cannot be read.
+  MountTable();
+
+  const std::vector<Mount>& mounts() const { return mMounts; }
+  // What is visible at exactly `folder`: the last mount there.
+  std::optional<Mount> at(const std::string& folder) const;
+  // The deepest mount that holds `path`, which must be absolute and clean.
+  std::optional<Mount> holding(const std::string& path) const;
+  // Every mount of a block device, in table order.
+  std::vector<Mount> of(std::uint64_t device) const;
+  // Every mount at or below `folder`.
+  std::vector<Mount> under(const std::string& folder) const;
+
+ private:
+  std::vector<Mount> mMounts;
+};
+
+// Whether `path` is `folder` or lies below it.
+bool liesWithin(const std::string& path, const std::string& folder);
+// `base` joined with an absolute path.
+std::string joined(const std::string& base, const std::string& path);
+
+}  // namespace cli

@@ -1,0 +1,315 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "SnapshotSet.h"
+
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include <mirelsnap/DriverInterface.h>
+
+#include "RelocationProgress.h"
+#include "Wide.h"
+#include "driver/ControlDevice.h"
+
+namespace cli {
+namespace {
+
+using UnixSnapshotCoordinator::_USC_SNAPSHOT_PROP;
+using UnixSnapshotCoordinator::IUscAsync;
+
+// How often the terminal is redrawn while the job runs.
+constexpr unsigned int kTickMs = 200;
+
+// The driver-interface singleton for a scope.
+class Driver {
+ public:
+  Driver() : mDriver(SnapDriverInterface::Instance()) {}
+  ~Driver() {
+    if (mDriver != nullptr) SnapDriverInterface::releaseInstance();
+  }
+  Driver(const Driver&) = delete;
+  Driver& operator=(const Driver&) = delete;
+  bool snapped(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeSnapped(device); }
+  bool frozen(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeFrozen(device); }
+
+ private:
+  SnapDriverInterface* mDriver;
+};
+
+std::string idText(const _SSGUIDPLAIN& id) {
+  std::array<char, 37> text{};
+  uuid_t bytes;
+  std::memcpy(bytes, &id, sizeof bytes);
+  uuid_unparse_lower(bytes, text.data());
+  return text.data();
+}
+
+Failure noDriver() {
+  if (access("/proc/mirelsnap/dev", F_OK) == 0) {
+    return {kNoDriver, kControlNode, "the snapshot driver is loaded but does not answer",
+            "look for MIRELSNAP_SDK in the system log"};
+  }
+  if (findExe("modprobe").empty()) {
+    return {kNoDriver, kDriverModule, "the driver is not loaded and there is no modprobe to load it", "install kmod"};
+  }
+  return {kNoDriver, kDriverModule, "the driver module is not loaded and could not be loaded",
+          "install the driver, or try it without one: mirelsnap-emulator -- mirelsnap run ..."};
+}
+
+std::string listed(const std::vector<ChosenVolume>& volumes) {
+  std::string text;
+  for (const ChosenVolume& volume : volumes) {
+    if (text.find(volume.device) == std::string::npos) text += (text.empty() ? "" : ", ") + volume.device;
+  }
+  return text;
+}
+
+std::string textOf(const wchar_t* text) { return text == nullptr ? std::string() : narrow(text); }
+
+}  // namespace
+
+SnapshotSet::SnapshotSet(Terminal& terminal, std::vector<ChosenVolume> volumes, std::vector<std::string> binds,
+                         RelocationOptions relocation)
+    : mTerminal(terminal), mVolumes(std::move(volumes)), mBinds(std::move(binds)), mRelocation(std::move(relocation)) {}
+
+SnapshotSet::~SnapshotSet() { finish(); }
+
+Outcome SnapshotSet::take() {
+  for (const auto step :
+       {&SnapshotSet::makeEngine, &SnapshotSet::addVolumes, &SnapshotSet::addBinds, &SnapshotSet::runJob}) {
+    if (Outcome failure = (this->*step)()) return failure;
+  }
+  readProperties();
+  return std::nullopt;
+}
+
+Outcome SnapshotSet::makeEngine() {
+  mEngine.reset((*GetCreatorFunction())());
+  if (mEngine == nullptr) return Failure{kSnapshotFailed, "the engine", "memory is short", ""};
+  int supported = 0;
+  if (mEngine->SupportsSnapshots(&supported) < 0 || supported == 0) return noDriver();
+  if (mEngine->StartSnapshotSet(&mSetId) < 0)
+    return Failure{kSnapshotFailed, "the snapshot set", "could not be started", ""};
+  mId = idText(mSetId);
+  return std::nullopt;
+}
+
+Outcome SnapshotSet::addVolumes() {
+  for (const ChosenVolume& volume : mVolumes) {
+    _SSGUIDPLAIN snapshotId{};
+    const int result =
+        mEngine->AddToSnapshotSet(wide(volume.device).c_str(), wide(volume.mountPoint).c_str(), &snapshotId);
+    if (result < 0) return refusal(volume, result);
+    if (Outcome failure = setOptions(snapshotId, volume)) return failure;
+    const bool known = std::any_of(mSnapshotIds.begin(), mSnapshotIds.end(), [&](const _SSGUIDPLAIN& id) {
+      return std::memcmp(&id, &snapshotId, sizeof id) == 0;
+    });
+    if (!known) mSnapshotIds.push_back(snapshotId);
+    if (mTerminal.interactive() && !known) mPlacements.push_back(predictPlacement(volume, mRelocation));
+  }
+  return std::nullopt;
+}
+
+Failure SnapshotSet::refusal(const ChosenVolume& volume, int result) const {
+  switch (result) {
+    case USC_E_OBJECT_ALREADY_EXISTS:
+      return {kAlreadySnapped, volume.device, "is named twice under " + volume.mountPoint,
+              "name each mount point once"};
+    case USC_E_VOLUME_NOT_SUPPORTED:
+      return {kVolumeNotSupported, volume.device, "cannot be opened or has no size", "check the device"};
+    default:
+      return {kVolumeNotSupported, volume.device, "cannot be added to the set as mounted at " + volume.mountPoint,
+              "check that the device is mounted there and that its size can be read"};
+  }
+}
+
+Outcome SnapshotSet::setOptions(const _SSGUIDPLAIN& snapshotId, const ChosenVolume& volume) {
+  if (mRelocation.blocks == 0) return std::nullopt;
+  if (mEngine->SetOption(snapshotId, L"RelocationFileMountPoint", wide(mRelocation.mountPoint).c_str()) < 0) {
+    return Failure{kNoRoom, mRelocation.mountPoint,
+                   "is not a mount point, so no relocation file of " + volume.device + " can go there",
+                   "name a mount point with --reloc-mount"};
+  }
+  if (mEngine->SetOption(snapshotId, L"RelocationFileSize", std::to_wstring(mRelocation.blocks).c_str()) < 0) {
+    return Failure{kUsage, std::to_string(mRelocation.blocks), "is no size for a relocation file", ""};
+  }
+  return std::nullopt;
+}
+
+Outcome SnapshotSet::addBinds() {
+  for (const std::string& bind : mBinds) {
+    if (mEngine->AddToAlternateMountSet(wide(bind).c_str()) < 0) {
+      return Failure{kCannotExpose, bind, "is not a mount point", "name a mount point with --bind"};
+    }
+  }
+  return std::nullopt;
+}
+
+Outcome SnapshotSet::runJob() {
+  mTerminal.begin("Taking the snapshot of " + listed(mVolumes));
+  IUscAsync* started = nullptr;
+  const int result = mEngine->DoSnapshotSet(&started);
+  if (result < 0)
+    return result == E_OUTOFMEMORY ? noDriver()
+                                   : Failure{kSnapshotFailed, listed(mVolumes), "the job could not be started", ""};
+  const std::unique_ptr<IUscAsync, Release> job(started);
+  waitForJob(*job);
+  int status = 0;
+  int snapResult = -1;
+  job->QueryStatus(&status, &snapResult);
+  mTerminal.end();
+  if (snapResult != 0) return snapFailure(snapResult);
+  mTaken = true;
+  return std::nullopt;
+}
+
+// A job cannot be cancelled: a signal that comes meanwhile is honoured when it is done.
+void SnapshotSet::waitForJob(IUscAsync& job) {
+  for (;;) {
+    int status = USC_S_ASYNC_PENDING;
+    int snapResult = -1;
+    job.QueryStatus(&status, &snapResult);
+    if (status != USC_S_ASYNC_PENDING) return;
+    // One wait in a million fails for its clock; the status above is what counts.
+    if (job.Wait(kTickMs) < 0) usleep(kTickMs * 1000);
+    showRelocationFile();
+  }
+}
+
+void SnapshotSet::showRelocationFile() {
+  if (!mTerminal.interactive()) return;
+  const std::optional<FileProgress> file = relocationFileBeingWritten();
+  if (!file || file->written == 0) {
+    mTerminal.tick();
+    return;
+  }
+  const auto predicted = std::find_if(mPlacements.begin(), mPlacements.end(),
+                                      [&](const Placement& placement) { return placement.path == file->path; });
+  mTerminal.bar("writing the relocation file " + file->path, file->written,
+                predicted == mPlacements.end() ? 0 : predicted->bytes);
+}
+
+Failure SnapshotSet::snapFailure(int snapResult) {
+  const std::string all = listed(mVolumes);
+  Driver driver;
+  switch (snapResult) {
+    case 11:
+    case 12:
+      for (const ChosenVolume& volume : mVolumes) {
+        if (driver.snapped(volume.device)) {
+          return {kAlreadySnapped, volume.device, "is already snapped",
+                  "wait until that snapshot is deleted, or reconcile when its owner has died"};
+        }
+        if (driver.frozen(volume.device)) return {kAlreadySnapped, volume.device, "is frozen", "thaw it first"};
+      }
+      return {kAlreadySnapped, all, "a volume was snapped or frozen at that moment", "try again"};
+    case 20:
+    case 21:
+      for (const ChosenVolume& volume : mVolumes) {
+        if (predictPlacement(volume, mRelocation).status == 0) continue;
+        if (mRelocation.blocks != 0) {
+          return {
+              kNoRoom, mRelocation.mountPoint,
+              "cannot hold a relocation file of " + std::to_string(mRelocation.blocks) + " blocks for " + volume.device,
+              "it must be writable, neither snapped nor frozen, and have the room; name a smaller --reloc-size or "
+              "another --reloc-mount"};
+        }
+        return {kNoRoom, volume.device, "no mounted file system has room for its relocation file",
+                "free some space or name a place with --reloc-mount and --reloc-size"};
+      }
+      return {kNoRoom, all, "a relocation file could not be made",
+              "look for MIRELSNAP_SDK in the system log, or use --verbose"};
+    case 26:
+      return {kSnapshotFailed, all, "the size of a device changed", "try again when it no longer changes"};
+    case 5:
+      return noDriver();
+    case 6:
+      return {kSnapshotFailed, all, "the driver refused the snapshot",
+              "look for MIRELSNAP_SDK in the system log, or use --verbose"};
+    default:
+      return {kSnapshotFailed, all, "the snapshot could not be prepared (code " + std::to_string(snapResult) + ")",
+              "memory may be short, or a relocation file cannot be mapped to blocks (btrfs cannot); use --verbose"};
+  }
+}
+
+void SnapshotSet::readProperties() {
+  for (const _SSGUIDPLAIN& id : mSnapshotIds) {
+    _USC_SNAPSHOT_PROP properties{};
+    if (mEngine->GetSnapshotProperties(id, &properties) < 0) continue;
+    SnappedVolume volume{textOf(properties.OriginalVolumeName),
+                         {},
+                         textOf(properties.SnapshotDeviceName),
+                         textOf(properties.RelocationFileName),
+                         ""};
+    for (std::int32_t i = 0; i < properties.MountPointCount; ++i)
+      volume.mountPoints.push_back(textOf(properties.MountPoints[i]));
+    mSnapped.push_back(std::move(volume));
+    UnixSnapshotCoordinator::UscFreeSnapshotProperties(&properties);
+  }
+}
+
+std::vector<std::string> SnapshotSet::allMountPoints() const {
+  std::vector<std::string> all = mBinds;
+  for (const ChosenVolume& volume : mVolumes) all.push_back(volume.mountPoint);
+  return all;
+}
+
+Outcome SnapshotSet::expose(const std::string& base) {
+  mTerminal.begin("Mounting the snapshots");
+  if (Outcome failure = mBase.make(base, allMountPoints())) return failure;
+  mExposed = true;
+  if (mEngine->ExposeSnapshotsInSnapshotSet(wide(mBase.path()).c_str()) < 0) {
+    return Failure{kCannotExpose, mBase.path(), "the snapshots could not be mounted there",
+                   "look for mirelsnap in the system log, or use --verbose"};
+  }
+  for (SnappedVolume& volume : mSnapped) {
+    if (!volume.mountPoints.empty()) volume.exposedAt = joined(mBase.path(), volume.mountPoints.front());
+  }
+  mTerminal.end();
+  return std::nullopt;
+}
+
+std::vector<Failure> SnapshotSet::finish() {
+  if (mEngine == nullptr) return {};
+  if (mTaken) mTerminal.begin("Cleaning up");
+  // The engine removes the base itself, which the folders made here keep it from: what counts is what is left in the
+  // end.
+  if (mExposed) mEngine->UnExposeSnapshotsInSnapshotSet();
+  if (mTaken) mEngine->DeleteSnapshots(mSetId, UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT_SET);
+  mEngine.reset();
+  std::vector<Failure> left = leftovers();
+  for (Failure& folder : mBase.remove()) {
+    const bool explained = std::any_of(left.begin(), left.end(),
+                                       [&](const Failure& mount) { return liesWithin(mount.subject, folder.subject); });
+    if (!explained) left.push_back(std::move(folder));
+  }
+  mTerminal.end();
+  return left;
+}
+
+std::vector<Failure> SnapshotSet::leftovers() const {
+  std::vector<Failure> left;
+  if (mExposed) {
+    for (const Mount& mount : MountTable().under(mBase.path())) {
+      left.push_back({kCannotCleanUp, mount.folder, "is still mounted: something uses it",
+                      "stop what uses it, then: umount " + mount.folder});
+    }
+  }
+  if (!mTaken) return left;
+  Driver driver;
+  for (const SnappedVolume& volume : mSnapped) {
+    if (driver.snapped(volume.device)) {
+      left.push_back({kCannotCleanUp, volume.device, "is still snapped: the driver refused to discard the snapshot",
+                      "it is removed when an agent reconciles after this process has ended"});
+    } else if (!volume.relocationFile.empty() && access(volume.relocationFile.c_str(), F_OK) == 0) {
+      left.push_back(
+          {kCannotCleanUp, volume.relocationFile, "the relocation file could not be removed", "remove it by hand"});
+    }
+  }
+  return left;
+}
+
+}  // namespace cli

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One snapshot set from its start to its end, through the engine's interface as any agent uses it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <mirelsnap/SnapshotEngine.h>
+
+#include "ExposureBase.h"
+#include "Failure.h"
+#include "Placement.h"
+#include "Terminal.h"
+#include "VolumeChoice.h"
+
+namespace cli {
+
+// What became of one volume.
+struct SnappedVolume {
+  std::string device;
+  std::vector<std::string> mountPoints;
+  std::string snapshotDevice;
+  std::string relocationFile;
+  std::string exposedAt;  // of its first mount point; empty until it is exposed
+};
+
+class SnapshotSet {
+ public:
+  SnapshotSet(Terminal& terminal, std::vector<ChosenVolume> volumes, std::vector<std::string> binds,
+              RelocationOptions relocation);
+  ~SnapshotSet();
+  SnapshotSet(const SnapshotSet&) = delete;
+  SnapshotSet& operator=(const SnapshotSet&) = delete;
+
+  // Takes the snapshots of all volumes at one instant.
+  Outcome take();
+  // Mounts them under `base` (empty: a directory of this process's own).
+  Outcome expose(const std::string& base);
+  // Unmounts and deletes everything; names what stayed. Does nothing the second time.
+  std::vector<Failure> finish();
+
+  const std::string& id() const { return mId; }
+  const std::string& base() const { return mBase.path(); }
+  const std::vector<SnappedVolume>& volumes() const { return mSnapped; }
+
+ private:
+  struct Release {
+    template <class T>
+    void operator()(T* object) const {
+      object->Release();
+    }
+  };
+
+  Outcome makeEngine();
+  Outcome addVolumes();
+  Outcome addBinds();
+  Outcome setOptions(const _SSGUIDPLAIN& snapshotId, const ChosenVolume& volume);
+  Outcome runJob();
+  void waitForJob(UnixSnapshotCoordinator::IUscAsync& job);
+  void showRelocationFile();
+  void readProperties();
+  Failure snapFailure(int snapResult);
+  Failure refusal(const ChosenVolume& volume, int result) const;
+  std::vector<std::string> allMountPoints() const;
+  std::vector<Failure> leftovers() const;
+
+  Terminal& mTerminal;
+  std::vector<ChosenVolume> mVolumes;
+  std::vector<std::string> mBinds;
+  RelocationOptions mRelocation;
+  std::vector<Placement> mPlacements;  // predicted, for the bar
+  std::unique_ptr<UnixSnapshotCoordinator::IUscSnapshotEngine, Release> mEngine;
+  _SSGUIDPLAIN mSetId{};
+  std::string mId;
+  std::vector<_SSGUIDPLAIN> mSnapshotIds;
+  std::vector<SnappedVolume> mSnapped;
+  ExposureBase mBase;
+  bool mTaken = false;
+  bool mExposed = false;
+};
+
+}  // namespace cli

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Terminal.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+
+#include <langinfo.h>
+
+namespace cli {
+namespace {
+
+unsigned int columns() {
+  winsize size{};
+  return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+// `text` cut to `cells` characters; multibyte characters are kept whole.
+std::string fitted(const std::string& text, unsigned int cells) {
+  std::string result;
+  std::mbstate_t state{};
+  for (std::size_t i = 0; i < text.size() && cells > 0; --cells) {
+    const std::size_t length = std::mbrlen(text.data() + i, text.size() - i, &state);
+    const std::size_t taken = length == 0 || length > text.size() - i ? 1 : length;
+    result.append(text, i, taken);
+    i += taken;
+  }
+  return result;
+}
+
+std::string seconds(std::chrono::steady_clock::time_point since) {
+  const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - since;
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%.1f s", passed.count());
+  return text.data();
+}
+
+bool hasBlocks() { return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0; }
+
+}  // namespace
+
+Terminal::Terminal(bool verbose)
+    : mInteractive(isatty(STDERR_FILENO) == 1 && std::getenv("TERM") != nullptr &&
+                   std::strcmp(std::getenv("TERM"), "dumb") != 0),
+      mVerbose(verbose) {}
+
+Terminal::~Terminal() { end(); }
+
+void Terminal::draw(const std::string& text) {
+  std::fprintf(stderr, "\r%s\033[K", fitted(text, columns() - 1).c_str());
+  std::fflush(stderr);
+}
+
+void Terminal::begin(const std::string& what) {
+  end();
+  mPhase = what;
+  mStarted = std::chrono::steady_clock::now();
+  tick();
+}
+
+void Terminal::tick() {
+  if (mInteractive && !mPhase.empty()) draw(mPhase + " ... " + seconds(mStarted));
+}
+
+void Terminal::bar(const std::string& what, std::uint64_t done, std::uint64_t total) {
+  if (!mInteractive || mPhase.empty()) return;
+  if (total == 0) {
+    draw(mPhase + ": " + what + ", " + sizeText(done) + ", " + seconds(mStarted));
+    return;
+  }
+  const std::uint64_t shown = std::min(done, total);
+  draw(barText(shown, total, 24) + " " + std::to_string(shown * 100 / total) + " % of " + sizeText(total) + ", " +
+       seconds(mStarted) + ": " + what);
+}
+
+void Terminal::end() {
+  if (mPhase.empty()) return;
+  const std::string line = mPhase + ": " + seconds(mStarted);
+  if (mInteractive) {
+    draw(line);
+    std::fputc('\n', stderr);
+  } else if (mVerbose) {
+    std::fprintf(stderr, "mirelsnap: %s\n", line.c_str());
+  }
+  mPhase.clear();
+}
+
+std::string sizeText(std::uint64_t bytes) {
+  constexpr std::array units = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  double value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (value >= 1024 && unit + 1 < units.size()) {
+    value /= 1024;
+    ++unit;
+  }
+  std::array<char, 40> text{};
+  std::snprintf(text.data(), text.size(), unit == 0 || value >= 100 ? "%.0f %s" : "%.1f %s", value, units.at(unit));
+  return text.data();
+}
+
+std::string barText(std::uint64_t done, std::uint64_t total, unsigned int width) {
+  const std::uint64_t filled = total == 0 ? 0 : done * width / total;
+  const bool blocks = hasBlocks();
+  std::string text = blocks ? "" : "[";
+  for (unsigned int cell = 0; cell < width; ++cell) {
+    text += cell < filled ? (blocks ? "█" : "#") : (blocks ? "░" : "-");
+  }
+  return blocks ? text : text + "]";
+}
+
+}  // namespace cli

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a person at a terminal sees while a verb works: what it is doing, for how long, and a bar where the amount of
+// work is known. Nothing is drawn when standard error is no terminal.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace cli {
+
+class Terminal {
+ public:
+  // `verbose` prints one plain line a phase when there is no terminal.
+  explicit Terminal(bool verbose);
+  ~Terminal();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  bool interactive() const { return mInteractive; }
+
+  // Begins a phase; the one before it is finished with its time.
+  void begin(const std::string& what);
+  // Redraws the phase's line with the time that it has taken.
+  void tick();
+  // As tick, with a bar: `done` of `total` bytes of `what` (without a bar when `total` is 0).
+  void bar(const std::string& what, std::uint64_t done, std::uint64_t total);
+  // Finishes the phase.
+  void end();
+
+ private:
+  void draw(const std::string& text);
+
+  bool mInteractive;
+  bool mVerbose;
+  std::string mPhase;
+  std::chrono::steady_clock::time_point mStarted;
+};
+
+// "1.5 GiB"
+std::string sizeText(std::uint64_t bytes);
+// "████░░░░", `width` cells wide; plain characters when the locale has no others.
+std::string barText(std::uint64_t done, std::uint64_t total, unsigned int width);
+
+}  // namespace cli

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "VolumeChoice.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "qxtools/Handle.h"
+#include "qxtools/UnixUtils.h"
+#include "sysinfo/LinuxSystemInfo.h"
+
+namespace cli {
+namespace {
+
+using Chosen = std::variant<ChosenVolume, Failure>;
+
+// File systems whose relocation files can be mapped to blocks.
+constexpr std::array kSnappableTypes = {"ext2", "ext3", "ext4", "xfs", "vfat", "msdos", "jfs", "reiserfs"};
+
+Failure unsupported(const std::string& subject, const std::string& cause, const std::string& advice) {
+  return {kVolumeNotSupported, subject, cause, advice};
+}
+
+std::optional<std::string> resolved(const std::string& path) {
+  const std::unique_ptr<char, FreeMemory> real(realpath(path.c_str(), nullptr));
+  return real == nullptr ? std::nullopt : std::optional<std::string>(real.get());
+}
+
+// The path of a device as relocation placement compares it: the mount table's, aliases resolved.
+std::string deviceName(mirelsnapsdk_linuxcomputer::LinuxSystemInfo& system, const Mount& mount) {
+  for (const auto& entry : system.GetProcMounts()) {
+    if (entry.dir == mount.folder && UnixUtils::GetBlockDeviceNumber(entry.fsname.c_str()) == mount.device) {
+      return entry.fsname;
+    }
+  }
+  return mount.source;
+}
+
+class Chooser {
+ public:
+  explicit Chooser(const MountTable& table) : mTable(table) { mSystem.LinkVolumeDeviceAliases(); }
+
+  Chosen byName(const std::string& name) {
+    struct stat status {};
+    if (stat(name.c_str(), &status) == 0) {
+      if (S_ISBLK(status.st_mode)) return byDevice(name, status.st_rdev);
+      if (S_ISDIR(status.st_mode)) return byMountPoint(name);
+      return unsupported(name, "is neither a block device nor a mount point",
+                         "name a device such as /dev/sdb1 or its mount point");
+    }
+    const std::string reason = std::strerror(errno);
+    // Device paths may hold colons themselves: the separator is the last one that a path follows.
+    const std::size_t separator = name.rfind(":/");
+    if (separator != std::string::npos && separator > 0) {
+      return byPair(name.substr(0, separator), name.substr(separator + 1));
+    }
+    return unsupported(name, reason, "name a mounted block device or a mount point (lsblk shows them)");
+  }
+
+  std::vector<ChosenVolume> everySnappable() {
+    std::vector<ChosenVolume> chosen;
+    for (const Mount& mount : mTable.mounts()) {
+      const bool known = std::find(kSnappableTypes.begin(), kSnappableTypes.end(), mount.type) != kSnappableTypes.end();
+      const bool taken = std::any_of(chosen.begin(), chosen.end(),
+                                     [&](const ChosenVolume& volume) { return volume.number == mount.device; });
+      if (known && !taken && mount.device != 0) chosen.push_back(volumeAt(mount));
+    }
+    return chosen;
+  }
+
+ private:
+  ChosenVolume volumeAt(const Mount& mount) {
+    return {deviceName(mSystem, mount), mount.folder, mount.type, mount.device};
+  }
+
+  Chosen byDevice(const std::string& name, std::uint64_t number) {
+    for (const Mount& mount : mTable.of(number)) {
+      const std::optional<Mount> visible = mTable.at(mount.folder);
+      if (visible && visible->device == number) return volumeAt(mount);
+    }
+    return unsupported(name, "is not mounted", "mount it first: only mounted volumes can be snapped");
+  }
+
+  Chosen byMountPoint(const std::string& name) {
+    const std::string folder = resolved(name).value_or(name);
+    const std::optional<Mount> mount = mTable.at(folder);
+    if (!mount) {
+      const std::optional<Mount> holder = mTable.holding(folder);
+      return unsupported(name, "is not a mount point",
+                         holder ? "it lies on the volume mounted at " + holder->folder : "name a mount point");
+    }
+    if (mount->device == 0) {
+      return unsupported(name, "is a " + mount->type + " file system without a block device",
+                         "only block devices can be snapped");
+    }
+    return volumeAt(*mount);
+  }
+
+  Chosen byPair(const std::string& device, const std::string& mountPoint) {
+    struct stat status {};
+    if (stat(device.c_str(), &status) != 0)
+      return unsupported(device, std::strerror(errno), "name an existing block device");
+    if (!S_ISBLK(status.st_mode))
+      return unsupported(device, "is not a block device", "name a device such as /dev/sdb1");
+    const Chosen chosen = byMountPoint(mountPoint);
+    if (const auto* volume = std::get_if<ChosenVolume>(&chosen);
+        volume != nullptr && volume->number != status.st_rdev) {
+      return unsupported(device, "is not what is mounted at " + mountPoint, "that is " + volume->device);
+    }
+    return chosen;
+  }
+
+  const MountTable& mTable;
+  mirelsnapsdk_linuxcomputer::LinuxSystemInfo mSystem;
+};
+
+}  // namespace
+
+std::variant<std::vector<ChosenVolume>, Failure> chooseVolumes(const std::vector<std::string>& names,
+                                                               const MountTable& table) {
+  Chooser chooser(table);
+  if (names.empty()) {
+    std::vector<ChosenVolume> all = chooser.everySnappable();
+    if (all.empty()) return unsupported("this machine", "no mounted volume can be snapped", "name one with --volume");
+    return all;
+  }
+  std::vector<ChosenVolume> chosen;
+  for (const std::string& name : names) {
+    Chosen next = chooser.byName(name);
+    if (auto* failure = std::get_if<Failure>(&next)) return *failure;
+    chosen.push_back(std::get<ChosenVolume>(std::move(next)));
+  }
+  return chosen;
+}
+
+}  // namespace cli

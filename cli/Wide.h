@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Text for the engine's wide interface and back, in the process's locale.
+#pragma once
+
+#include <string>
+
+#include "qxtools/UnixUtils.h"
+
+namespace cli {
+
+// Empty for text that the locale cannot decode: no name is empty, so the engine refuses it.
+inline std::wstring wide(const std::string& text) {
+  const UnixUtils::WideText converted = UnixUtils::ConvertToWide(text.c_str());
+  return converted == nullptr ? std::wstring() : std::wstring(converted.get());
+}
+
+inline std::string narrow(const wchar_t* text) {
+  const UnixUtils::NarrowText converted = UnixUtils::ConvertToANSI(text);
+  return converted == nullptr ? std::string() : std::string(converted.get());
+}
+
+}  // namespace cli

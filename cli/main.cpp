@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// mirelsnap, the command-line agent.
+#include <CLI/CLI.hpp>
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Failure.h"
+#include "Run.h"
+
+namespace {
+
+constexpr char kExitCodes[] =
+    "Exit codes of run: COMMAND's own (128 + N when signal N ended it), or\n"
+    "    2  the options are wrong, nothing was done     115  no room for a relocation file\n"
+    "  111  not root                                    116  the snapshot failed otherwise\n"
+    "  112  the driver does not answer                  117  the snapshots cannot be mounted\n"
+    "  113  a volume cannot be snapped                  118  something could not be removed\n"
+    "  114  a volume is snapped or frozen already       126, 127  COMMAND cannot be executed, is not found\n";
+
+// Arguments before the first "--", and those behind it.
+struct SplitArguments {
+  std::vector<std::string> own;
+  std::vector<std::string> command;
+  bool separated = false;
+};
+
+SplitArguments split(int argc, char** argv) {
+  SplitArguments result;
+  for (int i = 1; i < argc; ++i) {
+    if (!result.separated && std::strcmp(argv[i], "--") == 0) {
+      result.separated = true;
+    } else {
+      (result.separated ? result.command : result.own).emplace_back(argv[i]);
+    }
+  }
+  return result;
+}
+
+// Names that are not ASCII need a locale that can decode them.
+void chooseLocale() {
+  const char* chosen = std::setlocale(LC_ALL, "");
+  if (chosen == nullptr || std::strcmp(std::setlocale(LC_CTYPE, nullptr), "C") == 0)
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+// The usage line with what stands behind "--", which the option parser does not see.
+class RunFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App*, std::string) const override {
+    return "Usage: mirelsnap run [OPTIONS] -- COMMAND [ARG...]\n";
+  }
+};
+
+void addRun(CLI::App& app, cli::RunOptions& options) {
+  CLI::App* run = app.add_subcommand("run", "Snapshot volumes, run a command on the snapshots, clean up");
+  run->formatter(std::make_shared<RunFormatter>());
+  run->footer(std::string("COMMAND finds the snapshots below $MIRELSNAP_BASE, each volume's first mount point in\n"
+                          "$MIRELSNAP_VOLUME_1, _2, ... in the order named, and the set's identifier in\n"
+                          "$MIRELSNAP_SET_ID.\n\n") +
+              kExitCodes);
+  run->add_option("--volume", options.volumes,
+                  "A volume to snapshot: its device, its mount point, or DEVICE:MOUNTPOINT; may be repeated\n"
+                  "(default: every mounted volume that can be snapped)")
+      ->type_name("DEVICE[:MOUNTPOINT]");
+  run->add_option("--base", options.base,
+                  "Where the snapshots are mounted: a new or an empty directory\n(default: /run/mirelsnap/PID)")
+      ->type_name("DIR");
+  run->add_option("--bind", options.binds, "A live mount point to show below the base as well; may be repeated")
+      ->type_name("MOUNTPOINT");
+  CLI::Option* mount =
+      run->add_option("--reloc-mount", options.relocation.mountPoint, "Mount point for the relocation files")
+          ->type_name("DIR");
+  CLI::Option* size = run->add_option("--reloc-size", options.relocation.blocks,
+                                      "Size of each relocation file, in blocks of its volume")
+                          ->type_name("BLOCKS")
+                          ->check(CLI::PositiveNumber);
+  mount->needs(size);
+  size->needs(mount);
+  run->add_flag("--json", options.json, "Print the result as one JSON document to standard output");
+  run->add_flag("--verbose", options.verbose, "Show each phase and the library's own messages");
+}
+
+int usageError(const std::string& cause) {
+  std::fprintf(stderr, "mirelsnap: %s; see mirelsnap --help\n", cause.c_str());
+  return cli::kUsage;
+}
+
+int runMain(int argc, char** argv) {
+  CLI::App app("mirelsnap: point-in-time snapshots of mounted volumes", "mirelsnap");
+  app.set_version_flag("--version", std::string("mirelsnap ") + MIRELSNAP_VERSION);
+  app.require_subcommand(1);
+  cli::RunOptions runOptions;
+  addRun(app, runOptions);
+
+  SplitArguments arguments = split(argc, argv);
+  std::vector<std::string> reversed(arguments.own.rbegin(), arguments.own.rend());
+  try {
+    app.parse(reversed);
+  } catch (const CLI::Success& asked) {
+    return app.exit(asked);
+  } catch (const CLI::ParseError& error) {
+    return usageError(error.what());
+  }
+  if (arguments.command.empty())
+    return usageError("run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
+  runOptions.command = arguments.command;
+  return cli::run(runOptions);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  chooseLocale();
+  try {
+    return runMain(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "mirelsnap: unexpected failure: %s\n", error.what());
+    return cli::kSnapshotFailed;
+  }
+}
