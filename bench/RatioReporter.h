@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Prints pairs of benchmarks as ratios: "NAME/library" against "NAME/bare", by the medians of their repetitions, and
+// tells whether each keeps its bound.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  // A pair may cost at most `bound` times the bare one.
+  void expectRatio(const std::string& pair, double bound) { mBounds[pair] = bound; }
+
+  void ReportRuns(const std::vector<Run>& runs) override;
+  // The ratios; true when every bound is kept.
+  bool printRatios();
+
+ private:
+  std::map<std::string, double> mBounds;
+  std::map<std::string, std::vector<double>> mSeconds;  // by benchmark, one a repetition
+};
+
+double median(std::vector<double> values);
+
+}  // namespace bench
