@@ -14,6 +14,8 @@ namespace bench {
 
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  RatioReporter() : ConsoleReporter(OO_None) {}
+
   // A pair may cost at most `bound` times the bare one.
   void expectRatio(const std::string& pair, double bound) { mBounds[pair] = bound; }
 
@@ -22,10 +24,15 @@ class RatioReporter : public benchmark::ConsoleReporter {
   bool printRatios();
 
  private:
+  struct Spread {
+    double fastest;
+    double median;
+  };
+  // Of the repetitions of one benchmark, in seconds.
+  Spread spread(const std::string& name) const;
+
   std::map<std::string, double> mBounds;
   std::map<std::string, std::vector<double>> mSeconds;  // by benchmark, one a repetition
 };
-
-double median(std::vector<double> values);
 
 }  // namespace bench

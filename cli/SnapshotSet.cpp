@@ -53,10 +53,10 @@ Failure noDriver() {
             "look for MIRELSNAP_SDK in the system log"};
   }
   if (findExe("modprobe").empty()) {
-    return {kNoDriver, kDriverModule, "the driver is not loaded and there is no modprobe to load it", "install kmod"};
+    return {kNoDriver, kControlNode, "the driver is not loaded and there is no modprobe to load it", "install kmod"};
   }
-  return {kNoDriver, kDriverModule, "the driver module is not loaded and could not be loaded",
-          "install the driver, or try it without one: mirelsnap-emulator -- mirelsnap run ..."};
+  return {kNoDriver, kControlNode, "the driver (module mirelsnap) is not loaded and could not be loaded",
+          "install it, or try it without: mirelsnap-emulator -- mirelsnap run ..."};
 }
 
 std::string listed(const std::vector<ChosenVolume>& volumes) {
