@@ -52,6 +52,13 @@ void* operator new(std::size_t size) {
   return memory;
 }
 
+// A sanitizer's own would not come here by itself.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept try {
+  return operator new(size);
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
+
 void operator delete(void* memory) noexcept {
   if (memory != nullptr) held -= static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
   std::free(memory);
