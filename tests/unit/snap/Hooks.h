@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// C library calls that the running kernel cannot be made to answer as a test needs.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include <sys/time.h>
+
+namespace test {
+
+// The time that gettimeofday tells; nothing: it is the kernel's.
+inline std::optional<timeval> fixedTime;
+// The library's calloc of at least so many bytes fails; 0: none does.
+inline std::size_t callocFailsFrom = 0;
+
+}  // namespace test
