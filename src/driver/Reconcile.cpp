@@ -64,7 +64,10 @@ Paths findRelocFiles() {
 // Drops the mappings of dead owners; the files of living ones are in use.
 void reconcileMappings(SnapDriverInterface& driver, Paths& orphans) {
   std::list<RelocFileMappingInformation> mappings;
-  driver.GetRelocFileMapping(mappings);  // a failure leaves the list empty
+  if (driver.GetRelocFileMapping(mappings) != 0) {
+    orphans.clear();  // which files are in use is not known: none is removed
+    return;
+  }
   for (const RelocFileMappingInformation& mapping : mappings) {
     syslog(LOG_INFO, "SVolName: %s, RelFileName: %s.\n", mapping.getSnappedVolumeName().c_str(),
            mapping.getRelocFileName().c_str());

@@ -1,0 +1,407 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Repairing what processes left that died while they held snapshots.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <optional>
+
+#include "Hooks.h"
+#include "LogCapture.h"
+#include "LoopVolume.h"
+#include "ScriptedDriver.h"
+#include "World.h"
+#include "driver/LinuxSnapLib.h"
+#include "driver/LinuxSnapLibUtil.h"
+#include "interpose/Allocations.h"
+
+namespace fs = std::filesystem;
+using test::DriverCall;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+
+namespace {
+
+// The id of a process that was and is no more.
+pid_t deadProcess() {
+  static const pid_t dead = [] {
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    waitpid(child, nullptr, 0);
+    return child;
+  }();
+  return dead;
+}
+
+struct Snapshot {
+  unsigned int majorNum, minorNum;
+  pid_t owner;
+  std::string volume, relocFile;
+};
+
+struct Mapping {
+  pid_t owner;
+  std::string volume, relocFile;
+};
+
+// A driver that holds snapshots and mappings, and drops what it is told to.
+class Reconcile : public testing::Test {
+ protected:
+  Reconcile()
+      : volume("ext4", 8 << 20),
+        mounts("mounts", volume.device() + " " + volume.folder() + " ext4 rw 0 0\n"),
+        instance(SnapDriverInterface::Instance()) {
+    fs::create_directory(area());
+    log.openMask();
+    driver.on(IOC_GET_NUM_OF_SNAPPED_VOLUMES, [this](std::byte* buffer, std::size_t) {
+      ++counted;
+      if (beforeCount) beforeCount();
+      return answerCount(buffer, snapshots.size());
+    });
+    driver.on(IOC_GET_SNAPPED_VOL_DETAILS, [this](std::byte* buffer, std::size_t) { return listSnapshots(buffer); });
+    driver.on(IOC_GET_NUM_OF_RELOC_FILE_MAPPING,
+              [this](std::byte* buffer, std::size_t) { return answerCount(buffer, mappings.size()); });
+    driver.on(IOC_GET_RELOC_FILE_MAPPING, [this](std::byte* buffer, std::size_t) { return listMappings(buffer); });
+    driver.on(IOC_DELETE_RELOC_FILE_MAPPING, [this](std::byte* buffer, std::size_t) { return dropMapping(buffer); });
+    driver.on(IOC_SNAP_DISCARD,
+              [this](std::byte* buffer, std::size_t length) { return discard(buffer, (length - 27) / 1040); });
+  }
+  ~Reconcile() override {
+    test::unsignallable = 0;
+    SnapDriverInterface::releaseInstance();
+  }
+
+  std::string area() const { return volume.folder() + "/.verrelocarea"; }
+  // Makes a relocation file; its path.
+  std::string makeFile(const std::string& name) {
+    test::writeFile(area() + "/" + name, "");
+    return area() + "/" + name;
+  }
+  unsigned int reconcile() { return instance->ReconcileAndCleanup(); }
+  std::vector<unsigned long> requests() const {
+    std::vector<unsigned long> all;
+    for (const DriverCall& call : driver.calls()) all.push_back(call.request);
+    return all;
+  }
+
+  static int answerCount(std::byte* buffer, std::size_t count) {
+    reinterpret_cast<_ioctlCmd*>(buffer)->requestValue = static_cast<std::uint32_t>(count);
+    return 0;
+  }
+  int listSnapshots(std::byte* buffer) {
+    auto* entry = reinterpret_cast<SnappedVolumeEntry*>(buffer + 24);
+    for (const Snapshot& snapshot : snapshots) {
+      entry->majorNum = snapshot.majorNum;
+      entry->minorNum = snapshot.minorNum;
+      entry->appPid = snapshot.owner;
+      snapshot.volume.copy(entry->snappedVolumeName, 1023);
+      snapshot.relocFile.copy(entry->relocFileName, 1023);
+      ++entry;
+    }
+    return 0;
+  }
+  int listMappings(std::byte* buffer) {
+    auto* entry = reinterpret_cast<RelocFileMappingEntry*>(buffer + 24);
+    for (const Mapping& mapping : mappings) {
+      entry->appPid = mapping.owner;
+      mapping.volume.copy(entry->snappedVolumeName, 1023);
+      mapping.relocFile.copy(entry->relocFileName, 1023);
+      ++entry;
+    }
+    return 0;
+  }
+  int dropMapping(std::byte* buffer) {
+    const auto* entry = reinterpret_cast<RelocFileMappingEntry*>(buffer + 24);
+    std::erase_if(mappings, [&](const Mapping& mapping) {
+      return mapping.owner == entry->appPid && mapping.volume == entry->snappedVolumeName;
+    });
+    return 0;
+  }
+  int discard(std::byte* buffer, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      auto& entry = *reinterpret_cast<DiscardEntry*>(buffer + 24 + i * sizeof(DiscardEntry));
+      const auto found = std::find_if(snapshots.begin(), snapshots.end(), [&](const Snapshot& snapshot) {
+        return snapshot.majorNum == entry.majorNum && snapshot.minorNum == entry.minorNum;
+      });
+      if (found == snapshots.end()) {
+        entry.result = 1;
+        continue;
+      }
+      found->relocFile.copy(entry.relocFileName, 1023);
+      snapshots.erase(found);
+    }
+    return 0;
+  }
+
+  test::LogCapture log;
+  test::ScriptedDriver driver;
+  test::Volume volume;
+  test::ProcFile mounts;
+  SnapDriverInterface* instance;
+  std::vector<Snapshot> snapshots;
+  std::vector<Mapping> mappings;
+  int counted = 0;  // how often the number of snapped volumes was asked for
+  std::function<void()> beforeCount;
+};
+
+}  // namespace
+
+TEST_F(Reconcile, without_snapshots_and_mappings_every_relocation_file_goes_and_the_driver_verifies) {
+  const std::string one = makeFile("sdb1");
+  const std::string two = makeFile("sdc1");
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(fs::exists(area()));
+  EXPECT_THAT(log.texts(LOG_INFO),
+              testing::UnorderedElementsAre("Found 0 relocation files.\n", "Reloc File List contains: 2 files.\n",
+                                            "RelocFile " + one + " deleted.\n", "RelocFile " + two + " deleted.\n"));
+  EXPECT_THAT(log.texts(LOG_DEBUG), IsSupersetOf({"Relocation File to be deleted: " + one + ".\n",
+                                                  "Relocation File to be deleted: " + two + ".\n"}));
+  for (const test::LogLine& line : log.lines()) EXPECT_FALSE(line.text.starts_with("Deleted directory"));
+  EXPECT_THAT(requests(), ElementsAre(IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_NUM_OF_RELOC_FILE_MAPPING,
+                                      IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_VERIFY_AND_CLEAN_VOLUMES));
+}
+
+TEST_F(Reconcile, the_verify_command_is_28_bytes_of_header_and_a_zero_byte) {
+  EXPECT_EQ(reconcile(), 0u);
+  const DriverCall command = driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).at(0);
+  EXPECT_EQ(command.request, 0xC01C5319UL);
+  ASSERT_EQ(command.sent.size(), 28u);
+  EXPECT_EQ(command.get<std::uint32_t>(4), 0u);
+  EXPECT_EQ((command.get<std::uint32_t>(8) % 12 + 1234) % 20, command.get<std::uint32_t>(12));
+  EXPECT_EQ(command.get<std::uint32_t>(16), 28u);
+  EXPECT_EQ(command.get<char>(24), 0);
+}
+
+TEST_F(Reconcile, an_unreachable_driver_gives_3_before_anything_is_touched) {
+  const std::string orphan = makeFile("sdb1");
+  driver.fail(IOC_GET_NUM_OF_SNAPPED_VOLUMES, EIO);
+  EXPECT_EQ(reconcile(), 3u);
+  EXPECT_EQ(log.texts(LOG_ERR).back(), "Unable to obtain the snapped volume details.\n");
+  EXPECT_TRUE(fs::exists(orphan));
+  EXPECT_THAT(requests(), ElementsAre(IOC_GET_NUM_OF_SNAPPED_VOLUMES));
+  EXPECT_THAT(log.texts(LOG_INFO), IsEmpty());
+}
+
+TEST_F(Reconcile, snapshots_of_dead_processes_are_discarded_by_one_command_without_the_flag) {
+  const std::string dead = makeFile("dead");
+  const std::string alive = makeFile("alive");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", dead},
+               {8, 2, getpid(), "/dev/sda2", alive},
+               {8, 3, deadProcess(), "/dev/sda3", area() + "/vanished"}};
+  EXPECT_EQ(reconcile(), 0u);
+  const std::vector<DriverCall> discards = driver.calls(IOC_SNAP_DISCARD);
+  ASSERT_EQ(discards.size(), 1u);
+  EXPECT_EQ(discards[0].header().requestValue, 2u);
+  EXPECT_EQ(discards[0].get<std::uint32_t>(24), 8u);
+  EXPECT_EQ(discards[0].get<std::uint32_t>(24 + 4), 1u);
+  EXPECT_EQ(discards[0].get<std::uint32_t>(24 + 12), 0u);
+  EXPECT_EQ(discards[0].get<std::uint32_t>(24 + 1040 + 4), 3u);
+  EXPECT_THAT(log.texts(LOG_INFO), IsSupersetOf({"Valid Snap: /dev/sda2.\n", "Unsnap Volume List has 2 entries.\n"}));
+  EXPECT_FALSE(fs::exists(dead));
+  EXPECT_TRUE(fs::exists(alive));
+  EXPECT_EQ(snapshots.size(), 1u);
+}
+
+TEST_F(Reconcile, without_a_stale_snapshot_nothing_is_discarded) {
+  snapshots = {{8, 2, getpid(), "/dev/sda2", makeFile("alive")}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(driver.calls(IOC_SNAP_DISCARD), IsEmpty());
+  for (const test::LogLine& line : log.lines()) EXPECT_FALSE(line.text.starts_with("Unsnap Volume List"));
+}
+
+// The contract: kill tells of no difference.
+TEST_F(Reconcile, an_owner_that_may_not_be_signalled_counts_as_gone) {
+  test::unsignallable = getppid();
+  const std::string file = makeFile("foreign");
+  snapshots = {{8, 1, getppid(), "/dev/sda1", file}};
+  mappings = {{getppid(), "/dev/sda1", file}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(snapshots, IsEmpty());
+  EXPECT_THAT(mappings, IsEmpty());
+  EXPECT_FALSE(fs::exists(file));
+}
+
+TEST_F(Reconcile, a_failed_discard_stops_nothing_and_the_snapshot_keeps_its_file) {
+  const std::string kept = makeFile("kept");
+  const std::string orphan = makeFile("orphan");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", kept}};
+  driver.fail(IOC_SNAP_DISCARD, EIO);
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(log.has(LOG_ERR, "Snap Discard IOCTL failed, errno:5\n")) << log.dump();
+  EXPECT_TRUE(fs::exists(kept));
+  EXPECT_FALSE(fs::exists(orphan));
+  EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
+}
+
+TEST_F(Reconcile, an_array_that_memory_is_short_for_leaves_the_snapshots_alone) {
+  constexpr unsigned int kMany = 21;
+  for (unsigned int i = 0; i < kMany; ++i) snapshots.push_back({8, i, deadProcess(), "/dev/sda", area() + "/file"});
+  {
+    const test::FailingAllocation shortage(0, kMany * sizeof(DeviceNumberPair));
+    EXPECT_EQ(reconcile(), 0u);
+    EXPECT_TRUE(shortage.failed());
+  }
+  EXPECT_TRUE(log.has(LOG_INFO, "Unsnap Volume List has 21 entries.\n")) << log.dump();
+  EXPECT_THAT(driver.calls(IOC_SNAP_DISCARD), IsEmpty());
+  EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
+}
+
+TEST_F(Reconcile, a_mapping_of_a_dead_process_is_dropped_and_its_file_removed) {
+  const std::string file = makeFile("sdb1");
+  mappings = {{deadProcess(), "/dev/sdb1", file}};
+  EXPECT_EQ(reconcile(), 0u);
+  const std::vector<DriverCall> drops = driver.calls(IOC_DELETE_RELOC_FILE_MAPPING);
+  ASSERT_EQ(drops.size(), 1u);
+  EXPECT_EQ(drops[0].get<std::int32_t>(24), deadProcess());
+  EXPECT_EQ(drops[0].text(28), "/dev/sdb1");
+  EXPECT_TRUE(log.has(LOG_INFO, "SVolName: /dev/sdb1, RelFileName: " + file + ".\n")) << log.dump();
+  EXPECT_FALSE(fs::exists(file));
+}
+
+TEST_F(Reconcile, a_mapping_of_a_living_process_keeps_its_file) {
+  const std::string file = makeFile("sdb1");
+  const std::string orphan = makeFile("sdb");
+  mappings = {{getpid(), "/dev/sdb1", file}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING), IsEmpty());
+  EXPECT_TRUE(log.has(LOG_INFO, "SVolName: /dev/sdb1, RelFileName: " + file + ".\n")) << log.dump();
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_FALSE(fs::exists(orphan));
+}
+
+TEST_F(Reconcile, a_mapping_that_cannot_be_dropped_is_logged_and_the_next_follows) {
+  const std::string one = makeFile("one");
+  const std::string two = makeFile("two");
+  mappings = {{deadProcess(), "/dev/one", one}, {deadProcess(), "/dev/two", two}};
+  driver.fail(IOC_DELETE_RELOC_FILE_MAPPING, EIO);
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_EQ(log.count(LOG_ERR, "Unable to delete the relocation mapping.\n"), 2u);
+  EXPECT_FALSE(fs::exists(one));
+  EXPECT_FALSE(fs::exists(two));
+}
+
+TEST_F(Reconcile, a_failed_listing_of_mappings_keeps_every_file_and_stops_nothing) {
+  const std::string file = makeFile("sdb1");
+  mappings = {{getpid(), "/dev/sdb1", file}};
+  driver.fail(IOC_GET_RELOC_FILE_MAPPING, EIO);
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 0 files.\n")) << log.dump();
+  EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
+}
+
+TEST_F(Reconcile, a_driver_that_turns_unreachable_gives_3_with_no_orphan_removed) {
+  const std::string stale = makeFile("stale");
+  const std::string orphan = makeFile("orphan");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", stale}};
+  driver.on(IOC_GET_NUM_OF_SNAPPED_VOLUMES, [this](std::byte* buffer, std::size_t) {
+    return ++counted == 2 ? EIO : answerCount(buffer, snapshots.size());
+  });
+  EXPECT_EQ(reconcile(), 3u);
+  EXPECT_EQ(log.texts(LOG_ERR).back(), "Unable to obtain the snapped volume details.\n");
+  EXPECT_FALSE(fs::exists(stale));  // went with its snapshot
+  EXPECT_TRUE(fs::exists(orphan));
+  EXPECT_THAT(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES), IsEmpty());
+}
+
+TEST_F(Reconcile, paths_match_byte_for_byte_only) {
+  const std::string file = makeFile("sdb1");
+  mappings = {{getpid(), "/dev/sdb1", volume.folder() + "/./.verrelocarea/sdb1"}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(fs::exists(file));
+}
+
+TEST_F(Reconcile, a_file_found_twice_is_kept_twice) {
+  const std::string file = makeFile("sdb1");
+  const std::string line = volume.device() + " " + volume.folder() + " ext4 rw 0 0\n";
+  test::writeFile("/proc/mounts", line + line);
+  mappings = {{getpid(), "/dev/sdb1", file}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 0 files.\n")) << log.dump();
+  EXPECT_TRUE(fs::exists(file));
+}
+
+TEST_F(Reconcile, an_orphan_that_cannot_be_unlinked_is_logged_and_the_next_follows) {
+  fs::create_directory(area() + "/directory");
+  const std::string file = makeFile("sdb1");
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(log.has(LOG_INFO, "RelocFile " + area() + "/directory deletion failed, errno: 21.\n")) << log.dump();
+  EXPECT_FALSE(fs::exists(file));
+  EXPECT_TRUE(fs::exists(area()));  // not empty
+}
+
+TEST_F(Reconcile, a_failed_verify_is_only_logged) {
+  driver.fail(IOC_VERIFY_AND_CLEAN_VOLUMES, EIO);
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_EQ(log.texts(LOG_ERR).back(), "verify and clean volumes ioctl failed, errno:5\n");
+}
+
+TEST_F(Reconcile, a_control_device_that_cannot_be_opened_for_the_verify_is_only_logged) {
+  beforeCount = [this] {
+    if (counted == 2) test::writeFile("/proc/mirelsnap/dev", "no numbers");
+  };
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_EQ(log.texts(LOG_ERR).back(), "Failed to open device: /dev/mirelsnapctl, errno: 19.\n");
+  EXPECT_THAT(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES), IsEmpty());
+}
+
+TEST_F(Reconcile, a_verify_that_memory_is_short_for_is_only_logged) {
+  std::optional<test::FailingAllocation> shortage;
+  beforeCount = [&] {
+    if (counted == 2) shortage.emplace(0u, sizeof(SnapDriverInterfaceUtility));
+  };
+  EXPECT_EQ(reconcile(), 0u);
+  ASSERT_TRUE(shortage && shortage->failed());
+  EXPECT_THAT(log.texts(LOG_ERR), ElementsAre("Memory alocation failed.\n"));
+  EXPECT_THAT(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES), IsEmpty());
+}
+
+TEST_F(Reconcile, a_second_reconcile_finds_nothing_to_do) {
+  const std::string dead = makeFile("dead");
+  const std::string mapped = makeFile("mapped");
+  const std::string alive = makeFile("alive");
+  makeFile("orphan");
+  snapshots = {{8, 1, deadProcess(), "/dev/dead", dead}, {8, 2, getpid(), "/dev/alive", alive}};
+  mappings = {{deadProcess(), "/dev/mapped", mapped}, {getpid(), "/dev/alive", alive}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(area()), {}), 1);
+  EXPECT_TRUE(fs::exists(alive));
+  driver.clearCalls();
+  log.clear();
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(driver.calls(IOC_SNAP_DISCARD), IsEmpty());
+  EXPECT_THAT(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING), IsEmpty());
+  EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 0 files.\n")) << log.dump();
+  EXPECT_TRUE(fs::exists(alive));
+}
+
+TEST_F(Reconcile, commands_are_issued_in_this_order) {
+  snapshots = {{8, 1, deadProcess(), "/dev/dead", makeFile("dead")}, {8, 2, getpid(), "/dev/alive", makeFile("alive")}};
+  mappings = {{deadProcess(), "/dev/dead", area() + "/dead"}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(requests(),
+              ElementsAre(IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS, IOC_SNAP_DISCARD,
+                          IOC_GET_NUM_OF_RELOC_FILE_MAPPING, IOC_GET_RELOC_FILE_MAPPING, IOC_DELETE_RELOC_FILE_MAPPING,
+                          IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS, IOC_VERIFY_AND_CLEAN_VOLUMES));
+}
+
+TEST_F(Reconcile, memory_that_is_short_anywhere_keeps_the_files_of_the_living) {
+  const std::string alive = makeFile("alive");
+  const std::size_t allocations = test::failEveryAllocation(
+      [&] {
+        snapshots = {{8, 1, deadProcess(), "/dev/dead", area() + "/dead"}};
+        mappings = {{getpid(), "/dev/alive", alive}, {deadProcess(), "/dev/dead", area() + "/dead"}};
+        reconcile();
+      },
+      [&](std::size_t n) { EXPECT_TRUE(fs::exists(alive)) << n; });
+  EXPECT_GT(allocations, 20u);
+  EXPECT_TRUE(fs::exists(alive));
+}
