@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// C library calls that this program can make answer what the running kernel cannot be made to. A call without a hook
+// goes to the kernel.
+#pragma once
+
+#include <sys/types.h>
+#include <sys/vfs.h>
+
+#include <functional>
+#include <optional>
+
+namespace test {
+
+struct Hooks {
+  // Called before every open; an errno makes it fail.
+  std::function<int(const char* path, int flags, mode_t mode)> open;
+  // Answers 0 and fills the sizes, or an errno; nothing asks the kernel.
+  std::function<std::optional<int>(const char* path, struct statfs* sizes)> statfs;
+  // The result, errno being set by the hook; nothing asks the kernel.
+  std::function<std::optional<ssize_t>(int fd, const void* data, size_t size)> write;
+  std::function<std::optional<off_t>(int fd, off_t offset, int whence)> lseek;
+  std::function<std::optional<int>(int fd, off_t offset, off_t length)> posixFallocate;
+  // Called before every fsync.
+  std::function<void(int fd)> fsync;
+  // Non-throwing operator new answers null.
+  bool noMemory = false;
+};
+
+// Emptied by the fixture after every test.
+extern Hooks hooks;
+
+}  // namespace test

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Relocation files on real file systems: every block must have a physical place, or the snapshot is refused as sparse.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+
+#include "RelocTest.h"
+#include "qxtools/Handle.h"
+
+namespace test {
+namespace {
+
+struct Kind {
+  const char* name;
+  const char* fileSystem;
+  std::uint64_t bytes;
+  std::vector<std::string> mkfsOptions;
+  unsigned int blockSize;
+  const char* created;  // the message of success
+  bool writtenOut;
+};
+
+class RealVolume : public RelocTest, public testing::WithParamInterface<Kind> {
+ protected:
+  RealVolume() : volume(GetParam().fileSystem, GetParam().bytes, GetParam().mkfsOptions) {
+    machine.list(volume.device(), volume.folder());
+  }
+
+  void expectWhole(LinuxSnapshotreloc& reloc) {
+    const std::vector<int> blocks = physicalBlocks(reloc.mRelocFileName);
+    EXPECT_EQ(blocks.size(), reloc.mRelocNumBlks);
+    EXPECT_EQ(std::count(blocks.begin(), blocks.end(), 0), 0) << "holes";
+  }
+
+  const Volume volume;
+};
+
+TEST_P(RealVolume, holds_its_own_relocation_file_with_every_block_mapped) {
+  LinuxSnapshotreloc reloc(volume.device(), GetParam().blockSize, 1000000UL, 300UL);
+  ASSERT_EQ(reloc.initialize(), 0u);
+  EXPECT_EQ(reloc.mRelocFileName, volume.folder() + "/.verrelocarea/" + volume.device().substr(5));
+  EXPECT_EQ(reloc.mRelocNumBlks, 300u);
+  log.clear();
+  ASSERT_EQ(reloc.CreateRelocFile(), 0u);
+  EXPECT_EQ(messages().back(), GetParam().created);
+  EXPECT_EQ(log.has(3, "fallocate failed with err: 0falling back to traditional method.\n"), GetParam().writtenOut);
+  expectWhole(reloc);
+}
+
+TEST_P(RealVolume, holds_a_file_of_the_callers_choice_with_every_block_mapped) {
+  LinuxSnapshotreloc reloc("/dev/elsewhere", GetParam().blockSize, 50, volume.folder(), 1000);
+  ASSERT_EQ(reloc.validate(), 0u);
+  ASSERT_EQ(reloc.initializeUserSelectedOptions(), 0u);
+  ASSERT_EQ(reloc.CreateRelocFile(), 0u);
+  expectWhole(reloc);
+}
+
+TEST_P(RealVolume, takes_the_file_of_another_volume_with_every_block_mapped_whatever_was_looked_at_last) {
+  // Looked at behind the real volume, so that its kind is the one that is kept.
+  machine.mount(machine.device("zzz"), {1, 0, GetParam().writtenOut ? kExt : kXfs});
+  LinuxSnapshotreloc reloc("/dev/elsewhere", GetParam().blockSize, 50, "", 1000);
+  ASSERT_EQ(reloc.initializeRelocSizeOption(), 0u);
+  ASSERT_EQ(reloc.mRelocDeviceName, volume.device());
+  ASSERT_EQ(reloc.CreateRelocFile(), 0u);
+  expectWhole(reloc);
+}
+
+constexpr char kWritten[] = "[7] Reloc File successfully created.\n";
+constexpr char kAllocated[] = "[3] Reloc File successfully created.\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, RealVolume,
+    testing::Values(Kind{"ext4_of_1_KiB_blocks", "ext4", 32U << 20, {"-b", "1024"}, 1024, kWritten, true},
+                    Kind{"ext4_of_4_KiB_blocks", "ext4", 32U << 20, {"-b", "4096"}, 4096, kWritten, true},
+                    Kind{"xfs", "xfs", 300U << 20, {}, 4096, kWritten, true},
+                    // Maps what is allocated: nothing needs to be written.
+                    Kind{"ext2", "ext2", 32U << 20, {"-b", "1024"}, 1024, kAllocated, false}),
+    [](const testing::TestParamInfo<Kind>& kind) { return kind.param.name; });
+
+// Why a file on ext4 is written out at all.
+TEST(TodaysKernel, maps_no_block_that_ext4_has_only_allocated) {
+  const Volume volume("ext4", 32U << 20);
+  const UniqueFd file(open((volume.folder() + "/a").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  ASSERT_EQ(posix_fallocate(file.get(), 0, 4096), 0);
+  int block = 0;
+  ASSERT_EQ(ioctl(file.get(), FIBMAP, &block), 0);
+  EXPECT_EQ(block, 0) << "the writing out is not needed any more on this kernel";
+}
+
+}  // namespace
+}  // namespace test
