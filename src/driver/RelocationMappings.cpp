@@ -46,7 +46,7 @@ std::list<RelocFileMappingInformation> readMappings(DriverCommand& command) {
     const std::string relocFileName = getText(entry->relocFileName);
     syslog(LOG_DEBUG, "Reloc Map Details(Name: %s, RelFileName: %s, pid: %u.\n", snappedVolumeName.c_str(),
            relocFileName.c_str(), static_cast<unsigned int>(entry->appPid));
-    mappings.emplace_back(entry->appPid, snappedVolumeName, relocFileName);
+    mappings.push_back(RelocFileMappingInformation(entry->appPid, snappedVolumeName, relocFileName));
   }
   return mappings;
 }

@@ -24,9 +24,10 @@ std::list<SnappedVolumeInformation> readSnappedVolumes(DriverCommand& command) {
            relocFileName.c_str());
     syslog(LOG_INFO, "NumSector: %lu, blockSize: %u, relocVolSize: %u, app PID: %d.\n", entry->numBlocks,
            entry->blockSize, entry->relocFileSize, entry->appPid);
-    volumes.emplace_back(entry->majorNum, entry->minorNum, entry->blockSize, entry->numBlocks, entry->relocFileSize,
-                         entry->appPid, StringToWString(snappedVolumeName), StringToWString(relocFileName),
-                         static_cast<_DeviceState>(entry->deviceState));
+    volumes.push_back(SnappedVolumeInformation(entry->majorNum, entry->minorNum, entry->blockSize, entry->numBlocks,
+                                               entry->relocFileSize, entry->appPid, StringToWString(snappedVolumeName),
+                                               StringToWString(relocFileName),
+                                               static_cast<_DeviceState>(entry->deviceState)));
   }
   return volumes;
 }

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "driver/LinuxSnapLib.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -59,6 +61,30 @@ TEST(Singleton, the_first_instance_opens_the_log_up_to_errors_and_a_second_refer
   EXPECT_EQ(log.lines()[0].facility, LOG_USER);
   SnapDriverInterface::releaseInstance();
   SnapDriverInterface::releaseInstance();
+}
+
+// In a process of its own: loads the built library, has it open the log, unloads it, and logs.
+[[noreturn]] void logAfterUnload() {
+  void* library = dlopen(MIRELSNAP_SHARED_LIBRARY, RTLD_LAZY);
+  if (library == nullptr) _exit(2);
+  reinterpret_cast<void* (*)()>(dlsym(library, "_ZN19SnapDriverInterface8InstanceEv"))();
+  reinterpret_cast<void (*)()>(dlsym(library, "_ZN19SnapDriverInterface15releaseInstanceEv"))();
+  dlclose(library);
+  if (dlopen(MIRELSNAP_SHARED_LIBRARY, RTLD_LAZY | RTLD_NOLOAD) != nullptr) _exit(3);
+  syslog(LOG_ERR, "after the unload");
+  _exit(0);
+}
+
+TEST(Singleton, an_agent_that_unloads_the_library_can_go_on_logging) {
+  LogCapture log;
+  const pid_t child = fork();
+  if (child == 0) logAfterUnload();
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(log.lines()[0].text, "after the unload");
+  EXPECT_EQ(log.lines()[0].ident, "MIRELSNAP_SDK[" + std::to_string(child) + "]");
 }
 
 class DriverVersion : public DriverTest {};

@@ -15,6 +15,7 @@
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "driver/LinuxSnapLib.h"
+#include "interpose/Allocations.h"
 
 namespace {
 
@@ -230,6 +231,34 @@ TEST_F(Allocation, details_whose_count_found_memory_short_give_6) {
   EXPECT_EQ(driver.GetSnappedVolumeDetails(volumes), 6U);
   EXPECT_EQ(log.texts(LOG_ERR), (std::vector<std::string>{"Error Allocating memory.\n",
                                                           "Unable to obtained the number of snapped volumes.\n"}));
+}
+
+// What throws while names are copied leaves the caller's list as it was; the leak check sees to buffer and descriptor.
+TEST_F(Allocation, a_list_that_runs_out_of_memory_half_way_adds_nothing) {
+  answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 2);
+  answerCount(IOC_GET_NUM_OF_SNAPPED_VOLUMES, 2);
+  const std::string name(1000, 'n');
+  kernel.on(IOC_GET_RELOC_FILE_MAPPING, [&](std::byte* buffer, std::size_t) {
+    for (const std::size_t at : {28, 1052, 2080, 3104}) std::memcpy(buffer + at, name.data(), name.size());
+    return 0;
+  });
+  kernel.on(IOC_GET_SNAPPED_VOL_DETAILS, [&](std::byte* buffer, std::size_t) {
+    for (const std::size_t at : {56, 1080, 2136, 3160}) std::memcpy(buffer + at, name.data(), name.size());
+    return 0;
+  });
+  const std::size_t ofAName = name.size() + 1;
+  std::list<RelocFileMappingInformation> mappings;
+  std::list<SnappedVolumeInformation> volumes;
+  for (std::size_t n = 0; n < 4; ++n) {  // each record reads two names
+    const test::FailingAllocation failing(n, ofAName);
+    EXPECT_THROW(driver.GetRelocFileMapping(mappings), std::bad_alloc) << n;
+    EXPECT_TRUE(mappings.empty()) << n;
+  }
+  for (std::size_t n = 0; n < 4; ++n) {
+    const test::FailingAllocation failing(n, ofAName);
+    EXPECT_THROW(driver.GetSnappedVolumeDetails(volumes), std::bad_alloc) << n;
+    EXPECT_TRUE(volumes.empty()) << n;
+  }
 }
 
 TEST_F(Allocation, the_stored_helper_stays_when_its_successor_cannot_be_made) {
