@@ -21,6 +21,7 @@
 #include "LoopVolume.h"
 #include "World.h"
 #include "driver/DriverProtocol.h"
+#include "interpose/OpenedFiles.h"
 
 namespace {
 
@@ -153,6 +154,15 @@ TEST_F(ControlDevice, a_node_with_other_numbers_is_made_again_without_permission
   }
 }
 
+TEST_F(ControlDevice, a_node_with_the_right_minor_and_another_major_is_made_again) {
+  const test::LoopDevice other(1 << 20);  // opens, and has any minor
+  const ProcFile numbers("mirelsnap/dev", "1 " + std::to_string(other.minor()) + "\n");
+  const Node existing("/dev/mirelsnapctl-old", S_IFBLK, other.major(), other.minor());
+  fs::rename(existing.path(), kControlNode);
+  const UniqueFd device(openControlDevice());
+  expectNode(1, other.minor());
+}
+
 TEST_F(ControlDevice, a_missing_node_is_made_quietly) {
   const ProcFile numbers("mirelsnap/dev", "  1\n\t3 trailing text\n");
   LogCapture log;
@@ -196,6 +206,29 @@ TEST_F(ControlDevice, mknod_failing_after_a_missing_node_gives_minus_1) {
   EXPECT_EQ(errno, EEXIST);
   EXPECT_EQ(log.lines(), std::vector<LogLine>{error("Failure in creating control device. errno: 17\n")});
   EXPECT_TRUE(fs::is_symlink(kControlNode)) << "a missing node is not unlinked";
+}
+
+TEST_F(ControlDevice, the_cause_stays_in_errno_where_nobody_takes_the_log) {
+  ASSERT_FALSE(fs::exists("/dev/log"));
+  closelog();
+  {
+    const ProcFile numbers("mirelsnap/dev", "1 3\n");
+    fs::create_symlink("/dev/nowhere", kControlNode);
+    EXPECT_EQ(openControlDevice(), -1);
+    EXPECT_EQ(errno, EEXIST);
+  }
+  const ProcFile malformed("mirelsnap/dev", "none\n");
+  EXPECT_EQ(openControlDevice(), -1);
+  EXPECT_EQ(errno, ENODEV);
+}
+
+TEST_F(ControlDevice, the_numbers_are_read_from_a_file_that_no_started_program_inherits) {
+  const ProcFile numbers("mirelsnap/dev", "1 3\n");
+  const test::OpenedFiles files;
+  const UniqueFd device(openControlDevice());
+  ASSERT_EQ(files.all().size(), 1U);
+  EXPECT_EQ(files.all()[0].path, "/proc/mirelsnap/dev");
+  EXPECT_EQ(files.all()[0].mode, "re");
 }
 
 TEST_F(ControlDevice, mknod_failing_after_a_node_with_wrong_numbers_gives_the_number_of_the_closed_descriptor) {
