@@ -10,7 +10,8 @@ namespace MirelSnapSnapshotCoordinator {
 class MirelMountVolumeParams {
  public:
   // A new entry, or null with `error` set to an errno value (0 on success): 22 for a path that is not absolute, not a
-  // mount point itself, or a `newBound` that is no directory; 12 when a path cannot be converted or memory is short.
+  // mount point itself, or a `newBound` that is no directory; 12 when a path cannot be converted or the entry finds no
+  // memory.
   static MirelMountVolumeParams* CreateMountVolumeParams(const wchar_t* original, const wchar_t* newBound, int& error);
 
   // The live mount point.
