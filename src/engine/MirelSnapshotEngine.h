@@ -48,9 +48,9 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   // The hand-over between DoSnapshotSet and the worker.
   class SnapshotThreadParams {
    public:
-    // Adds a reference to `async`, which goes to the agent with the job's pointer, and refers to `volumes`, which stays the
-    // caller's to free. Null, with nothing added, when an argument is null, when the mutex or the condition cannot be made
-    // and when memory is short.
+    // Adds a reference to `async`, which goes to the agent with the job's pointer, and refers to `volumes`, which stays
+    // the caller's to free. Null, with nothing added, when an argument is null, when the mutex or the condition cannot
+    // be made and when memory is short.
     static SnapshotThreadParams* CreateSnapshotThreadParams(IAsyncDoSnapshot* async,
                                                             std::list<SnapVolumeInformation>* volumes);
     IAsyncDoSnapshot* GetAsyncSnapshot() const { return mAsync; }
@@ -153,8 +153,8 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
 
   // Mounts one snapshot read-only; the mount's errno, 0 on success.
   int DoMount(const MountPointInfoWithFolderDepth& entry);
-  // Adds an entry with copies of the three strings in depth order. Its position; 0x7FFFFFFD for bad input, when nothing is
-  // added; negative when memory is short.
+  // Adds an entry with copies of the three strings in depth order. Its position; 0x7FFFFFFD for bad input, when nothing
+  // is added; negative when memory is short.
   int InsertIntoInternalShallowFirstSortedQueue(const char* target, const char* device, const char* fsType,
                                                 int volumeIndex, int mountPointIndex);
 
@@ -162,16 +162,16 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   bool hasSet() const;
   // The state, read under sLock, under which the worker's end changes it.
   SnapshotState currentState() const;
-  // Discards the snapshots of every volume that the job snapped, also of those that were dropped from the set since. The
-  // driver's answer is kept in mUnSnapResult.
+  // Discards the snapshots of every volume that the job snapped, also of those that were dropped from the set since.
+  // The driver's answer is kept in mUnSnapResult.
   void unsnapVolumes();
   // Drops the job's parameters, if any, and the list of request records with them.
   void dropThreadParams();
 
-  static _SSGUIDPLAIN sUUID;                // set now being built or taken in this process; zero: none
-  static const _SSGUIDPLAIN sProviderUUID;  // {862B8DDD-8146-46A1-9885-EA7F74C15BA7}
-  static pthread_mutex_t sLock;             // guards sUUID, every engine's mState and mSnapResult, both conditions
-  static pthread_cond_t sCond;              // a job left StateSnapshotSetInProgress
+  static _SSGUIDPLAIN sUUID;                  // set now being built or taken in this process; zero: none
+  static const _SSGUIDPLAIN sProviderUUID;    // {862B8DDD-8146-46A1-9885-EA7F74C15BA7}
+  static pthread_mutex_t sLock;               // guards sUUID, every engine's mState and mSnapResult, both conditions
+  static pthread_cond_t sCond;                // a job left StateSnapshotSetInProgress
   static pthread_cond_t sCondNewSnapshotSet;  // sUUID was cleared
   static LinuxGuardedSnapshotSetParamsArray sSnapshotSetParamsArray;
 
@@ -179,8 +179,8 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   SnapDriverInterface* mDriver = nullptr;                // one reference on the singleton
   SnapshotState mState = StateUninitialized;
   SnapshotThreadParams* mThreadParams = nullptr;
-  wcstring mVersionString;   // the driver's version
-  cstring mMountPointBase;   // directory of the exposure
+  wcstring mVersionString;  // the driver's version
+  cstring mMountPointBase;  // directory of the exposure
   MountPointInfoWithFolderDepthQueue mMountPointQueue;
   std::int32_t mSnapResult = -1;   // -1 until the worker has called the driver
   unsigned int mUnSnapResult = 0;  // what the driver side answered when the set was deleted
