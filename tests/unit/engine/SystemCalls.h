@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The library's own calls of access and calloc, which this program links through its hands (--wrap).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace test {
+
+// Records the names that access is asked for, while it lives.
+class AccessedNames {
+ public:
+  AccessedNames();
+  ~AccessedNames();
+  AccessedNames(const AccessedNames&) = delete;
+  AccessedNames& operator=(const AccessedNames&) = delete;
+  const std::vector<std::string>& all() const;
+};
+
+// While it lives, calloc finds no memory, and its last request is kept.
+class NoCalloc {
+ public:
+  NoCalloc();
+  ~NoCalloc();
+  NoCalloc(const NoCalloc&) = delete;
+  NoCalloc& operator=(const NoCalloc&) = delete;
+  // Bytes that were asked for; 0 when nothing was.
+  std::size_t asked() const;
+};
+
+}  // namespace test
