@@ -32,8 +32,10 @@ int checkBase(const char* base) {
   return S_ISDIR(status.st_mode) ? 0 : EINVAL;
 }
 
-// Whether `folder` is `base` or below it: /mnt/snapsX is not under /mnt/snaps.
+// Whether `folder` is `base` or below it: /mnt/snapsX is not under /mnt/snaps. The root never is: no exposure is
+// mounted there, and the kernel answers its unmounting by making the whole root file system read-only.
 bool isAtOrUnder(const char* folder, const char* base) {
+  if (std::strcmp(folder, "/") == 0) return false;
   const std::size_t length = std::strlen(base);
   return std::strncmp(folder, base, length) == 0 && (folder[length] == '\0' || folder[length] == '/');
 }

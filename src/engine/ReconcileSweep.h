@@ -23,9 +23,9 @@ void InsertIntoQueue(PosCntQueue& queue, unsigned int position, unsigned int dep
 void DismountAndDeleteDirectory(const char* folder, unsigned int n) noexcept;
 
 // Unmounts and removes every folder of the local mount table that is `base` or lies under it. The mount table's
-// spelling is compared with `base` as it is given: neither symbolic links nor a trailing "/" are resolved. 0, whatever
-// became of the folders; else an errno value: 22 when `base` is null or no directory, that of stat, 12 when memory is
-// short or the mount table cannot be read.
+// spelling is compared with `base` as it is given: neither symbolic links nor a trailing "/" are resolved. "/" itself
+// is left alone. 0, whatever became of the folders; else an errno value: 22 when `base` is null or no directory, that
+// of stat, 12 when memory is short or the mount table cannot be read.
 int DismountAndDeleteAllUnder(const char* base) noexcept;
 
 }  // namespace MirelSnapSnapshotCoordinator

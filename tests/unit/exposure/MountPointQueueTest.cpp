@@ -95,12 +95,12 @@ TEST_F(MountPointQueue, a_depth_not_below_the_last_goes_to_the_end) {
   EXPECT_EQ(targets(), (std::vector<std::string>{"/a", "/a/b", "/c/d"}));
 }
 
-TEST_F(MountPointQueue, an_equal_depth_met_by_the_search_is_preceded) {
-  for (const int depth : {1, 2, 3, 4, 5}) insert(folderAt(depth), 100);
-  EXPECT_EQ(insert(folderAt(3), 7), 2);  // the first middle of five
+TEST_F(MountPointQueue, the_equal_depth_that_the_search_meets_first_is_preceded) {
+  for (const int depth : {1, 3, 3, 3, 5}) insert(folderAt(depth), 100);
+  EXPECT_EQ(insert(folderAt(3), 7), 2);  // the middle of five, though an equal one stands before it
   EXPECT_EQ(engine.mMountPointQueue[2].volumeIndex, 7u);
   EXPECT_EQ(engine.mMountPointQueue[3].volumeIndex, 100u);
-  EXPECT_EQ(depths(), (std::vector<int>{1, 2, 3, 3, 4, 5}));
+  EXPECT_EQ(depths(), (std::vector<int>{1, 3, 3, 3, 3, 5}));
 }
 
 TEST_F(MountPointQueue, a_depth_between_two_goes_to_the_upper_end_of_the_search) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -275,6 +276,24 @@ TEST(DismountAndDeleteAllUnder, folders_that_the_locale_cannot_read_are_swept_fi
   EXPECT_EQ(log.lines()[0], L"DismountAndDeleteDirectory: 0  : Successfully un-mounted '" + w(dir.path()) + L"/\\xFF'");
   EXPECT_EQ(log.lines()[2], unmounted(1, dir / "a/b"));
   EXPECT_FALSE(exists(dir / "\xff"));
+}
+
+TEST(DismountAndDeleteAllUnder, the_root_is_left_alone_and_stays_writable) {
+  const test::TempDir dir;
+  const std::string root = dir / "root";
+  mountTmpfs(root);
+  std::filesystem::create_directory(root + "/proc");
+  ASSERT_EQ(mount("proc", (root + "/proc").c_str(), "proc", 0, nullptr), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool swept = chroot(root.c_str()) == 0 && chdir("/") == 0 && DismountAndDeleteAllUnder("/") == 0;
+    _exit(swept && mkdir("/still-writable", 0700) == 0 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(umount((root + "/proc").c_str()), 0);
+  EXPECT_EQ(umount(root.c_str()), 0);
 }
 
 TEST(DismountAndDeleteAllUnder, a_shortage_of_memory_is_answered_with_nothing_touched_or_only_shortens_a_message) {
