@@ -174,8 +174,9 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // S_OK, also for null arguments; E_OUTOFMEMORY.
   virtual int IsVolumeSupported(const wchar_t* volume, int* supported) = 0;
   // Removes what dead processes left: snapshots, mappings, relocation files, and every mount under
-  // `mountBase` (may be null) with its directory. S_OK; E_FAIL when the driver's part failed;
-  // E_UNEXPECTED without a driver.
+  // `mountBase` (may be null) with its directory. `mountBase` is spelled as the mount table spells it: no
+  // symbolic link, no "/" at its end. S_OK; E_FAIL when the driver's part failed; E_UNEXPECTED without a
+  // driver.
   virtual int DoReconcile(const wchar_t* mountBase) = 0;
   // Opens the set and writes its new identifier. S_OK; USC_E_BAD_STATE when this engine has had a set;
   // USC_E_SNAPSHOT_SET_IN_PROGRESS while another engine of this process has one; E_POINTER;
@@ -201,7 +202,7 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // Writes the snapshot identifier of volume `index`. Results as above.
   virtual int GetVolumeSnapshotGUID(unsigned int index, _SSGUIDPLAIN* snapshotId) = 0;
   // Writes the volume's name (the engine's text), but only when `*volume` is non-null on entry: pre-set it
-  // to any non-null value. S_OK; USC_E_BAD_STATE; USC_E_OBJECT_NOT_FOUND.
+  // to any non-null value. S_OK; USC_E_BAD_STATE; USC_E_OBJECT_NOT_FOUND; E_POINTER.
   virtual int GetVolumeInSnapshotSetByGUID(const _SSGUIDPLAIN& snapshotId, wchar_t** volume) = 0;
   // Options, keys without regard to case:
   //   "MountPointBase"           absolute directory for the exposure; `snapshotId` is ignored
@@ -221,7 +222,9 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   virtual int ExposeSnapshot(const _SSGUIDPLAIN& snapshotId, const wchar_t* path, const wchar_t** exposedName) = 0;
   // Mounts every snapshot read-only at `base` joined with its original mount point, shallowest first, then
   // binds the alternate set. `base` is made when missing; give it here or as option "MountPointBase", not
-  // both (with the option alone the call always ends in E_UNEXPECTED, everything undone).
+  // both (with the option alone the call always ends in E_UNEXPECTED, everything undone). Every deeper target
+  // must be there, usually as a directory inside a snapshot mounted just before. A base that was given once
+  // is kept: no later call may name one. A snapshot's device is waited for up to 5 seconds.
   // S_OK; USC_E_BAD_STATE before the job is done; E_INVALIDARG; E_OUTOFMEMORY; E_UNEXPECTED, all undone.
   virtual int ExposeSnapshotsInSnapshotSet(const wchar_t* base) = 0;
   // Writes 1 when no mount of the snapshot is recorded and 0 when one is. S_OK; E_INVALIDARG for null;
@@ -233,7 +236,8 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // directory stayed.
   virtual int UnExposeSnapshotsInSnapshotSet() = 0;
   // Deletes the whole set (`id` is the set's) or drops one snapshot from the engine's list (`id` is the
-  // snapshot's; its volume stays snapped until the set is deleted).
+  // snapshot's; its volume stays snapped until the set is deleted). Unexpose first: what is still mounted
+  // under the base when the set is deleted is unmounted, and its directories are removed where they can be.
   // S_OK; USC_E_BAD_STATE unless the job succeeded; USC_E_OBJECT_NOT_FOUND; E_INVALIDARG for another type.
   virtual int DeleteSnapshots(const _SSGUIDPLAIN& id, _USC_OBJECT_TYPE type) = 0;
 };
