@@ -59,9 +59,14 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept try {
   return nullptr;
 }
 
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept { return operator new(size, nothrow); }
+
 void operator delete(void* memory) noexcept {
   if (memory != nullptr) held -= static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
   std::free(memory);
 }
 
 void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
+void operator delete[](void* memory) noexcept { operator delete(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { operator delete(memory); }
