@@ -61,23 +61,9 @@ class SoughtDevice {
   std::optional<dev_t> mNumber;
 };
 
-// The folder's name as the mount table shows it: the kernel escapes "#" too, and the C library leaves that as it is.
-std::string asInMountTable(const std::string& folder) {
-  std::string shown;
-  for (const char c : folder) {
-    if (c == '#') {
-      shown += "\\043";
-    } else {
-      shown += c;
-    }
-  }
-  return shown;
-}
-
 bool isMountedOn(const std::vector<MountedDevice>& table, const SoughtDevice& device, const std::string& folder) {
-  const std::string shown = asInMountTable(folder);
   for (const MountedDevice& entry : table) {
-    if ((entry.folder == folder || entry.folder == shown) && device.isNamed(entry.device)) return true;
+    if (entry.folder == folder && device.isNamed(entry.device)) return true;
   }
   return false;
 }

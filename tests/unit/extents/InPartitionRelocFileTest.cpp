@@ -146,9 +146,17 @@ TEST_F(InPartitionRelocFile, a_mount_point_with_blanks_backslashes_and_hashes_is
   EXPECT_TRUE(inPartitionRelocFile(odd + "/.verrelocarea/sdb1", volume.device()));
 }
 
-TEST_F(InPartitionRelocFile, an_entry_longer_than_a_page_is_read_whole) {
-  const std::string options(20000, 'o');
-  const test::ProcFile mounts(
-      "mounts", "/dev/missing /elsewhere ext4 " + options + " 0 0\n" + mountLine(volume.device(), volume.folder()));
-  EXPECT_TRUE(inPartitionRelocFile(file, volume.device()));
+TEST_F(InPartitionRelocFile, a_mount_point_as_long_as_a_path_may_be_is_found) {
+  std::string folder = volume.folder();
+  std::string escaped = folder;
+  while (folder.size() < 3700) {
+    const std::size_t blanks = 250;
+    folder += "/" + std::string(blanks, ' ');
+    escaped += "/";
+    for (std::size_t i = 0; i < blanks; ++i) escaped += "\\040";
+    fs::create_directory(folder);
+  }
+  const test::LoopDevice other(1 << 20);
+  const test::ProcFile mounts("mounts", mountLine("/dev/missing", "/elsewhere") + mountLine(other.path(), escaped));
+  EXPECT_TRUE(inPartitionRelocFile(folder, other.path()));
 }

@@ -12,6 +12,11 @@ extern "C" int gettimeofday(timeval* time, void* zone) noexcept {
   return static_cast<int>(syscall(SYS_gettimeofday, time, zone));
 }
 
+extern "C" int fsync(int descriptor) {
+  if (test::onFsync) test::onFsync(descriptor);
+  return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
 extern "C" void* __real_calloc(std::size_t count, std::size_t size);
 
 // In the place of calloc for the program's own objects (--wrap).

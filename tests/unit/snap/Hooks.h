@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 
 #include <sys/time.h>
@@ -14,5 +15,8 @@ namespace test {
 inline std::optional<timeval> fixedTime;
 // The library's calloc of at least so many bytes fails; 0: none does.
 inline std::size_t callocFailsFrom = 0;
+
+// Told of every descriptor that fsync is called with.
+inline std::function<void(int descriptor)> onFsync;
 
 }  // namespace test

@@ -58,6 +58,7 @@ class SnapVolume : public testing::Test {
     SnapDriverInterface::releaseInstance();
     test::fixedTime.reset();
     test::callocFailsFrom = 0;
+    test::onFsync = nullptr;
   }
 
   // Requests `volume` with a relocation file of kRelocBlocks on `relocVolume`.
@@ -562,18 +563,24 @@ TEST_F(SnapVolume, a_relocation_volume_that_is_no_block_device_gives_7_and_the_f
 
 // --- Flushing.
 
-TEST_F(SnapVolume, each_volume_is_flushed_before_the_command) {
+TEST_F(SnapVolume, each_volume_is_written_out_and_flushed_before_the_command) {
   requestBoth();
-  std::vector<unsigned int> flushed;
-  driver.intercept(BLKFLSBUF, [&](int descriptor, void*) -> std::optional<int> {
+  std::vector<std::string> flushed;
+  const auto note = [&](const char* what, int descriptor) {
     struct stat status {};
     fstat(descriptor, &status);
+    if (S_ISBLK(status.st_mode)) flushed.push_back(what + std::to_string(minor(status.st_rdev)));
+  };
+  test::onFsync = [&](int descriptor) { note("fsync ", descriptor); };
+  driver.intercept(BLKFLSBUF, [&](int descriptor, void*) -> std::optional<int> {
     EXPECT_THAT(snaps(), IsEmpty());
-    flushed.push_back(minor(status.st_rdev));
+    note("BLKFLSBUF ", descriptor);
     return std::nullopt;
   });
   EXPECT_EQ(snap(), 0);
-  EXPECT_THAT(flushed, ElementsAre(first.loop().minor(), second.loop().minor()));
+  const std::string one = std::to_string(first.loop().minor());
+  const std::string two = std::to_string(second.loop().minor());
+  EXPECT_THAT(flushed, ElementsAre("fsync " + one, "BLKFLSBUF " + one, "fsync " + two, "BLKFLSBUF " + two));
 }
 
 TEST_F(SnapVolume, a_volume_that_cannot_be_flushed_is_snapped_all_the_same) {

@@ -241,6 +241,18 @@ TEST_F(Reconcile, a_failed_discard_stops_nothing_and_the_snapshot_keeps_its_file
   EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
 }
 
+TEST_F(Reconcile, a_file_that_the_discard_did_not_name_is_removed_as_an_orphan) {
+  const std::string file = makeFile("dead");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", file}};
+  driver.on(IOC_SNAP_DISCARD, [this](std::byte*, std::size_t) {
+    snapshots.clear();
+    return 0;
+  });
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(log.has(LOG_DEBUG, "Relocation File to be deleted: " + file + ".\n")) << log.dump();
+  EXPECT_FALSE(fs::exists(file));
+}
+
 TEST_F(Reconcile, an_array_that_memory_is_short_for_leaves_the_snapshots_alone) {
   constexpr unsigned int kMany = 21;
   for (unsigned int i = 0; i < kMany; ++i) snapshots.push_back({8, i, deadProcess(), "/dev/sda", area() + "/file"});

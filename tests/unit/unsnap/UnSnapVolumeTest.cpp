@@ -216,11 +216,10 @@ TEST_F(UnSnapVolume, a_failed_request_that_discarded_some_removes_the_files_of_t
 }
 
 TEST_F(UnSnapVolume, a_path_that_the_driver_left_without_an_end_stays_in_its_field) {
-  volumes.resize(1);
   answer([](std::size_t, DiscardEntry& entry) { name(entry, "/" + std::string(1023, 'x')); });
   EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
-  EXPECT_THAT(log.texts(LOG_INFO),
-              ElementsAre("RelocFile /" + std::string(1023, 'x') + " deletion failed, errno: 36.\n"));
+  EXPECT_EQ(log.count(LOG_INFO, "RelocFile /" + std::string(1023, 'x') + " deletion failed, errno: 36.\n"), 3u)
+      << log.dump();
 }
 
 TEST_F(UnSnapVolume, a_path_without_a_slash_is_its_own_directory_and_one_at_the_top_has_none) {
