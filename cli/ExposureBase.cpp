@@ -14,11 +14,20 @@ namespace fs = std::filesystem;
 namespace cli {
 namespace {
 
-constexpr char kDefaultParent[] = "/run/mirelsnap";
+const fs::path kDefaultParent = "/run/mirelsnap";
 constexpr mode_t kPrivate = 0700;
 
 Failure cannotExpose(const std::string& subject, const std::string& cause, const std::string& advice) {
   return {kCannotExpose, subject, cause, advice};
+}
+
+// Absolute, links resolved, as the mount table will spell it: mounts below it are found by comparing texts.
+std::string cleanPath(const fs::path& path) {
+  std::error_code error;
+  const fs::path clean = fs::weakly_canonical(fs::absolute(path), error);
+  std::string text = error ? fs::absolute(path).lexically_normal() : clean;
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
 }
 
 bool insideAnother(const std::string& mountPoint, const std::vector<std::string>& mountPoints) {
@@ -44,10 +53,7 @@ Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTa
 }
 
 Outcome ExposureBase::make(const std::string& wanted, const std::vector<std::string>& mountPoints) {
-  mPath = wanted.empty() ? std::string(kDefaultParent) + "/" + std::to_string(getpid())
-                         : fs::path(wanted).lexically_normal().string();
-  while (mPath.size() > 1 && mPath.back() == '/') mPath.pop_back();
-  if (mPath.front() != '/') mPath = joined(fs::current_path(), "/" + mPath);
+  mPath = cleanPath(wanted.empty() ? kDefaultParent / fs::path(std::to_string(getpid())) : fs::path(wanted));
 
   struct stat status {};
   if (stat(mPath.c_str(), &status) == 0) {
