@@ -17,16 +17,13 @@ UnixUtils::NarrowText JoinMountPath(const char* base, const char* mountPoint) {
   if (base == nullptr || base[0] != '/' || mountPoint == nullptr || mountPoint[0] != '/') return nullptr;
   const std::string_view head(base);
   std::string_view tail(mountPoint);
-  if (tail == "/") {
-    tail = {};
-  } else if (head.back() == '/') {
-    tail.remove_prefix(1);
-  }
+  if (head.back() == '/') tail.remove_prefix(1);
   std::size_t length = head.size() + tail.size();
   UnixUtils::NarrowText joined(static_cast<char*>(std::malloc(length + 1)));
   if (joined == nullptr) return nullptr;
   head.copy(joined.get(), head.size());
   tail.copy(joined.get() + head.size(), tail.size());
+  // One trailing slash goes; so the mount point "/" leaves the base itself.
   if (joined[length - 1] == '/') --length;
   joined[length] = '\0';
   return joined;
