@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CommandDesk.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <new>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "CommandCheck.h"
+
+namespace emulator {
+namespace {
+
+// How much of the buffer the driver writes: of a command that only asks for something to be done, the header.
+std::size_t writtenBytes(Layout layout, std::size_t size) {
+  switch (layout) {
+    case Layout::Version:
+    case Layout::MappingListing:
+    case Layout::SnappedListing:
+    case Layout::Discard:
+      return size;
+    default:
+      return sizeof(_ioctlCmd);
+  }
+}
+
+std::string hexadecimal(unsigned long number) {
+  char text[32];
+  std::snprintf(text, sizeof text, "0x%lX", number);
+  return text;
+}
+
+}  // namespace
+
+std::optional<int> CommandDesk::serve(const Caller& caller, unsigned long request, std::uint64_t address,
+                                      const StillWaits& stillWaits) {
+  const Command* command = findCommand(request);
+  if (command == nullptr) {
+    mMessages.say("request " + hexadecimal(request) + " is no command of the driver");
+    return ENOTTY;
+  }
+  const Injection* injection = mInjections.next(*command);
+  const auto refuseUnread = [&](Answer answer) {
+    tell(*command, caller, nullptr, 0, answer, false);
+    return answer.error;
+  };
+
+  std::array<std::byte, sizeof(_ioctlCmd)> start;
+  const bool readStart = caller.readMemory(address, start);
+  if (!stillWaits()) return std::nullopt;
+  if (!readStart) return refuseUnread(refuse(EFAULT, "its header cannot be read"));
+  const _ioctlCmd header = CommandBuffer(start).header();
+  if (auto complaint = checkLength(*command, header)) return refuseUnread(refuse(EINVAL, *complaint));
+
+  std::vector<std::byte> bytes;
+  try {
+    bytes.resize(header.length);
+  } catch (const std::bad_alloc&) {
+    return refuseUnread(refuse(ENOMEM, "no memory for its " + std::to_string(header.length) + " bytes"));
+  }
+  const bool readAll = caller.readMemory(address, bytes);
+  if (!stillWaits()) return std::nullopt;
+  if (!readAll) return refuseUnread(refuse(EFAULT, "its " + std::to_string(header.length) + " bytes cannot be read"));
+  CommandBuffer buffer(bytes);
+  // Another thread of the caller may have changed the header between the two reads.
+  if (buffer.header().length != header.length || buffer.header().requestValue != header.requestValue) {
+    return refuseUnread(refuse(EINVAL, "it changes while it is read"));
+  }
+
+  Answer answer;
+  if (auto complaint = checkCommand(*command, buffer)) {
+    answer = refuse(EINVAL, *complaint);
+  } else {
+    answer = carryOut(*command, injection, caller, buffer);
+    if (answer.status) buffer.putStatus(*answer.status);
+    const auto written = std::span(bytes).first(writtenBytes(command->layout, bytes.size()));
+    if (!stillWaits()) {
+      tell(*command, caller, &buffer, header.requestValue, answer, injection != nullptr);
+      return std::nullopt;
+    }
+    if (!caller.writeMemory(address, written) && !answer.failed())
+      answer = refuse(EFAULT, "its answer cannot be written");
+  }
+  tell(*command, caller, &buffer, header.requestValue, answer, injection != nullptr);
+  return answer.error;
+}
+
+Answer CommandDesk::carryOut(const Command& command, const Injection* injection, const Caller& caller,
+                             CommandBuffer& buffer) {
+  if (injection != nullptr && injection->error != 0) return refuse(injection->error, "as asked", injection->status);
+  Answer answer;
+  try {
+    answer = mDriver.handle(command, caller, buffer);
+  } catch (const std::bad_alloc&) {
+    answer = refuse(ENOMEM, "no memory");
+  } catch (const std::exception& problem) {
+    answer = refuse(EIO, problem.what());
+  }
+  if (injection != nullptr && !answer.failed()) answer.status = injection->status;
+  return answer;
+}
+
+void CommandDesk::tell(const Command& command, const Caller& caller, const CommandBuffer* buffer,
+                       std::uint32_t requestValue, const Answer& answer, bool injected) {
+  const pid_t process = caller.process();
+  if (answer.failed()) {
+    mMessages.say(std::string(command.name) + " from process " + std::to_string(process) + " refused: " + answer.why);
+  }
+  mTrace.write({process, &command, buffer, requestValue, &answer, injected});
+}
+
+}  // namespace emulator

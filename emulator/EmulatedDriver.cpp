@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "EmulatedDriver.h"
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ranges>
+#include <set>
+
+#include "BlockDevice.h"
+
+namespace emulator {
+namespace {
+
+// Unmounts what is mounted from the devices where the emulator lives, the last mount first.
+void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices, Messages& messages) {
+  const std::vector<MountLine> mounts = Caller(kernel, getpid()).mounts();
+  for (const MountLine& mount : std::views::reverse(mounts)) {
+    if (!devices.contains(mount.device)) continue;
+    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
+    const int error = errno;
+    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0) {
+      messages.say(mount.folder + " is still in use: its snapshot is detached, and goes when its last user does");
+    } else {
+      messages.say("cannot unmount the snapshot on " + mount.folder + ": " + std::strerror(error));
+    }
+  }
+}
+
+}  // namespace
+
+EmulatedDriver::EmulatedDriver(const Kernel& kernel, Messages& messages, DriverSettings settings)
+    : mKernel(kernel), mMessages(messages), mSettings(std::move(settings)) {}
+
+EmulatedDriver::~EmulatedDriver() {
+  thawAll();
+  try {
+    undo();
+  } catch (const std::exception&) {
+    // Memory is short: the loop devices and nodes still go with their owners.
+  }
+}
+
+void EmulatedDriver::undo() {
+  std::set<DeviceNumber> devices;
+  for (const Snapped& snapped : mSnapped) devices.insert(snapped.image.device());
+  for (const SnapshotImage& image : mReleased) devices.insert(image.device());
+  if (!devices.empty()) unmountAll(mKernel, devices, mMessages);
+}
+
+Answer EmulatedDriver::handle(const Command& command, const Caller& caller, CommandBuffer& buffer) {
+  switch (command.request) {
+    case IOC_GET_DRIVER_VERSION:
+      return version(buffer);
+    case IOC_SET_LOG_LEVEL:
+      return setLogLevel(buffer);
+    case IOC_CHECK_VOLUME_SNAPPED:
+      return checkSnapped(buffer);
+    case IOC_CHECK_VOLUME_FROZEN:
+      return checkFrozen(buffer);
+    case IOC_FREEZE:
+      return freeze(caller, buffer);
+    case IOC_THAW:
+      return thaw(buffer);
+    case IOC_CREATE_RELOC_FILE_MAPPING:
+      return createMapping(caller, buffer);
+    case IOC_DELETE_RELOC_FILE_MAPPING:
+      return deleteMapping(buffer);
+    case IOC_GET_NUM_OF_RELOC_FILE_MAPPING:
+      return countMappings(buffer);
+    case IOC_GET_RELOC_FILE_MAPPING:
+      return listMappings(buffer);
+    case IOC_SNAP:
+      return snap(caller, buffer);
+    case IOC_GET_NUM_OF_SNAPPED_VOLUMES:
+      return countSnapped(buffer);
+    case IOC_GET_SNAPPED_VOL_DETAILS:
+      return listSnapped(buffer);
+    case IOC_SNAP_DISCARD:
+      return discard(buffer);
+    case IOC_VERIFY_AND_CLEAN_VOLUMES:
+      return verifyAndClean();
+    default:
+      return refuse(ENOTTY, "change tracking and dumps are not played");
+  }
+}
+
+Answer EmulatedDriver::version(CommandBuffer& buffer) {
+  DriverVersionPayload payload;
+  putText(payload.version, mSettings.version);
+  buffer.putRecord(0, payload);
+  return done();
+}
+
+// There is no log to set a level of.
+Answer EmulatedDriver::setLogLevel(const CommandBuffer&) { return done(); }
+
+std::vector<EmulatedDriver::Snapped>::iterator EmulatedDriver::findSnapped(DeviceNumber volume) {
+  return std::find_if(mSnapped.begin(), mSnapped.end(),
+                      [=](const Snapped& snapped) { return snapped.image.volume() == volume; });
+}
+
+}  // namespace emulator

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The driver: what it holds, and a method a command. Its state lives as long as the object, whichever process asked.
+//
+// A method gets a command that was found in order (CommandCheck) and answers into its buffer. A refusal carries the
+// errno of the request, the driver status where the command has one, and the reason; it changes nothing.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Caller.h"
+#include "Commands.h"
+#include "DeviceNumber.h"
+#include "FileSystem.h"
+#include "Kernel.h"
+#include "Messages.h"
+#include "Result.h"
+#include "SnapshotImage.h"
+
+namespace emulator {
+
+struct DriverSettings {
+  std::string version;              // at most kLongestVersion bytes
+  std::vector<std::string> stores;  // folders for images, in the order of preference
+  std::chrono::milliseconds freezeLimit{60000};
+};
+inline constexpr std::size_t kLongestVersion = sizeof(DriverVersionPayload) - 1;
+
+class EmulatedDriver {
+ public:
+  EmulatedDriver(const Kernel& kernel, Messages& messages, DriverSettings settings);
+  // Undoes all that it made: thaws, unmounts its snapshots in the emulator's own namespace, detaches them, removes
+  // their nodes.
+  ~EmulatedDriver();
+  EmulatedDriver(const EmulatedDriver&) = delete;
+  EmulatedDriver& operator=(const EmulatedDriver&) = delete;
+
+  // Carries out a command. ENOTTY for one that is not played.
+  Answer handle(const Command& command, const Caller& caller, CommandBuffer& buffer);
+
+  Answer version(CommandBuffer& buffer);
+  Answer setLogLevel(const CommandBuffer& buffer);
+
+  Answer checkSnapped(CommandBuffer& buffer);
+  Answer checkFrozen(CommandBuffer& buffer);
+  Answer freeze(const Caller& caller, const CommandBuffer& buffer);
+  Answer thaw(const CommandBuffer& buffer);
+
+  Answer createMapping(const Caller& caller, const CommandBuffer& buffer);
+  Answer deleteMapping(const CommandBuffer& buffer);
+  Answer countMappings(CommandBuffer& buffer);
+  Answer listMappings(CommandBuffer& buffer);
+
+  Answer snap(const Caller& caller, const CommandBuffer& buffer);
+  Answer countSnapped(CommandBuffer& buffer);
+  Answer listSnapped(CommandBuffer& buffer);
+  Answer discard(CommandBuffer& buffer);
+  Answer verifyAndClean();
+
+  // Thaws every volume that is frozen.
+  void thawAll();
+  // Ends a snap that is running, and refuses those that come. May be called from any thread.
+  void cancel() { mCancelled = true; }
+
+ private:
+  struct Mapping {
+    std::int32_t process;
+    std::string volumeName;
+    std::string relocFileName;
+    std::optional<DeviceNumber> volume;  // what the name led to when the mapping was made
+  };
+  struct Snapped {
+    SnapVolumeEntry entry;  // as the snap command gave it
+    SnapshotImage image;
+  };
+
+  std::vector<Snapped>::iterator findSnapped(DeviceNumber volume);
+  bool isFrozen(DeviceNumber volume) const;
+  void dropSnapped(std::vector<Snapped>::iterator snapped);
+  void releaseUnused();
+  void undo();
+
+  // The checks of a snap, in their order.
+  Answer refuseSnapped(const std::vector<SnapEntry>& entries);
+  Answer refuseChangedSize(const std::vector<SnapEntry>& entries);
+  Answer refuseUnmapped(const std::vector<SnapEntry>& entries);
+  Answer refuseRelocationFiles(const Caller& caller, const std::vector<SnapEntry>& entries,
+                               const CommandBuffer& buffer);
+
+  const Kernel& mKernel;
+  Messages& mMessages;
+  DriverSettings mSettings;
+  std::vector<Snapped> mSnapped;         // in the order in which they were snapped
+  std::vector<SnapshotImage> mReleased;  // discarded while still mounted
+  std::vector<Mapping> mMappings;
+  std::vector<FileSystem> mFrozen;  // in the order in which they were frozen
+  std::atomic<bool> mCancelled{false};
+};
+
+}  // namespace emulator

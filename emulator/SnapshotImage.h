@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A snapshot as a disk: an image of a volume on a read-only loop device, with a node of its own.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "DeviceNumber.h"
+#include "Kernel.h"
+#include "Result.h"
+#include "qxtools/Handle.h"
+
+namespace emulator {
+
+// A new nameless file in `folder`: gone with its last user, even when the emulator is killed.
+Result<UniqueFd> makeNamelessFile(const std::string& folder);
+
+// The name of a volume's snapshot device, without its folder: "snap7_3".
+std::string snapshotNodeName(DeviceNumber volume);
+
+class SnapshotImage {
+ public:
+  // Puts an image on a loop device. The device lives as long as this object and whoever else uses it: a mount, or
+  // somebody who has it open.
+  static Result<SnapshotImage> attach(const Kernel& kernel, DeviceNumber volume, const UniqueFd& image,
+                                      unsigned int sectorSize);
+  SnapshotImage(SnapshotImage&&) = default;
+  SnapshotImage& operator=(SnapshotImage&& other);
+  // Removes the node.
+  ~SnapshotImage();
+
+  // Makes the node in a folder, which is kept open; a block device's node that is there already makes room.
+  Answer makeNode(UniqueFd folder);
+  void removeNode();
+
+  DeviceNumber volume() const { return mVolume; }
+  // The loop device behind the node.
+  DeviceNumber device() const { return mDevice; }
+
+ private:
+  SnapshotImage(DeviceNumber volume, DeviceNumber device, UniqueFd loop)
+      : mVolume(volume), mDevice(device), mLoop(std::move(loop)) {}
+
+  DeviceNumber mVolume;
+  DeviceNumber mDevice;
+  UniqueFd mLoop;        // keeps the loop device, which goes with its last user
+  UniqueFd mNodeFolder;  // invalid: there is no node
+};
+
+}  // namespace emulator

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "SnapshotTaking.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <optional>
+
+#include "FileSystem.h"
+#include "SparseCopy.h"
+
+namespace emulator {
+namespace {
+
+// One volume with everything that is needed of it opened: while file systems stand still, nothing is looked up.
+struct Source {
+  BlockDevice device;
+  FileSystem fileSystem;
+  BackingFile backing;
+  UniqueFd direct;  // the device past the page cache; only where there is no backing file
+  UniqueFd image;
+};
+
+// The block device of a folder's file system; its anonymous number where it has none.
+DeviceNumber deviceOfFolder(const Kernel& kernel, const std::string& folder) {
+  struct statx seen;
+  if (statx(AT_FDCWD, folder.c_str(), 0, STATX_MNT_ID, &seen) != 0) return {};
+  const DeviceNumber number{seen.stx_dev_major, seen.stx_dev_minor};
+  if (number.majorNum != 0) return number;
+  const Caller self(kernel, getpid());
+  for (const MountLine& mount : self.mounts()) {
+    if (static_cast<std::uint64_t>(mount.id) == seen.stx_mnt_id) return self.blockDevice(mount.source).value_or(number);
+  }
+  return number;
+}
+
+// The first store that stands on none of the devices that are, or will be, held still.
+Result<std::string> chooseStore(const Kernel& kernel, const SnapshotRequest& request) {
+  for (const std::string& store : request.stores) {
+    if (access(store.c_str(), W_OK) != 0) continue;
+    const std::set<DeviceNumber> under = devicesUnder(kernel, deviceOfFolder(kernel, store));
+    const auto isUnder = [&](DeviceNumber device) { return under.contains(device); };
+    if (std::none_of(request.volumes.begin(), request.volumes.end(), isUnder) &&
+        std::none_of(request.frozen.begin(), request.frozen.end(), isUnder)) {
+      return store;
+    }
+  }
+  return refuse(EDEADLK,
+                "the store " + request.stores.front() +
+                    " lies on a volume that must stand still, or cannot be written: choose another with --store");
+}
+
+Result<Source> openSource(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request,
+                          DeviceNumber volume, const std::string& store) {
+  auto device = BlockDevice::open(kernel, volume);
+  if (!device) return std::move(device).refusal();
+  auto fileSystem = FileSystem::on(kernel, volume, caller);
+  if (!fileSystem) return std::move(fileSystem).refusal();
+  for (const DeviceNumber frozen : request.frozen) {
+    if (fileSystem->standsOn(frozen)) {
+      return refuse(EDEADLK, "the volume " + volume.text() + " stands on " + frozen.text() + ", which is frozen");
+    }
+  }
+  BackingFile backing = openBackingFile(kernel, *device, caller);
+  UniqueFd direct;
+  if (!backing.file) {
+    direct = kernel.openDevice(S_IFBLK, volume, O_RDONLY | O_DIRECT);
+    if (!direct) return failedCall(errno, "cannot open the device " + volume.text() + " for direct reading");
+  }
+  auto image = makeNamelessFile(store);
+  if (!image) return std::move(image).refusal();
+  return Source{std::move(*device), std::move(*fileSystem), std::move(backing), std::move(direct), std::move(*image)};
+}
+
+Result<std::vector<Source>> openSources(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request) {
+  auto store = chooseStore(kernel, request);
+  if (!store) return std::move(store).refusal();
+  std::vector<Source> sources;
+  for (const DeviceNumber volume : request.volumes) {
+    auto source = openSource(kernel, caller, request, volume, *store);
+    if (!source) return std::move(source).refusal();
+    sources.push_back(std::move(*source));
+  }
+  return sources;
+}
+
+// Leaves little to be written during the standstill, and what the page cache of an unmounted device still holds goes
+// down to where the copy is read from.
+void writeOut(const Source& source) {
+  source.fileSystem.sync();
+  sync_file_range(source.device.descriptor(), 0, 0,
+                  SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
+}
+
+Answer copySources(const std::vector<Source>& sources, const std::function<int()>& stop) {
+  std::vector<SparseCopy> copies;
+  for (const Source& source : sources) {
+    const bool hasFile = source.backing.file.valid();
+    copies.push_back({hasFile ? source.backing.file.get() : source.direct.get(), source.backing.offset,
+                      source.device.bytes(), hasFile, source.image.get()});
+  }
+  const CopyResult result = copyAll(copies, stop);
+  if (result.error == 0) return done();
+  const std::string volume = sources[result.copy].device.number().text();
+  switch (result.error) {
+    case ETIMEDOUT:
+      return refuse(ETIMEDOUT, "copying took longer than the volumes may stand still");
+    case ECANCELED:
+      return refuse(ECANCELED, "the emulator is ending");
+    case ENOSPC:
+      return refuse(ENOSPC, "the store has no room for the image of " + volume);
+    default:
+      return failedCall(result.error, (result.whileWriting ? "cannot write the image of " : "cannot read ") + volume);
+  }
+}
+
+Answer copyAtOneInstant(const std::vector<Source>& sources, const SnapshotRequest& request,
+                        const std::atomic<bool>& cancelled) {
+  std::vector<const FileSystem*> toFreeze;
+  for (const Source& source : sources) {
+    writeOut(source);
+    if (!request.frozen.contains(source.device.number())) toFreeze.push_back(&source.fileSystem);
+  }
+  Standstill standstill(request.limit);
+  if (Answer answer = standstill.begin(insideOut(toFreeze)); answer.failed()) return answer;
+  Answer answer = copySources(sources, [&] { return standstill.expired() ? ETIMEDOUT : cancelled ? ECANCELED : 0; });
+  standstill.end();
+  if (!answer.failed() && standstill.expired()) {
+    answer = refuse(ETIMEDOUT, "the volumes could not be held still long enough");
+  }
+  return answer;
+}
+
+}  // namespace
+
+Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Caller& caller,
+                                                 const SnapshotRequest& request, const std::atomic<bool>& cancelled) {
+  // Opened while the caller is certainly there: it may be killed meanwhile.
+  const UniqueFd folder = caller.open("/dev", O_PATH | O_DIRECTORY);
+  if (!folder) return failedCall(errno, "cannot open the caller's /dev");
+  auto sources = openSources(kernel, caller, request);
+  if (!sources) return std::move(sources).refusal();
+  if (Answer answer = copyAtOneInstant(*sources, request, cancelled); answer.failed()) return answer;
+
+  std::vector<SnapshotImage> images;
+  for (const Source& source : *sources) {
+    auto image = SnapshotImage::attach(kernel, source.device.number(), source.image, source.device.sectorSize());
+    if (!image) return std::move(image).refusal();
+    images.push_back(std::move(*image));
+    UniqueFd nodeFolder(fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));
+    if (!nodeFolder) return failedCall(errno, "cannot keep the caller's /dev open");
+    if (Answer answer = images.back().makeNode(std::move(nodeFolder)); answer.failed()) return answer;
+  }
+  return images;
+}
+
+}  // namespace emulator

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The system calls that come to the emulator before the kernel looks at them.
+#pragma once
+
+#include "qxtools/Handle.h"
+
+namespace emulator {
+
+struct FilterOptions {
+  bool executions = false;  // also the starts of programs
+};
+
+// Whether the kernel can hand system calls to another process at all.
+bool canHandOverSystemCalls();
+
+// Puts the filter on the calling process and all that it will start. The descriptor on which the calls arrive; invalid
+// on failure, errno says why (EBUSY: somebody supervises this process already).
+UniqueFd installFilter(const FilterOptions& options);
+
+}  // namespace emulator
