@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <string>
@@ -75,6 +76,25 @@ std::string parentOf(const std::string& path) {
   return path.substr(0, slash == 0 ? 1 : slash);
 }
 
+// Whether the first mount met on the way up from `path` is one of `device`. inPartitionRelocFile looks past that mount,
+// but the blocks of a file are those of the device that it is really on: given to the driver as the outer volume's,
+// they would keep it from preserving that volume's own blocks.
+bool deepestMountIsOf(const std::string& path, const std::string& device) {
+  const std::optional<std::string> resolved = resolve(path);
+  if (!resolved) return false;
+  const std::vector<MountedDevice> table = readMountTable();
+  for (std::string current = *resolved; !current.empty(); current = parentOf(current)) {
+    const bool mounted =
+        std::any_of(table.begin(), table.end(), [&](const MountedDevice& entry) { return entry.folder == current; });
+    if (mounted) return isMountedOn(table, SoughtDevice(device), current);
+  }
+  return false;
+}
+
+bool liesOn(const std::string& file, const std::string& volume) {
+  return inPartitionRelocFile(file, volume) && deepestMountIsOf(file, volume);
+}
+
 bool isMounted(const std::string& volume) {
   mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
   system.Initialize();
@@ -115,11 +135,11 @@ int getAllRelocFileInVol(const std::string& snapVolumeName, const std::string& r
   // The contract: finding a file is logged as an error, in two spellings.
   for (const SnappedVolumeInformation& snapped : snappedVolumes) {
     const std::string file = WStringToString(snapped.getRelocFileName());
-    if (!inPartitionRelocFile(file, snapVolumeName)) continue;
+    if (!liesOn(file, snapVolumeName)) continue;
     syslog(LOG_ERR, "Reloc File %s is in Volume: %s\n", file.c_str(), snapVolumeName.c_str());
     files.push_back(file);
   }
-  if (inPartitionRelocFile(relocFileName, snapVolumeName)) {
+  if (liesOn(relocFileName, snapVolumeName)) {
     syslog(LOG_ERR, "Reloc file %s is in Volume: %s\n", relocFileName.c_str(), snapVolumeName.c_str());
     files.push_back(relocFileName);
   }

@@ -3,6 +3,7 @@
 // The relocation files that lie on a volume: those of snapshots that the driver holds, then the request's own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <cerrno>
@@ -70,6 +71,21 @@ TEST_F(RelocFilesInVolume, a_file_on_another_file_system_is_not_found) {
   EXPECT_EQ(getAllRelocFileInVol(volume.device(), on(other, "elsewhere"), files), 0);
   EXPECT_TRUE(files.empty());
   EXPECT_THAT(log.texts(LOG_ERR), ElementsAre());
+}
+
+// Its blocks are the inner device's: as runs of the outer volume they would leave blocks of that one unpreserved.
+TEST_F(RelocFilesInVolume, a_file_on_a_volume_mounted_inside_is_found_on_that_one_only) {
+  const std::string inside = on(volume, "inside");
+  ASSERT_EQ(mkdir(inside.c_str(), 0755), 0);
+  const test::LoopDevice inner(16 << 20);
+  inner.mkfs("ext4");
+  const test::Mounted mounted(inner.path(), inside, "ext4");
+  test::writeOut(inside + "/nested", 4096);
+  holdSnapshots(driver, {inside + "/nested"});
+  EXPECT_EQ(getAllRelocFileInVol(volume.device(), inside + "/nested", files), 0);
+  EXPECT_TRUE(files.empty());
+  EXPECT_EQ(getAllRelocFileInVol(inner.path(), inside + "/nested", files), 0);
+  EXPECT_THAT(files, ElementsAre(inside + "/nested", inside + "/nested"));
 }
 
 TEST_F(RelocFilesInVolume, what_the_list_held_stays) {
