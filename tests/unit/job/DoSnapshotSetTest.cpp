@@ -238,7 +238,8 @@ TEST_F(DoSnapshotSet, hands_out_the_engines_job_face_with_a_reference) {
   EXPECT_EQ(job->Wait(20'000), USC_S_ASYNC_FINISHED);
   job->Release();
   forget(MirelSnapshotEngine::sUUID);
-  while (engine.references() != 1) sched_yield();
+  ASSERT_TRUE(detachedThreadsEnded());
+  EXPECT_EQ(engine.references(), 1u);
 }
 
 TEST_F(DoSnapshotSet, no_shortage_of_memory_leaves_the_engine) {

@@ -5,12 +5,16 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <memory>
+#include <thread>
 #include <utility>
 
 namespace {
 
 thread_local int failure[test::FailingCall::kCalls];
 thread_local test::ThreadStart threadStart;
+std::atomic<int> detachedThreads{0};
 thread_local std::optional<timespec> shownTime;
 thread_local int clockError = 0;
 thread_local test::TimedWait::Answer timedWait;
@@ -19,6 +23,14 @@ thread_local std::function<void()> afterUnlock;
 std::atomic<const pthread_cond_t*> watched{nullptr};
 std::atomic<int> signalled{0};
 std::atomic<int> broadcast{0};
+
+// What a detached thread runs: the routine, and the note that it has ended.
+void* runDetached(void* start) {
+  const std::unique_ptr<test::ThreadStart> own(static_cast<test::ThreadStart*>(start));
+  void* const value = own->routine(own->argument);
+  --detachedThreads;
+  return value;
+}
 
 // The C library's function behind the one that stands here.
 template <class Function>
@@ -34,6 +46,14 @@ FailingCall::FailingCall(Call call, int error) : mCall(call) { failure[call] = e
 FailingCall::~FailingCall() { failure[mCall] = 0; }
 
 const ThreadStart& lastThreadStart() { return threadStart; }
+
+bool detachedThreadsEnded() {
+  for (int attempt = 0; detachedThreads != 0; ++attempt) {
+    if (attempt == 20'000) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
 
 Clock::Clock(timespec now) { shownTime = now; }
 Clock::Clock(int error) { clockError = error; }
@@ -73,7 +93,10 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
   if (attributes != nullptr) pthread_attr_getdetachstate(attributes, &state);
   threadStart.detached = state == PTHREAD_CREATE_DETACHED;
   const int error = failure[test::FailingCall::kThreadCreate];
-  return error != 0 ? error : real(thread, attributes, routine, argument);
+  if (error != 0) return error;
+  if (!threadStart.detached) return real(thread, attributes, routine, argument);
+  ++detachedThreads;
+  return real(thread, attributes, &runDetached, new test::ThreadStart(threadStart));
 }
 
 extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept {

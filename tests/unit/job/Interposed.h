@@ -31,6 +31,8 @@ struct ThreadStart {
   bool detached = false;
 };
 const ThreadStart& lastThreadStart();
+// Waits until every detached thread has run its routine to the end; false when that takes too long.
+bool detachedThreadsEnded();
 
 // While it lives, CLOCK_REALTIME shows `now` on this thread, or cannot be read when there is an error.
 class Clock {

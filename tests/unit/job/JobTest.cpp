@@ -3,9 +3,8 @@
 
 #include <chrono>
 #include <stdexcept>
-#include <thread>
 
-#include "engine/GetDoneWrapper.h"
+#include "Interposed.h"
 
 namespace test {
 namespace {
@@ -72,12 +71,10 @@ void JobTest::TearDown() {
   EXPECT_EQ(SnapDriverInterface::mInstance, nullptr);
 }
 
-void JobTest::awaitEnd(const Engine& engine, const Job& job, unsigned int references) {
+void JobTest::awaitEnd(const Engine& engine, const Job& job) {
   ASSERT_EQ(job->Wait(20'000), USC_S_ASYNC_FINISHED);
-  for (int attempt = 0; engine.references() != references; ++attempt) {
-    ASSERT_LT(attempt, 10'000) << "the worker keeps its reference";
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  ASSERT_TRUE(detachedThreadsEnded());
+  EXPECT_EQ(engine.references(), 2u);  // the agent's: the worker dropped its own
 }
 
 std::pair<int, int> JobTest::outcome(const Job& job) {

@@ -68,8 +68,8 @@ class JobTest : public testing::Test {
   // Nothing of the process-wide state may stay.
   void TearDown() override;
 
-  // Waits until the job is done and its worker has dropped its reference: `references` on the engine are left.
-  static void awaitEnd(const Engine& engine, const Job& job, unsigned int references = 2);
+  // Waits until the job is done and its worker has ended. The agent's two references are left.
+  static void awaitEnd(const Engine& engine, const Job& job);
   // Status and snap result of a finished job.
   static std::pair<int, int> outcome(const Job& job);
   // Whether no set is in progress in the process.

@@ -2,13 +2,13 @@
 //
 // What the worker does, and what it leaves.
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <list>
 #include <memory>
 #include <optional>
 
+#include "Interposed.h"
 #include "JobTest.h"
 #include "LogCapture.h"
 #include "driver/DriverProtocol.h"
@@ -202,7 +202,9 @@ TEST_F(Worker, the_job_outlives_the_agents_last_reference) {
   engine.release();
   gate.open();
   // The worker drops the last reference, and with it the engine ends its set.
-  for (int attempt = 0; SnapDriverInterface::mInstance != nullptr && attempt < 20'000; ++attempt) usleep(1000);
+  ASSERT_TRUE(detachedThreadsEnded());
+  EXPECT_EQ(SnapDriverInterface::mInstance, nullptr);
+  EXPECT_TRUE(noSetInProgress());
   EXPECT_TRUE(isListed(setId));
   forget(setId);
 }
