@@ -208,12 +208,15 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   //   "MountPointBase"           absolute directory for the exposure; `snapshotId` is ignored
   //   "RelocationFileMountPoint" mount point for this volume's relocation file
   //   "RelocationFileSize"       its size in blocks of the volume (decimal, 0x hexadecimal, 0 octal)
-  // The two relocation options go together. S_OK; USC_E_OBJECT_NOT_FOUND; E_INVALIDARG; E_UNEXPECTED.
+  // The two relocation options go together. S_OK; USC_E_OBJECT_NOT_FOUND; E_INVALIDARG; E_UNEXPECTED for a base
+  // that is empty or that the locale cannot write; E_OUTOFMEMORY.
   virtual int SetOption(const _SSGUIDPLAIN& snapshotId, const wchar_t* key, const wchar_t* value) = 0;
   // Does nothing; S_OK. `async` is left untouched.
   virtual int PrepareForBackup(UnixSnapshotCoordinator::IUscAsync** async) = 0;
   // Starts the job on a thread of its own and hands out its interface (release it when done).
-  // S_OK; USC_E_BAD_STATE; E_POINTER; E_OUTOFMEMORY without a driver; E_UNEXPECTED.
+  // S_OK; USC_E_BAD_STATE for a set that is not open, is empty, or has only one of a volume's relocation options;
+  // E_POINTER; E_OUTOFMEMORY, also without a driver; E_UNEXPECTED when the thread cannot be started (the engine
+  // then lives until the process ends). After any failure the set is as it was, and the call may be made again.
   virtual int DoSnapshotSet(UnixSnapshotCoordinator::IUscAsync** async) = 0;
   // Fills `props` for one snapshot of a finished job; free it with UscFreeSnapshotProperties.
   // S_OK; USC_E_BAD_STATE; E_POINTER; USC_E_OBJECT_NOT_FOUND; E_OUTOFMEMORY.
@@ -258,8 +261,8 @@ MIRELSNAP_API UscCreateSnapshotEngine* GetCreatorFunction();
 
 // Routes the engine's messages to `handler` (level 0 is a failure or a change of state; the text has no
 // line end). Null gives the default back: the system log. Thread-safe; once it returns, the old handler is
-// not called any more. The handler must not call it, nor an engine: some messages come while the engine's lock
-// is held.
+// not called any more. The handler must not throw, and must not call this function or an engine: some messages
+// come while the engine's lock is held.
 MIRELSNAP_API void QX_SetLogHandler(void (*handler)(unsigned short level, const wchar_t* message, void* context),
                                     void* context);
 }

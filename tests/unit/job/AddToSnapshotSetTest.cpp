@@ -112,11 +112,11 @@ TEST_F(AddToSnapshotSet, a_volume_of_a_set_taken_in_this_process_is_already_ther
             USC_E_OBJECT_ALREADY_EXISTS);
   EXPECT_EQ(log.lines(), (Lines{L"AddToSnapshotSet: ERROR: Volume " + volume.wdevice() +
                                 L" already being snapped, returning USC_E_OBJECT_ALREADY_EXISTS!!!"}));
-  // The reference of the look-up was given back: the set's own is the only one.
+  // The reference of the look-up was given back: without the list's set the test's own is the last one.
   MirelSnapshotVolumeParams* found = MirelSnapshotEngine::sSnapshotSetParamsArray.FindVolume(volume.wdevice().c_str());
   ASSERT_NE(found, nullptr);
-  EXPECT_FALSE(found->Done());
   forget(taken);
+  EXPECT_TRUE(found->Done());
 }
 
 TEST_F(AddToSnapshotSet, a_volume_that_cannot_be_snapped_is_told_before_the_null_output) {
@@ -132,6 +132,23 @@ TEST_F(AddToSnapshotSet, a_volume_that_cannot_be_snapped_is_told_before_the_null
     EXPECT_EQ(log.lines(), (Lines{L"AddToSnapshotSet: ERROR: Volume " + wide(name) +
                                   L" is not supported, returning USC_E_VOLUME_NOT_SUPPORTED!!!"}));
   }
+}
+
+// Says that it supports everything, and fails to say so.
+class FailingSupport : public MirelSnapshotEngine {
+ public:
+  int IsVolumeSupported(const wchar_t*, int* supported) override {
+    *supported = 1;
+    return E_OUTOFMEMORY;
+  }
+};
+
+TEST_F(AddToSnapshotSet, an_engine_that_cannot_tell_counts_as_not_supported) {
+  auto* const engine = new FailingSupport;
+  ASSERT_EQ(engine->StartSnapshotSet(&id), S_OK);
+  EXPECT_EQ(engine->AddToSnapshotSet(volume.wdevice().c_str(), volume.wfolder().c_str(), &id),
+            USC_E_VOLUME_NOT_SUPPORTED);
+  engine->Release();
 }
 
 TEST_F(AddToSnapshotSet, a_null_output_is_E_POINTER) {
