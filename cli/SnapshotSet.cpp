@@ -188,8 +188,10 @@ void SnapshotSet::showRelocationFile() {
   }
   const auto predicted = std::find_if(mPlacements.begin(), mPlacements.end(),
                                       [&](const Placement& placement) { return placement.path == file->path; });
-  mTerminal.bar("writing the relocation file " + file->path, file->written,
-                predicted == mPlacements.end() ? 0 : predicted->bytes);
+  const std::uint64_t total = predicted == mPlacements.end() ? 0 : predicted->bytes;
+  const bool written = total != 0 && file->written >= total;
+  mTerminal.bar((written ? "flushing the relocation file " : "writing the relocation file ") + file->path,
+                file->written, total);
 }
 
 Failure SnapshotSet::snapFailure(int snapResult) {
