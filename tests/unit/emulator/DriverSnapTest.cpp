@@ -1,0 +1,420 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Snapping, listing, discarding, cleaning up.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "DriverFixture.h"
+#include "qxtools/Handle.h"
+
+namespace {
+
+using test::WireCommand;
+using test::WireSnapVolume;
+
+struct DriverSnap : DriverTest {
+  // Snaps; the errno.
+  int snap(const std::vector<WireSnapVolume>& volumes) { return error(IOC_SNAP, test::snapCommand(volumes)); }
+  emulator::Answer refusal(const std::vector<WireSnapVolume>& volumes) {
+    WireCommand command = test::snapCommand(volumes);
+    return ask(IOC_SNAP, command);
+  }
+};
+
+TEST_F(DriverSnap, a_snapped_volume_is_counted_checked_and_listed) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  const WireSnapVolume wire = candidate(volume.loop());
+  ASSERT_EQ(snap({wire}), 0);
+  EXPECT_EQ(status(IOC_CHECK_VOLUME_SNAPPED, wire.device), -2);
+  EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 1u);
+  WireCommand list = test::snappedListingCommand(3);
+  ASSERT_EQ(ask(IOC_GET_SNAPPED_VOL_DETAILS, list).error, 0);
+  EXPECT_EQ(list.requestValue(), 1u);
+  const auto entry = list.record<SnappedVolumeEntry>(0);
+  EXPECT_EQ(entry.numBlocks, wire.numBlocks);
+  EXPECT_EQ(entry.blockSize, 4096u);
+  EXPECT_EQ(entry.relocFileSize, 4u);
+  EXPECT_EQ(entry.majorNum, 7u);
+  EXPECT_EQ(entry.minorNum, volume.loop().minor());
+  EXPECT_EQ(entry.appPid, getpid());
+  EXPECT_EQ(entry.deviceState, 1u);
+  EXPECT_STREQ(entry.relocFileName, wire.relocFile.c_str());
+  EXPECT_STREQ(entry.snappedVolumeName, volume.device().c_str());
+}
+
+TEST_F(DriverSnap, a_listing_of_snapped_volumes_fills_no_more_than_the_room_asked) {
+  const test::LoopDevice one(kVolumeBytes);
+  const test::LoopDevice two(kVolumeBytes);
+  ASSERT_EQ(snap({candidate(one), candidate(two)}), 0);
+  WireCommand list = test::snappedListingCommand(1);
+  ASSERT_EQ(ask(IOC_GET_SNAPPED_VOL_DETAILS, list).error, 0);
+  EXPECT_EQ(list.requestValue(), 1u);
+  EXPECT_STREQ(list.record<SnappedVolumeEntry>(0).snappedVolumeName, one.path().c_str());
+}
+
+TEST_F(DriverSnap, the_snapshot_is_a_read_only_block_device_of_the_same_size_and_sector_size) {
+  const test::LoopDevice loop(kVolumeBytes);
+  ASSERT_EQ(snap({candidate(loop)}), 0);
+  struct stat node;
+  ASSERT_EQ(stat(nodeOf(loop).c_str(), &node), 0);
+  EXPECT_TRUE(S_ISBLK(node.st_mode));
+  const UniqueFd device(open(nodeOf(loop).c_str(), O_RDONLY | O_CLOEXEC));
+  std::uint64_t bytes = 0;
+  int readOnly = 0;
+  int sectorSize = 0;
+  ASSERT_EQ(ioctl(device.get(), BLKGETSIZE64, &bytes), 0);
+  ASSERT_EQ(ioctl(device.get(), BLKROGET, &readOnly), 0);
+  ASSERT_EQ(ioctl(device.get(), BLKSSZGET, &sectorSize), 0);
+  EXPECT_EQ(bytes, kVolumeBytes);
+  EXPECT_NE(readOnly, 0);
+  EXPECT_EQ(sectorSize, 512);
+}
+
+TEST_F(DriverSnap, an_unmounted_volumes_snapshot_holds_its_bytes) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const std::string data(8192, 'd');
+  {
+    const UniqueFd device(open(loop.path().c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(pwrite(device.get(), data.data(), data.size(), 1 << 20), 8192);  // still in the page cache
+    ASSERT_EQ(snap({candidate(loop)}), 0);
+    ASSERT_EQ(pwrite(device.get(), "later", 5, 1 << 20), 5);
+    ASSERT_EQ(fsync(device.get()), 0);
+  }
+  const UniqueFd snapshot(open(nodeOf(loop).c_str(), O_RDONLY | O_CLOEXEC));
+  std::string seen(8192, '\0');
+  ASSERT_EQ(pread(snapshot.get(), seen.data(), seen.size(), 1 << 20), 8192);
+  EXPECT_EQ(seen, data);
+}
+
+TEST_F(DriverSnap, a_snapped_volume_alone_is_refused_with_2_and_among_several_with_3) {
+  const test::LoopDevice one(kVolumeBytes);
+  const test::LoopDevice two(kVolumeBytes);
+  const WireSnapVolume first = candidate(one);
+  const WireSnapVolume second = candidate(two);
+  ASSERT_EQ(snap({first}), 0);
+  const emulator::Answer alone = refusal({first});
+  EXPECT_EQ(alone.error, EBUSY);
+  EXPECT_EQ(alone.status, -2);
+  const emulator::Answer among = refusal({second, first});
+  EXPECT_EQ(among.error, EBUSY);
+  EXPECT_EQ(among.status, -3);
+  EXPECT_FALSE(isSnapped(second.device));
+  EXPECT_FALSE(exists(nodeOf(two)));
+}
+
+TEST_F(DriverSnap, a_size_that_is_no_longer_the_devices_is_refused_with_8) {
+  const test::LoopDevice loop(kVolumeBytes + 1024);
+  WireSnapVolume volume = candidate(loop);
+  for (const int more : {-1, 1}) {
+    WireSnapVolume changed = volume;
+    changed.numBlocks += static_cast<std::uint64_t>(more);
+    const emulator::Answer answer = refusal({changed});
+    EXPECT_EQ(answer.error, ESTALE);
+    EXPECT_EQ(answer.status, -8);
+  }
+  // What is left behind the last whole block does not count.
+  EXPECT_EQ(snap({volume}), 0);
+}
+
+TEST_F(DriverSnap, a_volume_without_a_device_is_refused) {
+  const test::LoopDevice loop(kVolumeBytes);
+  WireSnapVolume volume = candidate(loop);
+  volume.device = {240, 77};
+  EXPECT_EQ(snap({volume}), ENXIO);
+}
+
+TEST_F(DriverSnap, is_refused_without_the_mapping_of_its_process_volume_and_file) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const WireSnapVolume volume = candidate(loop);
+  WireSnapVolume other = volume;
+  other.process = 1;
+  EXPECT_EQ(snap({other}), EINVAL);
+  other = volume;
+  other.name = "/dev/loop-else";
+  EXPECT_EQ(snap({other}), EINVAL);
+  other = volume;
+  other.relocFile += "x";
+  EXPECT_EQ(snap({other}), EINVAL);
+  ASSERT_EQ(error(IOC_DELETE_RELOC_FILE_MAPPING, test::deleteMappingCommand(getpid(), volume.name)), 0);
+  EXPECT_EQ(snap({volume}), EINVAL);
+  EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 0u);
+}
+
+// ---- relocation files
+
+TEST_F(DriverSnap, is_refused_without_its_relocation_file_or_when_that_is_too_small_or_no_file) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const WireSnapVolume volume = candidate(loop);
+  WireSnapVolume bigger = volume;
+  bigger.relocBlocks = 5;
+  EXPECT_EQ(snap({bigger}), EINVAL);
+  ASSERT_EQ(unlink(volume.relocFile.c_str()), 0);
+  EXPECT_EQ(snap({volume}), ENOENT);
+  ASSERT_EQ(mkdir(volume.relocFile.c_str(), 0755), 0);
+  EXPECT_EQ(snap({volume}), EINVAL);
+}
+
+TEST_F(DriverSnap, the_relocation_file_lies_on_the_volume_that_is_said_to_hold_it) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const test::Volume holder("ext4", kVolumeBytes);
+  WireSnapVolume volume = candidate(loop);
+  volume.relocFile = holder.folder() + "/reloc";
+  test::writeFile(volume.relocFile, std::string(4 * 4096, '\0'));
+  ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(getpid(), volume.name, volume.relocFile)),
+            0);
+  volume.relocDevice = {7, loop.minor()};
+  EXPECT_EQ(snap({volume}), EINVAL);
+  volume.relocDevice = deviceOf(holder.loop());
+  EXPECT_EQ(snap({volume}), 0);
+}
+
+TEST_F(DriverSnap, a_relocation_file_on_its_own_volume_is_covered_by_the_runs) {
+  const test::Volume own("ext4", kVolumeBytes);
+  WireSnapVolume volume = candidate(own.loop());
+  volume.relocFile = own.folder() + "/reloc";
+  volume.relocDevice = volume.device;
+  test::writeFile(volume.relocFile, std::string(4 * 4096, 'r'));
+  ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(getpid(), volume.name, volume.relocFile)),
+            0);
+  EXPECT_EQ(snap({volume}), EINVAL);
+  volume.runs = {{100, 2}, {200, 1}};
+  EXPECT_EQ(snap({volume}), EINVAL);
+  volume.runs = {{100, 2}, {200, 2}};
+  EXPECT_EQ(snap({volume}), 0);
+}
+
+// ---- all or nothing
+
+TEST_F(DriverSnap, leaves_nothing_when_one_volume_of_several_cannot_be_snapped) {
+  const test::Volume good("ext4", kVolumeBytes);
+  const test::Volume bad("ext4", kVolumeBytes);
+  const UniqueFd root(open(bad.folder().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(ioctl(root.get(), FIFREEZE, 0), 0);  // somebody else holds it
+  EXPECT_EQ(snap({candidate(good.loop()), candidate(bad.loop())}), EBUSY);
+  ASSERT_EQ(ioctl(root.get(), FITHAW, 0), 0);
+  EXPECT_FALSE(exists(nodeOf(good.loop())));
+  EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 0u);
+  test::writeFile(good.folder() + "/written", "it is thawed");
+}
+
+TEST_F(DriverSnap, a_node_that_cannot_be_made_undoes_the_whole_set) {
+  const test::LoopDevice one(kVolumeBytes);
+  const test::LoopDevice two(kVolumeBytes);
+  const std::vector<WireSnapVolume> both = {candidate(one), candidate(two)};
+  test::writeFile(nodeOf(two), "in the way");
+  EXPECT_EQ(snap(both), EEXIST);
+  EXPECT_FALSE(exists(nodeOf(one)));
+  EXPECT_EQ(test::readFile(nodeOf(two)), "in the way");
+  unlink(nodeOf(two).c_str());
+  EXPECT_EQ(snap(both), 0);
+}
+
+TEST_F(DriverSnap, a_node_that_an_earlier_run_left_makes_room) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const test::Node stale(nodeOf(loop), S_IFBLK, 7, 255);
+  ASSERT_EQ(snap({candidate(loop)}), 0);
+  struct stat node;
+  ASSERT_EQ(stat(nodeOf(loop).c_str(), &node), 0);
+  EXPECT_NE(node.st_rdev, makedev(7, 255));
+}
+
+TEST_F(DriverSnap, a_store_without_room_is_named_and_leaves_nothing) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  test::writeFile(volume.folder() + "/data", std::string(4 << 20, 'x'));
+  const test::Mounted room("room", store.path(), "tmpfs", 0, "size=256k");
+  const emulator::Answer answer = refusal({candidate(volume.loop())});
+  EXPECT_EQ(answer.error, ENOSPC);
+  EXPECT_EQ(answer.why,
+            "the store has no room for the image of " + std::string("7:") + std::to_string(volume.loop().minor()));
+  test::writeFile(volume.folder() + "/written", "it is thawed");
+}
+
+TEST_F(DriverSnap, a_store_on_a_volume_of_the_set_is_refused) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  driver = std::make_unique<emulator::EmulatedDriver>(
+      kernel, messages, emulator::DriverSettings{"", {volume.folder()}, std::chrono::seconds(60)});
+  EXPECT_EQ(snap({candidate(volume.loop())}), EDEADLK);
+}
+
+// The store's file system lies in a file on the volume: it would stand still with it.
+TEST_F(DriverSnap, a_store_that_stands_on_a_volume_of_the_set_is_passed_by_for_the_next) {
+  const test::Volume volume("ext4", 32 << 20);
+  const std::string image = volume.folder() + "/image";
+  test::writeFile(image, "");
+  ASSERT_EQ(truncate(image.c_str(), 8 << 20), 0);
+  ASSERT_EQ(test::run({"mkfs.ext4", "-q", image}), 0);
+  const test::TempDir inner;
+  ASSERT_EQ(test::run({"mount", "-o", "loop", image, inner.path()}), 0);
+  driver = std::make_unique<emulator::EmulatedDriver>(
+      kernel, messages, emulator::DriverSettings{"", {inner.path()}, std::chrono::seconds(60)});
+  EXPECT_EQ(snap({candidate(volume.loop(), 32 << 20)}), EDEADLK);
+  driver = std::make_unique<emulator::EmulatedDriver>(
+      kernel, messages, emulator::DriverSettings{"", {inner.path(), store.path()}, std::chrono::seconds(60)});
+  EXPECT_EQ(snap({candidate(volume.loop(), 32 << 20)}), 0);
+  driver.reset();
+  EXPECT_EQ(test::run({"umount", inner.path()}), 0);
+}
+
+TEST_F(DriverSnap, a_standstill_that_lasts_too_long_is_given_up_and_thawed) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  make(std::chrono::milliseconds(0));
+  EXPECT_EQ(snap({candidate(volume.loop())}), ETIMEDOUT);
+  test::writeFile(volume.folder() + "/written", "it is thawed");
+  EXPECT_FALSE(exists(nodeOf(volume.loop())));
+}
+
+TEST_F(DriverSnap, is_refused_once_the_emulator_is_ending) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  const WireSnapVolume wire = candidate(volume.loop());
+  driver->cancel();
+  EXPECT_EQ(snap({wire}), ECANCELED);
+  test::writeFile(volume.folder() + "/written", "it is thawed");
+}
+
+TEST_F(DriverSnap, a_volume_that_is_frozen_is_snapped_and_stays_frozen) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  const WireSnapVolume wire = candidate(volume.loop());
+  ASSERT_EQ(error(IOC_FREEZE, test::volumeListCommand({wire.device})), 0);
+  EXPECT_EQ(snap({wire}), 0);
+  EXPECT_EQ(status(IOC_CHECK_VOLUME_FROZEN, wire.device), -6);
+  EXPECT_EQ(error(IOC_THAW, test::volumeListCommand({wire.device})), 0);
+}
+
+TEST_F(DriverSnap, a_device_in_use_whose_mount_cannot_be_seen_is_refused) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const UniqueFd claim(open(loop.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+  EXPECT_EQ(snap({candidate(loop)}), EBUSY);
+}
+
+// ---- discard
+
+TEST_F(DriverSnap, discarding_names_the_relocation_file_and_takes_node_mapping_and_state_with_it) {
+  const test::LoopDevice one(kVolumeBytes);
+  const test::LoopDevice two(kVolumeBytes);
+  const WireSnapVolume first = candidate(one);
+  const WireSnapVolume second = candidate(two);
+  ASSERT_EQ(snap({first, second}), 0);
+  WireCommand command = test::discardCommand({first.device}, 1);
+  ASSERT_EQ(ask(IOC_SNAP_DISCARD, command).error, 0);
+  const auto record = command.record<DiscardEntry>(0);
+  EXPECT_EQ(record.result, 0u);
+  EXPECT_EQ(record.flag, 1u);
+  EXPECT_STREQ(record.relocFileName, first.relocFile.c_str());
+  EXPECT_FALSE(isSnapped(first.device));
+  EXPECT_TRUE(isSnapped(second.device));
+  EXPECT_FALSE(exists(nodeOf(one)));
+  EXPECT_TRUE(exists(nodeOf(two)));
+  WireCommand mappings = test::mappingListingCommand(2);
+  ASSERT_EQ(ask(IOC_GET_RELOC_FILE_MAPPING, mappings).error, 0);
+  EXPECT_EQ(mappings.requestValue(), 1u);
+  EXPECT_STREQ(mappings.record<RelocFileMappingEntry>(0).snappedVolumeName, two.path().c_str());
+  // The file is the caller's to remove.
+  EXPECT_TRUE(exists(first.relocFile));
+}
+
+TEST_F(DriverSnap, discarding_a_volume_that_is_not_snapped_fails_with_4_and_leaves_the_record) {
+  WireCommand command = test::discardCommand({{7, 99}});
+  EXPECT_EQ(ask(IOC_SNAP_DISCARD, command).error, ENOENT);
+  EXPECT_EQ(command.status(), -4);
+  EXPECT_EQ(command.record<DiscardEntry>(0).result, 0u);
+  EXPECT_STREQ(command.record<DiscardEntry>(0).relocFileName, "");
+}
+
+TEST_F(DriverSnap, discarding_several_of_which_one_is_not_snapped_fails_with_5_and_discards_none) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const WireSnapVolume volume = candidate(loop);
+  ASSERT_EQ(snap({volume}), 0);
+  WireCommand command = test::discardCommand({volume.device, {7, 99}});
+  EXPECT_EQ(ask(IOC_SNAP_DISCARD, command).error, ENOENT);
+  EXPECT_EQ(command.status(), -5);
+  EXPECT_STREQ(command.record<DiscardEntry>(0).relocFileName, "");
+  EXPECT_TRUE(isSnapped(volume.device));
+  EXPECT_TRUE(exists(nodeOf(loop)));
+}
+
+TEST_F(DriverSnap, a_volume_can_be_snapped_again_after_the_discard) {
+  const test::LoopDevice loop(kVolumeBytes);
+  for (int i = 0; i < 3; ++i) {
+    const WireSnapVolume volume = candidate(loop);
+    ASSERT_EQ(snap({volume}), 0);
+    ASSERT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({volume.device})), 0);
+  }
+}
+
+TEST_F(DriverSnap, a_snapshot_that_is_mounted_while_it_is_discarded_stays_until_it_is_not) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  test::writeFile(volume.folder() + "/file", "kept");
+  const WireSnapVolume wire = candidate(volume.loop());
+  ASSERT_EQ(snap({wire}), 0);
+  const test::TempDir folder;
+  {
+    const test::Mounted snapshot(nodeOf(volume.loop()), folder.path(), "ext4", MS_RDONLY);
+    EXPECT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({wire.device})), 0);
+    EXPECT_EQ(test::readFile(folder / "file"), "kept");
+    EXPECT_FALSE(isSnapped(wire.device));
+  }
+  ASSERT_EQ(snap({candidate(volume.loop())}), 0);
+}
+
+TEST_F(DriverSnap, the_drivers_end_unmounts_snapshots_also_discarded_ones_and_frees_their_devices) {
+  const test::Volume one("ext4", kVolumeBytes);
+  const test::Volume two("ext4", kVolumeBytes);
+  const WireSnapVolume first = candidate(one.loop());
+  ASSERT_EQ(snap({first, candidate(two.loop())}), 0);
+  const test::TempDir folders;
+  const std::string a = folders / "a";
+  const std::string b = folders / "b";
+  mkdir(a.c_str(), 0755);
+  mkdir(b.c_str(), 0755);
+  ASSERT_EQ(mount(nodeOf(one.loop()).c_str(), a.c_str(), "ext4", MS_RDONLY, nullptr), 0);
+  ASSERT_EQ(mount(nodeOf(two.loop()).c_str(), b.c_str(), "ext4", MS_RDONLY, nullptr), 0);
+  struct stat inside;
+  ASSERT_EQ(stat(a.c_str(), &inside), 0);
+  const std::string bound = "/sys/dev/block/7:" + std::to_string(gnu_dev_minor(inside.st_dev)) + "/loop";
+  EXPECT_TRUE(exists(bound));
+  ASSERT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({first.device})), 0);
+  driver.reset();
+  EXPECT_NE(umount(a.c_str()), 0);
+  EXPECT_NE(umount(b.c_str()), 0);
+  EXPECT_FALSE(exists(bound));
+  EXPECT_FALSE(exists(nodeOf(two.loop())));
+}
+
+// ---- verify and clean
+
+TEST_F(DriverSnap, verify_and_clean_drops_what_has_no_device_any_more_and_keeps_the_rest) {
+  const test::LoopDevice stays(kVolumeBytes);
+  auto goes = std::make_unique<test::LoopDevice>(kVolumeBytes);
+  const test::WireDevice gone = deviceOf(*goes);
+  const std::string node = nodeOf(*goes);
+  ASSERT_EQ(snap({candidate(stays), candidate(*goes)}), 0);
+  ASSERT_EQ(error(IOC_VERIFY_AND_CLEAN_VOLUMES, test::verifyCommand()), 0);
+  EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 2u);
+  EXPECT_EQ(count(IOC_GET_NUM_OF_RELOC_FILE_MAPPING), 2u);
+  goes.reset();
+  ASSERT_EQ(error(IOC_VERIFY_AND_CLEAN_VOLUMES, test::verifyCommand()), 0);
+  EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 1u);
+  EXPECT_EQ(count(IOC_GET_NUM_OF_RELOC_FILE_MAPPING), 1u);
+  EXPECT_FALSE(isSnapped(gone));
+  EXPECT_FALSE(exists(node));
+  EXPECT_TRUE(isSnapped(deviceOf(stays)));
+}
+
+TEST_F(DriverSnap, verify_and_clean_drops_mappings_of_devices_that_are_gone) {
+  auto goes = std::make_unique<test::LoopDevice>(kVolumeBytes);
+  candidate(*goes);
+  ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(1, "/dev/never-there", "/r")), 0);
+  goes.reset();
+  ASSERT_EQ(error(IOC_VERIFY_AND_CLEAN_VOLUMES, test::verifyCommand()), 0);
+  // What never named a device cannot be said to have lost one.
+  EXPECT_EQ(count(IOC_GET_NUM_OF_RELOC_FILE_MAPPING), 1u);
+}
+
+}  // namespace

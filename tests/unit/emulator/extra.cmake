@@ -1,0 +1,1 @@
+target_link_libraries(unit_emulator PRIVATE emulator_core)
