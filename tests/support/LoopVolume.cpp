@@ -27,10 +27,12 @@ long kernelIoctl(int fd, unsigned long request, unsigned long argument) {
 
 }  // namespace
 
-LoopDevice::LoopDevice(std::uint64_t bytes) {
-  const std::string image = mDir / "image";
-  const int file = open(image.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (file < 0 || ftruncate(file, static_cast<off_t>(bytes)) != 0) fail("cannot make " + image);
+LoopDevice::LoopDevice(std::uint64_t bytes) : LoopDevice(bytes, "") {}
+
+LoopDevice::LoopDevice(std::uint64_t bytes, const std::string& folder)
+    : mImage((folder.empty() ? mDir.path() : folder) + "/image") {
+  const int file = open(mImage.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (file < 0 || ftruncate(file, static_cast<off_t>(bytes)) != 0) fail("cannot make " + mImage);
   const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
   if (control < 0) fail("cannot open /dev/loop-control");
   // Another process may take the free device first: ask again then.
@@ -56,6 +58,7 @@ LoopDevice::LoopDevice(std::uint64_t bytes) {
 LoopDevice::~LoopDevice() {
   close(mDevice);  // detaches: the device clears itself with its last user
   unlink(mPath.c_str());
+  unlink(mImage.c_str());
 }
 
 void LoopDevice::mkfs(const std::string& type, const std::vector<std::string>& options) const {
@@ -77,6 +80,15 @@ Mounted::~Mounted() { umount(mFolder.c_str()); }
 
 Volume::Volume(const std::string& type, std::uint64_t bytes, const std::vector<std::string>& mkfsOptions)
     : mLoop(bytes), mFolder(mDir / "volume") {
+  makeAndMount(type, mkfsOptions);
+}
+
+Volume::Volume(const std::string& type, std::uint64_t bytes, const std::string& imageFolder)
+    : mLoop(bytes, imageFolder), mFolder(mDir / "volume") {
+  makeAndMount(type, {});
+}
+
+void Volume::makeAndMount(const std::string& type, const std::vector<std::string>& mkfsOptions) {
   mLoop.mkfs(type, mkfsOptions);
   if (mkdir(mFolder.c_str(), 0755) != 0) fail("cannot make " + mFolder);
   if (mount(mLoop.path().c_str(), mFolder.c_str(), type.c_str(), 0, nullptr) != 0) fail("cannot mount " + mLoop.path());

@@ -17,6 +17,8 @@ namespace test {
 class LoopDevice {
  public:
   explicit LoopDevice(std::uint64_t bytes);
+  // Its image lies in `folder`: a device that stands on the folder's file system.
+  LoopDevice(std::uint64_t bytes, const std::string& folder);
   ~LoopDevice();
   LoopDevice(const LoopDevice&) = delete;
   LoopDevice& operator=(const LoopDevice&) = delete;
@@ -26,12 +28,13 @@ class LoopDevice {
   unsigned int major() const { return 7; }
   unsigned int minor() const { return mMinor; }
   // The file that it shows.
-  std::string image() const { return mDir / "image"; }
+  const std::string& image() const { return mImage; }
   // Makes a file system; `options` as mkfs takes them.
   void mkfs(const std::string& type, const std::vector<std::string>& options = {}) const;
 
  private:
   TempDir mDir;
+  std::string mImage;
   unsigned int mMinor = 0;
   std::string mPath;
   int mDevice = -1;
@@ -55,6 +58,8 @@ class Mounted {
 class Volume {
  public:
   Volume(const std::string& type, std::uint64_t bytes, const std::vector<std::string>& mkfsOptions = {});
+  // As above, its image in `imageFolder`.
+  Volume(const std::string& type, std::uint64_t bytes, const std::string& imageFolder);
   ~Volume();
   const std::string& device() const { return mLoop.path(); }
   std::wstring wdevice() const { return mLoop.wpath(); }
@@ -63,6 +68,8 @@ class Volume {
   const LoopDevice& loop() const { return mLoop; }
 
  private:
+  void makeAndMount(const std::string& type, const std::vector<std::string>& mkfsOptions);
+
   LoopDevice mLoop;
   TempDir mDir;
   std::string mFolder;

@@ -246,20 +246,14 @@ TEST_F(DriverSnap, a_store_on_a_volume_of_the_set_is_refused) {
 // The store's file system lies in a file on the volume: it would stand still with it.
 TEST_F(DriverSnap, a_store_that_stands_on_a_volume_of_the_set_is_passed_by_for_the_next) {
   const test::Volume volume("ext4", 32 << 20);
-  const std::string image = volume.folder() + "/image";
-  test::writeFile(image, "");
-  ASSERT_EQ(truncate(image.c_str(), 8 << 20), 0);
-  ASSERT_EQ(test::run({"mkfs.ext4", "-q", image}), 0);
-  const test::TempDir inner;
-  ASSERT_EQ(test::run({"mount", "-o", "loop", image, inner.path()}), 0);
+  const test::Volume inner("ext4", kVolumeBytes, volume.folder());
   driver = std::make_unique<emulator::EmulatedDriver>(
-      kernel, messages, emulator::DriverSettings{"", {inner.path()}, std::chrono::seconds(60)});
+      kernel, messages, emulator::DriverSettings{"", {inner.folder()}, std::chrono::seconds(60)});
   EXPECT_EQ(snap({candidate(volume.loop(), 32 << 20)}), EDEADLK);
   driver = std::make_unique<emulator::EmulatedDriver>(
-      kernel, messages, emulator::DriverSettings{"", {inner.path(), store.path()}, std::chrono::seconds(60)});
+      kernel, messages, emulator::DriverSettings{"", {inner.folder(), store.path()}, std::chrono::seconds(60)});
   EXPECT_EQ(snap({candidate(volume.loop(), 32 << 20)}), 0);
   driver.reset();
-  EXPECT_EQ(test::run({"umount", inner.path()}), 0);
 }
 
 TEST_F(DriverSnap, a_standstill_that_lasts_too_long_is_given_up_and_thawed) {
