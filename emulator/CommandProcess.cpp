@@ -130,6 +130,16 @@ Result<StartedCommand> startCommand(const std::vector<std::string>& command, con
   return started;
 }
 
+void closeInheritedDescriptors(const Kernel& kernel) {
+  const int descriptor = openat(kernel.proc(), "self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const UniqueDirectory descriptors(descriptor < 0 ? nullptr : fdopendir(descriptor));
+  while (const dirent* entry = descriptors == nullptr ? nullptr : readdir(descriptors.get())) {
+    const int number = std::atoi(entry->d_name);
+    // All that this program opens is closed on execution; what survived its own was inherited.
+    if (number > STDERR_FILENO && fcntl(number, F_GETFD) == 0) close(number);
+  }
+}
+
 int letGo(StartedCommand& command) {
   const char byte = 1;
   static_cast<void>(!write(command.go.get(), &byte, 1));

@@ -32,6 +32,10 @@ struct StartedCommand {
 Result<StartedCommand> startCommand(const std::vector<std::string>& command, const FilterOptions& options,
                                     const sigset_t& mask);
 
+// Closes the descriptors that this process was started with, but the standard ones: they are COMMAND's, and whoever
+// waits for their end shall wait for COMMAND only.
+void closeInheritedDescriptors(const Kernel& kernel);
+
 // Lets it start. The errno when the program cannot be executed; 0 once it runs. Somebody must be taking its calls
 // already.
 int letGo(StartedCommand& command);

@@ -1,35 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "EmulatedDriver.h"
 
-#include <sys/mount.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <ranges>
 #include <set>
 
-#include "BlockDevice.h"
+#include "Mounts.h"
 
 namespace emulator {
-namespace {
-
-// Unmounts what is mounted from the devices where the emulator lives, the last mount first.
-void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices, Messages& messages) {
-  const std::vector<MountLine> mounts = Caller(kernel, getpid()).mounts();
-  for (const MountLine& mount : std::views::reverse(mounts)) {
-    if (!devices.contains(mount.device)) continue;
-    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
-    const int error = errno;
-    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0) {
-      messages.say(mount.folder + " is still in use: its snapshot is detached, and goes when its last user does");
-    } else {
-      messages.say("cannot unmount the snapshot on " + mount.folder + ": " + std::strerror(error));
-    }
-  }
-}
-
-}  // namespace
 
 EmulatedDriver::EmulatedDriver(const Kernel& kernel, Messages& messages, DriverSettings settings)
     : mKernel(kernel), mMessages(messages), mSettings(std::move(settings)) {}
@@ -47,7 +25,7 @@ void EmulatedDriver::undo() {
   std::set<DeviceNumber> devices;
   for (const Snapped& snapped : mSnapped) devices.insert(snapped.image.device());
   for (const SnapshotImage& image : mReleased) devices.insert(image.device());
-  if (!devices.empty()) unmountAll(mKernel, devices, mMessages);
+  if (!devices.empty()) unmountAll(mKernel, devices, [this](const std::string& text) { mMessages.warn(text); });
 }
 
 Answer EmulatedDriver::handle(const Command& command, const Caller& caller, CommandBuffer& buffer) {

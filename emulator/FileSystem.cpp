@@ -73,23 +73,28 @@ Result<FileSystem> FileSystem::on(const Kernel& kernel, DeviceNumber device, con
     }
     if (!found.root) return refuse(EBUSY, "the device " + device.text() + " is in use, but no mount of it can be seen");
   }
-  return FileSystem(device, devicesUnder(kernel, device), std::move(found.root), found.depth);
+  return FileSystem(kernel.net(), device, devicesUnder(kernel, device), std::move(found.root), found.depth);
 }
 
 void FileSystem::sync() const {
   if (mounted()) syncfs(mRoot.get());
 }
 
-Answer FileSystem::freeze() const {
-  if (!mounted() || ioctl(mRoot.get(), FIFREEZE, 0) == 0) return done();
-  return failedCall(errno, "cannot freeze the file system on " + mDevice.text());
+Answer FileSystem::freeze() {
+  if (!mounted()) return done();
+  if (mNet != nullptr) mHold = mNet->holdFrozen(mRoot);
+  if (ioctl(mRoot.get(), FIFREEZE, 0) == 0) return done();
+  const int error = errno;
+  mHold.release();
+  return failedCall(error, "cannot freeze the file system on " + mDevice.text());
 }
 
-void FileSystem::thaw() const {
+void FileSystem::thaw() {
   if (mounted()) ioctl(mRoot.get(), FITHAW, 0);
+  mHold.release();
 }
 
-std::vector<const FileSystem*> insideOut(std::vector<const FileSystem*> fileSystems) {
+std::vector<FileSystem*> insideOut(std::vector<FileSystem*> fileSystems) {
   const auto rank = [all = fileSystems](const FileSystem* one) {
     const auto standsOn = [=](const FileSystem* other) { return one->standsOn(other->device()); };
     return std::make_pair(std::count_if(all.begin(), all.end(), standsOn), one->depth());
@@ -106,8 +111,8 @@ Standstill::~Standstill() {
   mWatch.join();
 }
 
-Answer Standstill::begin(const std::vector<const FileSystem*>& fileSystems) {
-  for (const FileSystem* fileSystem : fileSystems) {
+Answer Standstill::begin(const std::vector<FileSystem*>& fileSystems) {
+  for (FileSystem* fileSystem : fileSystems) {
     if (!fileSystem->mounted()) continue;
     if (Answer answer = fileSystem->freeze(); answer.failed()) {
       end();

@@ -16,6 +16,7 @@
 #include "DeviceNumber.h"
 #include "Kernel.h"
 #include "Result.h"
+#include "SafetyNet.h"
 #include "qxtools/Handle.h"
 
 namespace emulator {
@@ -35,22 +36,24 @@ class FileSystem {
   // Writes out what is dirty, so that freezing takes less long.
   void sync() const;
   // Stops all writing to it; a file system that is mounted nowhere has none. The other way round: thaw().
-  Answer freeze() const;
-  void thaw() const;
+  Answer freeze();
+  void thaw();
 
  private:
-  FileSystem(DeviceNumber device, std::set<DeviceNumber> under, UniqueFd root, std::size_t depth)
-      : mDevice(device), mUnder(std::move(under)), mRoot(std::move(root)), mDepth(depth) {}
+  FileSystem(SafetyNet* net, DeviceNumber device, std::set<DeviceNumber> under, UniqueFd root, std::size_t depth)
+      : mNet(net), mDevice(device), mUnder(std::move(under)), mRoot(std::move(root)), mDepth(depth) {}
 
+  SafetyNet* mNet;
   DeviceNumber mDevice;
   std::set<DeviceNumber> mUnder;  // all devices that it stands on, its own included
   UniqueFd mRoot;
   std::size_t mDepth;
+  SafetyNet::Hold mHold;  // while it is frozen
 };
 
 // The order to freeze file systems in, inside out: first whatever stands on another one of them (its last writes go
 // there), then the deeper mount before the one that it is mounted in. They are thawed the other way round.
-std::vector<const FileSystem*> insideOut(std::vector<const FileSystem*> fileSystems);
+std::vector<FileSystem*> insideOut(std::vector<FileSystem*> fileSystems);
 
 // Several file systems held still together, for a limited time.
 class Standstill {
@@ -62,7 +65,7 @@ class Standstill {
 
   // Freezes in the order given: whatever stands on another comes before it. When one cannot be frozen, the standstill
   // is over. The file systems outlive it.
-  Answer begin(const std::vector<const FileSystem*>& fileSystems);
+  Answer begin(const std::vector<FileSystem*>& fileSystems);
   // Thaws, the last one first. Also done when the time is up, and at the end of the object's life.
   void end();
   // Whether the time was up before end(): what was copied meanwhile is worth nothing.
@@ -74,7 +77,7 @@ class Standstill {
 
   std::mutex mMutex;
   std::condition_variable mChanged;
-  std::vector<const FileSystem*> mFrozen;
+  std::vector<FileSystem*> mFrozen;
   bool mEnded = false;
   std::atomic<bool> mExpired{false};
   std::thread mWatch;

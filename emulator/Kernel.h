@@ -16,6 +16,8 @@
 
 namespace emulator {
 
+class SafetyNet;
+
 class Kernel {
  public:
   // Mounts them. Needs CAP_SYS_ADMIN.
@@ -23,6 +25,11 @@ class Kernel {
 
   int proc() const { return mProc.get(); }
   int sys() const { return mSys.get(); }
+  int nodes() const { return mNodes.get(); }
+
+  // What must be undone even when the emulator is killed is told to the net from now on; without one, nobody is told.
+  void use(SafetyNet& net) { mNet = &net; }
+  SafetyNet* net() const { return mNet; }
 
   // Opens a device by its numbers; `type` is S_IFBLK or S_IFCHR. Invalid on failure, errno says why.
   UniqueFd openDevice(mode_t type, DeviceNumber device, int flags) const;
@@ -37,6 +44,7 @@ class Kernel {
   UniqueFd mProc;
   UniqueFd mSys;
   UniqueFd mNodes;  // a tmpfs for device nodes
+  SafetyNet* mNet = nullptr;
 };
 
 }  // namespace emulator

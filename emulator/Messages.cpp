@@ -55,7 +55,9 @@ void LineWriter::run() {
 Messages::Messages(bool quiet) : mQuiet(quiet), mWriter(STDERR_FILENO) {}
 
 void Messages::say(const std::string& text) {
-  if (!mQuiet) mWriter.write("mirelsnap-emulator: " + text);
+  if (!mQuiet) warn(text);
 }
+
+void Messages::warn(const std::string& text) { mWriter.write("mirelsnap-emulator: " + text); }
 
 }  // namespace emulator

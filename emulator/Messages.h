@@ -39,7 +39,10 @@ class LineWriter {
 class Messages {
  public:
   explicit Messages(bool quiet);
+  // Unless the user wants it quiet.
   void say(const std::string& text);
+  // Whatever the user wants: something did not go as it should.
+  void warn(const std::string& text);
 
  private:
   bool mQuiet;

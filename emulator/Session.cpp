@@ -25,6 +25,8 @@
 #include "DriverFile.h"
 #include "EmulatedDriver.h"
 #include "Messages.h"
+#include "Mounts.h"
+#include "SafetyNet.h"
 #include "Supervisor.h"
 #include "SyscallFilter.h"
 #include "Trace.h"
@@ -42,6 +44,7 @@ constexpr milliseconds kGraceForTheRest{2000};    // for what COMMAND left runni
 class Signals {
  public:
   Signals() {
+    signal(SIGCHLD, SIG_DFL);  // who starts the emulator may ignore it, and then nobody could be waited for
     sigset_t taken;
     sigemptyset(&taken);
     sigaddset(&taken, SIGCHLD);
@@ -109,13 +112,6 @@ std::optional<int> waitForCommand(pid_t command, Signals& signals) {
 }
 
 int exitCode(int status) { return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status); }
-
-void removeControlNode() {
-  struct stat found;
-  if (lstat(kControlNode, &found) == 0 && S_ISCHR(found.st_mode) && numberOf(found.st_rdev) == kControlDevice) {
-    unlink(kControlNode);
-  }
-}
 
 DriverSettings driverSettings(const Options& options) {
   DriverSettings settings;
@@ -186,7 +182,7 @@ std::string whyNot() {
   return "";
 }
 
-int runSession(const Kernel& kernel, const Options& options) {
+int runSession(Kernel& kernel, const Options& options) {
   UniqueFd traceFile;
   if (!options.trace.empty()) {
     traceFile = UniqueFd(open(options.trace.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
@@ -196,13 +192,17 @@ int runSession(const Kernel& kernel, const Options& options) {
   auto driverFile = DriverFile::make();
   if (!driverFile) return complain(std::move(driverFile).refusal().why, kExitRefused);
 
-  // What is left of COMMAND's processes comes to the emulator, whoever their parents were.
-  prctl(PR_SET_CHILD_SUBREAPER, 1);
   Signals signals;
   FilterOptions filter;
   filter.executions = options.unloaded;
   auto command = startCommand(options.command, filter, signals.oldMask());
   if (!command) return complain(std::move(command).refusal().why, kExitRefused);
+  closeInheritedDescriptors(kernel);
+  auto net = SafetyNet::spread(kernel);
+  if (!net) return complain(std::move(net).refusal().why, kExitRefused);
+  kernel.use(*net);
+  // What is left of COMMAND's processes comes to the emulator, whoever their parents were.
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
   signal(SIGPIPE, SIG_IGN);
   return superviseCommand(kernel, options, *command, std::move(*driverFile), std::move(traceFile), signals);
 }

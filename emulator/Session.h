@@ -12,6 +12,6 @@ namespace emulator {
 std::string whyNot();
 
 // Runs COMMAND; the exit code.
-int runSession(const Kernel& kernel, const Options& options);
+int runSession(Kernel& kernel, const Options& options);
 
 }  // namespace emulator

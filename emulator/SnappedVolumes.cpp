@@ -80,7 +80,7 @@ Answer EmulatedDriver::verifyAndClean() {
     dropSnapped(mSnapped.begin() + static_cast<std::ptrdiff_t>(i));
   }
   std::erase_if(mMappings, [&](const Mapping& mapping) { return mapping.volume && isGone(*mapping.volume); });
-  std::erase_if(mFrozen, [&](const FileSystem& frozen) {
+  std::erase_if(mFrozen, [&](FileSystem& frozen) {
     const bool gone = isGone(frozen.device());
     if (gone) frozen.thaw();
     return gone;

@@ -53,6 +53,15 @@ std::string snapshotNodeName(DeviceNumber volume) {
   return "snap" + std::to_string(volume.majorNum) + "_" + std::to_string(volume.minorNum);
 }
 
+void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumber device) {
+  const std::string name = snapshotNodeName(volume);
+  struct stat found;
+  if (fstatat(folder.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISBLK(found.st_mode) &&
+      numberOf(found.st_rdev) == device) {
+    unlinkat(folder.get(), name.c_str(), 0);
+  }
+}
+
 Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber volume, const UniqueFd& image,
                                             unsigned int sectorSize) {
   const UniqueFd control = kernel.openDevice(S_IFCHR, kLoopControl, O_RDWR);
@@ -63,7 +72,8 @@ Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber v
     if (index < 0) return failedCall(errno, "no free loop device");
     const DeviceNumber number = loopNumber(kernel, index);
     UniqueFd loop = kernel.openDevice(S_IFBLK, number, O_RDONLY);
-    if (loop && ioctl(loop.get(), LOOP_CONFIGURE, &config) == 0) return SnapshotImage(volume, number, std::move(loop));
+    if (loop && ioctl(loop.get(), LOOP_CONFIGURE, &config) == 0)
+      return SnapshotImage(kernel.net(), volume, number, std::move(loop));
     // Somebody else was quicker: ask again.
     if (errno != EBUSY && errno != ENXIO) return failedCall(errno, "cannot set up the loop device " + number.text());
   }
@@ -72,10 +82,12 @@ Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber v
 
 SnapshotImage& SnapshotImage::operator=(SnapshotImage&& other) {
   removeNode();
+  mNet = other.mNet;
   mVolume = other.mVolume;
   mDevice = other.mDevice;
   mLoop = std::move(other.mLoop);
   mNodeFolder = std::move(other.mNodeFolder);
+  mHold = std::move(other.mHold);
   return *this;
 }
 
@@ -87,6 +99,7 @@ Answer SnapshotImage::makeNode(UniqueFd folder) {
   if (fstatat(folder.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISBLK(found.st_mode)) {
     unlinkat(folder.get(), name.c_str(), 0);
   }
+  if (mNet != nullptr) mHold = mNet->holdSnapshot(folder, mVolume, mDevice);
   if (mknodat(folder.get(), name.c_str(), S_IFBLK | 0600, mDevice.value()) != 0) {
     return failedCall(errno, "cannot make the node /dev/" + name);
   }
@@ -95,13 +108,7 @@ Answer SnapshotImage::makeNode(UniqueFd folder) {
 }
 
 void SnapshotImage::removeNode() {
-  if (!mNodeFolder) return;
-  const std::string name = snapshotNodeName(mVolume);
-  struct stat found;
-  if (fstatat(mNodeFolder.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISBLK(found.st_mode) &&
-      numberOf(found.st_rdev) == mDevice) {
-    unlinkat(mNodeFolder.get(), name.c_str(), 0);
-  }
+  if (mNodeFolder) removeSnapshotNode(mNodeFolder, mVolume, mDevice);
   mNodeFolder.reset();
 }
 

@@ -9,6 +9,7 @@
 #include "DeviceNumber.h"
 #include "Kernel.h"
 #include "Result.h"
+#include "SafetyNet.h"
 #include "qxtools/Handle.h"
 
 namespace emulator {
@@ -18,6 +19,9 @@ Result<UniqueFd> makeNamelessFile(const std::string& folder);
 
 // The name of a volume's snapshot device, without its folder: "snap7_3".
 std::string snapshotNodeName(DeviceNumber volume);
+
+// Removes a snapshot's node from a folder, when it still is this device's.
+void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumber device);
 
 class SnapshotImage {
  public:
@@ -39,13 +43,15 @@ class SnapshotImage {
   DeviceNumber device() const { return mDevice; }
 
  private:
-  SnapshotImage(DeviceNumber volume, DeviceNumber device, UniqueFd loop)
-      : mVolume(volume), mDevice(device), mLoop(std::move(loop)) {}
+  SnapshotImage(SafetyNet* net, DeviceNumber volume, DeviceNumber device, UniqueFd loop)
+      : mNet(net), mVolume(volume), mDevice(device), mLoop(std::move(loop)) {}
 
+  SafetyNet* mNet;
   DeviceNumber mVolume;
   DeviceNumber mDevice;
   UniqueFd mLoop;        // keeps the loop device, which goes with its last user
   UniqueFd mNodeFolder;  // invalid: there is no node
+  SafetyNet::Hold mHold;
 };
 
 }  // namespace emulator

@@ -118,10 +118,10 @@ Answer copySources(const std::vector<Source>& sources, const std::function<int()
   }
 }
 
-Answer copyAtOneInstant(const std::vector<Source>& sources, const SnapshotRequest& request,
+Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& request,
                         const std::atomic<bool>& cancelled) {
-  std::vector<const FileSystem*> toFreeze;
-  for (const Source& source : sources) {
+  std::vector<FileSystem*> toFreeze;
+  for (Source& source : sources) {
     writeOut(source);
     if (!request.frozen.contains(source.device.number())) toFreeze.push_back(&source.fileSystem);
   }

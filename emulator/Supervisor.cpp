@@ -103,7 +103,7 @@ void Supervisor::takeCalls() {
       break;
     }
   }
-  mMessages.say(std::string("cannot take system calls any more: ") + std::strerror(errno));
+  mMessages.warn(std::string("cannot take system calls any more: ") + std::strerror(errno));
   mBroken();
 }
 
@@ -119,7 +119,7 @@ void Supervisor::takeCall(const seccomp_notif& call) {
     }
     letThrough(call.id);
   } catch (const std::exception& problem) {
-    mMessages.say(std::string("a system call goes unanswered: ") + problem.what());
+    mMessages.warn(std::string("a system call goes unanswered: ") + problem.what());
     answer(call.id, ENOMEM);
   }
 }
@@ -186,7 +186,7 @@ void Supervisor::serve(const ControlRequest& request) {
         mDesk.serve(request.caller, request.request, request.address, [&] { return stillWaits(request.id); });
     if (error) answer(request.id, *error);
   } catch (const std::exception& problem) {
-    mMessages.say(std::string("a command failed: ") + problem.what());
+    mMessages.warn(std::string("a command failed: ") + problem.what());
     answer(request.id, EIO);
   }
 }

@@ -63,8 +63,8 @@ Answer EmulatedDriver::freeze(const Caller& caller, const CommandBuffer& buffer)
   }
   mFrozen.reserve(mFrozen.size() + fileSystems.size());
 
-  std::vector<const FileSystem*> order;
-  for (const FileSystem& fileSystem : fileSystems) order.push_back(&fileSystem);
+  std::vector<FileSystem*> order;
+  for (FileSystem& fileSystem : fileSystems) order.push_back(&fileSystem);
   order = insideOut(std::move(order));
   for (std::size_t i = 0; i < order.size(); ++i) {
     if (Answer answer = order[i]->freeze(); answer.failed()) {
@@ -72,9 +72,7 @@ Answer EmulatedDriver::freeze(const Caller& caller, const CommandBuffer& buffer)
       return answer;
     }
   }
-  for (const FileSystem* fileSystem : order) {
-    mFrozen.push_back(std::move(fileSystems[static_cast<std::size_t>(fileSystem - fileSystems.data())]));
-  }
+  for (FileSystem* fileSystem : order) mFrozen.push_back(std::move(*fileSystem));
   return done();
 }
 
@@ -94,7 +92,7 @@ Answer EmulatedDriver::thaw(const CommandBuffer& buffer) {
       }
     }
   }
-  for (const FileSystem& frozen : std::views::reverse(mFrozen)) {
+  for (FileSystem& frozen : std::views::reverse(mFrozen)) {
     if (isListed(frozen)) frozen.thaw();
   }
   std::erase_if(mFrozen, isListed);
@@ -102,7 +100,7 @@ Answer EmulatedDriver::thaw(const CommandBuffer& buffer) {
 }
 
 void EmulatedDriver::thawAll() {
-  for (const FileSystem& frozen : std::views::reverse(mFrozen)) frozen.thaw();
+  for (FileSystem& frozen : std::views::reverse(mFrozen)) frozen.thaw();
   mFrozen.clear();
 }
 
