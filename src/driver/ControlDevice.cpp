@@ -78,11 +78,12 @@ void unlinkNode() {
   if (unlink(kControlNode) != 0) syslog(LOG_ERR, "unlink failed, errno:%d\n", errno);
 }
 
-// Closes the node behind `descriptor` but keeps the number taken, by a descriptor on which every request fails with
-// EBADF: what still uses or closes the number then meets no file of another thread or of the system log.
-void closeKeepingNumber(int descriptor) {
+// Closes the node behind `device` but keeps its number taken, by a descriptor on which every request fails with EBADF:
+// what still uses or closes the number then meets no file of another thread or of the system log. Where no such
+// descriptor can be had, nothing is kept.
+void closeKeepingNumber(UniqueFd& device) {
   const UniqueFd placeholder(open("/", O_PATH | O_CLOEXEC));
-  if (!placeholder || dup3(placeholder.get(), descriptor, O_CLOEXEC) < 0) close(descriptor);
+  if (!placeholder || dup3(placeholder.get(), device.get(), O_CLOEXEC) < 0) device.reset();
 }
 
 }  // namespace
@@ -106,13 +107,13 @@ int openControlDevice() {
   DeviceNumberPair numbers{};
   if (!readDriverNumbers(makeLoadCommand(modprobe), &numbers)) return -1;
 
-  const int first = open(kControlNode, O_RDONLY | O_CLOEXEC);
-  if (first >= 0) {
+  UniqueFd device(open(kControlNode, O_RDONLY | O_CLOEXEC));
+  if (device) {
     if (nodeHas(numbers)) {
       syslog(LOG_DEBUG, "major-minor remained same.\n");
-      return first;
+      return device.release();
     }
-    closeKeepingNumber(first);
+    closeKeepingNumber(device);
     unlinkNode();
   } else if (errno != ENOENT) {
     unlinkNode();
@@ -124,9 +125,9 @@ int openControlDevice() {
     errno = error;
     // The contract: what was held comes back, also when the node with wrong numbers behind it was closed. Callers issue
     // their request on that number, which fails, and close it.
-    return first;
+    return device.release();
   }
-  if (first >= 0) close(first);
+  device.reset();
   return open(kControlNode, O_RDONLY | O_CLOEXEC);
 }
 

@@ -15,7 +15,8 @@ std::string findExe(const std::string& name);
 
 // Opens the control node, loading the module and (re)making the node where needed. Returns a descriptor that the
 // caller closes, or -1 with errno saying why. When a node with wrong numbers cannot be replaced, the number of its
-// closed descriptor comes back: it is the caller's to close as well, and every request on it fails.
+// closed descriptor comes back: it is the caller's to close as well, and every request on it fails. Where that number
+// cannot be kept from others (no descriptor is free), -1 does.
 int openControlDevice();
 
 // The control device for one command; a failure is logged and gives an invalid handle.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -60,6 +61,25 @@ class FakeModprobe {
 
  private:
   Mounted mFolder;
+};
+
+// The process can open one descriptor more, the one given, until lift().
+class LastDescriptor {
+ public:
+  LastDescriptor() {
+    getrlimit(RLIMIT_NOFILE, &mBefore);
+    mNumber = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(mNumber);
+    const rlimit narrow{static_cast<rlim_t>(mNumber) + 1, mBefore.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &narrow);
+  }
+  ~LastDescriptor() { lift(); }
+  void lift() { setrlimit(RLIMIT_NOFILE, &mBefore); }
+  int number() const { return mNumber; }
+
+ private:
+  rlimit mBefore{};
+  int mNumber;
 };
 
 // Removes the control node, whatever made it.
@@ -257,6 +277,30 @@ TEST_F(ControlDevice, a_stale_number_is_given_to_nobody_else_until_its_caller_cl
   log.clear();
   syslog(LOG_ERR, "the log's socket is still its own");
   EXPECT_EQ(log.lines(), std::vector<LogLine>{error("the log's socket is still its own")});
+}
+
+TEST_F(ControlDevice, a_number_that_could_not_be_kept_is_closed_once_and_then_left_to_who_got_it) {
+  const ProcFile numbers("mirelsnap/dev", "1 3\n");
+  const Node existing("/dev/mirelsnapctl-old", S_IFCHR, 1, 5);
+  fs::rename(existing.path(), kControlNode);
+  LastDescriptor last;
+  UniqueFd others;
+  const test::BeforeMknod anotherThread([&] {
+    others.reset(open("/dev/zero", O_RDONLY | O_CLOEXEC));
+    last.lift();
+  });
+  const UniqueFd device(openControlDevice());
+  EXPECT_EQ(others.get(), last.number());
+  expectDescriptorOf(others, 1, 5);
+  expectDescriptorOf(device, 1, 3);
+}
+
+TEST_F(ControlDevice, a_number_that_could_not_be_kept_is_not_given_to_the_caller) {
+  const ProcFile numbers("mirelsnap/dev", "1 3\n");
+  fs::create_directory(kControlNode);
+  const LastDescriptor last;
+  EXPECT_EQ(openControlDevice(), -1);
+  EXPECT_EQ(errno, EEXIST);
 }
 
 TEST_F(ControlDevice, a_new_node_that_does_not_open_gives_minus_1) {

@@ -23,6 +23,7 @@ struct SystemAnswer {
 };
 std::optional<SystemAnswer> fakeSystem;
 std::vector<std::string> systemCommands;
+std::function<void()> beforeMknod;
 bool recordStat = false;
 std::vector<std::string> statPaths;
 
@@ -49,6 +50,9 @@ FakeSystem::FakeSystem(int result, int error) {
 }
 FakeSystem::~FakeSystem() { fakeSystem.reset(); }
 const std::vector<std::string>& FakeSystem::commands() const { return systemCommands; }
+
+BeforeMknod::BeforeMknod(std::function<void()> act) { beforeMknod = std::move(act); }
+BeforeMknod::~BeforeMknod() { beforeMknod = nullptr; }
 
 StatRecorder::StatRecorder() {
   statPaths.clear();
@@ -89,6 +93,11 @@ int system(const char* command) {
   if (!test::fakeSystem) return test::next<int (*)(const char*)>("system")(command);
   errno = test::fakeSystem->error;
   return test::fakeSystem->result;
+}
+
+int mknod(const char* path, mode_t mode, dev_t device) noexcept {
+  if (test::beforeMknod) test::beforeMknod();
+  return static_cast<int>(syscall(SYS_mknodat, AT_FDCWD, path, mode, device));
 }
 
 int stat(const char* path, struct stat* out) noexcept {

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // C library calls of this test program that a test can answer itself for a scope: the clock, the random generator, the
-// shell. Without such a scope each goes to the C library.
+// shell, the making of nodes. Without such a scope each goes to the C library.
 #pragma once
 
 #include <sys/time.h>
 
 #include <ctime>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,13 @@ class FakeSystem {
   FakeSystem(int result, int error);
   ~FakeSystem();
   const std::vector<std::string>& commands() const;
+};
+
+// mknod() does this first: what another thread may do meanwhile.
+class BeforeMknod {
+ public:
+  explicit BeforeMknod(std::function<void()> act);
+  ~BeforeMknod();
 };
 
 // The paths that stat() was asked for.
