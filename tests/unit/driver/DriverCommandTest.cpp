@@ -50,6 +50,13 @@ TEST(GenerateHandShake, two_commands_of_one_second_carry_the_same_words_and_anot
   EXPECT_NE(first.handshakeValue, later.handshakeValue);
 }
 
+TEST(GenerateHandShake, what_the_process_draws_next_follows_from_the_seed) {
+  handshakeAt(0);
+  const int next = std::rand();
+  firstRandomOf(1000);
+  EXPECT_EQ(next, std::rand());
+}
+
 TEST(GenerateHandShake, the_check_word_follows_from_the_value) {
   const std::pair<int, std::uint32_t> expected[] = {{0, 14}, {12, 14}, {1, 15},        {5, 19},
                                                     {6, 0},  {11, 5},  {2147483647, 1}};

@@ -144,6 +144,41 @@ TEST_F(DriverVersion, the_driver_is_enabled_exactly_when_it_tells_its_version) {
   EXPECT_FALSE(driver().IsDriverEnabled(version));
 }
 
+class Transport : public DriverTest {
+ protected:
+  // How many descriptors of this process lead to the control node.
+  static int openControlDevices() {
+    int found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code ignored;
+      found += std::filesystem::read_symlink(entry.path(), ignored) == kControlNode;
+    }
+    return found;
+  }
+  void answerOneOpen(unsigned long request) {
+    kernel.on(request, [](std::byte* buffer, std::size_t) {
+      const std::uint32_t count = 1;
+      std::memcpy(buffer + 4, &count, sizeof count);
+      EXPECT_EQ(openControlDevices(), 1);
+      return 0;
+    });
+  }
+};
+
+TEST_F(Transport, every_command_opens_the_control_device_anew_and_closes_it) {
+  for (const unsigned long request : {IOC_GET_NUM_OF_RELOC_FILE_MAPPING, IOC_GET_RELOC_FILE_MAPPING,
+                                      IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS}) {
+    answerOneOpen(request);
+  }
+  std::list<RelocFileMappingInformation> mappings;
+  std::list<SnappedVolumeInformation> volumes;
+  EXPECT_EQ(driver().GetRelocFileMapping(mappings), 0U);
+  EXPECT_EQ(driver().GetSnappedVolumeDetails(volumes), 0U);
+  EXPECT_EQ(kernel.calls().size(), 4U);
+  EXPECT_EQ(log.count(LOG_DEBUG, "major-minor remained same.\n"), 4U);
+  EXPECT_EQ(openControlDevices(), 0);
+}
+
 class LogLevel : public DriverTest {};
 
 TEST_F(LogLevel, opens_the_processs_mask_up_to_the_level) {

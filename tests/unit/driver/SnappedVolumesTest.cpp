@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <cerrno>
+#include <filesystem>
 
 #include "DriverFixture.h"
 #include "driver/LinuxSnapLibUtil.h"
@@ -211,6 +212,36 @@ TEST_F(IsSnapInProgress, a_mapping_is_enough) {
   EXPECT_TRUE(driver().IsSnapInProgress(volume));
   EXPECT_TRUE(kernel.calls(IOC_GET_NUM_OF_SNAPPED_VOLUMES).empty());
   EXPECT_EQ(lines().back(), debug("SVolName: /dev/vol-1, RelFileName: /r/f.\n"));
+}
+
+TEST_F(IsSnapInProgress, mappings_are_read_in_order_up_to_the_one_that_matches) {
+  answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 3);
+  kernel.on(IOC_GET_RELOC_FILE_MAPPING, [](std::byte* buffer, std::size_t) {
+    for (const char number : {'1', '2', '3'}) {
+      char* entry = reinterpret_cast<char*>(buffer) + 24 + (number - '1') * 2052;
+      std::strcpy(entry + 4, (std::string("/dev/vol-") + number).c_str());
+      std::strcpy(entry + 1028, (std::string("/r/f") + number).c_str());
+    }
+    return 0;
+  });
+  std::string volume = "/dev/vol-2";
+  EXPECT_TRUE(driver().IsSnapInProgress(volume));
+  const std::vector<LogLine> all = lines();
+  ASSERT_GE(all.size(), 2U);
+  EXPECT_EQ((std::vector<LogLine>{all.end() - 2, all.end()}),
+            (std::vector<LogLine>{debug("SVolName: /dev/vol-1, RelFileName: /r/f1.\n"),
+                                  debug("SVolName: /dev/vol-2, RelFileName: /r/f2.\n")}));
+}
+
+TEST_F(IsSnapInProgress, a_symbolic_link_to_a_snapped_volume_is_another_name) {
+  const test::Node device("/dev/vol-1", S_IFBLK, 8, 1);
+  const test::TempDir dir;
+  std::filesystem::create_symlink("/dev/vol-1", dir / "alias");
+  answerMapping("/dev/vol-1");
+  answerCount(IOC_GET_NUM_OF_SNAPPED_VOLUMES, 1);
+  answerDetails(1, {entry("/dev/vol-1", "/a/f1")});
+  std::string alias = dir / "alias";
+  EXPECT_FALSE(driver().IsSnapInProgress(alias));
 }
 
 TEST_F(IsSnapInProgress, a_snapshot_is_enough) {

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <iostream>
 #include <set>
 
 #include "Interposed.h"
@@ -96,6 +98,17 @@ TEST_F(TrackingGuid, a_clock_that_goes_back_is_the_same_tick_with_the_earlier_ti
   EXPECT_EQ(clockSequence(second), following(clockSequence(first)));
   clock.set(now);
   EXPECT_EQ(clockSequence(generateTrackingGuid()), following(clockSequence(second)));
+}
+
+// In a process of its own: no later time could be a fresh tick. 250000000000 s are 0x244F7A9FF8512FA9 in all.
+TEST_F(TrackingGuid, the_highest_four_bits_of_the_time_are_not_in_the_text) {
+  const FakeTimeOfDay clock({250000000000, 0});
+  EXPECT_EXIT(
+      {
+        std::cerr << generateTrackingGuid();
+        _exit(0);
+      },
+      testing::ExitedWithCode(0), "^f8512fa9-7a9f-144f-");
 }
 
 TEST_F(TrackingGuid, a_tick_has_16384_and_then_null_with_assert_3041_until_the_next_tick) {

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <type_traits>
+
 #include "DriverFixture.h"
 #include "LogCapture.h"
 #include "World.h"
@@ -16,6 +18,27 @@ using test::LogCapture;
 using test::LogLine;
 using test::Node;
 using test::TempDir;
+
+// What a caller may write through, and what is his own to keep.
+static_assert(
+    std::is_same_v<decltype(&SnapVolumeInformation::getSnapVolumeName), std::wstring& (SnapVolumeInformation::*)()>);
+static_assert(
+    std::is_same_v<decltype(&SnapVolumeInformation::getRelocMountName), std::wstring& (SnapVolumeInformation::*)()>);
+static_assert(std::is_same_v<decltype(&SnapVolumeInformation::getSnapVolumeNameString),
+                             std::string& (SnapVolumeInformation::*)()>);
+static_assert(
+    std::is_same_v<decltype(&SnapVolumeInformation::setRelocFileName), void (SnapVolumeInformation::*)(std::string)>);
+static_assert(
+    std::is_same_v<decltype(&SnapVolumeInformation::setRelocVolumeName), void (SnapVolumeInformation::*)(std::string)>);
+static_assert(std::is_same_v<decltype(&SnappedVolumeInformation::getSnappedVolumeName),
+                             std::wstring (SnappedVolumeInformation::*)() const>);
+static_assert(std::is_same_v<decltype(&SnappedVolumeInformation::getRelocFileName),
+                             std::wstring (SnappedVolumeInformation::*)() const>);
+static_assert(std::is_same_v<decltype(&RelocFileMappingInformation::getSnappedVolumeName),
+                             std::string (RelocFileMappingInformation::*)() const>);
+static_assert(std::is_same_v<decltype(&RelocFileMappingInformation::getRelocFileName),
+                             std::string (RelocFileMappingInformation::*)() const>);
+static_assert(sizeof(_DeviceState) == 4 && sizeof(_updateBitmapIoctlType) == 4);
 
 std::wstring wide(const std::string& text) { return {text.begin(), text.end()}; }
 
@@ -98,6 +121,13 @@ TEST(SnapVolumeInformation, a_changed_wide_name_leaves_the_narrow_one) {
   volume.getRelocMountName() = L"/other";
   EXPECT_STREQ(volume.getcStrSnapVolumeName(), "/dev/sdb");
   EXPECT_STREQ(volume.getcStrRelocMountName(), "/mnt");
+}
+
+TEST(SnapVolumeInformation, the_narrow_snap_volume_name_is_one_string_behind_both_accessors) {
+  SnapVolumeInformation volume(512, 9, L"/dev/sdb", false, true, 1);
+  volume.getSnapVolumeNameString() = "/dev/real";
+  EXPECT_STREQ(volume.getcStrSnapVolumeName(), "/dev/real");
+  EXPECT_EQ(volume.getSnapVolumeName(), L"/dev/sdb");
 }
 
 TEST(SnappedVolumeInformation, gives_what_it_was_made_of) {
@@ -213,6 +243,16 @@ TEST(GetDeviceNumbers, a_missing_device_gives_8_and_a_character_device_7) {
   EXPECT_EQ(getDeviceNumbers(&character, &pair), 7U);
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{error("/dev/nothing: Device does not exist.\n"),
                                                error("/dev/null: is not a valid block device.\n")}));
+}
+
+TEST(GetDeviceNumbers, a_path_that_cannot_be_asked_for_is_missing_too) {
+  LogCapture log;
+  std::list<std::wstring> throughADevice = {L"/dev/null/x"}, empty = {L""};
+  DeviceNumberPair pair{};
+  EXPECT_EQ(getDeviceNumbers(&throughADevice, &pair), 8U);
+  EXPECT_EQ(getDeviceNumbers(&empty, &pair), 8U);
+  EXPECT_EQ(log.lines(), (std::vector<LogLine>{error("/dev/null/x: Device does not exist.\n"),
+                                               error(": Device does not exist.\n")}));
 }
 
 TEST(GetDeviceNumbers, the_path_is_the_low_bytes_of_the_name) {

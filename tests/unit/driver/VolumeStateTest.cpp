@@ -186,6 +186,18 @@ TEST_F(CheckIfVolFrozen, is_0_when_none_is_frozen_or_none_is_asked_for) {
   EXPECT_TRUE(kernel.calls().empty());
 }
 
+TEST_F(CheckIfVolFrozen, a_volume_that_cannot_be_checked_counts_as_not_frozen) {
+  kernel.fail(IOC_CHECK_VOLUME_FROZEN, EIO, -6);
+  EXPECT_EQ(driver().checkIfVolFrozen(&three), 0U);
+}
+
+TEST_F(CheckIfVolFrozen, asks_with_the_narrow_name_of_the_record) {
+  std::list<SnapVolumeInformation> one = {volume(L"/dev/vol-3")};
+  one.front().getSnapVolumeName() = L"/dev/vol-1";
+  driver().checkIfVolFrozen(&one);
+  EXPECT_EQ(kernel.calls().at(0).get<std::uint32_t>(24), 9U);
+}
+
 // Freezing and thawing are one shape with their own request, texts and refusal.
 struct Way {
   const char* name;
@@ -238,6 +250,7 @@ TEST_P(FreezeAndThaw, without_a_driver_gives_5) {
   unload();
   EXPECT_EQ(call(&names), 5U);
   expectOpenFailure();
+  EXPECT_TRUE(log.texts(LOG_DEBUG).empty()) << "no volume is named before the control device is open";
 }
 
 TEST_P(FreezeAndThaw, a_failed_request_gives_3) {

@@ -2,12 +2,15 @@
 //
 // What each operation of the driver interface does when memory is short: the n-th allocation of a kind fails.
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <new>
+#include <utility>
 
 #include "LogCapture.h"
 #include "ScriptedDriver.h"
@@ -27,14 +30,23 @@ class Kind {
     mSizes.push_back(bytes);
     return mSizes.size() == mFailing;
   }
+  // What it gave instead.
+  void* gives(void* memory) {
+    mGiven += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
+    return memory;
+  }
   void failNext(std::size_t which) {
     mSizes.clear();
+    mGiven = 0;
     mFailing = which;
   }
   const std::vector<std::size_t>& sizes() const { return mSizes; }
+  // As the allocator rounds them.
+  std::ptrdiff_t givenBytes() const { return mGiven; }
 
  private:
   std::vector<std::size_t> mSizes;
+  std::ptrdiff_t mGiven = 0;
   std::size_t mFailing = 0;
 };
 
@@ -51,7 +63,7 @@ void* __wrap_calloc(std::size_t count, std::size_t size) {
   return zeroed.refuses(count * size) ? nullptr : __real_calloc(count, size);
 }
 void* __wrap__ZnwmRKSt9nothrow_t(std::size_t bytes, const std::nothrow_t& tag) {
-  return single.refuses(bytes) ? nullptr : __real__ZnwmRKSt9nothrow_t(bytes, tag);
+  return single.refuses(bytes) ? nullptr : single.gives(__real__ZnwmRKSt9nothrow_t(bytes, tag));
 }
 void* __wrap__ZnamRKSt9nothrow_t(std::size_t bytes, const std::nothrow_t& tag) {
   return array.refuses(bytes) ? nullptr : __real__ZnamRKSt9nothrow_t(bytes, tag);
@@ -258,6 +270,70 @@ TEST_F(Allocation, a_list_that_runs_out_of_memory_half_way_adds_nothing) {
     const test::FailingAllocation failing(n, ofAName);
     EXPECT_THROW(driver.GetSnappedVolumeDetails(volumes), std::bad_alloc) << n;
     EXPECT_TRUE(volumes.empty()) << n;
+  }
+}
+
+// Every operation with one command, by what it answers without a driver.
+TEST_F(Allocation, a_missing_driver_is_found_before_memory_is_short) {
+  std::remove("/proc/mirelsnap/dev");
+  std::string version;
+  int count = 0;
+  const std::function<unsigned int()> operations[] = {
+      [&] { return driver.GetDriverVersionDetail(version); },
+      [&] { return driver.SetLogLevel(7); },
+      [&] { return driver.FreezeVolume(&one); },
+      [&] { return driver.ThawVolume(&one); },
+      [&] { return driver.CreateRelocationFileMapping("/dev/vol-1", "/f", 1); },
+      [&] { return driver.DeleteRelocationFileMapping("/dev/vol-1", 1); },
+      [&] { return driver.GetNumOfRelocFileMapping(); },
+      [&] { return driver.GetNumOfSnappedVolumes(&count); },
+  };
+  for (const auto& operation : operations) {
+    for (Kind* kind : {&zeroed, &single}) {
+      none();
+      kind->failNext(1);
+      EXPECT_EQ(operation(), 5U) << &operation - operations;
+      EXPECT_TRUE(kind->sizes().empty());
+    }
+  }
+}
+
+TEST_F(Allocation, a_command_leaves_its_helper_and_nothing_else) {
+  answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 1);
+  answerCount(IOC_GET_NUM_OF_SNAPPED_VOLUMES, 1);
+  std::string version;
+  const std::pair<std::size_t, std::function<void()>> operations[] = {
+      {1, [&] { driver.GetDriverVersionDetail(version); }},
+      {1, [&] { driver.SetLogLevel(7); }},
+      {1, [&] { driver.IsVolumeSnapped("/dev/vol-1"); }},
+      {1, [&] { driver.IsVolumeFrozen("/dev/vol-1"); }},
+      {1, [&] { driver.FreezeVolume(&one); }},
+      {1, [&] { driver.ThawVolume(&one); }},
+      {1, [&] { driver.CreateRelocationFileMapping("/dev/vol-1", "/f", 1); }},
+      {1, [&] { driver.DeleteRelocationFileMapping("/dev/vol-1", 1); }},
+      {2,
+       [&] {
+         std::list<RelocFileMappingInformation> mappings;
+         driver.GetRelocFileMapping(mappings);
+       }},
+      {2,
+       [&] {
+         std::list<SnappedVolumeInformation> volumes;
+         driver.GetSnappedVolumeDetails(volumes);
+       }},
+  };
+  for (const auto& [commands, operation] : operations) {
+    std::ptrdiff_t held = 0;
+    for (int round = 0; round < 2; ++round) {  // the first leaves the test's own books their room
+      kernel.clearCalls();
+      held = test::heldBytes();
+      none();
+      operation();
+      EXPECT_EQ(kernel.calls().size(), commands);
+      kernel.clearCalls();
+    }
+    EXPECT_EQ(single.sizes(), std::vector<std::size_t>(commands, sizeof(SnapDriverInterfaceUtility)));
+    EXPECT_EQ(test::heldBytes() - held, single.givenBytes());
   }
 }
 
