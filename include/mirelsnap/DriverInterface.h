@@ -20,8 +20,8 @@
 
 class MIRELSNAP_API SnapDriverInterface {
  public:
-  // The singleton, made on first use, with one reference added; null when memory is short. Drop the
-  // reference with releaseInstance.
+  // The singleton, made on first use, with one reference added; null when memory is short, the reference then
+  // counted all the same. Drop each reference with releaseInstance.
   static SnapDriverInterface* Instance();
   // Drops one reference; the last one destroys the singleton.
   static void releaseInstance();
@@ -42,8 +42,8 @@ class MIRELSNAP_API SnapDriverInterface {
   // 17 when a volume of the list is snapped (frozen), else 0.
   unsigned int checkIfVolSnapped(std::list<SnapVolumeInformation>* volumes);
   unsigned int checkIfVolFrozen(std::list<SnapVolumeInformation>* volumes);
-  // Freezes (thaws) the named block devices together. 0, 3, 5; 24 when one is frozen already; 25 when one is
-  // not frozen.
+  // Freezes (thaws) the named block devices together. 0; 3 also when a name is no block device or the request
+  // fails; 5; 24 (freeze) when one is frozen already; 25 (thaw) when one is not frozen.
   unsigned int FreezeVolume(std::list<std::wstring>* volumes);
   unsigned int ThawVolume(std::list<std::wstring>* volumes);
 
@@ -53,12 +53,14 @@ class MIRELSNAP_API SnapDriverInterface {
   unsigned int DeleteRelocationFileMapping(const std::string& snappedVolumeName, int pid);
   // The number of mappings, or 3, 5, 6 on failure: the two meanings share the value.
   unsigned int GetNumOfRelocFileMapping();
-  // Appends one record a mapping. 0, 3, 5, 6.
+  // Appends one record a mapping; the list stays as it was unless 0 comes back. A failed count is taken for a
+  // count and leads to the listing all the same. 0, 3, 5, 6.
   unsigned int GetRelocFileMapping(std::list<RelocFileMappingInformation>& mappings);
 
   // Writes the number of snapped volumes. 0, 3, 5, 6.
   unsigned int GetNumOfSnappedVolumes(int* count);
-  // Appends one record a snapped volume. 0, 3, 5, 6.
+  // Appends one record a snapped volume; the list stays as it was unless 0 comes back. 0, 3, 5; 6 also when
+  // the number of volumes cannot be had.
   unsigned int GetSnappedVolumeDetails(std::list<SnappedVolumeInformation>& volumes);
   // Whether `volume` (the real device path) has a relocation-file mapping or is snapped. Failures read as false.
   bool IsSnapInProgress(std::string& volume);

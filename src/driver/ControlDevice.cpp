@@ -127,7 +127,6 @@ int openControlDevice() {
     // their request on that number, which fails, and close it.
     return device.release();
   }
-  device.reset();
   return open(kControlNode, O_RDONLY | O_CLOEXEC);
 }
 
