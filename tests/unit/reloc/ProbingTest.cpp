@@ -59,12 +59,9 @@ TEST_F(Construction, without_options_keeps_the_volumes_size_and_leaves_the_rest_
 
 TEST_F(Construction, knows_the_aliases_so_that_a_mounted_alias_counts_as_its_device) {
   const std::string device = machine.device("real");
-  ASSERT_EQ(mkdir("/dev/disk", 0755), 0);
-  ASSERT_EQ(symlink("../real", "/dev/disk/alias"), 0);
-  const std::string folder = machine.mount("/dev/disk/alias", {100, 100});
+  const Alias alias("alias", device);
+  const std::string folder = machine.mount(alias.path(), {100, 100});
   LinuxSnapshotreloc reloc(device, 4096, 1000UL, 1000UL);
-  unlink("/dev/disk/alias");
-  rmdir("/dev/disk");
   reloc.GetVolumeDetails(device);
   EXPECT_TRUE(reloc.mIsMounted);
   EXPECT_EQ(reloc.mVolMountPoint, folder);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <list>
 #include <map>
 #include <memory>
@@ -69,6 +70,22 @@ class Machine {
   std::set<std::string> mHidden;
   std::set<unsigned int> mSnapped;
   std::set<unsigned int> mFrozen;
+};
+
+// Another name of a device: a link in /dev/disk.
+class Alias {
+ public:
+  Alias(const std::string& name, const std::string& device) : mPath("/dev/disk/" + name) {
+    std::filesystem::create_directory("/dev/disk");
+    std::filesystem::create_symlink(device, mPath);
+  }
+  ~Alias() { std::filesystem::remove_all("/dev/disk"); }
+  Alias(const Alias&) = delete;
+  Alias& operator=(const Alias&) = delete;
+  const std::string& path() const { return mPath; }
+
+ private:
+  std::string mPath;
 };
 
 class RelocTest : public testing::Test {

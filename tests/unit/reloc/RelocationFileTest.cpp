@@ -353,7 +353,10 @@ TEST_F(CreateRelocFile, ends_where_a_write_comes_up_short_without_an_error) {
     if (++writes <= 1000) return std::nullopt;
     return 100;
   };
-  errno = EIO;  // an old error is no error
+  hooks.lseek = [](int, off_t, int) -> std::optional<off_t> {
+    errno = EIO;  // an old error is no error
+    return std::nullopt;
+  };
   writeOut();
   reloc.mRelocNumBlks = 2000;
   EXPECT_EQ(reloc.CreateRelocFile(), 0u);
@@ -465,6 +468,20 @@ TEST_F(Listing, appends_the_files_of_all_file_systems_one_mounted_twice_twice) {
   EXPECT_EQ(files, (std::list<std::string>{"before", a + "/.verrelocarea/sda", c + "/.verrelocarea/sdc",
                                            c + "/.verrelocarea/sdc"}));
   EXPECT_EQ(messages(), (Lines{"[7] GetAllRelocationFiles: Unable to read directory: " + b + "/.verrelocarea.\n"}));
+}
+
+TEST_F(Listing, knows_a_mounted_alias_by_its_device) {
+  const Alias alias("alias", machine.device("z"));
+  const std::string z = machine.mount(alias.path(), {1, 1});
+  const std::string m = machine.mount(machine.device("m"), {1, 1});
+  fill(z, "sdz");
+  fill(m, "sdm");
+  EXPECT_EQ(reloc.GetAllRelocationFiles(files), 0u);
+  EXPECT_EQ(files, (std::list<std::string>{m + "/.verrelocarea/sdm", z + "/.verrelocarea/sdz"}))
+      << "in order of devices";
+  files.clear();
+  EXPECT_EQ(reloc.GetAllRelocationFilesInVolume("/dev/z", files), 0u);
+  EXPECT_EQ(files, (std::list<std::string>{z + "/.verrelocarea//sdz"}));
 }
 
 TEST_F(Listing, of_a_volume_that_is_not_mounted_answers_0) {
