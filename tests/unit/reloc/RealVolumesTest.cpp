@@ -23,6 +23,8 @@ struct Kind {
   bool writtenOut;
 };
 
+void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
+
 class RealVolume : public RelocTest, public testing::WithParamInterface<Kind> {
  protected:
   RealVolume() : volume(GetParam().fileSystem, GetParam().bytes, GetParam().mkfsOptions) {
