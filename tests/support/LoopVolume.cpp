@@ -6,8 +6,8 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,17 +78,9 @@ Mounted::Mounted(const std::string& source, const std::string& folder, const std
 
 Mounted::~Mounted() { umount(mFolder.c_str()); }
 
-Volume::Volume(const std::string& type, std::uint64_t bytes, const std::vector<std::string>& mkfsOptions)
-    : mLoop(bytes), mFolder(mDir / "volume") {
-  makeAndMount(type, mkfsOptions);
-}
-
-Volume::Volume(const std::string& type, std::uint64_t bytes, const std::string& imageFolder)
-    : mLoop(bytes, imageFolder), mFolder(mDir / "volume") {
-  makeAndMount(type, {});
-}
-
-void Volume::makeAndMount(const std::string& type, const std::vector<std::string>& mkfsOptions) {
+Volume::Volume(const std::string& type, std::uint64_t bytes, const std::vector<std::string>& mkfsOptions,
+               const std::string& imageFolder)
+    : mLoop(imageFolder.empty() ? LoopDevice(bytes) : LoopDevice(bytes, imageFolder)), mFolder(mDir / "volume") {
   mLoop.mkfs(type, mkfsOptions);
   if (mkdir(mFolder.c_str(), 0755) != 0) fail("cannot make " + mFolder);
   if (mount(mLoop.path().c_str(), mFolder.c_str(), type.c_str(), 0, nullptr) != 0) fail("cannot mount " + mLoop.path());

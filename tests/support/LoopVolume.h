@@ -57,9 +57,9 @@ class Mounted {
 // A loop device with a file system, mounted on a folder of its own: the usual volume of a test.
 class Volume {
  public:
-  Volume(const std::string& type, std::uint64_t bytes, const std::vector<std::string>& mkfsOptions = {});
-  // As above, its image in `imageFolder`.
-  Volume(const std::string& type, std::uint64_t bytes, const std::string& imageFolder);
+  // Its image lies in `imageFolder`, where one is given.
+  Volume(const std::string& type, std::uint64_t bytes, const std::vector<std::string>& mkfsOptions = {},
+         const std::string& imageFolder = {});
   ~Volume();
   const std::string& device() const { return mLoop.path(); }
   std::wstring wdevice() const { return mLoop.wpath(); }
@@ -68,8 +68,6 @@ class Volume {
   const LoopDevice& loop() const { return mLoop; }
 
  private:
-  void makeAndMount(const std::string& type, const std::vector<std::string>& mkfsOptions);
-
   LoopDevice mLoop;
   TempDir mDir;
   std::string mFolder;

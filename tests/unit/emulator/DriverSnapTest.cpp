@@ -246,7 +246,7 @@ TEST_F(DriverSnap, a_store_on_a_volume_of_the_set_is_refused) {
 // The store's file system lies in a file on the volume: it would stand still with it.
 TEST_F(DriverSnap, a_store_that_stands_on_a_volume_of_the_set_is_passed_by_for_the_next) {
   const test::Volume volume("ext4", 32 << 20);
-  const test::Volume inner("ext4", kVolumeBytes, volume.folder());
+  const test::Volume inner("ext4", kVolumeBytes, {}, volume.folder());
   driver = std::make_unique<emulator::EmulatedDriver>(
       kernel, messages, emulator::DriverSettings{"", {inner.folder()}, std::chrono::seconds(60)});
   EXPECT_EQ(snap({candidate(volume.loop(), 32 << 20)}), EDEADLK);

@@ -120,7 +120,7 @@ TEST_F(DriverState, its_end_thaws_what_is_frozen) {
 // A file system in a file on another volume: its last writes go there.
 TEST_F(DriverState, a_volume_on_another_one_is_frozen_first_and_thawed_last_whatever_the_order_asked) {
   const test::Volume outer("ext4", 32 << 20);
-  const test::Volume stacked("ext4", kVolumeBytes, outer.folder());
+  const test::Volume stacked("ext4", kVolumeBytes, {}, outer.folder());
   const test::WireDevice inner = deviceOf(stacked.loop());
   test::writeFile(stacked.folder() + "/dirty", std::string(100000, 'x'));
   const auto both = test::volumeListCommand({deviceOf(outer.loop()), inner});
