@@ -50,9 +50,12 @@ void layDev() {
   must(mkdir("/dev/shm", 01777) == 0, "/dev/shm");
 }
 
-void layProc() {
+void layRealProc() {
   must(mkdir(kRealProc, 0755) == 0, kRealProc);
   must(mount("proc", kRealProc, "proc", 0, nullptr) == 0, "mount proc");
+}
+
+void overlayProc() {
   must(mount("tests", "/proc", "tmpfs", 0, "mode=0755") == 0, "mount /proc");
   for (const auto& entry : fs::directory_iterator(kRealProc)) {
     const std::string name = entry.path().filename();
@@ -66,13 +69,14 @@ void layProc() {
 
 }  // namespace
 
-void layPrivateWorld() {
+void layPrivateWorld(Proc proc) {
   must(geteuid() == 0, "not root");
   must(unshare(CLONE_NEWNS) == 0, "unshare");
   must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
   layScratch();
   layDev();
-  layProc();
+  layRealProc();
+  if (proc == Proc::kOverlaid) overlayProc();
   umask(0022);
 }
 
@@ -88,8 +92,10 @@ std::string readFile(const fs::path& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+std::string TempDir::prefix() { return std::string(kScratch) + "/t-" + std::to_string(getpid()) + "-"; }
+
 TempDir::TempDir() {
-  std::string pattern = std::string(kScratch) + "/t-XXXXXX";
+  std::string pattern = prefix() + "XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   mPath = pattern;
 }

@@ -18,13 +18,17 @@ inline constexpr char kScratch[] = "/mnt";
 // The real procfs.
 inline constexpr char kRealProc[] = "/mnt/.proc";
 
+// What the world has for /proc: a directory over which tests lay files, or the real one, where processes find each other.
+enum class Proc { kOverlaid, kReal };
+
 // Lays the world; ends the program with a message when it cannot (not root, no mount namespaces).
-void layPrivateWorld();
+void layPrivateWorld(Proc proc = Proc::kOverlaid);
 
 void writeFile(const std::filesystem::path& path, const std::string& content);
 std::string readFile(const std::filesystem::path& path);
 
-// A directory of its own under /mnt, removed with all that it holds.
+// A directory of its own under /mnt, removed with all that it holds. Its name begins with TempDir::prefix(), which no other
+// process of the machine uses.
 class TempDir {
  public:
   TempDir();
@@ -33,6 +37,8 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return mPath; }
   std::string operator/(const std::string& name) const { return mPath + "/" + name; }
+  // "/mnt/t-PID-"
+  static std::string prefix();
 
  private:
   std::string mPath;

@@ -188,7 +188,7 @@ TEST(DismountAndDeleteAllUnder, a_base_that_is_no_directory_is_an_invalid_argume
 }
 
 TEST(DismountAndDeleteAllUnder, the_deepest_of_three_goes_first_and_each_directory_after_its_mount) {
-  const test::TempDir dir;  // /mnt/t-XXXXXX
+  const test::TempDir dir;  // /mnt/t-PID-XXXXXX
   mountTmpfs(dir / "a");
   mountTmpfs(dir / "a/b");
   mountTmpfs(dir / "a/b/c");
