@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A process that uses the driver's own interface of the shipped library, as a tool beside the agents would.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Session.h"
+
+namespace test {
+
+class DriverClient {
+ public:
+  explicit DriverClient(Session& session);
+
+  // One volume of a snap request; 0 and "" let the library choose.
+  struct Request {
+    std::string device;
+    std::string folder;  // where it is mounted
+    unsigned int relocationBlocks = 0;
+    std::string relocationMount = "";
+  };
+  struct Snapped {
+    int result;
+    std::vector<std::string> snapshotDevices;
+    std::vector<std::string> relocationFiles;
+    std::vector<unsigned int> relocationBlocks;
+  };
+  Snapped snap(const std::vector<Request>& requests);
+  unsigned int unsnap(const std::vector<std::string>& devices);
+  unsigned int freeze(const std::vector<std::string>& devices);
+  unsigned int thaw(const std::vector<std::string>& devices);
+  unsigned int reconcile();
+  // {"volume", "process", "file", "blocks"} each.
+  Json snapped();
+  Json mappings();
+  std::string version();
+  pid_t id() const { return mProcess.id(); }
+  void kill() { mProcess.kill(); }
+
+ private:
+  Json call(const std::string& operation, Json arguments = Json::object());
+  DriverClient(Session& session, std::pair<Channel, Channel> ends);
+
+  Channel mChannel;
+  Process mProcess;
+};
+
+}  // namespace test

@@ -1,0 +1,267 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Session.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "DriverClient.h"
+#include "Leftovers.h"
+#include "MountList.h"
+
+namespace test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<std::string> linesOf(const std::string& path) {
+  std::vector<std::string> lines;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> mountTexts() {
+  std::vector<std::string> texts;
+  for (const MountLine& mount : mountLines()) texts.push_back(mount.source + " on " + mount.folder);
+  return texts;
+}
+
+// What is in `now` and was not in `before`, and the other way round with a "gone: ".
+std::vector<std::string> changes(std::vector<std::string> before, const std::vector<std::string>& now) {
+  std::vector<std::string> found;
+  for (const std::string& text : now) {
+    const auto same = std::find(before.begin(), before.end(), text);
+    same == before.end() ? found.push_back(text) : static_cast<void>(before.erase(same));
+  }
+  for (const std::string& text : before) found.push_back("gone: " + text);
+  return found;
+}
+
+const std::vector<std::string> kNothing;
+
+int opened(const std::string& path, int flags) {
+  const int descriptor = open(path.c_str(), flags | O_CLOEXEC, 0600);
+  if (descriptor < 0) throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
+  return descriptor;
+}
+
+// Closes what was opened for a program that has it now.
+class Descriptors {
+ public:
+  ~Descriptors() {
+    for (const int descriptor : mOwned) close(descriptor);
+  }
+  void own(int descriptor) { add(descriptor), mOwned.push_back(descriptor); }
+  void add(int descriptor) { mAll.push_back(descriptor); }
+  const std::vector<int>& all() const { return mAll; }
+
+ private:
+  std::vector<int> mAll;
+  std::vector<int> mOwned;
+};
+
+Json orderFor(const std::vector<std::string>& arguments, const StartOptions& options) {
+  Json order = {{"arguments", arguments}};
+  for (const auto& [name, value] : options.environment) order["environment"][name] = value;
+  for (const std::string& name : options.without) order["environment"][name] = nullptr;
+  if (options.user) order["user"] = *options.user;
+  if (!options.folder.empty()) order["folder"] = options.folder;
+  if (options.terminal >= 0) order["terminal"] = true;
+  if (!options.ignoredSignals.empty()) order["ignored_signals"] = options.ignoredSignals;
+  return order;
+}
+
+template <class Condition>
+bool becomesTrue(Condition condition, std::chrono::milliseconds limit) {
+  const auto end = Clock::now() + limit;
+  while (!condition()) {
+    if (Clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+}  // namespace
+
+// ---- a process
+
+Process::~Process() {
+  if (mFiles != nullptr && !mStatus) kill();
+}
+
+bool Process::running() {
+  if (!mStatus) mStatus = mSession->statusOf(mProcess);
+  return !mStatus;
+}
+
+int Process::wait(std::chrono::seconds limit) {
+  if (!becomesTrue([this] { return !running(); }, limit)) {
+    ADD_FAILURE() << "process " << mProcess << " does not end; it wrote: " << errors();
+    kill();
+  }
+  return WIFSIGNALED(*mStatus) ? 128 + WTERMSIG(*mStatus) : WEXITSTATUS(*mStatus);
+}
+
+void Process::signal(int number) const {
+  if (!mStatus) ::kill(mProcess, number);
+}
+
+void Process::kill() {
+  signal(SIGKILL);
+  if (!becomesTrue([this] { return !running(); }, std::chrono::seconds(60))) {
+    throw std::runtime_error("process " + std::to_string(mProcess) + " cannot be killed");
+  }
+}
+
+std::string Process::output() const { return readFile(mFiles->folder / "output"); }
+std::string Process::errors() const { return readFile(mFiles->folder / "errors"); }
+
+// ---- the session
+
+Session::Session(std::vector<std::string> emulatorOptions) : mDriver(true) {
+  std::vector<std::string> command = {EMULATOR_PROGRAM, "--trace", mDir / "trace", "--store", mDir.path()};
+  command.insert(command.end(), emulatorOptions.begin(), emulatorOptions.end());
+  command.insert(command.end(), {"--", HOST_PROGRAM});
+  begin(std::move(command));
+}
+
+Session::Session(Plain) : mDriver(false) { begin({HOST_PROGRAM}); }
+
+void Session::begin(std::vector<std::string> command) {
+  mMountsBefore = mountTexts();
+  mRelocationBefore = relocationRemains();
+  auto [ours, theirs] = Channel::pair();
+  mHost = std::move(ours);
+  std::vector<char*> arguments;
+  for (std::string& argument : command) arguments.push_back(argument.data());
+  arguments.push_back(nullptr);
+  Descriptors streams;
+  streams.own(opened("/dev/null", O_RDONLY));
+  streams.own(opened(mDir / "output", O_WRONLY | O_CREAT | O_APPEND));
+  streams.own(opened(mDir / "errors", O_WRONLY | O_CREAT | O_APPEND));
+  mProcess = fork();
+  if (mProcess < 0) throw std::runtime_error("cannot fork");
+  if (mProcess > 0) return;
+  // Above the numbers that they are to get.
+  std::vector<int> moved;
+  for (const int descriptor : streams.all()) moved.push_back(fcntl(descriptor, F_DUPFD, 64));
+  moved.push_back(fcntl(theirs.socket(), F_DUPFD, 64));
+  for (std::size_t i = 0; i < moved.size(); ++i) {
+    dup2(moved[i], static_cast<int>(i));
+    close(moved[i]);
+  }
+  execv(arguments[0], arguments.data());
+  _exit(125);
+}
+
+Session::~Session() {
+  try {
+    if (!mChecked) check();
+  } catch (const std::exception& problem) {
+    ADD_FAILURE() << "the session's end: " << problem.what();
+  }
+  mHost.close();
+  int status = 0;
+  if (!becomesTrue([&] { return waitpid(mProcess, &status, WNOHANG) != 0; }, std::chrono::seconds(30))) {
+    ADD_FAILURE() << "the emulator does not end";
+    kill(mProcess, SIGKILL);
+    waitpid(mProcess, &status, 0);
+  }
+  if (mChecked) return;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the emulator ended with wait status " << status;
+  for (const std::string& complaint : takeComplaints()) ADD_FAILURE() << "the emulator says: " << complaint;
+  EXPECT_NE(access("/dev/mirelsnapctl", F_OK), 0) << "the control node is left";
+  EXPECT_EQ(loopsInScratch(true), kNothing) << "left by the emulator";
+}
+
+std::optional<int> Session::statusOf(pid_t process) {
+  if (!mHost.send({{"state", process}})) throw std::runtime_error("the process host is gone");
+  const std::optional<Json> answer = mHost.receive();
+  if (!answer) throw std::runtime_error("the process host is gone");
+  if (!answer->contains("status")) return std::nullopt;
+  return (*answer)["status"].get<int>();
+}
+
+Process Session::start(const std::vector<std::string>& arguments, const StartOptions& options) {
+  auto files = std::make_unique<Process::Files>();
+  Descriptors descriptors;
+  if (options.terminal >= 0) {
+    for (int stream = 0; stream < 3; ++stream) descriptors.add(options.terminal);
+  } else {
+    descriptors.own(opened("/dev/null", O_RDONLY));
+    descriptors.own(opened(files->folder / "output", O_WRONLY | O_CREAT | O_APPEND));
+    descriptors.own(opened(files->folder / "errors", O_WRONLY | O_CREAT | O_APPEND));
+  }
+  if (options.channel >= 0) descriptors.add(options.channel);
+  if (!mHost.send({{"start", orderFor(arguments, options)}}, descriptors.all())) {
+    throw std::runtime_error("the process host is gone");
+  }
+  const std::optional<Json> answer = mHost.receive();
+  if (!answer) throw std::runtime_error("the process host is gone");
+  if (!answer->contains("process")) {
+    throw std::runtime_error("cannot start " + arguments[0] + ": " + std::strerror((*answer)["error"].get<int>()));
+  }
+  return Process(*this, (*answer)["process"].get<pid_t>(), std::move(files));
+}
+
+Ended Session::run(const std::vector<std::string>& arguments, const StartOptions& options) {
+  Process process = start(arguments, options);
+  const int code = process.wait();
+  return {code, process.output(), process.errors()};
+}
+
+std::vector<Json> Session::trace() const {
+  std::vector<Json> commands;
+  for (const std::string& line : linesOf(mDir / "trace")) commands.push_back(Json::parse(line));
+  return commands;
+}
+
+std::vector<Json> Session::trace(const std::string& command) const {
+  std::vector<Json> commands = trace();
+  std::erase_if(commands, [&](const Json& entry) { return entry["command"] != command; });
+  return commands;
+}
+
+std::vector<std::string> Session::takeComplaints() {
+  std::vector<std::string> lines = linesOf(mDir / "errors");
+  lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(std::min(mComplaintsTaken, lines.size())));
+  mComplaintsTaken += lines.size();
+  return lines;
+}
+
+void Session::check() {
+  // The emulator and its host; a plain host has nobody above it.
+  const std::size_t ours = mDriver ? 1 : 0;
+  becomesTrue([&] { return processesBelow(mProcess).size() <= ours; }, std::chrono::seconds(2));
+  for (const pid_t process : processesBelow(mProcess)) {
+    if (processesBelow(process).empty() && processesBelow(mProcess).size() <= ours) continue;  // the host
+    ADD_FAILURE() << "left behind: process " << process << " "
+                  << readFile("/proc/" + std::to_string(process) + "/comm");
+  }
+  if (mDriver) checkDriver();
+  EXPECT_EQ(snapshotNodes(), kNothing);
+  EXPECT_EQ(changes(mRelocationBefore, relocationRemains()), kNothing);
+  EXPECT_EQ(changes(mMountsBefore, mountTexts()), kNothing);
+  EXPECT_NE(access("/run/mirelsnap", F_OK), 0) << "/run/mirelsnap is left";
+}
+
+void Session::checkDriver() {
+  DriverClient driver(*this);
+  EXPECT_EQ(driver.snapped(), Json::array());
+  EXPECT_EQ(driver.mappings(), Json::array());
+  EXPECT_EQ(loopsInScratch(true), kNothing);
+}
+
+}  // namespace test
