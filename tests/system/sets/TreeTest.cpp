@@ -36,9 +36,7 @@ TEST_P(ExposedTree, is_the_instant_byte_for_byte_while_the_live_files_move_on) {
   const Base base({volume.folder()});
   Session session;
   Agent agent(session);
-  Engine engine = agent.engine();
-  ASSERT_EQ(engine.start(), S_OK);
-  ASSERT_EQ(engine.add(volume), S_OK);
+  Engine engine = agent.openedSet({&volume});
   ASSERT_EQ(engine.snap(), 0);
   test::disturbTree(volume.folder());
   ASSERT_EQ(engine.expose(base.path()), S_OK);

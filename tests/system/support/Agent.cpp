@@ -11,6 +11,15 @@ Agent::Agent(Session& session, std::pair<Channel, Channel> ends)
 
 Engine Agent::engine() { return Engine(*this, call("create")["engine"]); }
 
+Engine Agent::openedSet(const std::vector<const Volume*>& volumes) {
+  Engine opened = engine();
+  if (opened.start() != S_OK) throw std::runtime_error("no set can be started");
+  for (const Volume* volume : volumes) {
+    if (opened.add(*volume) != S_OK) throw std::runtime_error("cannot add " + volume->device());
+  }
+  return opened;
+}
+
 std::vector<std::string> Agent::messages() { return call("messages"); }
 
 void Agent::countSteps(unsigned int last) { call("count_steps", {{"last", last}}); }

@@ -27,6 +27,8 @@ class Agent {
   explicit Agent(Session& session);
 
   Engine engine();
+  // One whose set is open and holds `volumes`; throws where it cannot be.
+  Engine openedSet(const std::vector<const Volume*>& volumes);
   pid_t id() const { return mProcess.id(); }
   Process& process() { return mProcess; }
   // SIGKILL: what it holds stays with the driver.

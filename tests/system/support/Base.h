@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A directory to expose snapshots under, with the folders that an agent must make for the shallowest of them: the engine
-// makes the base alone.
+// A directory to expose snapshots under, with the folders that an agent must make for the shallowest of them: the
+// engine makes the base alone.
 #pragma once
 
 #include <string>

@@ -105,7 +105,8 @@ void LeftoverListener::OnTestEnd(const testing::TestInfo&) {
          }
          return processesBelow(getpid());
        })) {
-    ADD_FAILURE() << "left behind: process " << process << " " << firstLine("/proc/" + std::to_string(process) + "/comm");
+    ADD_FAILURE() << "left behind: process " << process << " "
+                  << firstLine("/proc/" + std::to_string(process) + "/comm");
   }
   for (const std::string& loop : findWithPatience([] { return loopsInScratch(false); })) {
     ADD_FAILURE() << "left behind: loop device " << loop;

@@ -54,6 +54,7 @@ std::vector<std::string> taken() {
 }  // namespace steps
 
 // The library's calls come here, because the executable's symbols stand before the C library's.
+#pragma GCC visibility push(default)
 extern "C" {
 
 int ioctl(int descriptor, unsigned long request, ...) noexcept {
@@ -135,5 +136,5 @@ int umount(const char* target) noexcept {
   static auto* const real = original<int(const char*)>("umount");
   return real(target);
 }
-
 }
+#pragma GCC visibility pop

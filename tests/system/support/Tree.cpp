@@ -92,7 +92,10 @@ void plantTree(const std::string& folder) {
   for (unsigned int i = 0; i < 20; ++i) writeFile(top + "some/" + std::to_string(i), bytes(100 + i * 977, i));
   writeFile(top + "large", bytes(1 << 20, 99));
   writeFile(top + "empty", "");
-  writeFile(top + "some/deeper folder/gr\xc3\xbc\xc3\x9f" "e\nand a line", bytes(5000, 7));
+  writeFile(top +
+                "some/deeper folder/gr\xc3\xbc\xc3\x9f"
+                "e\nand a line",
+            bytes(5000, 7));
   writeFile(top + "private/owned", bytes(10, 3));
   must(chown((top + "private/owned").c_str(), 1000, 1001) == 0, "chown");
   must(chmod((top + "private/owned").c_str(), 04711) == 0, "chmod");

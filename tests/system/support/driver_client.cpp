@@ -40,8 +40,8 @@ Value asked(const std::string& path, unsigned long request) {
 SnapVolumeInformation requestFrom(const Json& volume) {
   const auto blockSize = static_cast<unsigned int>(asked<int>(volume["folder"], FIGETBSZ));
   const auto bytes = asked<unsigned long>(volume["device"], BLKGETSIZE64);
-  return {blockSize, bytes / blockSize, wide(volume["device"]), volume["blocks"], wide(volume["mount"]), false,
-          true,      0};
+  return {blockSize, bytes / blockSize, wide(volume["device"]), volume["blocks"], wide(volume["mount"]), false, true,
+          0};
 }
 
 std::list<std::wstring> wideNames(const Json& devices) {
@@ -119,7 +119,9 @@ const std::map<std::string, Operation> operations = {
        return {{"result", driver.ThawVolume(&names)}};
      }},
     {"reconcile",
-     [](SnapDriverInterface& driver, const Json&) -> Json { return {{"result", driver.ReconcileAndCleanup()}}; }},
+     [](SnapDriverInterface& driver, const Json&) -> Json {
+       return {{"result", driver.ReconcileAndCleanup()}};
+     }},
     {"snapped", [](SnapDriverInterface& driver, const Json&) { return snapped(driver); }},
     {"mappings", [](SnapDriverInterface& driver, const Json&) { return mappings(driver); }},
     {"version", [](SnapDriverInterface& driver, const Json&) { return version(driver); }},

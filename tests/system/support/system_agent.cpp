@@ -136,7 +136,8 @@ Json release(const Json& order) {
 
 Json version(const Json& order) {
   const wchar_t* text = nullptr;
-  return result(engineOf(order).face->GetVersionString(&text), "version", narrow(text));
+  const int code = engineOf(order).face->GetVersionString(&text);
+  return result(code, "version", narrow(text));
 }
 
 Json supportsSnapshots(const Json& order) {
@@ -213,8 +214,8 @@ Json isExposed(const Json& order) {
 Json unexpose(const Json& order) { return result(engineOf(order).face->UnExposeSnapshotsInSnapshotSet()); }
 
 Json deleteSet(const Json& order) {
-  return result(engineOf(order).face->DeleteSnapshots(idOf(order["set"]),
-                                                      UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT_SET));
+  return result(
+      engineOf(order).face->DeleteSnapshots(idOf(order["set"]), UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT_SET));
 }
 
 Json reconcile(const Json& order) {
@@ -279,8 +280,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   library.setLogHandler(&keepMessage, nullptr);
-  test::serve(test::Channel(test::kChannelDescriptor), [](const Json& order, const std::vector<int>&) {
-    return operations.at(order["operation"])(order);
-  });
+  test::serve(test::Channel(test::kChannelDescriptor),
+              [](const Json& order, const std::vector<int>&) { return operations.at(order["operation"])(order); });
   library.setLogHandler(nullptr, nullptr);
 }
