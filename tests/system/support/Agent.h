@@ -67,6 +67,9 @@ class Engine {
 
   int start();
   int waitForNewSet(unsigned int ms) { return code("wait_for_new_set", {{"ms", ms}}); }
+  // The same on a thread of the agent's; then its result, nothing while it is not there within `ms`.
+  void beginWaitForNewSet(unsigned int ms) { call("begin_wait_for_new_set", {{"ms", ms}}); }
+  std::optional<int> endWaitForNewSet(unsigned int ms);
   // Keeps the snapshot's identifier, see snapshot().
   int add(const std::string& volume, const std::string& mountPoint);
   int add(const Volume& volume) { return add(volume.device(), volume.folder()); }

@@ -6,12 +6,15 @@
 #include <mirelsnap/SnapshotEngine.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <deque>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -115,8 +118,9 @@ void keepMessage(unsigned short, const wchar_t* message, void*) {
 struct Engine {
   IUscSnapshotEngine* face = nullptr;
   IUscAsync* job = nullptr;
+  std::future<int> waiting;
 };
-std::vector<Engine> engines;
+std::deque<Engine> engines;
 
 Engine& engineOf(const Json& order) { return engines.at(order["engine"].get<std::size_t>()); }
 
@@ -124,7 +128,7 @@ Json result(int code) { return {{"result", code}}; }
 Json result(int code, const char* name, Json value) { return {{"result", code}, {name, std::move(value)}}; }
 
 Json create(const Json&) {
-  engines.push_back({(*library.getCreator())(), nullptr});
+  engines.push_back({(*library.getCreator())(), nullptr, {}});
   return {{"engine", engines.size() - 1}};
 }
 
@@ -153,6 +157,20 @@ Json startSet(const Json& order) {
 }
 
 Json waitForNewSet(const Json& order) { return result(engineOf(order).face->WaitForNewSnapshotSet(order["ms"])); }
+
+Json beginWaitForNewSet(const Json& order) {
+  Engine& engine = engineOf(order);
+  engine.waiting = std::async(std::launch::async, [face = engine.face, ms = order["ms"].get<unsigned int>()] {
+    return face->WaitForNewSnapshotSet(ms);
+  });
+  return Json::object();
+}
+
+Json endWaitForNewSet(const Json& order) {
+  std::future<int>& waiting = engineOf(order).waiting;
+  const auto limit = std::chrono::milliseconds(order["ms"].get<int>());
+  return waiting.wait_for(limit) == std::future_status::ready ? result(waiting.get()) : Json::object();
+}
 
 Json add(const Json& order) {
   _SSGUIDPLAIN id{};
@@ -253,6 +271,8 @@ const std::map<std::string, Operation> operations = {
     {"supports_snapshots", supportsSnapshots},
     {"start_set", startSet},
     {"wait_for_new_set", waitForNewSet},
+    {"begin_wait_for_new_set", beginWaitForNewSet},
+    {"end_wait_for_new_set", endWaitForNewSet},
     {"add", add},
     {"add_alternate", addAlternate},
     {"set_option", setOption},
