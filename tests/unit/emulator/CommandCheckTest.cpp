@@ -355,7 +355,7 @@ TEST(CommandCheck, a_tracking_guid_is_there_exactly_when_tracking_wants_one) {
     return snapComplaint([=](SnapVolumeEntry& entry) {
       entry.vtrackRequest = vtrack;
       entry.independentSnapshotRequest = independent;
-      std::strncpy(entry.trackingGuid, guid, sizeof entry.trackingGuid);
+      std::string(guid).copy(entry.trackingGuid, sizeof entry.trackingGuid);
     });
   };
   const char* const guid = "0123cdef-89ab-1def-8012-0123456789ab";
