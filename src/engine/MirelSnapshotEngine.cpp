@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 
 #include "engine/Boundary.h"
@@ -37,7 +38,8 @@ constexpr std::size_t kLongestVolumeName = 4096;
 // Whether `name` can be opened and is a block device of non-zero size.
 bool isBlockDeviceWithRoom(const char* name) {
   if (access(name, F_OK) != 0) return false;
-  const UniqueFd device(open(name, O_RDONLY | O_CLOEXEC));
+  // A FIFO without a writer would hold the agent for ever.
+  const UniqueFd device(open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!device) return false;
   static_assert(BLKGETSIZE64 == 0x80081272);
   std::uint64_t size = 0;
@@ -47,7 +49,6 @@ bool isBlockDeviceWithRoom(const char* name) {
 }  // namespace
 
 // --- Making and unmaking
-// ------------------------------------------------------------------------------------------------
 
 UnixSnapshotCoordinator::IUscSnapshotEngine* MirelSnapshotEngine::CreateSnapshotEngine() {
   void* created = nullptr;
@@ -101,7 +102,6 @@ MirelSnapshotEngine::~MirelSnapshotEngine() {
 }
 
 // --- Both faces
-// ---------------------------------------------------------------------------------------------------------
 
 int MirelSnapshotEngine::QueryInterface(const _SSGUIDPLAIN& iid, void** out) {
   using UnixInterfaces::InlineIsEqualGUID;
@@ -125,7 +125,6 @@ unsigned int MirelSnapshotEngine::AddRef() { return IUnknownImpl::AddRef(); }
 unsigned int MirelSnapshotEngine::Release() { return IUnknownImpl::Release(); }
 
 // --- What the engine can do
-// ---------------------------------------------------------------------------------------------
 
 int MirelSnapshotEngine::GetVersionString(const wchar_t** version) {
   *version = mVersionString.c_str();  // the one output that is not checked for null: the contract
@@ -166,7 +165,6 @@ int MirelSnapshotEngine::IsVolumeSupported(const wchar_t* volume, int* supported
 }
 
 // --- Not provided
-// -------------------------------------------------------------------------------------------------------
 
 int MirelSnapshotEngine::PrepareForBackup(UnixSnapshotCoordinator::IUscAsync**) { return S_OK; }
 

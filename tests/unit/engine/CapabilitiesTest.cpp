@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the engine says that it can do, and the operations that it does not provide.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <vector>
 
 #include "EngineTest.h"
@@ -133,6 +136,17 @@ TEST_F(IsVolumeSupported, what_is_no_block_device_is_0) {
   EXPECT_EQ(supported({file.begin(), file.end()}), 0);
   EXPECT_EQ(supported(L"/dev/null"), 0);
   EXPECT_EQ(supported(L"/mnt"), 0);
+}
+
+TEST_F(IsVolumeSupported, a_fifo_is_0_and_nobody_waits_for_its_writer) {
+  const TempDir folder;
+  const std::string fifo = folder / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  auto answer = std::async(std::launch::async, [&] { return supported({fifo.begin(), fifo.end()}); });
+  const bool answered = answer.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  EXPECT_TRUE(answered);
+  if (!answered) close(open(fifo.c_str(), O_RDWR | O_CLOEXEC));  // the writer that it waits for
+  EXPECT_EQ(answer.get(), 0);
 }
 
 TEST_F(IsVolumeSupported, what_is_not_there_or_cannot_be_opened_is_0) {
