@@ -48,7 +48,6 @@ void* exitValue(int result) { return reinterpret_cast<void*>(static_cast<std::in
 }  // namespace
 
 // --- Starting
-// -----------------------------------------------------------------------------------------------------------
 
 int MirelSnapshotEngine::DoSnapshotSet(UnixSnapshotCoordinator::IUscAsync** async) {
   return AtBoundary([&] {
@@ -123,6 +122,7 @@ std::unique_ptr<MirelSnapshotEngine::RequestList> MirelSnapshotEngine::buildRequ
   const unsigned int count = mSnapshotSetParams->GetVolumeCount();
   for (unsigned int i = 0; i < count; ++i) {
     const GetDoneWrapper<MirelSnapshotVolumeParams> volume(mSnapshotSetParams->GetAt(i));
+    if (!volume) continue;  // gone since the set was validated
     requests->emplace_back(volume->GetDeviceBlockSize(), volume->GetNumDeviceBlocks(), volume->GetOriginalVolumeName(),
                            volume->GetRelocationFileSizeInBlocks(), volume->GetRelocationFileMountName(), kTrackChanges,
                            kIndependentSnapshot, kUsageType);
@@ -155,7 +155,6 @@ int MirelSnapshotEngine::startWorker(std::unique_ptr<RequestList> requests,
 }
 
 // --- Working
-// ------------------------------------------------------------------------------------------------------------
 
 void* MirelSnapshotEngine::DoSnapshotRoutine(void* threadParams) {
   static constexpr char kName[] = "DoSnapshotRoutine";
@@ -253,7 +252,6 @@ void MirelSnapshotEngine::dropThreadParams() {
 }
 
 // --- Watching
-// -----------------------------------------------------------------------------------------------------------
 
 int MirelSnapshotEngine::Cancel() { return E_NOTIMPL; }
 

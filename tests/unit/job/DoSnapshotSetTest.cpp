@@ -101,6 +101,20 @@ TEST_F(DoSnapshotSet, an_engine_without_a_driver_tries_once_more) {
   forget(MirelSnapshotEngine::sUUID);
 }
 
+TEST_F(DoSnapshotSet, the_driver_is_sought_behind_the_empty_set_and_before_the_options) {
+  const Volume volume("ext4", 16 << 20);
+  const Engine engine;
+  engine.start();
+  SnapDriverInterface::releaseInstance();
+  engine->mDriver = nullptr;
+  EXPECT_EQ(engine->DoSnapshotSet(&job), USC_E_BAD_STATE);
+  EXPECT_EQ(engine->mDriver, nullptr);
+
+  ASSERT_EQ(engine->SetOption(engine.add(volume), L"RelocationFileSize", L"16"), S_OK);
+  EXPECT_EQ(engine->DoSnapshotSet(&job), USC_E_BAD_STATE);
+  EXPECT_NE(engine->mDriver, nullptr);
+}
+
 TEST_F(DoSnapshotSet, the_relocation_options_go_together) {
   const Volume volume("ext4", 16 << 20);
   const Engine engine;
@@ -284,6 +298,20 @@ TEST_F(DoSnapshotSet, a_volume_that_vanishes_while_the_set_is_validated_is_a_bad
   EXPECT_EQ(engine->DoSnapshotSet(&job), USC_E_BAD_STATE);
   EXPECT_EQ(log.lines(),
             (Lines{L"DoSnapshotSet: ERROR: (UnExpected) NULL VolParams at 2/2, returning USC_E_BAD_STATE"}));
+}
+
+TEST_F(DoSnapshotSet, a_volume_that_vanishes_once_the_set_is_validated_gets_no_request) {
+  const Volume first("ext4", 16 << 20);
+  const Volume second("ext4", 16 << 20);
+  const Engine engine;
+  engine.start();
+  engine.addWithRelocation(first);
+  engine.addWithRelocation(second);
+  // Two counts, the two volumes that are validated, and the count of the requests that are built.
+  const AfterUnlock takeAway(4, [&] { engine->mSnapshotSetParams->RemoveAt(1); });
+  const std::unique_ptr<Requests> requests = requestsOf(engine);
+  ASSERT_EQ(requests->size(), 1u);
+  EXPECT_EQ(requests->front().getSnapVolumeName(), first.wdevice());
 }
 
 }  // namespace
