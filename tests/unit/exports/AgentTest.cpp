@@ -116,6 +116,10 @@ int loadUseAndUnload() {
 }
 
 // In a process of its own, which looks at no leaks: what the library leaves on purpose is out of reach once it is gone.
-TEST(Library, can_be_unloaded_after_use) { EXPECT_EXIT(_exit(loadUseAndUnload()), testing::ExitedWithCode(0), ""); }
+// It is a new process, not a copy of this one, in which another test may have loaded the library already.
+TEST(Library, can_be_unloaded_after_use) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(_exit(loadUseAndUnload()), testing::ExitedWithCode(0), "");
+}
 
 }  // namespace
