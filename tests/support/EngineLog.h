@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The engine's own messages, taken through QX_SetLogHandler for a scope.
+// The engine's own messages, taken through QX_SetLogHandler for a scope. Each must come at level 0, the engine's only
+// one.
 #pragma once
 
 #include <mutex>
