@@ -94,6 +94,15 @@ TEST_F(AddToSnapshotSet, a_null_volume_is_E_INVALIDARG) {
   EXPECT_EQ(log.lines(), (Lines{L"AddToSnapshotSet: ERROR: NULL cwstrVolumeName, returning E_INVALIDARG"}));
 }
 
+// Supports nothing.
+class Unsupporting : public MirelSnapshotEngine {
+ public:
+  int IsVolumeSupported(const wchar_t*, int* supported) override {
+    *supported = 0;
+    return S_OK;
+  }
+};
+
 TEST_F(AddToSnapshotSet, a_volume_of_a_set_taken_in_this_process_is_already_there) {
   _SSGUIDPLAIN taken{};
   {
@@ -112,6 +121,14 @@ TEST_F(AddToSnapshotSet, a_volume_of_a_set_taken_in_this_process_is_already_ther
             USC_E_OBJECT_ALREADY_EXISTS);
   EXPECT_EQ(log.lines(), (Lines{L"AddToSnapshotSet: ERROR: Volume " + volume.wdevice() +
                                 L" already being snapped, returning USC_E_OBJECT_ALREADY_EXISTS!!!"}));
+  // And before it is asked whether the volume is supported.
+  auto* const unsupporting = new Unsupporting;
+  unsupporting->mState = StateSnapshotSetStarted;
+  unsupporting->mSnapshotSetParams = MirelSnapshotSetParams::CreateSnapshotSetParams({1, 2, 3, {}});
+  EXPECT_EQ(unsupporting->AddToSnapshotSet(volume.wdevice().c_str(), volume.wfolder().c_str(), &id),
+            USC_E_OBJECT_ALREADY_EXISTS);
+  unsupporting->mState = StateUninitialized;
+  unsupporting->Release();
   // The reference of the look-up was given back: without the list's set the test's own is the last one.
   MirelSnapshotVolumeParams* found = MirelSnapshotEngine::sSnapshotSetParamsArray.FindVolume(volume.wdevice().c_str());
   ASSERT_NE(found, nullptr);

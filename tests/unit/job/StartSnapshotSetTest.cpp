@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cerrno>
 #include <chrono>
 #include <future>
 #include <semaphore>
@@ -206,6 +207,21 @@ TEST_F(WaitForNewSnapshotSet, waits_on_its_own_condition_in_any_state) {
   });
   EXPECT_EQ(second->WaitForNewSnapshotSet(1000), USC_S_ASYNC_FINISHED);
   EXPECT_EQ(condition, &MirelSnapshotEngine::sCondNewSnapshotSet);
+}
+
+TEST_F(WaitForNewSnapshotSet, a_set_that_ends_between_the_look_and_the_wait_is_waited_for_in_vain) {
+  Engine first;
+  first.start();
+  const Engine second;
+  int waits = 0;
+  const AfterUnlock between(0, [&] { first.release(); });
+  const TimedWait wait([&](pthread_cond_t*, pthread_mutex_t*, const timespec&) {
+    ++waits;
+    EXPECT_TRUE(noSetInProgress());
+    return ETIMEDOUT;
+  });
+  EXPECT_EQ(second->WaitForNewSnapshotSet(1000), USC_S_ASYNC_PENDING);
+  EXPECT_EQ(waits, 1);
 }
 
 TEST_F(WaitForNewSnapshotSet, is_woken_when_the_other_engine_goes) {
