@@ -141,14 +141,15 @@ class IUscAsyncType : public UnixInterfaces::IUnknown {
   // Always E_NOTIMPL: a started job cannot be cancelled.
   virtual int Cancel() = 0;
   // Waits at most `timeoutMs` milliseconds for the job to end.
-  // USC_S_ASYNC_FINISHED when it ended; USC_S_ASYNC_PENDING when the time ran out; E_UNEXPECTED when no
-  // job was ever started or the clock or the wait failed.
+  // USC_S_ASYNC_FINISHED when it ended; USC_S_ASYNC_PENDING when the time ran out; E_UNEXPECTED before
+  // DoSnapshotSet, after the set is deleted, and when the clock or the wait failed. A time that ends on a
+  // full second, to the nanosecond, counts as a wait that failed: ask again.
   virtual int Wait(unsigned int timeoutMs) = 0;
   // Tells where the job stands. Both pointers are required (else E_INVALIDARG).
   // `*status`: USC_S_ASYNC_PENDING, USC_S_ASYNC_FINISHED, or the failure: USC_E_VOLUME_ALREADY_SNAPPED,
   // USC_E_INSUFFICIENT_STORAGE, E_UNEXPECTED. `*snapResult`: -1 while pending, 0 for success, else the
-  // driver interface's code (see DriverInterface.h). USC_E_BAD_STATE, with nothing written, when there
-  // is no job.
+  // driver interface's code (see DriverInterface.h). USC_E_BAD_STATE, with nothing written, before
+  // DoSnapshotSet and after the set is deleted.
   virtual int QueryStatus(int* status, int* snapResult) = 0;
 };
 
@@ -157,6 +158,7 @@ using IUscAsync =
 
 // The engine. One engine serves one snapshot set: start it, add volumes, set options, run the job,
 // expose, read properties, unexpose, delete, release. Only one set per process is in progress at a time.
+// One thread at a time calls it; counting references and watching the job is free to any thread at any time.
 // The slots stand in their binary order; the type has no virtual destructor.
 template <MIRELSNAP_GUID_PARAMETERS>
 class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
@@ -215,8 +217,9 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   virtual int PrepareForBackup(UnixSnapshotCoordinator::IUscAsync** async) = 0;
   // Starts the job on a thread of its own and hands out its interface (release it when done).
   // S_OK; USC_E_BAD_STATE for a set that is not open, is empty, or has only one of a volume's relocation options;
-  // E_POINTER; E_OUTOFMEMORY, also without a driver; E_UNEXPECTED when the thread cannot be started (the engine
-  // then lives until the process ends). After any failure the set is as it was, and the call may be made again.
+  // E_POINTER; E_OUTOFMEMORY, also without a driver; E_UNEXPECTED when the thread cannot be prepared or cannot be
+  // started (in the second case the engine lives until the process ends). After any failure the set is as it was,
+  // and the call may be made again.
   virtual int DoSnapshotSet(UnixSnapshotCoordinator::IUscAsync** async) = 0;
   // Fills `props` for one snapshot of a finished job; free it with UscFreeSnapshotProperties.
   // S_OK; USC_E_BAD_STATE; E_POINTER; USC_E_OBJECT_NOT_FOUND; E_OUTOFMEMORY.
