@@ -62,5 +62,5 @@ unsigned int SnapDriverInterfaceUtility::calculateHashSize(unsigned int count) {
     if (size == 2) return size;
     if (size % 2 != 0 && passesForPrime(size)) return size;
   }
-  return 1021;
+  return 1021;  // never comes to it: between a number and its double lies a prime
 }

@@ -18,11 +18,12 @@ class SnapDriverInterfaceUtility {
   // Fills the two handshake words. Reseeds the C library's generator from the current UTC time.
   void generateHandShake(_ioctlCmd* command);
 
-  // Fills `*state` from /proc/meminfo. 0, or 3.
+  // Fills `*state` from /proc/meminfo, in kB. 0, with the object that read them left allocated; 3 for null and when the
+  // file cannot be opened, `*state` untouched. A line of the file without a digit throws std::out_of_range.
   unsigned int getSystemState(mirelsnapsdk_linuxcomputer::_sysMemStateInfo* state);
-  // How many relocation entries the driver may hold in memory.
+  // How many relocation entries the driver may hold in memory, of MemFree, Cached and AnonPages (kB).
   std::uint64_t calculateMaxRelocBlocks(mirelsnapsdk_linuxcomputer::_sysMemStateInfo state);
-  // Size of a hash table for `count` entries.
+  // Buckets of a hash table for `count` entries: about a fiftieth, a number that passes for prime, or 1 or 2.
   unsigned int calculateHashSize(unsigned int count);
 };
 

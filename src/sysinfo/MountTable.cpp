@@ -30,10 +30,10 @@ void printSizes(const struct statfs& sizes) {
   const std::uint64_t blockKB = static_cast<std::uint64_t>(sizes.f_bsize) / 1024;
   const std::uint64_t totalKB = blockKB * sizes.f_blocks;
   const std::uint64_t freeKB = blockKB * sizes.f_bfree;
-  std::cout << "BlockSize of volume: " << std::to_string(sizes.f_bsize) << '\n'
-            << "TotalSizeOfVolume (in K): " << std::to_string(totalKB) << '\n'
-            << "AvailSizeKofVolume (in K): " << std::to_string(freeKB) << '\n'
-            << "UsedSizeKofVolume (in K): " << std::to_string(totalKB - freeKB) << '\n';
+  std::cout << "BlockSize of volume: " << sizes.f_bsize << '\n'
+            << "TotalSizeOfVolume (in K): " << totalKB << '\n'
+            << "AvailSizeKofVolume (in K): " << freeKB << '\n'
+            << "UsedSizeKofVolume (in K): " << totalKB - freeKB << '\n';
 }
 
 }  // namespace

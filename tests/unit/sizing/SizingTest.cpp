@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // How large the driver's tables get.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -67,10 +68,15 @@ TEST(CalculateMaxRelocBlocks, does_not_look_at_the_other_figures) {
 
 TEST(CalculateMaxRelocBlocks, calculates_in_64_bits) {
   EXPECT_EQ(maxRelocBlocks(memory(std::uint64_t{1} << 40, 0, 0)), ((std::uint64_t{1} << 37) / 12) * 4096);
-  // The sum wraps as unsigned numbers do: three times the largest half, quarter and half make 2^62 - 2 above 2^64.
+  // The sum, 2^64 + 2^62 - 3, and the product wrap as unsigned numbers do.
   const std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
-  const std::uint64_t reserved = most / 2 + most / 2 + most / 4;
-  EXPECT_EQ(maxRelocBlocks(memory(most, most, most)), (reserved / 4 / 12) * 4096);
+  test::LogCapture log;
+  EXPECT_EQ(maxRelocBlocks(memory(most, most, most)), 6148914691236515840ull);
+  EXPECT_THAT(log.texts(LOG_INFO),
+              testing::ElementsAre("freeRam  : 18446744073709551615Kreserved Mem in KB : 4611686018427387901K"
+                                   "reservedMemPages : 1152921504606846975\n",
+                                   "maxAllowableRelocEntriesInMem :6148914691236515840\n"))
+      << log.dump();
 }
 
 TEST(CalculateHashSize, of_fewer_than_50_entries_is_2) {
@@ -117,6 +123,10 @@ TEST(CalculateHashSize, takes_squares_of_primes_and_what_only_the_truncated_root
   EXPECT_EQ(hashSize(50 * 169), 169u);
   EXPECT_EQ(hashSize(50 * 35), 35u);    // 5 x 7
   EXPECT_EQ(hashSize(50 * 143), 143u);  // 11 x 13
+}
+
+TEST(CalculateHashSize, knows_the_truncated_root_of_a_large_number_exactly) {
+  EXPECT_EQ(hashSize(852019150), 17040383u);  // 4127 x 4129, which a root rounded up to 4128 would refuse
 }
 
 TEST(CalculateHashSize, of_many_entries_is_near_a_fiftieth) {

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -113,6 +114,18 @@ TEST_F(Aliases, skip_a_link_that_resolves_with_another_error) {
   EXPECT_THAT(info.volumeAliasMap, ElementsAre(Pair("/dev/sda1", ElementsAre("/dev/disk/by-uuid/X"))));
 }
 
+TEST_F(Aliases, skip_a_link_that_may_not_be_followed_though_part_of_it_is_resolved) {
+  dev.link("/dev/disk/by-uuid/X", "../../sda1");
+  test::Interposed calls;
+  calls.onRealpath = [](const std::string&, char* resolved) -> test::Answer {
+    std::strcpy(resolved, "/dev");
+    return EACCES;
+  };
+  info.LinkVolumeDeviceAliases();
+  EXPECT_TRUE(info.volumeAliases.empty());
+  EXPECT_TRUE(info.volumeAliasMap.empty());
+}
+
 TEST_F(Aliases, take_a_link_text_of_4095_bytes_and_skip_what_cannot_be_read) {
   dev.link("/dev/disk/by-uuid/longest", "x");
   dev.link("/dev/disk/by-uuid/longer", "x");
@@ -145,6 +158,22 @@ TEST_F(Aliases, resolve_a_relative_link_from_the_directory_that_they_are_told) {
   EXPECT_THAT(info.volumeAliases, ElementsAre(Pair("/dev/disk/by-uuid/X", "/dev/sda1")));
 }
 
+TEST_F(Aliases, resolve_a_relative_link_in_the_place_of_dev_disk_from_dev) {
+  const test::Node disk("/dev/sdb1", S_IFBLK, 8, 17);
+  ASSERT_EQ(rmdir("/dev/disk/by-uuid") + rmdir("/dev/disk"), 0);
+  ASSERT_EQ(symlink("sdb1", "/dev/disk"), 0);
+  info.LinkVolumeDeviceAliases();
+  EXPECT_THAT(info.volumeAliases, ElementsAre(Pair("/dev/disk", "/dev/sdb1")));
+  unlink("/dev/disk");
+}
+
+TEST_F(Aliases, are_registered_from_dev_disk_before_dev_root) {
+  dev.block("/dev/root", 8, 1);
+  dev.link("/dev/disk/by-uuid/X", "../../sda1");
+  info.LinkVolumeDeviceAliases();
+  EXPECT_THAT(info.volumeAliasMap["/dev/sda1"], ElementsAre("/dev/disk/by-uuid/X", "/dev/root"));
+}
+
 TEST_F(Aliases, reached_twice_are_listed_twice_and_lead_where_they_led_last) {
   dev.block("/dev/sdb1", 8, 17);
   dev.link("/dev/disk/by-uuid/X", "../../sda1");
@@ -173,6 +202,25 @@ TEST_F(Aliases, leave_errno_0_behind_a_directory) {
   errno = EBADF;
   info.LinkVolumeDeviceAliases("/dev/disk", "/dev");
   EXPECT_EQ(errno, 0);
+}
+
+TEST_F(Aliases, are_read_and_resolved_with_errno_0) {
+  dev.link("/dev/disk/by-uuid/loop", "loop");
+  dev.link("/dev/disk/by-uuid/X", "../../sda1");
+  std::vector<int> found;
+  test::Interposed calls;
+  calls.onReaddir = [&found] { found.push_back(errno); };
+  calls.onReadlink = [](const std::string&, char*, std::size_t) -> std::optional<ssize_t> {
+    errno = EBADF;  // nothing forbids it
+    return std::nullopt;
+  };
+  calls.onRealpath = [&found](const std::string&, char*) -> test::Answer {
+    found.push_back(errno);
+    return std::nullopt;
+  };
+  errno = EBADF;
+  info.LinkVolumeDeviceAliases("/dev/disk/by-uuid", "/dev/disk");
+  EXPECT_EQ(found, std::vector<int>(2 + 5, 0)) << "two links; two entries, \".\", \"..\" and the end";
 }
 
 TEST_F(Aliases, of_a_missing_directory_or_one_that_cannot_be_opened_are_none) {

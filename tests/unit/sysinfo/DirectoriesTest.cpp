@@ -89,6 +89,16 @@ TEST(GetFilesInDirectory, answers_why_the_directory_cannot_be_opened) {
   EXPECT_EQ(log.lines().size(), 2u) << log.dump();
 }
 
+TEST(GetFilesInDirectory, answers_why_also_where_there_is_no_system_log) {
+  const test::TempDir dir;
+  test::writeFile(dir / "file", "");
+  LinuxSystemInfo info;
+  std::list<std::string> found;
+  const int mask = setlogmask(LOG_UPTO(LOG_DEBUG));
+  EXPECT_EQ(info.GetFilesInDirectory(dir / "file", found), ENOTDIR);  // the log is not there either: ENOENT
+  setlogmask(mask);
+}
+
 TEST(DeleteDirectoryIfEmpty, removes_an_empty_directory) {
   const test::TempDir dir;
   fs::create_directory(dir / "sub");

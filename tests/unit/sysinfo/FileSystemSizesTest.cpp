@@ -88,6 +88,15 @@ TEST(GetMountSizeDetails, of_blocks_of_512_bytes_is_correct) {
   EXPECT_EQ(sizes.fsType, 0x1234u);
 }
 
+TEST(GetMountSizeDetails, counts_as_used_what_whole_KB_in_all_and_free_leave) {
+  test::Interposed calls;
+  answer(calls, 1000, 501, 512);
+  Sizes sizes;
+  EXPECT_EQ(ask("/mnt/fake", sizes), 0u);
+  EXPECT_EQ(sizes.availKB, 250u);  // 250.5
+  EXPECT_EQ(sizes.usedKB, 250u);   // not the 249.5 that the blocks in use have
+}
+
 TEST(GetMountSizeDetails, calculates_in_64_bits) {
   test::Interposed calls;
   answer(calls, std::uint64_t{1} << 40, std::uint64_t{1} << 39, 65536);

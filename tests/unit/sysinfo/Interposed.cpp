@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Interposed.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace {
@@ -61,4 +63,17 @@ extern "C" ssize_t readlink(const char* path, char* buffer, std::size_t size) no
     if (const auto answer = current->onReadlink(path, buffer, size)) return *answer;
   }
   return next<ssize_t (*)(const char*, char*, std::size_t)>("readlink")(path, buffer, size);
+}
+
+extern "C" char* realpath(const char* path, char* resolved) noexcept {
+  if (current != nullptr && current->onRealpath) {
+    if (const test::Answer answer = current->onRealpath(path, resolved))
+      return finish(*answer) == 0 ? resolved : nullptr;
+  }
+  return next<char* (*)(const char*, char*)>("realpath")(path, resolved);
+}
+
+extern "C" dirent* readdir(DIR* directory) {
+  if (current != nullptr && current->onReaddir) current->onReaddir();
+  return next<dirent* (*)(DIR*)>("readdir")(directory);
 }

@@ -28,6 +28,10 @@ class Interposed {
   std::function<Answer(const std::string& path, struct stat* result)> onStat;
   std::function<Answer(const std::string& path, struct stat* result)> onLstat;
   std::function<Answer(const std::string& path, struct statfs* result)> onStatfs;
+  // Called as realpath begins; errno is what realpath finds there.
+  std::function<Answer(const std::string& path, char* resolved)> onRealpath;
+  // Called as readdir begins, each time.
+  std::function<void()> onReaddir;
   // Answers the bytes that readlink claims to have read, or -1 with errno set.
   std::function<std::optional<ssize_t>(const std::string& path, char* buffer, std::size_t size)> onReadlink;
 };

@@ -87,6 +87,10 @@ TEST(MemoryState, stops_the_number_at_the_first_other_character) {
               UnorderedElementsAre(Pair("A", 12u), Pair("B", 12u), Pair("C", 5u)));
 }
 
+TEST(MemoryState, reads_every_number_as_a_decimal_one) {
+  EXPECT_THAT(read("A: 010 kB\nB: 0x1F1 kB\n"), UnorderedElementsAre(Pair("A", 10u), Pair("B", 0u)));
+}
+
 TEST(MemoryState, holds_the_largest_number_for_one_beyond_it) {
   EXPECT_THAT(read("A: 9223372036854775807 kB\nB: 99999999999999999999 kB\n"),
               UnorderedElementsAre(Pair("A", kLongMax), Pair("B", kLongMax)));
@@ -176,6 +180,15 @@ TEST(SpecificSystemMemoryState, adds_a_missing_figure_with_0_and_says_nothing) {
   EXPECT_EQ(info.memInfo.size(), 6u);
   EXPECT_EQ(info.memInfo.count("HighFree"), 1u);
   EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST(SpecificSystemMemoryState, adds_all_six_figures_when_nothing_was_read) {
+  LinuxSystemInfo info;
+  _sysMemStateInfo state{1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(info.GetSpecificSystemMemoryState(&state), 0u);
+  EXPECT_EQ(state.MemTotal + state.MemFree + state.HighFree + state.LowFree + state.Cached + state.AnonPages, 0u);
+  EXPECT_THAT(info.memInfo, UnorderedElementsAre(Pair("MemTotal", 0u), Pair("MemFree", 0u), Pair("HighFree", 0u),
+                                                 Pair("LowFree", 0u), Pair("Cached", 0u), Pair("AnonPages", 0u)));
 }
 
 TEST(SpecificSystemMemoryState, for_a_null_record_is_logged_and_3) {

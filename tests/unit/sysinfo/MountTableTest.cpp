@@ -1,22 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Which block devices are mounted where.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <future>
+#include <iostream>
 
 #include "DevTree.h"
 #include "Interposed.h"
 #include "LogCapture.h"
 #include "LoopVolume.h"
 #include "World.h"
+#include "qxtools/Handle.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 using mirelsnapsdk_linuxcomputer::LinuxSystemInfo;
@@ -256,6 +262,29 @@ TEST(GetProcMounts, survives_lines_that_are_cut_short) {
   EXPECT_EQ(entries[0].dir, "");
   EXPECT_EQ(entries[1].dir, "/b");
   EXPECT_EQ(entries[2].type, "ext4");
+}
+
+TEST(GetProcMounts, of_two_threads_do_not_disturb_each_other) {
+  std::string table;
+  for (int i = 0; i < 200; ++i) {
+    const std::string number = std::to_string(1000 + i);
+    table += line("/dev/d" + number, "/m" + number);
+  }
+  const test::ProcFile mounts("mounts", table);
+  const auto read = [] {
+    LinuxSystemInfo info;
+    for (int round = 0; round < 50; ++round) {
+      const std::vector<MountEntry> entries = info.GetProcMounts();
+      if (entries.size() != 200) return false;
+      for (const MountEntry& entry : entries) {
+        if (entry.fsname.substr(6) != entry.dir.substr(2)) return false;
+      }
+    }
+    return true;
+  };
+  std::future<bool> other = std::async(std::launch::async, read);
+  EXPECT_TRUE(read());
+  EXPECT_TRUE(other.get());
 }
 
 TEST(GetMountPoints, are_all_directories_of_the_device_in_table_order) {
@@ -498,4 +527,23 @@ TEST(PrintMounts, truncates_blocks_to_whole_KB) {
   EXPECT_THAT(testing::internal::GetCapturedStdout(),
               testing::HasSubstr("BlockSize of volume: 2560\nTotalSizeOfVolume (in K): 2199023255552\n"
                                  "AvailSizeKofVolume (in K): 2\nUsedSizeKofVolume (in K): 2199023255550\n"));
+}
+
+TEST(PrintMounts, reaches_standard_output_at_once) {
+  const test::ProcFile mounts("mounts", "");
+  const test::TempDir dir;
+  LinuxSystemInfo info;
+  std::cout.flush();
+  std::fflush(stdout);
+  const UniqueFd saved(dup(STDOUT_FILENO));
+  const UniqueFd file(open((dir / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  dup2(file.get(), STDOUT_FILENO);
+  info.printMounts();
+  const std::string written = test::readFile(dir / "out");
+  std::fflush(stdout);
+  dup2(saved.get(), STDOUT_FILENO);
+  EXPECT_EQ(written,
+            " Mount points in the system are: \n"
+            "Volume Aliases of the system are: \n"
+            "VolumeAliasMap of the system are: \n");
 }

@@ -60,6 +60,12 @@ TEST(ShortMemory, leaves_nothing_of_the_search_for_a_device) {
   });
 }
 
+TEST(ShortMemory, is_felt_by_the_search_for_a_device_before_it_starts) {
+  // The room for the longest path is asked for at once.
+  const test::FailingAllocation failing(0, 4097 + 1);
+  EXPECT_THROW(mirelsnapsdk_linuxcomputer::FindDev(makedev(240, 17)), std::bad_alloc);
+}
+
 TEST(ShortMemory, leaves_nothing_of_the_memory_state) {
   const test::ProcFile meminfo("meminfo", "A" + kLong + ": 1 kB\nMemFree: 2 kB\n");
   expectNothingStays([](LinuxSystemInfo& info) { info.InitializeSystemMemoryState(); });
