@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "DevTree.h"
+#include "Interposed.h"
 #include "LogCapture.h"
 #include "LoopVolume.h"
 #include "World.h"
@@ -89,14 +90,17 @@ TEST(GetFilesInDirectory, answers_why_the_directory_cannot_be_opened) {
   EXPECT_EQ(log.lines().size(), 2u) << log.dump();
 }
 
-TEST(GetFilesInDirectory, answers_why_also_where_there_is_no_system_log) {
-  const test::TempDir dir;
-  test::writeFile(dir / "file", "");
+TEST(GetFilesInDirectory, answers_why_whatever_logging_leaves_in_errno) {
   LinuxSystemInfo info;
+  test::Interposed calls;
+  int logged = 0;
+  calls.afterSyslog = [&logged] {
+    ++logged;
+    errno = EBADF;
+  };
   std::list<std::string> found;
-  const int mask = setlogmask(LOG_UPTO(LOG_DEBUG));
-  EXPECT_EQ(info.GetFilesInDirectory(dir / "file", found), ENOTDIR);  // the log is not there either: ENOENT
-  setlogmask(mask);
+  EXPECT_EQ(info.GetFilesInDirectory("/mnt/none", found), ENOENT);
+  EXPECT_EQ(logged, 1);
 }
 
 TEST(DeleteDirectoryIfEmpty, removes_an_empty_directory) {

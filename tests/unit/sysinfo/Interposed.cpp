@@ -3,9 +3,11 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -76,4 +78,12 @@ extern "C" char* realpath(const char* path, char* resolved) noexcept {
 extern "C" dirent* readdir(DIR* directory) {
   if (current != nullptr && current->onReaddir) current->onReaddir();
   return next<dirent* (*)(DIR*)>("readdir")(directory);
+}
+
+extern "C" void syslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vsyslog(priority, format, arguments);
+  va_end(arguments);
+  if (current != nullptr && current->afterSyslog) current->afterSyslog();
 }

@@ -32,6 +32,8 @@ class Interposed {
   std::function<Answer(const std::string& path, char* resolved)> onRealpath;
   // Called as readdir begins, each time.
   std::function<void()> onReaddir;
+  // Called behind each syslog; errno is what syslog leaves.
+  std::function<void()> afterSyslog;
   // Answers the bytes that readlink claims to have read, or -1 with errno set.
   std::function<std::optional<ssize_t>(const std::string& path, char* buffer, std::size_t size)> onReadlink;
 };
