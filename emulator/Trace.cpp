@@ -31,6 +31,8 @@ std::string timeText(std::int64_t microseconds) {
 }
 
 // What a record says, in the order of its fields.
+Json describe(const VolumeCheckPayload& payload) { return {{"device", device(payload.majorNum, payload.minorNum)}}; }
+
 Json describe(const VolumeListEntry& entry) { return {{"device", device(entry.majorNum, entry.minorNum)}}; }
 
 Json describe(const RelocFileMappingEntry& entry) {
@@ -104,7 +106,7 @@ void addPayload(Json& line, const TraceEntry& entry) {
   const std::uint32_t filled = buffer.header().requestValue;
   switch (entry.command->layout) {
     case Layout::VolumeCheck:
-      line["volumes"] = describeAll<VolumeListEntry>(buffer, 1);
+      line["volumes"] = describeAll<VolumeCheckPayload>(buffer, 1);
       break;
     case Layout::VolumeList:
       line["volumes"] = describeAll<VolumeListEntry>(buffer, filled);
