@@ -81,9 +81,11 @@ std::optional<Held> receive(int socket) {
   return held;
 }
 
-void undo(const Kernel& kernel, const std::map<unsigned int, Held>& holds) {
-  for (const auto& [number, held] : std::views::reverse(holds)) {
-    if (held.note.kind == Note::kFrozen) ioctl(held.descriptor.get(), FITHAW, 0);
+void undo(const Kernel& kernel, std::map<unsigned int, Held>& holds) {
+  for (auto& [number, held] : std::views::reverse(holds)) {
+    if (held.note.kind != Note::kFrozen) continue;
+    ioctl(held.descriptor.get(), FITHAW, 0);
+    held.descriptor.reset();
   }
   std::set<DeviceNumber> devices;
   for (const auto& [number, held] : holds) {
@@ -117,6 +119,7 @@ void closeAllBut(const std::set<int>& kept) {
     while (auto held = receive(socket)) {
       if (held->note.kind == Note::kReleased) {
         holds.erase(held->note.number);
+        send(socket, held->note, -1);  // the emulator waits for it
       } else {
         holds.emplace(held->note.number, std::move(*held));
       }
@@ -136,8 +139,15 @@ unsigned int nextNumber() {
 }  // namespace
 
 void SafetyNet::Hold::release() noexcept {
-  if (mNet != nullptr) send(mNet->mSocket.get(), {Note::kReleased, mNumber, {}, {}}, -1);
+  if (mNet != nullptr) mNet->letGo(mNumber);
   mNet = nullptr;
+}
+
+// Waits until it is done: as long as the net holds a file system, nobody can unmount it.
+void SafetyNet::letGo(unsigned int number) noexcept {
+  const std::lock_guard lock(*mMutex);
+  send(mSocket.get(), {Note::kReleased, number, {}, {}}, -1);
+  receive(mSocket.get());
 }
 
 Result<SafetyNet> SafetyNet::spread(const Kernel& kernel) {

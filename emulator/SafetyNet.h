@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include <memory>
+#include <mutex>
 #include <utility>
 
 #include "DeviceNumber.h"
@@ -48,9 +50,11 @@ class SafetyNet {
   Hold holdSnapshot(const UniqueFd& folder, DeviceNumber volume, DeviceNumber device);
 
  private:
-  explicit SafetyNet(UniqueFd socket) : mSocket(std::move(socket)) {}
+  explicit SafetyNet(UniqueFd socket) : mSocket(std::move(socket)), mMutex(std::make_unique<std::mutex>()) {}
+  void letGo(unsigned int number) noexcept;
 
   UniqueFd mSocket;
+  std::unique_ptr<std::mutex> mMutex;  // one question to the net at a time
 };
 
 }  // namespace emulator

@@ -75,15 +75,18 @@ class Signals {
   UniqueFd mDescriptor;
 };
 
-// COMMAND stopped itself (a shell's "suspend") after it gave the terminal back: whoever waits for the emulator waits
-// for COMMAND, so the emulator stops too, and goes on together with it.
+// COMMAND stopped while it had the terminal (a shell's "suspend"): whoever waits for the emulator waits for COMMAND, so
+// the emulator stops too, and gives COMMAND the terminal back when both go on.
 void stopWithCommand(pid_t command) {
   siginfo_t info{};
   if (waitid(P_PID, static_cast<id_t>(command), &info, WSTOPPED | WNOHANG) != 0 || info.si_pid != command) return;
   const UniqueFd terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
-  if (!terminal || tcgetpgrp(terminal.get()) != getpgrp()) return;
+  const pid_t group = getpgid(command);
+  const pid_t foreground = terminal ? tcgetpgrp(terminal.get()) : -1;
+  if (foreground < 0 || (foreground != group && foreground != getpgrp())) return;
   raise(SIGSTOP);
-  kill(command, SIGCONT);
+  if (tcgetpgrp(terminal.get()) == getpgrp()) tcsetpgrp(terminal.get(), foreground);
+  killpg(group, SIGCONT);
 }
 
 // Waits for COMMAND's end: its wait status, or nothing when it outlived the grace after a signal.

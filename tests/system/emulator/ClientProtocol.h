@@ -7,9 +7,12 @@
 
 namespace client {
 
+inline constexpr std::size_t kPathRoom = 64;
+
 struct Order {
   enum Kind {
     kRequest,         // issue request `argument` with the bytes as its buffer
+    kRequestOn,       // the same on the open device of a path, which stands before the buffer in kPathRoom bytes
     kProcess,         // tell the process id
     kShell,           // run the bytes, a text with its NUL, with sh
     kLeaveNamespace,  // into a mount namespace of its own

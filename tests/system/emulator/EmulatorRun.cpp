@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +13,8 @@
 
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 
@@ -57,7 +60,8 @@ std::uint64_t deviceBytes(const std::string& device) {
 
 }  // namespace
 
-EmulatorRun::EmulatorRun(std::vector<std::string> options, std::vector<std::string> command) {
+EmulatorRun::EmulatorRun(std::vector<std::string> options, std::vector<std::string> command,
+                         const std::function<void()>& prepare) {
   std::vector<std::string> arguments = {EMULATOR_PROGRAM};
   arguments.insert(arguments.end(), options.begin(), options.end());
   arguments.emplace_back("--");
@@ -70,6 +74,7 @@ EmulatorRun::EmulatorRun(std::vector<std::string> options, std::vector<std::stri
   if (mProcess > 0) return;
   dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDOUT_FILENO);
   dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+  prepare();
   execv(argv[0], argv.data());
   _exit(125);
 }
@@ -95,18 +100,37 @@ Client::~Client() {
   if (mSocket >= 0) close(mSocket);
 }
 
+void Client::send(client::Order order, const std::vector<std::byte>& bytes) const {
+  order.length = bytes.size();
+  writeAll(mSocket, &order, sizeof order);
+  writeAll(mSocket, bytes.data(), bytes.size());
+}
+
+client::Answer Client::receive(std::vector<std::byte>& bytes) const {
+  client::Answer answer;
+  readAll(mSocket, &answer, sizeof answer);
+  readAll(mSocket, bytes.data(), bytes.size());
+  return answer;
+}
+
+client::Answer Client::order(client::Order order, std::vector<std::byte>& bytes) {
+  send(order, bytes);
+  return receive(bytes);
+}
+
 void Client::begin(unsigned long request, WireCommand command) {
   mBytes = std::move(command.bytes());
-  const client::Order order{client::Order::kRequest, request, mBytes.size()};
-  writeAll(mSocket, &order, sizeof order);
-  writeAll(mSocket, mBytes.data(), mBytes.size());
+  send({client::Order::kRequest, request, 0}, mBytes);
 }
 
 Client::Outcome Client::finish() {
-  client::Answer answer;
-  readAll(mSocket, &answer, sizeof answer);
-  readAll(mSocket, mBytes.data(), mBytes.size());
+  const client::Answer answer = receive(mBytes);
   return {answer.error, WireCommand(std::move(mBytes))};
+}
+
+bool Client::isAnswered() const {
+  pollfd waiting{mSocket, POLLIN, 0};
+  return poll(&waiting, 1, 0) == 1;
 }
 
 Client::Outcome Client::issue(unsigned long request, WireCommand command) {
@@ -114,31 +138,31 @@ Client::Outcome Client::issue(unsigned long request, WireCommand command) {
   return finish();
 }
 
+Client::Outcome Client::issueOn(const std::string& device, unsigned long request, const WireCommand& command) {
+  std::vector<std::byte> bytes(client::kPathRoom);
+  std::memcpy(bytes.data(), device.data(), device.size());
+  bytes.insert(bytes.end(), command.bytes().begin(), command.bytes().end());
+  const client::Answer answer = order({client::Order::kRequestOn, request, 0}, bytes);
+  bytes.erase(bytes.begin(), bytes.begin() + client::kPathRoom);
+  return {answer.error, WireCommand(std::move(bytes))};
+}
+
 pid_t Client::process() {
-  const client::Order order{client::Order::kProcess, 0, 0};
-  writeAll(mSocket, &order, sizeof order);
-  client::Answer answer;
-  readAll(mSocket, &answer, sizeof answer);
-  return answer.result;
+  std::vector<std::byte> none;
+  return order({client::Order::kProcess, 0, 0}, none).result;
 }
 
 int Client::shell(const std::string& command) {
-  const client::Order order{client::Order::kShell, 0, command.size() + 1};
-  writeAll(mSocket, &order, sizeof order);
-  writeAll(mSocket, command.c_str(), command.size() + 1);
-  client::Answer answer;
-  readAll(mSocket, &answer, sizeof answer);
-  std::string back(command.size() + 1, '\0');
-  readAll(mSocket, back.data(), back.size());
-  return answer.result;
+  const auto* start = reinterpret_cast<const std::byte*>(command.c_str());
+  std::vector<std::byte> bytes(start, start + command.size() + 1);
+  return order({client::Order::kShell, 0, 0}, bytes).result;
 }
 
 void Client::leaveNamespace() {
-  const client::Order order{client::Order::kLeaveNamespace, 0, 0};
-  writeAll(mSocket, &order, sizeof order);
-  client::Answer answer;
-  readAll(mSocket, &answer, sizeof answer);
-  if (answer.error != 0) throw std::runtime_error("the client cannot leave its namespace");
+  std::vector<std::byte> none;
+  if (order({client::Order::kLeaveNamespace, 0, 0}, none).error != 0) {
+    throw std::runtime_error("the client cannot leave its namespace");
+  }
 }
 
 ClientRun::ClientRun(std::vector<std::string> options, std::size_t clients) {
@@ -166,12 +190,13 @@ int ClientRun::end() {
   return mRun->wait();
 }
 
-SnapCandidate::SnapCandidate(Client& client, const std::string& device, std::uint32_t relocBlocks) {
+SnapCandidate::SnapCandidate(Client& client, const std::string& device, const std::string& name) {
   constexpr std::uint32_t kBlockSize = 4096;
+  constexpr std::uint32_t relocBlocks = 16;
   struct stat found;
   if (stat(device.c_str(), &found) != 0) throw std::runtime_error("no " + device);
   mVolume.device = {major(found.st_rdev), minor(found.st_rdev)};
-  mVolume.name = device;
+  mVolume.name = name.empty() ? device : name;
   mVolume.blockSize = kBlockSize;
   mVolume.numBlocks = deviceBytes(device) / kBlockSize;
   mVolume.relocFile = mDir / "relocation";
@@ -180,12 +205,37 @@ SnapCandidate::SnapCandidate(Client& client, const std::string& device, std::uin
   writeFile(mVolume.relocFile, std::string(relocBlocks * kBlockSize, '\0'));
   const auto mapped =
       client.issue(IOC_CREATE_RELOC_FILE_MAPPING,
-                   createMappingCommand(static_cast<std::int32_t>(mVolume.process), device, mVolume.relocFile));
+                   createMappingCommand(static_cast<std::int32_t>(mVolume.process), mVolume.name, mVolume.relocFile));
   if (mapped.error != 0) throw std::runtime_error("no mapping for " + device + ": " + std::strerror(mapped.error));
 }
 
 std::string SnapCandidate::node() const {
   return "/dev/snap" + std::to_string(mVolume.device.majorNum) + "_" + std::to_string(mVolume.device.minorNum);
+}
+
+Finished runToTheEnd(std::vector<std::string> options, std::vector<std::string> command,
+                     const std::function<void()>& prepare) {
+  EmulatorRun run(std::move(options), std::move(command), prepare);
+  const int exitCode = run.wait();
+  return {exitCode, run.output(), run.errors()};
+}
+
+bool comesTrue(const std::function<bool()>& done) {
+  for (int i = 0; i < 1000; ++i) {
+    if (done()) return true;
+    usleep(5000);
+  }
+  return false;
+}
+
+std::vector<std::string> loopDevicesOver(const std::string& folder) {
+  std::vector<std::string> devices;
+  for (const auto& device : std::filesystem::directory_iterator("/sys/block")) {
+    std::ifstream file(device.path() / "loop/backing_file");
+    std::string path;
+    if (std::getline(file, path) && path.starts_with(folder + "/")) devices.push_back(device.path().filename());
+  }
+  return devices;
 }
 
 }  // namespace test

@@ -5,11 +5,14 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "ClientProtocol.h"
 #include "LoopVolume.h"
 #include "WireCommand.h"
 
@@ -18,7 +21,9 @@ namespace test {
 // Starts the emulator with its options and a command; ends it with SIGKILL where a test did not wait for it.
 class EmulatorRun {
  public:
-  EmulatorRun(std::vector<std::string> options, std::vector<std::string> command);
+  // `prepare` is called in the new process before the emulator is executed.
+  EmulatorRun(
+      std::vector<std::string> options, std::vector<std::string> command, const std::function<void()>& prepare = [] {});
   ~EmulatorRun();
   EmulatorRun(const EmulatorRun&) = delete;
   EmulatorRun& operator=(const EmulatorRun&) = delete;
@@ -50,6 +55,8 @@ class Client {
     std::int32_t status() const { return command.status(); }
   };
   Outcome issue(unsigned long request, WireCommand command);
+  // On the device of a path, whatever it is.
+  Outcome issueOn(const std::string& device, unsigned long request, const WireCommand& command);
   pid_t process();
   // Runs a shell command there; its exit code.
   int shell(const std::string& command);
@@ -57,8 +64,14 @@ class Client {
   // Hands an order over, and takes its answer later: for one that lasts.
   void begin(unsigned long request, WireCommand command);
   Outcome finish();
+  // Whether what was begun has been answered already.
+  bool isAnswered() const;
 
  private:
+  client::Answer order(client::Order order, std::vector<std::byte>& bytes);
+  void send(client::Order order, const std::vector<std::byte>& bytes) const;
+  client::Answer receive(std::vector<std::byte>& bytes) const;
+
   int mSocket;
   std::vector<std::byte> mBytes;  // of the order that was begun
 };
@@ -83,7 +96,8 @@ class ClientRun {
 // A loop volume as the snap command names it, with a relocation file on the scratch file system and its mapping made.
 class SnapCandidate {
  public:
-  SnapCandidate(Client& client, const std::string& device, std::uint32_t relocBlocks = 16);
+  // Named `name` where the client sees the device under another name.
+  SnapCandidate(Client& client, const std::string& device, const std::string& name = "");
   const WireSnapVolume& wire() const { return mVolume; }
   WireDevice device() const { return mVolume.device; }
   // "/dev/snap7_3"
@@ -94,5 +108,20 @@ class SnapCandidate {
   TempDir mDir;
   WireSnapVolume mVolume;
 };
+
+// Runs a command under the emulator to its end.
+struct Finished {
+  int exitCode;
+  std::string output;
+  std::string errors;
+};
+Finished runToTheEnd(
+    std::vector<std::string> options, std::vector<std::string> command, const std::function<void()>& prepare = [] {});
+
+// Whether `done` comes true within some seconds.
+bool comesTrue(const std::function<bool()>& done);
+
+// The loop devices whose file lies, or lay, in a folder.
+std::vector<std::string> loopDevicesOver(const std::string& folder);
 
 }  // namespace test

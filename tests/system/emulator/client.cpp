@@ -48,10 +48,9 @@ int openControlNode() {
   return open("/dev/mirelsnapctl", O_RDONLY | O_CLOEXEC);
 }
 
-Answer issue(const Order& order, std::vector<char>& buffer) {
-  const int control = openControlNode();
+Answer issue(const Order& order, char* buffer, int control) {
   if (control < 0) return {errno, -1};
-  const int result = ioctl(control, order.argument, buffer.data());
+  const int result = ioctl(control, order.argument, buffer);
   const Answer answer{result == 0 ? 0 : errno, result};
   close(control);
   return answer;
@@ -60,7 +59,9 @@ Answer issue(const Order& order, std::vector<char>& buffer) {
 Answer answerTo(const Order& order, std::vector<char>& buffer) {
   switch (order.kind) {
     case Order::kRequest:
-      return issue(order, buffer);
+      return issue(order, buffer.data(), openControlNode());
+    case Order::kRequestOn:
+      return issue(order, buffer.data() + client::kPathRoom, open(buffer.data(), O_RDONLY | O_CLOEXEC));
     case Order::kProcess:
       return {0, getpid()};
     case Order::kShell: {

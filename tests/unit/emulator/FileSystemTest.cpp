@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <optional>
 
 #include "BlockDevice.h"
@@ -216,14 +217,35 @@ TEST_F(FileSystems, in_the_wrong_order_wait_for_each_other_only_until_the_time_i
 
 // ---- the net
 
+TEST_F(FileSystems, that_were_thawed_are_held_by_nobody) {
+  auto net = emulator::SafetyNet::spread(*kernel);
+  ASSERT_TRUE(net);
+  kernel->use(*net);
+  for (int i = 0; i < 10; ++i) {
+    const test::LoopDevice loop(kBytes);
+    const test::TempDir folder;
+    loop.mkfs("ext4");
+    ASSERT_EQ(mount(loop.path().c_str(), folder.path().c_str(), "ext4", 0, nullptr), 0);
+    {
+      FileSystem fileSystem = on(loop);
+      ASSERT_FALSE(fileSystem.freeze().failed());
+      fileSystem.thaw();
+    }
+    EXPECT_EQ(umount(folder.path().c_str()), 0) << std::strerror(errno);
+  }
+}
+
 TEST_F(FileSystems, of_an_emulator_that_is_killed_are_thawed_by_its_net) {
-  const test::Volume volume("ext4", kBytes);
+  const test::LoopDevice loop(kBytes);
+  loop.mkfs("ext4");
+  const test::TempDir folder;
+  ASSERT_EQ(mount(loop.path().c_str(), folder.path().c_str(), "ext4", 0, nullptr), 0);
   const pid_t child = fork();
   if (child == 0) {
     auto net = emulator::SafetyNet::spread(*kernel);
     if (!net) _exit(1);
     kernel->use(*net);
-    auto fileSystem = FileSystem::on(*kernel, numberOf(volume.loop()), self);
+    auto fileSystem = FileSystem::on(*kernel, numberOf(loop), self);
     if (!fileSystem || fileSystem->freeze().failed()) _exit(2);
     kill(getpid(), SIGKILL);
   }
@@ -231,8 +253,10 @@ TEST_F(FileSystems, of_an_emulator_that_is_killed_are_thawed_by_its_net) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFSIGNALED(status));
   // Waits for the thaw; without the net it would wait for ever, and the test with it.
-  test::writeFile(volume.folder() + "/file", "written");
-  EXPECT_EQ(test::readFile(volume.folder() + "/file"), "written");
+  test::writeFile(folder / "file", "written");
+  EXPECT_EQ(test::readFile(folder / "file"), "written");
+  // The net lets go of the file system right after the thaw.
+  while (umount(folder.path().c_str()) != 0) usleep(1000);
 }
 
 }  // namespace
