@@ -86,9 +86,9 @@ class MIRELSNAP_API SnapDriverInterface {
   int getIoctlCmdSize(std::list<SnapVolumeInformation>* volumes, std::map<unsigned int, std::list<_run*>*>* runs,
                       unsigned int* size);
   // Places, registers and creates a relocation file for every volume; `relocEntriesInMemory` blocks at most
-  // for all together. 0, or 10 with everything undone.
+  // for all together. 0; 10 when one fails, the files and mappings of those before it being removed.
   int deduceRelocLocations(std::list<SnapVolumeInformation>* volumes, unsigned long relocEntriesInMemory);
-  // Removes what deduceRelocLocations made.
+  // Removes every file, its mapping, and its directory when that is empty; failures are only logged.
   void cleanRelocFiles(std::list<SnapVolumeInformation>* volumes);
 
  private:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A reference on the driver singleton for a scope. Without a singleton (memory is short) no device counts as snapped.
+// A reference on the driver singleton for a scope. Without a singleton (memory is short) no device counts as snapped
+// or frozen.
 #pragma once
 
 #include <mirelsnap/DriverInterface.h>

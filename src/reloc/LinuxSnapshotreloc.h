@@ -45,10 +45,15 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   unsigned int SetRelocFileLocation(bool onlyIfLarger);
   // Places a file of the given size on the other file system with the most free space. 0, 21.
   unsigned int checkOtherMountVolumeForReloc();
+  // Finds out whether and where `volume` is mounted, and its sizes. Always 0: `mIsMounted` tells.
   unsigned int GetVolumeDetails(const std::string& volume);
+  // Sets `mIsMounted`, and `mVolMountPoint` to the first mount point, or to none when that is no folder; without any
+  // mount point it stays as it is.
   void CheckIfVolumeIsMounted(const std::string& volume);
+  // Fills the outputs and `mFSType`; where they cannot be read they stay, and `mIsMounted` becomes false.
   void GetMountDetails(const std::string& mountPoint, std::uint64_t* availKB, std::uint64_t* usedKB,
                        std::uint32_t* blockSize);
+  // Tries it out with a file, which is removed again.
   bool IsMountPointWritable(const std::string& mountPoint);
   // Size in blocks of a file that stays on the volume itself.
   std::uint64_t PredictSizeOfFile();
@@ -67,8 +72,9 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // Makes the file at its full size with every block allocated and written or mapped. 0, 18. The size may have been
   // cut by the file system: read GetRelocNumBlks afterwards.
   unsigned int CreateRelocFile();
-  // True when the file is gone.
+  // Removes the file, not its directory. True when it was removed, or never named; false also when it was gone already.
   bool DeleteRelocFile();
+  // True when the file is named and can be opened for reading.
   bool IsRelocFileExists();
   // Appends what the relocation directories of all mounted file systems hold. 0; 3 when nothing is mounted.
   unsigned int GetAllRelocationFiles(std::list<std::string>& files);
