@@ -38,6 +38,12 @@ TEST_F(Initialize, without_a_device_name_answers_7) {
   EXPECT_EQ(messages(), (Lines{"[3] Invalid device name passed to Snap.\n"}));
 }
 
+TEST_F(Initialize, hands_on_what_the_volumes_details_answer) {
+  hooks.getVolumeDetails = 16;
+  EXPECT_EQ(reloc.initialize(), 16u);
+  EXPECT_EQ(messages(), (Lines{"[3] Unable to obtain volume details.\n"}));
+}
+
 TEST_F(Initialize, keeps_the_file_on_a_volume_with_room) {
   const std::string folder = machine.mount(volume, {10000, 5000, kXfs});
   machine.mount(machine.device("other"), {gib(9), 0});
@@ -87,6 +93,31 @@ TEST_F(Initialize, on_a_volume_90_percent_full_keeps_the_file_when_the_largest_o
   EXPECT_EQ(reloc.mRelocNumBlks, 100u);
   EXPECT_EQ(reloc.mFSType, 0xEF53u);
   EXPECT_TRUE(log.has(4, "Could not find enough space on other mounted volumes\n"));
+}
+
+TEST_F(Initialize, cuts_90_percent_to_whole_KB) {
+  machine.mount(volume, {1001, 9000});  // 90 % of 10001 are 9000.9
+  const std::string other = machine.device("other");
+  machine.mount(other, {1002, 0});
+  EXPECT_EQ(reloc.initialize(), 0u);
+  EXPECT_EQ(reloc.mRelocDeviceName, other);
+}
+
+TEST_F(Initialize, leaves_a_volume_90_percent_full_without_asking_whether_it_is_snapped) {
+  machine.mount(volume, {1000, 9000});
+  machine.snapped(volume);
+  const std::string other = machine.device("other");
+  machine.mount(other, {1001, 0});
+  EXPECT_EQ(reloc.initialize(), 0u);
+  EXPECT_EQ(reloc.mRelocDeviceName, other);
+  EXPECT_EQ(driver.calls(IOC_CHECK_VOLUME_SNAPPED).size(), 1u) << "the other only";
+}
+
+TEST_F(Initialize, refuses_a_volume_90_percent_full_that_is_snapped_when_no_other_is_larger) {
+  machine.mount(volume, {1000, 9000});
+  machine.snapped(volume);
+  EXPECT_EQ(reloc.initialize(), 17u);
+  EXPECT_EQ(messages().back(), "[3] Volume is already snapped.\n");
 }
 
 TEST_F(Initialize, on_a_volume_almost_90_percent_full_keeps_the_file) {
@@ -197,6 +228,21 @@ TEST_F(LocationOption, a_file_system_without_sizes_is_refused_and_the_reference_
   expectRefusal(on(folder), {deviceLine(), "[3] User provided Mount point not valid.\n"}, 1);
 }
 
+TEST_F(LocationOption, asks_for_snapped_then_frozen_then_writable_then_sizes) {
+  machine.makeReadOnly(folder);
+  machine.hideSizes(folder);
+  expectRefusal(on(folder), {deviceLine(), "[3] User provided Mount point is not writable.\n"});
+  machine.frozen(device);
+  expectRefusal(on(folder), {deviceLine(), "[3] User provided Mount point already frozen.\n"});
+  machine.snapped(device);
+  expectRefusal(on(folder), {deviceLine(), "[3] User provided Mount point already snapped.\n"});
+}
+
+TEST_F(LocationOption, of_a_volume_without_details_is_refused_and_the_reference_never_given_back) {
+  hooks.getVolumeDetails = 16;
+  expectRefusal(on(folder), {deviceLine(), "[3] User provided mount point not valid for relocation file.\n"}, 1);
+}
+
 TEST_F(LocationOption, sizes_by_a_tenth_of_what_a_mounted_volume_uses) {
   const std::string own = machine.mount(volume, {1, 40009, kExt});
   LinuxSnapshotreloc reloc = on(folder);
@@ -283,6 +329,14 @@ TEST_F(SizeOption, more_than_the_driver_can_hold_is_refused) {
   log.clear();
   EXPECT_EQ(reloc.initializeRelocSizeOption(), 17u);
   EXPECT_EQ(messages(), (Lines{"[3] System doesnt have enough memroy to hold relocation file.\n"}));
+}
+
+TEST_F(SizeOption, hands_on_what_the_volumes_details_answer) {
+  hooks.getVolumeDetails = 16;
+  LinuxSnapshotreloc reloc = of(1);
+  log.clear();
+  EXPECT_EQ(reloc.initializeRelocSizeOption(), 16u);
+  EXPECT_EQ(messages(), (Lines{"[3] Unable to obtain volume details.\n"}));
 }
 
 TEST_F(SizeOption, as_much_as_the_driver_can_hold_stays_on_a_volume_with_room_without_asking_the_driver) {
@@ -455,6 +509,27 @@ TEST_F(Validate, refuses_more_than_the_free_space) {
   expectRefusal(of(1001), "[3] Invalid Reloc options : RelocMount point doesnt have enough space.\n");
 }
 
+TEST_F(Validate, asks_for_snapped_then_frozen_then_writable_then_kind) {
+  machine.makeReadOnly(folder);
+  machine.hideSizes(folder);
+  expectRefusal(of(1), "[3] Mount point " + folder + " is read only.\n", 1);
+  machine.frozen(device);
+  expectRefusal(of(1), "[3] Volume is already Frozen. Could not create relocation file\n", 1);
+  machine.snapped(device);
+  expectRefusal(of(1), "[3] Volume is already snapped.\n", 1);
+}
+
+TEST_F(Validate, asks_for_the_limit_then_the_drivers_memory_then_the_free_space) {
+  const std::string fat = machine.mount(machine.device("fat"), {1, 0, kFat});
+  LinuxSnapshotreloc beyondAll(volume, 1024, 4194304, fat, 1);
+  EXPECT_EQ(beyondAll.validate(), 17u);
+  EXPECT_EQ(messages().back(), "[3] System can not create a file with more than 4194304 blocks\n");
+  LinuxSnapshotreloc withinLimit(volume, 1024, 4194303, fat, 1);
+  EXPECT_EQ(withinLimit.validate(), 17u);
+  EXPECT_EQ(messages().back(),
+            "[3] System can not reserve enough memory for relocation blocks, try freeing some memory\n");
+}
+
 TEST_F(Validate, accepts_exactly_the_free_space_and_the_drivers_memory) {
   LinuxSnapshotreloc reloc = of(1000, 1000);
   log.clear();
@@ -507,6 +582,12 @@ TEST_F(Validate, the_users_choice_refuses_what_was_not_given) {
 TEST_F(Validate, the_users_choice_throws_out_of_range_for_a_short_device_name) {
   LinuxSnapshotreloc shortName("/dev", 1024, 1, folder, kManyEntries);
   EXPECT_THROW(shortName.initializeUserSelectedOptions(), std::out_of_range);
+}
+
+TEST_F(Validate, the_users_choice_for_a_device_name_of_just_the_prefix_names_the_directory) {
+  LinuxSnapshotreloc prefixOnly("/dev/", 1024, 1, folder, kManyEntries);
+  EXPECT_EQ(prefixOnly.initializeUserSelectedOptions(), 0u);
+  EXPECT_EQ(prefixOnly.mRelocFileName, folder + "/.verrelocarea/");
 }
 
 TEST_F(Validate, the_users_choice_on_the_root_has_two_slashes) {

@@ -10,6 +10,8 @@
 #include <cstdarg>
 #include <new>
 
+#include "reloc/LinuxSnapshotreloc.h"
+
 namespace test {
 Hooks hooks;
 }
@@ -75,6 +77,23 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   } catch (...) {
     return nullptr;
   }
+}
+
+extern "C" {
+unsigned int __real__ZN18LinuxSnapshotreloc16GetVolumeDetailsERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
+    LinuxSnapshotreloc* reloc, const std::string& volume);
+unsigned int __wrap__ZN18LinuxSnapshotreloc16GetVolumeDetailsERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
+    LinuxSnapshotreloc* reloc, const std::string& volume) {
+  if (hooks.getVolumeDetails) return *hooks.getVolumeDetails;
+  return __real__ZN18LinuxSnapshotreloc16GetVolumeDetailsERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
+      reloc, volume);
+}
+
+unsigned int __real__ZN18LinuxSnapshotreloc29initializeUserSelectedOptionsEv(LinuxSnapshotreloc* reloc);
+unsigned int __wrap__ZN18LinuxSnapshotreloc29initializeUserSelectedOptionsEv(LinuxSnapshotreloc* reloc) {
+  if (hooks.initializeUserSelectedOptions) return *hooks.initializeUserSelectedOptions;
+  return __real__ZN18LinuxSnapshotreloc29initializeUserSelectedOptionsEv(reloc);
+}
 }
 
 // An allocation beyond 2 GiB answers null under the address sanitizer too.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// C library calls that this program can make answer what the running kernel cannot be made to. A call without a hook
-// goes to the kernel.
+// C library calls that this program can make answer what the running kernel cannot be made to, and two steps of a
+// placement that never fail by themselves. A call without a hook goes to the kernel, or to the step.
 #pragma once
 
 #include <sys/types.h>
@@ -23,6 +23,9 @@ struct Hooks {
   std::function<std::optional<int>(int fd, off_t offset, off_t length)> posixFallocate;
   // Called before every fsync.
   std::function<void(int fd)> fsync;
+  // What these two steps of a placement answer; nothing is looked up.
+  std::optional<unsigned int> getVolumeDetails;
+  std::optional<unsigned int> initializeUserSelectedOptions;
   // Non-throwing operator new answers null.
   bool noMemory = false;
 };

@@ -187,6 +187,17 @@ TEST_F(Deduce, with_both_that_do_not_fit_fails) {
                    "[3] Reloc options are not correct.\n"}));
 }
 
+TEST_F(Deduce, with_both_that_cannot_be_placed_fails) {
+  const std::string a = volume("a");
+  request(a, 17, folderOf(a));
+  hooks.initializeUserSelectedOptions = 17;
+  EXPECT_EQ(deduce(1000), 10);
+  EXPECT_EQ(ownMessages(),
+            (Lines{"[6] User Options -- SnapVolName: " + a + ", RMountName: " + folderOf(a) + ", RVSize: 17.\n",
+                   "[3] Unable to initialize user selected options.\n"}));
+  EXPECT_EQ(mappingCommands(), Lines());
+}
+
 // --- Memory, mapping, file.
 
 TEST_F(Deduce, without_memory_fails_after_the_placement_and_before_any_mapping_or_file) {
@@ -273,6 +284,20 @@ TEST_F(Undo, a_third_volume_without_a_place_undoes_the_first_two) {
                    "[6] Deleted precreated RelocFile\n"}));
 }
 
+TEST_F(Undo, removes_each_file_before_its_mapping) {
+  const std::string a = volume("a");
+  request(a, 10);
+  request(machine.device("b"), 10, "/no/such/folder");
+  bool asked = false;
+  driver.on(IOC_DELETE_RELOC_FILE_MAPPING, [&](std::byte*, std::size_t) {
+    asked = true;
+    EXPECT_FALSE(fs::exists(fileOf(a)));
+    return 0;
+  });
+  EXPECT_EQ(deduce(1000), 10);
+  EXPECT_TRUE(asked);
+}
+
 TEST_F(Undo, a_refused_mapping_makes_no_file_and_is_not_withdrawn) {
   const std::string a = volume("a");
   const std::string b = volume("b");
@@ -341,6 +366,22 @@ TEST_F(Clean, removes_files_mappings_and_directories) {
                                "[7] Deleted precreated RelocFile: " + fileOf(a) + ".\n",
                                "[7] Deleted directory: " + folderOf(b) + "/.verrelocarea.\n",
                                "[7] Deleted precreated RelocFile: " + fileOf(b) + ".\n"}));
+}
+
+TEST_F(Clean, removes_each_file_before_its_mapping_and_its_mapping_before_its_directory) {
+  const std::string a = volume("a");
+  request(a, 10);
+  ASSERT_EQ(deduce(1000), 0);
+  bool asked = false;
+  driver.on(IOC_DELETE_RELOC_FILE_MAPPING, [&](std::byte*, std::size_t) {
+    asked = true;
+    EXPECT_FALSE(fs::exists(fileOf(a)));
+    EXPECT_TRUE(fs::exists(folderOf(a) + "/.verrelocarea"));
+    return 0;
+  });
+  singleton->cleanRelocFiles(&volumes);
+  EXPECT_TRUE(asked);
+  EXPECT_FALSE(fs::exists(folderOf(a) + "/.verrelocarea"));
 }
 
 TEST_F(Clean, keeps_a_directory_that_holds_another_file_and_says_it_was_deleted) {

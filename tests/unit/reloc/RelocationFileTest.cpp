@@ -369,6 +369,29 @@ TEST_F(CreateRelocFile, ends_where_a_write_comes_up_short_without_an_error) {
                    kDone}));
 }
 
+TEST_F(CreateRelocFile, whose_short_write_reports_an_error_is_removed) {
+  hooks.write = [](int, const void*, size_t) -> std::optional<ssize_t> {
+    errno = ENOSPC;
+    return 100;
+  };
+  writeOut();
+  EXPECT_EQ(reloc.CreateRelocFile(), 18u);
+  EXPECT_EQ(messages(), (Lines{directoryLine(), nameLine(), fallbackLine(0), kWriteFailed}));
+  EXPECT_EQ(reloc.GetRelocNumBlks(), 10u);
+  EXPECT_FALSE(fileExists());
+}
+
+TEST_F(CreateRelocFile, whose_first_write_comes_up_short_is_left_empty) {
+  hooks.write = [](int, const void*, size_t) { return std::optional<ssize_t>(0); };
+  hooks.posixFallocate = [](int file, off_t, off_t length) -> std::optional<int> {
+    EXPECT_EQ(ftruncate(file, length), 0);
+    return EIO;
+  };
+  EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+  EXPECT_EQ(reloc.GetRelocNumBlks(), 0u);
+  EXPECT_EQ(fileSize(), 0u);
+}
+
 TEST_F(CreateRelocFile, that_ends_short_holds_whole_blocks_only) {
   const FileSizeLimit limit(1000 * 512 + 100);
   writeOut();

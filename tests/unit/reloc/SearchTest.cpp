@@ -97,6 +97,20 @@ TEST_F(SetRelocFileLocation, skips_snapped_frozen_and_read_only_file_systems) {
   EXPECT_EQ(driver.calls(IOC_CHECK_VOLUME_FROZEN).size(), 2u) << "a snapped volume is not asked again";
 }
 
+TEST_F(SetRelocFileLocation, asks_for_snapped_then_frozen_then_writable) {
+  const std::string a = machine.device("a");
+  const std::string b = machine.device("b");
+  const std::string onA = machine.mount(a, {1000, 0});
+  const std::string onB = machine.mount(b, {1000, 0});
+  machine.snapped(a);
+  for (const std::string& device : {a, b}) machine.frozen(device);
+  for (const std::string& folder : {onA, onB}) machine.makeReadOnly(folder);
+  EXPECT_EQ(reloc.SetRelocFileLocation(false), 21u);
+  EXPECT_EQ(messages(), (Lines{"[7] Volume being checked: " + onA + ".\n", "[7] Volume " + a + " is already snapped.\n",
+                               "[7] Volume being checked: " + onB + ".\n", "[7] Volume " + b + " is already frozen.\n",
+                               "[3] Not enough space to create reloc file.\n"}));
+}
+
 TEST_F(SetRelocFileLocation, finds_nothing_in_an_empty_table) {
   EXPECT_EQ(reloc.SetRelocFileLocation(false), 21u);
   EXPECT_EQ(messages(), (Lines{"[3] Not enough space to create reloc file.\n"}));
@@ -308,6 +322,25 @@ TEST_F(CheckOtherMountVolumeForReloc, skips_silently_and_never_gives_the_referen
   EXPECT_EQ(messages(), (Lines{"[3] No mount point avaialbe to hold reloc file of size(blocks)\n"}));
   EXPECT_EQ(referencesLeft(), 1u);
   EXPECT_EQ(reloc.mFSType, 0u);
+}
+
+TEST_F(CheckOtherMountVolumeForReloc, skips_every_mount_of_the_volume_itself) {
+  machine.mount(volume, {gib(50), 0});
+  machine.mount(volume, {gib(60), 0});
+  const std::string other = machine.device("zzz");
+  machine.mount(other, {5000, 0});
+  EXPECT_EQ(reloc.checkOtherMountVolumeForReloc(), 0u);
+  EXPECT_EQ(reloc.mRelocDeviceName, other);
+  EXPECT_EQ(driver.calls(IOC_CHECK_VOLUME_SNAPPED).size(), 1u);
+}
+
+TEST_F(CheckOtherMountVolumeForReloc, takes_the_sizes_before_it_where_they_cannot_be_read) {
+  const std::string a = machine.device("a");
+  machine.mount(a, {5000, 0, kExt});
+  machine.hideSizes(machine.mount(machine.device("b"), {gib(1), 0, kXfs}));
+  EXPECT_EQ(reloc.checkOtherMountVolumeForReloc(), 0u);
+  EXPECT_EQ(reloc.mRelocDeviceName, a) << "equal sizes do not replace";
+  EXPECT_EQ(reloc.mFSType, 0xEF53u);
 }
 
 TEST_F(CheckOtherMountVolumeForReloc, without_a_singleton_asks_no_driver) {
