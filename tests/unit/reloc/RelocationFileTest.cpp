@@ -319,6 +319,17 @@ TEST_F(CreateRelocFile, that_cannot_be_sought_is_removed_with_offset_and_errno_l
   EXPECT_TRUE(fs::is_directory(reloc.mRelocDirName)) << "the directory is never removed here";
 }
 
+TEST_F(CreateRelocFile, that_cannot_be_sought_logs_that_errno_also_when_it_cannot_be_removed) {
+  hooks.lseek = [&](int, off_t, int) -> std::optional<off_t> {
+    fs::remove(reloc.mRelocFileName);
+    errno = EOVERFLOW;
+    return -1;
+  };
+  writeOut();
+  EXPECT_EQ(reloc.CreateRelocFile(), 18u);
+  EXPECT_EQ(messages().back(), "[3] lseek failed to offset to :0 bytes, errno : 75.\n");
+}
+
 TEST_F(CreateRelocFile, that_is_sought_to_another_offset_without_an_error_logs_errno_0) {
   hooks.lseek = [](int, off_t, int) -> std::optional<off_t> { return 7; };
   errno = EIO;
