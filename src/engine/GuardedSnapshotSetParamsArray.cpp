@@ -2,6 +2,7 @@
 #include "engine/GuardedSnapshotSetParamsArray.h"
 
 #include <algorithm>
+#include <mutex>
 #include <new>
 
 #include "engine/AutoLock.h"
@@ -22,6 +23,7 @@ bool LinuxGuardedSnapshotSetParamsArray::Add(MirelSnapshotSetParams* set) try {
   const AutoLock hold(mMutex);
   // The same object has the same identifier.
   if (find(set->GetSnapshotSetGUID()) != nullptr) return false;
+  const std::unique_lock<std::shared_mutex> changing(mSearching);
   mSets.push_back(set);
   set->Get();
   return true;
@@ -35,6 +37,7 @@ bool LinuxGuardedSnapshotSetParamsArray::RemoveSnapshotSet(const _SSGUIDPLAIN& s
     // Every round looks at the first set, not at the slot's; that is the contract: only the first set can be removed.
     MirelSnapshotSetParams* const first = mSets.front();
     if (!IsEqualGUID(first->GetSnapshotSetGUID(), setId)) continue;
+    const std::unique_lock<std::shared_mutex> changing(mSearching);
     first->Done();
     slot = nullptr;
     mSets.erase(mSets.begin());
@@ -44,8 +47,9 @@ bool LinuxGuardedSnapshotSetParamsArray::RemoveSnapshotSet(const _SSGUIDPLAIN& s
 }
 
 MirelSnapshotVolumeParams* LinuxGuardedSnapshotSetParamsArray::FindVolume(const wchar_t* name) {
-  // Without the mutex; that is the contract. What lists and unlists sets is kept apart from it by the one set that a
-  // process may have in progress.
+  // Without the mutex; that is the contract. Two engines can have a set in progress at once, since a third whose job
+  // failed ends the set of another when it goes: one may then search while the other lists or unlists.
+  const std::shared_lock<std::shared_mutex> searching(mSearching);
   for (MirelSnapshotSetParams* set : mSets) {
     if (MirelSnapshotVolumeParams* volume = set->GetFor(name)) return volume;
   }

@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <shared_mutex>
 #include <vector>
 
 #include "engine/SnapshotSetParams.h"
@@ -23,7 +24,7 @@ class LinuxGuardedSnapshotSetParamsArray {
   bool Add(MirelSnapshotSetParams* set);
   // Removes the set `setId`; only the set listed first can be removed.
   bool RemoveSnapshotSet(const _SSGUIDPLAIN& setId);
-  // The first volume of any set on this device, with a reference; null when none. Takes no lock.
+  // The first volume of any set on this device, with a reference; null when none. Does not take the array's mutex.
   MirelSnapshotVolumeParams* FindVolume(const wchar_t* name);
   MirelSnapshotVolumeParams* FindVolume(const char* name);
 
@@ -41,6 +42,8 @@ class LinuxGuardedSnapshotSetParamsArray {
 
   pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
   std::vector<MirelSnapshotSetParams*> mSets;
+  // Held shared while mSets is searched without the mutex, exclusively while it changes.
+  std::shared_mutex mSearching;
 };
 
 }  // namespace MirelSnapSnapshotCoordinator

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "Builders.h"
 #include "Locale.h"
 #include "Threading.h"
@@ -167,6 +170,35 @@ TEST(FindVolume, takes_the_sets_mutexes_but_not_the_arrays) {
   before = test::locksTaken();
   HeldVolume(sets.FindVolume(name.c_str()));
   EXPECT_EQ(test::locksTaken(), before + 2);
+}
+
+TEST(FindVolume, keeps_every_set_listed_as_it_is_until_it_has_its_answer) {
+  const SmallVolume a;
+  const std::string name = a.device();
+  LinuxGuardedSnapshotSetParamsArray sets;
+  HeldSet first = setOf(1, {&a});
+  const HeldSet second = setOf(2, {});
+  ASSERT_TRUE(sets.Add(first.get()));
+  first.reset();  // the array is the set's only owner
+  std::atomic<int> changed{0};
+  std::thread adder;
+  std::thread remover;
+  {
+    // The search has come to the first set: neither may the list move now, nor may the set go.
+    const test::BeforeNextLock hook([&] {
+      adder = std::thread([&] { changed += sets.Add(second.get()); });
+      remover = std::thread([&] { changed += sets.RemoveSnapshotSet(guid(1)); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      EXPECT_EQ(changed, 0);
+    });
+    const HeldVolume volume(sets.FindVolume(name.c_str()));
+    ASSERT_NE(volume, nullptr);
+    EXPECT_EQ(volume->GetDeviceNumber(), a.number());
+  }
+  adder.join();
+  remover.join();
+  EXPECT_EQ(changed, 2);
+  EXPECT_EQ(sets.GetSnapshotSetCount(), 1u);
 }
 
 TEST(GuardedSnapshotSets, counts_volumes_a_set_and_over_all_sets) {

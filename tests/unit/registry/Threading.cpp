@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace {
 
@@ -17,6 +18,7 @@ thread_local std::timespec waitDeadline{};
 thread_local bool mutexInitFails = false;
 thread_local bool conditionInitFails = false;
 thread_local unsigned int locks = 0;
+thread_local std::function<void()> beforeNextLock;
 
 }  // namespace
 
@@ -36,6 +38,9 @@ ScriptedWait::~ScriptedWait() { waitResult.reset(); }
 std::timespec ScriptedWait::deadline() const { return waitDeadline; }
 
 unsigned int locksTaken() { return locks; }
+
+BeforeNextLock::BeforeNextLock(std::function<void()> work) { beforeNextLock = std::move(work); }
+BeforeNextLock::~BeforeNextLock() { beforeNextLock = nullptr; }
 
 }  // namespace test
 
@@ -63,6 +68,7 @@ int __wrap_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   ++locks;
+  if (beforeNextLock) std::exchange(beforeNextLock, nullptr)();
   return __real_pthread_mutex_lock(mutex);
 }
 

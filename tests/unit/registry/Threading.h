@@ -4,6 +4,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <optional>
 
 namespace test {
@@ -40,5 +41,14 @@ class ScriptedWait {
 
 // How many mutexes this thread has locked so far.
 unsigned int locksTaken();
+
+// Runs `work` once, right before this thread locks its next mutex.
+class BeforeNextLock {
+ public:
+  explicit BeforeNextLock(std::function<void()> work);
+  ~BeforeNextLock();
+  BeforeNextLock(const BeforeNextLock&) = delete;
+  BeforeNextLock& operator=(const BeforeNextLock&) = delete;
+};
 
 }  // namespace test
