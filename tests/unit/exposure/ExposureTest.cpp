@@ -13,6 +13,7 @@
 
 #include "EngineLog.h"
 #include "FinishedSet.h"
+#include "Locale.h"
 #include "LoopVolume.h"
 #include "SnapshotDevice.h"
 #include "SystemCalls.h"
@@ -342,6 +343,19 @@ TEST_F(Exposure, an_entry_that_cannot_be_queued_is_unexpected_and_clears_the_que
     EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), E_UNEXPECTED);
   }
   expectNothingLeft();
+}
+
+TEST_F(Exposure, targets_that_cannot_be_queued_pass_unnoticed) {
+  finish();
+  const test::Locale utf8(test::kUtf8);
+  set->mMountPointBase = dir / "\xff";  // below it, no target has a depth
+  test::EngineLog log;
+  test::SystemCalls calls;
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(nullptr), E_UNEXPECTED);
+  EXPECT_TRUE(exists(dir / "\xff"));
+  EXPECT_TRUE(calls.mounts.empty());
+  EXPECT_EQ(log.lines(),
+            Lines{L"ExposeSnapshotsInSnapshotSet: Failed to mount one or more volumes in the alternate set"});
 }
 
 TEST_F(Exposure, a_base_that_cannot_be_made_is_unexpected_and_clears_the_queue) {

@@ -127,6 +127,26 @@ TEST_F(Deletion, a_deleted_set_cannot_be_deleted_again) {
   EXPECT_EQ(set->DeleteSnapshots(set.id(), USC_OBJECT_SNAPSHOT_SET), USC_E_BAD_STATE);
 }
 
+TEST_F(Deletion, a_set_that_is_not_the_first_listed_is_discarded_but_stays_listed) {
+  auto& listed = MirelSnapshotEngine::sSnapshotSetParamsArray;
+  constexpr _SSGUIDPLAIN kEarlier = {9, 9, 9, {9}};
+  MirelSnapshotSetParams* const earlier = MirelSnapshotSetParams::CreateSnapshotSetParams(kEarlier);
+  ASSERT_TRUE(listed.Add(earlier));
+  earlier->Done();
+  set.finish();
+  EXPECT_EQ(set->DeleteSnapshots(set.id(), USC_OBJECT_SNAPSHOT_SET), S_OK);
+  EXPECT_EQ(discarded(), bothVolumes());
+  EXPECT_EQ(listed.GetSnapshotSetCount(), 2u);
+  {
+    MirelSnapshotEngine next;
+    _SSGUIDPLAIN id{};
+    ASSERT_EQ(next.StartSnapshotSet(&id), S_OK);
+    EXPECT_EQ(next.AddToSnapshotSet(first.wdevice().c_str(), first.wfolder().c_str(), &id),
+              USC_E_OBJECT_ALREADY_EXISTS);
+  }
+  EXPECT_TRUE(listed.RemoveSnapshotSet(kEarlier));
+}
+
 TEST_F(Deletion, the_drivers_refusal_is_kept_but_not_reported) {
   set.finish();
   set.driver().fail(IOC_SNAP_DISCARD, EINVAL, -5);
@@ -211,6 +231,31 @@ TEST_F(Deletion, without_a_base_nothing_is_swept) {
   EXPECT_EQ(set->DeleteSnapshots(set.id(), USC_OBJECT_SNAPSHOT_SET), S_OK);
   for (const std::wstring& line : log.lines())
     EXPECT_EQ(line.find(L"DismountAndDelete"), std::wstring::npos) << line.c_str();
+}
+
+TEST(DeletionForgotten, leaves_the_set_listed_and_its_volume_taken_when_the_engine_is_gone) {
+  auto& listed = MirelSnapshotEngine::sSnapshotSetParamsArray;
+  const test::Volume volume("ext4", 16 << 20);
+  const test::ScriptedDriver driver;
+  _SSGUIDPLAIN setId{};
+  _SSGUIDPLAIN id{};
+  {
+    MirelSnapshotEngine engine;
+    ASSERT_EQ(engine.StartSnapshotSet(&setId), S_OK);
+    ASSERT_EQ(engine.AddToSnapshotSet(volume.wdevice().c_str(), volume.wfolder().c_str(), &id), S_OK);
+    ASSERT_TRUE(listed.Add(engine.mSnapshotSetParams));
+    engine.mSnapResult = 0;
+    engine.mState = StateSnapshotSetDone;
+  }
+  EXPECT_EQ(listed.GetVolumeCountInSnapshotSet(setId), 1u);
+  {
+    MirelSnapshotEngine next;
+    _SSGUIDPLAIN nextId{};
+    ASSERT_EQ(next.StartSnapshotSet(&nextId), S_OK);
+    EXPECT_EQ(next.AddToSnapshotSet(volume.wdevice().c_str(), volume.wfolder().c_str(), &id),
+              USC_E_OBJECT_ALREADY_EXISTS);
+  }
+  EXPECT_TRUE(listed.RemoveSnapshotSet(setId));
 }
 
 // --- Reconciliation

@@ -126,6 +126,19 @@ TEST(CreateSnapshotVolumeParameters, is_null_when_the_devices_size_cannot_be_had
   std::filesystem::rename("/dev/hidden", loop.path());
 }
 
+TEST(CreateSnapshotVolumeParameters, is_null_when_the_block_size_cannot_be_had) {
+  const test::SmallVolume device;
+  const test::TempDir dir;
+  // What cannot be opened cannot be asked for its block size.
+  const test::Node folder(dir / "a", S_IFSOCK, 0, 0);
+  const test::ProcFile self("self");
+  test::directory("/proc/self");
+  test::writeFile("/proc/self/mountinfo", "2000000000 1 7:" + std::to_string(device.loop().minor()) + " / " +
+                                              folder.path() + " rw - ext4 " + device.device() + " rw\n");
+  EXPECT_EQ(create(device.wdevice(), wide(folder.path())), nullptr);
+  std::filesystem::remove_all("/proc/self");
+}
+
 TEST(CreateSnapshotVolumeParameters, is_null_when_a_name_of_the_mount_table_cannot_be_widened) {
   const test::Locale plain(test::kPlain);
   const test::LoopDevice loop(4 << 20);
