@@ -194,11 +194,13 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // E_OUTOFMEMORY when it cannot be added (also: nothing is mounted there).
   virtual int AddToSnapshotSet(const wchar_t* volume, const wchar_t* mountPoint, _SSGUIDPLAIN* snapshotId) = 0;
   // Adds a live mount point that is to be bind-mounted under the exposure's base. It must be a mount point
-  // itself. S_OK; USC_E_BAD_STATE outside an open set; E_INVALIDARG.
+  // itself, spelled as the mount table spells it; added again, it stays one. S_OK; USC_E_BAD_STATE outside an
+  // open set; E_INVALIDARG.
   virtual int AddToAlternateMountSet(const wchar_t* mountPoint) = 0;
   // Writes the number of volumes. S_OK; USC_E_BAD_STATE without a set; E_POINTER.
   virtual int GetCountOfVolumesInSnapshotSet(unsigned int* count) = 0;
-  // Writes the name of volume `index` (0-based) as it was added; the text is the engine's.
+  // Writes the name of volume `index` (0-based) as it was added. The text is the engine's: it must not be
+  // changed or freed, and lives until the volume is dropped, the set deleted or the engine gone.
   // S_OK; USC_E_BAD_STATE; E_INVALIDARG for an index out of range; E_POINTER.
   virtual int GetVolumeInSnapshotSet(unsigned int index, wchar_t** volume) = 0;
   // Writes the snapshot identifier of volume `index`. Results as above.
@@ -221,8 +223,9 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // started (in the second case the engine lives until the process ends). After any failure the set is as it was,
   // and the call may be made again.
   virtual int DoSnapshotSet(UnixSnapshotCoordinator::IUscAsync** async) = 0;
-  // Fills `props` for one snapshot of a finished job; free it with UscFreeSnapshotProperties.
-  // S_OK; USC_E_BAD_STATE; E_POINTER; USC_E_OBJECT_NOT_FOUND; E_OUTOFMEMORY.
+  // Fills `props` for one snapshot of a finished job; what the record held before is overwritten, not freed.
+  // Free it with UscFreeSnapshotProperties after S_OK and after E_OUTOFMEMORY; every other result leaves it
+  // untouched. S_OK; USC_E_BAD_STATE; E_POINTER; USC_E_OBJECT_NOT_FOUND; E_OUTOFMEMORY.
   virtual int GetSnapshotProperties(const _SSGUIDPLAIN& snapshotId, _USC_SNAPSHOT_PROP* props) = 0;
   // Not provided: E_NOTIMPL.
   virtual int ExposeSnapshot(const _SSGUIDPLAIN& snapshotId, const wchar_t* path, const wchar_t** exposedName) = 0;
@@ -231,20 +234,25 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // both (with the option alone the call always ends in E_UNEXPECTED, everything undone). Every deeper target
   // must be there, usually as a directory inside a snapshot mounted just before. A base that was given once
   // is kept: no later call may name one. A snapshot's device is waited for up to 5 seconds.
-  // S_OK; USC_E_BAD_STATE before the job is done; E_INVALIDARG; E_OUTOFMEMORY; E_UNEXPECTED, all undone.
+  // S_OK; USC_E_BAD_STATE before the job is done; E_INVALIDARG unless one base is known; E_OUTOFMEMORY,
+  // also when a path is not absolute or cannot be converted; E_UNEXPECTED, all undone.
   virtual int ExposeSnapshotsInSnapshotSet(const wchar_t* base) = 0;
-  // Writes 1 when no mount of the snapshot is recorded and 0 when one is. S_OK; E_INVALIDARG for null;
-  // USC_E_OBJECT_NOT_FOUND.
+  // Writes 1 when the snapshot of the volume's first mount point was never mounted and 0 when it was, also if
+  // it was hidden since. S_OK; E_INVALIDARG for null; USC_E_OBJECT_NOT_FOUND.
   virtual int IsSnapshotExposed(const _SSGUIDPLAIN& snapshotId, int* exposed) = 0;
   // Not provided: E_NOTIMPL.
   virtual int UnExposeSnapshot(const _SSGUIDPLAIN& snapshotId) = 0;
-  // Undoes the exposure, deepest first, and removes the base directory. S_OK; E_UNEXPECTED when the base
-  // directory stayed.
+  // Undoes the exposure, deepest first, and removes the base directory; legal in any state. A mount that is in
+  // use stays and is not tried again. S_OK, also when nothing is exposed; E_UNEXPECTED when the base directory
+  // stayed.
   virtual int UnExposeSnapshotsInSnapshotSet() = 0;
   // Deletes the whole set (`id` is the set's) or drops one snapshot from the engine's list (`id` is the
   // snapshot's; its volume stays snapped until the set is deleted). Unexpose first: what is still mounted
   // under the base when the set is deleted is unmounted, and its directories are removed where they can be.
-  // S_OK; USC_E_BAD_STATE unless the job succeeded; USC_E_OBJECT_NOT_FOUND; E_INVALIDARG for another type.
+  // Delete the set before the engine's last release: the devices of a set that was not deleted cannot be added
+  // to another set of this process.
+  // S_OK, whatever the driver answered; USC_E_BAD_STATE unless the job succeeded; USC_E_OBJECT_NOT_FOUND;
+  // E_INVALIDARG for another type.
   virtual int DeleteSnapshots(const _SSGUIDPLAIN& id, _USC_OBJECT_TYPE type) = 0;
 };
 

@@ -43,6 +43,7 @@ class MirelSnapshotSetParams {
   // Adds a volume, or a mount point to the volume that both `id` and `volume` name. The new count of volumes or of
   // mount points; 0 when the two disagree or the volume cannot be made.
   unsigned int Add(const _SSGUIDPLAIN& id, const wchar_t* volume, const wchar_t* mountPoint);
+  // Drop a volume with the set's reference on it; false when it is not there.
   bool RemoveAt(unsigned int index);
   bool Remove(const MirelSnapshotVolumeParams* volume);
 
