@@ -10,12 +10,16 @@
 #include <filesystem>
 #include <optional>
 
+#include "KernelTable.h"
 #include "Locale.h"
 #include "LoopVolume.h"
 #include "World.h"
 #include "interpose/Allocations.h"
 
 namespace fs = std::filesystem;
+using test::KernelTable;
+using test::kNobody;
+using test::tableLine;
 using UnixUtils::SystemMountPointCollection;
 
 namespace {
@@ -51,29 +55,6 @@ std::string directory(const std::string& path) {
   fs::create_directories(path);
   return path;
 }
-
-// Lays a mount table of the test's own before the library.
-class KernelTable {
- public:
-  explicit KernelTable(const std::string& lines) : mSelf("self") {
-    directory("/proc/self");
-    test::writeFile("/proc/self/mountinfo", lines);
-  }
-  ~KernelTable() { fs::remove_all("/proc/self"); }
-  KernelTable(const KernelTable&) = delete;
-  KernelTable& operator=(const KernelTable&) = delete;
-
- private:
-  test::ProcFile mSelf;
-};
-
-std::string tableLine(int id, const std::string& number, const std::string& folder, const std::string& type,
-                      const std::string& source) {
-  return std::to_string(id) + " 1 " + number + " / " + folder + " rw,relatime - " + type + " " + source + " rw\n";
-}
-
-// Identifiers that no mount of this machine has, so that names decide.
-constexpr int kNobody = 2'000'000'000;
 
 }  // namespace
 
@@ -353,6 +334,22 @@ TEST(MountPointInformation, finds_the_device_by_its_number_in_dev_block) {
   fs::remove_all("/dev/block");
   fs::rename("/dev/hidden", loop.path());
   fs::rename(dir / "renamed", node.path());
+}
+
+TEST(MountPointInformation, finds_the_device_by_its_name_in_sysfs_whose_marks_stand_for_slashes) {
+  const test::LoopDevice loop(16 << 20);
+  const test::TempDir dir;
+  const std::string number = "7:" + std::to_string(loop.minor());
+  const test::Mounted sysfs("sysfs", "/sys/dev/block", "tmpfs");
+  fs::create_symlink("../../devices/odd!controller!disk", "/sys/dev/block/" + number);
+  directory("/dev/odd/controller");
+  fs::rename(loop.path(), "/dev/odd/controller/disk");
+  {
+    const KernelTable table(tableLine(kNobody, number, dir.path(), "ext4", "/dev/gone"));
+    EXPECT_EQ(mountOf(dir.path())->GetDeviceSize(), 16u << 20);
+  }
+  fs::rename("/dev/odd/controller/disk", loop.path());
+  fs::remove_all("/dev/odd");
 }
 
 TEST(MountPointInformation, reads_the_device_only_when_asked_for) {

@@ -31,6 +31,23 @@ HeldSet setOf(std::uint8_t id, std::initializer_list<const SmallVolume*> volumes
   return set;
 }
 
+// Looks for `name`; while the search stands at the first set, another thread sets about `change`, which must wait.
+template <class Change>
+void searchDuring(Change change, LinuxGuardedSnapshotSetParamsArray& sets, const std::string& name) {
+  std::atomic<bool> changed{false};
+  std::thread thread;
+  {
+    const test::BeforeNextLock standing([&] {
+      thread = std::thread([&] { changed = change(); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      EXPECT_FALSE(changed);
+    });
+    EXPECT_NE(HeldVolume(sets.FindVolume(name.c_str())), nullptr);
+  }
+  thread.join();
+  EXPECT_TRUE(changed);
+}
+
 }  // namespace
 
 TEST(GuardedSnapshotSets, an_added_set_is_held_until_the_array_goes) {
@@ -172,33 +189,26 @@ TEST(FindVolume, takes_the_sets_mutexes_but_not_the_arrays) {
   EXPECT_EQ(test::locksTaken(), before + 2);
 }
 
-TEST(FindVolume, keeps_every_set_listed_as_it_is_until_it_has_its_answer) {
+TEST(FindVolume, has_its_answer_before_a_set_is_listed) {
   const SmallVolume a;
   const std::string name = a.device();
   LinuxGuardedSnapshotSetParamsArray sets;
-  HeldSet first = setOf(1, {&a});
+  const HeldSet first = setOf(1, {&a});
   const HeldSet second = setOf(2, {});
   ASSERT_TRUE(sets.Add(first.get()));
-  first.reset();  // the array is the set's only owner
-  std::atomic<int> changed{0};
-  std::thread adder;
-  std::thread remover;
-  {
-    // The search has come to the first set: neither may the list move now, nor may the set go.
-    const test::BeforeNextLock hook([&] {
-      adder = std::thread([&] { changed += sets.Add(second.get()); });
-      remover = std::thread([&] { changed += sets.RemoveSnapshotSet(guid(1)); });
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      EXPECT_EQ(changed, 0);
-    });
-    const HeldVolume volume(sets.FindVolume(name.c_str()));
-    ASSERT_NE(volume, nullptr);
-    EXPECT_EQ(volume->GetDeviceNumber(), a.number());
-  }
-  adder.join();
-  remover.join();
-  EXPECT_EQ(changed, 2);
-  EXPECT_EQ(sets.GetSnapshotSetCount(), 1u);
+  searchDuring([&] { return sets.Add(second.get()); }, sets, name);
+  EXPECT_EQ(sets.GetSnapshotSetCount(), 2u);
+}
+
+TEST(FindVolume, has_its_answer_before_a_set_goes) {
+  const SmallVolume a;
+  const std::string name = a.device();
+  LinuxGuardedSnapshotSetParamsArray sets;
+  HeldSet set = setOf(1, {&a});
+  ASSERT_TRUE(sets.Add(set.get()));
+  set.reset();  // the array is the set's only owner
+  searchDuring([&] { return sets.RemoveSnapshotSet(guid(1)); }, sets, name);
+  EXPECT_EQ(sets.GetSnapshotSetCount(), 0u);
 }
 
 TEST(GuardedSnapshotSets, counts_volumes_a_set_and_over_all_sets) {

@@ -7,6 +7,7 @@
 #include <climits>
 
 #include "Builders.h"
+#include "KernelTable.h"
 #include "Locale.h"
 #include "Threading.h"
 #include "interpose/Allocations.h"
@@ -25,6 +26,8 @@ HeldVolume create(const std::wstring& volume, const std::wstring& mountPoint, co
 }
 
 HeldVolume create(const test::Volume& volume) { return create(volume.wdevice(), volume.wfolder()); }
+
+std::string numberText(const test::Volume& volume) { return "7:" + std::to_string(volume.loop().minor()); }
 
 }  // namespace
 
@@ -131,12 +134,9 @@ TEST(CreateSnapshotVolumeParameters, is_null_when_the_block_size_cannot_be_had) 
   const test::TempDir dir;
   // What cannot be opened cannot be asked for its block size.
   const test::Node folder(dir / "a", S_IFSOCK, 0, 0);
-  const test::ProcFile self("self");
-  test::directory("/proc/self");
-  test::writeFile("/proc/self/mountinfo", "2000000000 1 7:" + std::to_string(device.loop().minor()) + " / " +
-                                              folder.path() + " rw - ext4 " + device.device() + " rw\n");
+  const test::KernelTable table(
+      test::tableLine(test::kNobody, numberText(device), folder.path(), "ext4", device.device()));
   EXPECT_EQ(create(device.wdevice(), wide(folder.path())), nullptr);
-  std::filesystem::remove_all("/proc/self");
 }
 
 TEST(CreateSnapshotVolumeParameters, is_null_when_a_name_of_the_mount_table_cannot_be_widened) {
@@ -147,6 +147,16 @@ TEST(CreateSnapshotVolumeParameters, is_null_when_a_name_of_the_mount_table_cann
   const test::Mounted mounted(loop.path(), test::directory(dir / "caf\xE9"), "ext4");
   std::filesystem::create_symlink(dir / "caf\xE9", dir / "link");
   EXPECT_EQ(create(loop.wpath(), wide(dir / "link")), nullptr);
+}
+
+TEST(CreateSnapshotVolumeParameters, is_null_when_the_file_systems_type_cannot_be_widened) {
+  const test::Locale plain(test::kPlain);
+  const test::SmallVolume device;
+  for (const bool widens : {true, false}) {
+    const test::KernelTable table(test::tableLine(test::kNobody, numberText(device), device.folder(),
+                                                  widens ? "ext4" : "ext\xE9", device.device()));
+    EXPECT_EQ(create(device) != nullptr, widens);
+  }
 }
 
 TEST(CreateSnapshotVolumeParameters, is_null_when_the_mutex_or_the_condition_cannot_be_made) {
