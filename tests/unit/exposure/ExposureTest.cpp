@@ -381,6 +381,15 @@ TEST_F(Exposure, the_first_mount_that_fails_ends_it_and_all_is_undone) {
   expectNothingLeft();
 }
 
+TEST_F(Exposure, a_failed_one_keeps_its_base_and_the_next_one_may_not_name_one) {
+  addVolume();
+  addMountPoint(L"/missing");
+  set.finish();
+  ASSERT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), E_UNEXPECTED);
+  EXPECT_EQ(set->mMountPointBase, base);
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), E_INVALIDARG);
+}
+
 TEST_F(Exposure, only_the_base_is_made_and_a_deeper_target_must_be_there) {
   snapshot = std::make_unique<test::SnapshotDevice>(volume);
   id = set.add(volume.device(), volume.folder(), snapshot->path());
