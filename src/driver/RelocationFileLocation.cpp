@@ -76,29 +76,30 @@ std::string parentOf(const std::string& path) {
   return path.substr(0, slash == 0 ? 1 : slash);
 }
 
-// Whether the first mount met on the way up from `path` is one of `device`. inPartitionRelocFile looks past that mount,
-// but the blocks of a file are those of the device that it is really on: given to the driver as the outer volume's,
-// they would keep it from preserving that volume's own blocks.
-bool deepestMountIsOf(const std::string& path, const std::string& device) {
+// The device, as the mount table names it, of the mount that holds `path`; empty when there is none. Of several on one
+// folder the last covers the others.
+std::string deviceHolding(const std::string& path) {
   const std::optional<std::string> resolved = resolve(path);
-  if (!resolved) return false;
+  if (!resolved) return {};
   const std::vector<MountedDevice> table = readMountTable();
   for (std::string current = *resolved; !current.empty(); current = parentOf(current)) {
-    const bool mounted =
-        std::any_of(table.begin(), table.end(), [&](const MountedDevice& entry) { return entry.folder == current; });
-    if (mounted) return isMountedOn(table, SoughtDevice(device), current);
+    const auto top =
+        std::find_if(table.rbegin(), table.rend(), [&](const MountedDevice& entry) { return entry.folder == current; });
+    if (top != table.rend()) return top->device;
   }
-  return false;
+  return {};
 }
 
-bool liesOn(const std::string& file, const std::string& volume) {
-  return inPartitionRelocFile(file, volume) && deepestMountIsOf(file, volume);
-}
-
-bool isMounted(const std::string& volume) {
-  mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
-  system.Initialize();
-  return !system.GetMountPoints(volume).empty();
+// Whether the blocks of `file` are those of `volume`. inPartitionRelocFile alone would harm a volume in two ways:
+// - it looks past a mount inside the volume. Blocks of another device, given to the driver as the volume's, would keep
+//   it from preserving the volume's own;
+// - it knows no root file system that the kernel mounted as "/dev/root", which has no node. The driver would then copy
+//   the blocks of the volume's own relocation file into that file.
+bool liesOn(const std::string& file, const std::string& volume, const std::string& bootDevice) {
+  const std::string holder = deviceHolding(file);
+  const SoughtDevice sought(volume);
+  if (holder == "/dev/root") return sought.isNamed(bootDevice);
+  return inPartitionRelocFile(file, volume) && sought.isNamed(holder);
 }
 
 }  // namespace
@@ -118,7 +119,9 @@ bool inPartitionRelocFile(const std::string& path, const std::string& device) {
 
 int getAllRelocFileInVol(const std::string& snapVolumeName, const std::string& relocFileName,
                          std::list<std::string>& files) {
-  if (!isMounted(snapVolumeName)) {
+  mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
+  system.Initialize();
+  if (system.GetMountPoints(snapVolumeName).empty()) {
     syslog(LOG_ERR, "Snap Vol is not mounted.\n");
     return 0;
   }
@@ -135,11 +138,11 @@ int getAllRelocFileInVol(const std::string& snapVolumeName, const std::string& r
   // The contract: finding a file is logged as an error, in two spellings.
   for (const SnappedVolumeInformation& snapped : snappedVolumes) {
     const std::string file = WStringToString(snapped.getRelocFileName());
-    if (!liesOn(file, snapVolumeName)) continue;
+    if (!liesOn(file, snapVolumeName, system.bootDeviceName)) continue;
     syslog(LOG_ERR, "Reloc File %s is in Volume: %s\n", file.c_str(), snapVolumeName.c_str());
     files.push_back(file);
   }
-  if (liesOn(relocFileName, snapVolumeName)) {
+  if (liesOn(relocFileName, snapVolumeName, system.bootDeviceName)) {
     syslog(LOG_ERR, "Reloc file %s is in Volume: %s\n", relocFileName.c_str(), snapVolumeName.c_str());
     files.push_back(relocFileName);
   }

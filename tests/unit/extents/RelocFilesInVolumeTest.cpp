@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <syslog.h>
 
 #include <cerrno>
@@ -86,6 +87,50 @@ TEST_F(RelocFilesInVolume, a_file_on_a_volume_mounted_inside_is_found_on_that_on
   EXPECT_TRUE(files.empty());
   EXPECT_EQ(getAllRelocFileInVol(inner.path(), inside + "/nested", files), 0);
   EXPECT_THAT(files, ElementsAre(inside + "/nested", inside + "/nested"));
+}
+
+// Of two mounts on one folder the later one is seen.
+TEST_F(RelocFilesInVolume, a_file_on_a_volume_mounted_over_another_is_found_on_the_upper_one_only) {
+  const test::LoopDevice upper(16 << 20);
+  upper.mkfs("ext4");
+  const test::Mounted mounted(upper.path(), volume.folder(), "ext4");
+  test::writeOut(on(volume, "own"), 4096);
+  EXPECT_EQ(getAllRelocFileInVol(volume.device(), on(volume, "own"), files), 0);
+  EXPECT_TRUE(files.empty());
+  EXPECT_EQ(getAllRelocFileInVol(upper.path(), on(volume, "own"), files), 0);
+  EXPECT_THAT(files, ElementsAre(on(volume, "own")));
+}
+
+TEST_F(RelocFilesInVolume, a_file_on_a_mount_without_a_device_inside_the_volume_is_not_found) {
+  const std::string inside = on(volume, "inside");
+  ASSERT_EQ(mkdir(inside.c_str(), 0755), 0);
+  const test::Mounted mounted("none", inside, "tmpfs");
+  test::writeFile(inside + "/file", "");
+  EXPECT_EQ(getAllRelocFileInVol(volume.device(), inside + "/file", files), 0);
+  EXPECT_TRUE(files.empty());
+}
+
+// Without an initial file system in memory the kernel mounts the root as a device that has no node.
+TEST_F(RelocFilesInVolume, a_file_on_a_root_that_the_kernel_calls_dev_root_is_found) {
+  struct stat root {};
+  ASSERT_EQ(stat("/", &root), 0);
+  const test::Node boot("/dev/boot", S_IFBLK, major(root.st_dev), minor(root.st_dev));
+  const test::ProcFile mounts("mounts",
+                              "/dev/root / ext4 rw 0 0\n" + volume.device() + " " + volume.folder() + " ext4 rw 0 0\n");
+  EXPECT_EQ(getAllRelocFileInVol(boot.path(), "/etc/passwd", files), 0);
+  EXPECT_THAT(files, ElementsAre("/etc/passwd"));
+  files.clear();
+  EXPECT_EQ(getAllRelocFileInVol(boot.path(), on(volume, "own"), files), 0);
+  EXPECT_EQ(getAllRelocFileInVol(volume.device(), "/etc/passwd", files), 0);
+  EXPECT_TRUE(files.empty());
+}
+
+TEST_F(RelocFilesInVolume, a_file_name_beyond_ascii_is_found_byte_for_byte) {
+  const std::string file = on(volume, "r\xC3\xA9loc\xFF");
+  test::writeOut(file, 4096);
+  holdSnapshots(driver, {file});
+  EXPECT_EQ(getAllRelocFileInVol(volume.device(), on(other, "elsewhere"), files), 0);
+  EXPECT_THAT(files, ElementsAre(file));
 }
 
 TEST_F(RelocFilesInVolume, what_the_list_held_stays) {
