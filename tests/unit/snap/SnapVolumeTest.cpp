@@ -404,6 +404,17 @@ TEST_F(SnapVolume, the_runs_of_one_entry_push_the_next_behind_them) {
   EXPECT_EQ(command.text(24 + 2160 + 16 * std::size_t{kRelocBlocks} + 1064), second.device());
 }
 
+TEST_F(SnapVolume, a_relocation_file_name_of_more_than_1023_characters_is_cut_in_the_command) {
+  std::string deep = second.folder();
+  while (deep.size() < 1030) fs::create_directory(deep += "/" + std::string(200, 'd'));
+  test::writeFile("/proc/mounts", lineOf(first) + second.device() + " " + deep + " ext4 rw 0 0\n");
+  volumes.emplace_back(4096u, kVolumeBytes / 4096, first.wdevice(), kRelocBlocks, widen(deep), false, true, 0u);
+  ASSERT_EQ(snap(), 0) << log.dump();
+  const std::string file = deep + "/.verrelocarea/" + first.device().substr(5);
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_EQ(snaps().at(0).text(24 + 40), file.substr(0, 1023));
+}
+
 TEST_F(SnapVolume, commands_are_issued_in_this_order) {
   requestBoth();
   ASSERT_EQ(snap(), 0) << log.dump();
@@ -518,6 +529,8 @@ TEST_F(SnapVolume, a_volume_whose_device_is_gone_gets_the_numbers_of_the_one_bef
   EXPECT_EQ(log.count(LOG_ERR, second.device() + ": Device does not exist.\n"), 1u);
   EXPECT_TRUE(log.has(LOG_ERR, "Failed to open devfd for " + second.device() + "\n"));
   EXPECT_FALSE(log.has(LOG_ERR, "Device is invalid: " + second.device() + ".\n"));
+  EXPECT_FALSE(log.has(LOG_INFO, "flushing " + second.device() + ".\n"));
+  EXPECT_FALSE(log.has(LOG_ERR, "ioctl BLKFLSBUF failed.\n"));
 }
 
 TEST_F(SnapVolume, a_volume_whose_device_turned_into_a_file_is_only_logged_too) {

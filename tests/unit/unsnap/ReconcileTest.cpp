@@ -324,6 +324,17 @@ TEST_F(Reconcile, a_driver_that_turns_unreachable_gives_3_with_no_orphan_removed
   EXPECT_THAT(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES), IsEmpty());
 }
 
+TEST_F(Reconcile, file_names_beyond_ascii_are_matched_byte_for_byte) {
+  const std::string mapped = makeFile("m\xC3\xA4p\xFF");
+  const std::string snapped = makeFile("sn\xC3\xA4p\xFF");
+  mappings = {{getpid(), "/dev/sdb1", mapped}};
+  snapshots = {{8, 1, getpid(), "/dev/s\xC3\xA4", snapped}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(log.has(LOG_INFO, "Valid Snap: /dev/s\xC3\xA4.\n")) << log.dump();
+  EXPECT_TRUE(fs::exists(mapped));
+  EXPECT_TRUE(fs::exists(snapped));
+}
+
 TEST_F(Reconcile, paths_match_byte_for_byte_only) {
   const std::string file = makeFile("sdb1");
   mappings = {{getpid(), "/dev/sdb1", volume.folder() + "/./.verrelocarea/sdb1"}};

@@ -154,6 +154,16 @@ TEST_F(UnSnapVolume, relocation_files_go_and_their_directories_when_nothing_else
                                                            "Deleted directory: " + (folder / "vanished") + ".\n"}));
 }
 
+TEST_F(UnSnapVolume, the_machine_is_not_examined_for_the_removal_of_directories) {
+  const test::ProcFile meminfo("meminfo", "no figure");  // reading it would throw
+  fs::create_directory(folder / "area");
+  test::writeFile(folder / "area/va", "");
+  answer([this](std::size_t, DiscardEntry& entry) { name(entry, folder / "area/va"); });
+  volumes.resize(1);
+  EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
+  EXPECT_FALSE(fs::exists(folder / "area"));
+}
+
 TEST_F(UnSnapVolume, a_volume_that_was_not_snapped_keeps_its_file) {
   test::writeFile(folder / "va", "");
   test::writeFile(folder / "vb", "");
