@@ -183,14 +183,13 @@ int SnapSet::placeRelocFiles() {
 int SnapSet::collectRuns() { return mDriver.getIoctlCmdSize(&mVolumes, &mRuns, &mSize) == 0 ? 0 : 3; }
 
 int SnapSet::allocateCommand() {
-  constexpr unsigned int kFraming = sizeof(_ioctlCmd) + kDriverTrailerSize;
-  if (!__builtin_add_overflow(mSize, kFraming, &mSize)) {
-    mCommand.emplace(mSize, static_cast<std::uint32_t>(mVolumes.size()), *mUtility);
-  }
-  if (!mCommand || !*mCommand) {
+  const std::size_t length = sizeof(_ioctlCmd) + mSize + kDriverTrailerSize;
+  mCommand.emplace(length, static_cast<std::uint32_t>(mVolumes.size()), *mUtility);
+  if (!*mCommand) {
     syslog(LOG_ERR, "Memory Allocation Failure.\n");
     return 3;
   }
+  mSize = static_cast<unsigned int>(length);
   logSize();
   return 0;
 }

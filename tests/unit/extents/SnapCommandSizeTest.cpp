@@ -249,6 +249,7 @@ TEST_F(MappedFile, runs_of_several_files_stand_in_file_order_unmerged) {
   });
   ASSERT_EQ(ask(), 0) << log.dump();
   EXPECT_THAT(runsOf(0), ElementsAre(Extent(50, 2), Extent(52, 2)));
+  EXPECT_EQ(log.count(LOG_DEBUG, "Number of Runs: 1.\n"), 2u) << "each file's own";
   EXPECT_EQ(size, kEntry + 32);
   EXPECT_THAT(log.texts(LOG_INFO),
               testing::IsSupersetOf(

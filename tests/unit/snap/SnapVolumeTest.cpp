@@ -382,6 +382,13 @@ TEST_F(SnapVolume, the_command_carries_every_field_at_its_place) {
   EXPECT_EQ(std::count(rest.begin(), rest.end(), std::byte{0}), static_cast<std::ptrdiff_t>(rest.size()));
 }
 
+TEST_F(SnapVolume, the_hash_size_follows_the_size_of_the_relocation_file) {
+  requestFirst().setRelocFileSize(450);
+  ASSERT_EQ(snap(), 0) << log.dump();
+  EXPECT_EQ(snaps().at(0).get<std::uint32_t>(24 + 12), 450u);
+  EXPECT_EQ(snaps()[0].get<std::uint32_t>(24 + 16), 9u);
+}
+
 TEST_F(SnapVolume, the_runs_of_one_entry_push_the_next_behind_them) {
   requestBoth();
   driver.intercept(FIBMAP, [](int, void* argument) {
