@@ -15,11 +15,11 @@ extern char** environ;
 namespace cli {
 namespace {
 
-constexpr std::array kHeldBack = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr std::array kHeldBack = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2};
 
 volatile std::sig_atomic_t firstSignal = 0;
 volatile std::sig_atomic_t commandPid = 0;
-std::array<struct sigaction, kHeldBack.size()> previous;
+bool pipeSignalIgnored = false;  // at the start, by whoever started this process
 
 // A signal that a terminal sends reaches the command by itself (si_pid is 0 then); what a process sends is passed on.
 void remember(int signal, siginfo_t* info, void*) {
@@ -46,10 +46,19 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
   return result;
 }
 
-// Handlers become the defaults again in the command; what was ignored stays so.
+// Handlers become the defaults again in the command; what was ignored at the start stays so.
 int spawn(pid_t& child, std::vector<std::string> arguments, std::vector<std::string> environment) {
-  return posix_spawnp(&child, arguments[0].c_str(), nullptr, nullptr, pointers(arguments).data(),
-                      pointers(environment).data());
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  if (!pipeSignalIgnored) sigaddset(&defaults, SIGPIPE);
+  posix_spawnattr_t attributes;
+  if (const int error = posix_spawnattr_init(&attributes); error != 0) return error;
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  const int error = posix_spawnp(&child, arguments[0].c_str(), nullptr, &attributes, pointers(arguments).data(),
+                                 pointers(environment).data());
+  posix_spawnattr_destroy(&attributes);
+  return error;
 }
 
 // Waits for the end without reaping, so that no signal is passed on to a number that is somebody else's by then.
@@ -61,24 +70,21 @@ void waitForEnd(pid_t child) {
 
 }  // namespace
 
-SignalGuard::SignalGuard() {
-  firstSignal = 0;
+void holdSignalsBack() {
   struct sigaction action {};
   action.sa_sigaction = &remember;
   action.sa_flags = SA_SIGINFO | SA_RESTART;
   sigemptyset(&action.sa_mask);
-  for (std::size_t i = 0; i < kHeldBack.size(); ++i) {
-    sigaction(kHeldBack.at(i), nullptr, &previous.at(i));
+  for (const int held : kHeldBack) {
+    struct sigaction previous {};
+    sigaction(held, nullptr, &previous);
     // A signal that was ignored at the start (nohup) stays ignored.
-    if (previous.at(i).sa_handler != SIG_IGN) sigaction(kHeldBack.at(i), &action, nullptr);
+    if (previous.sa_handler != SIG_IGN) sigaction(held, &action, nullptr);
   }
+  pipeSignalIgnored = signal(SIGPIPE, SIG_IGN) == SIG_IGN;
 }
 
-SignalGuard::~SignalGuard() {
-  for (std::size_t i = 0; i < kHeldBack.size(); ++i) sigaction(kHeldBack.at(i), &previous.at(i), nullptr);
-}
-
-int SignalGuard::received() { return firstSignal; }
+int receivedSignal() { return firstSignal; }
 
 CommandResult runCommand(const std::vector<std::string>& arguments,
                          const std::map<std::string, std::string>& variables) {

@@ -11,18 +11,12 @@
 
 namespace cli {
 
-// From construction to destruction SIGINT, SIGTERM, SIGHUP and SIGQUIT no longer end this process; they are remembered
-// and, while a command runs, passed on to it. One at a time exists.
-class SignalGuard {
- public:
-  SignalGuard();
-  ~SignalGuard();
-  SignalGuard(const SignalGuard&) = delete;
-  SignalGuard& operator=(const SignalGuard&) = delete;
+// From here to the end of the process the signals that ask a process to end no longer end this one: they are remembered
+// and, while a command runs, passed on to it. Nor does a pipe whose reader went away.
+void holdSignalsBack();
 
-  // The first signal that came, 0 while none did.
-  static int received();
-};
+// The first signal that came since, 0 while none did.
+int receivedSignal();
 
 struct CommandResult {
   int spawnError = 0;  // errno when the command could not be started
@@ -30,7 +24,7 @@ struct CommandResult {
   int signal = 0;
 };
 
-// Runs `arguments` with `variables` added to the environment and waits for its end. Needs a SignalGuard.
+// Runs `arguments` with `variables` added to the environment and waits for its end. Signals must be held back.
 CommandResult runCommand(const std::vector<std::string>& arguments,
                          const std::map<std::string, std::string>& variables);
 

@@ -30,6 +30,10 @@ std::string cleanPath(const fs::path& path) {
   return text;
 }
 
+Failure cannotMake(const std::string& path, int error) {
+  return cannotExpose(path, std::string("cannot be made: ") + std::strerror(error), "name another base with --base");
+}
+
 bool insideAnother(const std::string& mountPoint, const std::vector<std::string>& mountPoints) {
   return std::any_of(mountPoints.begin(), mountPoints.end(),
                      [&](const std::string& other) { return other != mountPoint && liesWithin(mountPoint, other); });
@@ -52,18 +56,29 @@ Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTa
   return std::nullopt;
 }
 
-Outcome ExposureBase::make(const std::string& wanted, const std::vector<std::string>& mountPoints) {
-  mPath = cleanPath(wanted.empty() ? kDefaultParent / fs::path(std::to_string(getpid())) : fs::path(wanted));
+Outcome checkBase(const std::string& wanted) {
+  if (wanted.empty()) return std::nullopt;
+  const std::string path = cleanPath(wanted);
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (!fs::exists(status)) return std::nullopt;
+  if (!fs::is_directory(status))
+    return cannotExpose(path, "is not a directory", "name a new or an empty directory with --base");
+  if (!MountTable().under(path).empty())
+    return cannotExpose(path, "is mounted on", "name a directory without mounts with --base");
+  if (!fs::is_empty(path, error) || error)
+    return cannotExpose(path, "is not empty", "name a new or an empty directory with --base");
+  return std::nullopt;
+}
 
+Outcome ExposureBase::make(const std::string& wanted, const std::vector<std::string>& mountPoints) {
+  if (const Outcome failure = checkBase(wanted)) return failure;
+  mDefault = wanted.empty();
+  mPath = cleanPath(mDefault ? kDefaultParent / fs::path(std::to_string(getpid())) : fs::path(wanted));
   struct stat status {};
-  if (stat(mPath.c_str(), &status) == 0) {
-    if (!S_ISDIR(status.st_mode))
-      return cannotExpose(mPath, "is not a directory", "name a new or an empty directory with --base");
-    std::error_code error;
-    if (!fs::is_empty(mPath, error) || error)
-      return cannotExpose(mPath, "is not empty", "name a new or an empty directory with --base");
-    if (!MountTable().under(mPath).empty())
-      return cannotExpose(mPath, "is mounted on", "name a directory without mounts with --base");
+  if (mDefault) {
+    if (const Outcome failure = makeDefault()) return failure;
+  } else if (stat(mPath.c_str(), &status) == 0) {
     mKept = true;
     mMode = status.st_mode & 07777;
     mOwner = status.st_uid;
@@ -76,6 +91,19 @@ Outcome ExposureBase::make(const std::string& wanted, const std::vector<std::str
     if (const Outcome failure = makeFoldersTo(joined(mPath, mountPoint), 0755)) return failure;
   }
   return std::nullopt;
+}
+
+// Runs share the parent: the last to end removes it, perhaps just when the next one has found it.
+Outcome ExposureBase::makeDefault() {
+  do {
+    if (mkdir(kDefaultParent.c_str(), kPrivate) != 0 && errno != EEXIST) return cannotMake(kDefaultParent, errno);
+    if (mkdir(mPath.c_str(), kPrivate) == 0) {
+      mMade.push_back(mPath);
+      return std::nullopt;
+    }
+  } while (errno == ENOENT);
+  // One that is there was left by a process of the same number that was killed: its mounts are not ours to cover.
+  return cannotMake(mPath, errno);
 }
 
 Outcome ExposureBase::makeFoldersTo(const std::string& path, mode_t mode) {
@@ -92,7 +120,7 @@ Outcome ExposureBase::makeFolder(const std::string& path, mode_t mode) {
   if (mkdir(path.c_str(), mode) == 0) {
     mMade.push_back(path);
   } else if (errno != EEXIST) {
-    return cannotExpose(path, std::string("cannot be made: ") + std::strerror(errno), "name another base with --base");
+    return cannotMake(path, errno);
   }
   return std::nullopt;
 }
@@ -100,13 +128,15 @@ Outcome ExposureBase::makeFolder(const std::string& path, mode_t mode) {
 std::vector<Failure> ExposureBase::remove() {
   std::vector<Failure> left;
   for (auto folder = mMade.rbegin(); folder != mMade.rend(); ++folder) {
-    // Other runs may share the parent of the default base.
-    if (rmdir(folder->c_str()) != 0 && errno != ENOENT && *folder != kDefaultParent) {
+    if (rmdir(folder->c_str()) != 0 && errno != ENOENT) {
       left.push_back({kCannotCleanUp, *folder, std::string("cannot be removed: ") + std::strerror(errno),
                       "unmount what is mounted there and remove it"});
     }
   }
   mMade.clear();
+  // Other runs may share the parent.
+  if (mDefault) rmdir(kDefaultParent.c_str());
+  mDefault = false;
   // The engine removes the base that it exposed under; the caller's own directory comes back.
   if (mKept && mkdir(mPath.c_str(), mMode) == 0) {
     if (chown(mPath.c_str(), mOwner, mGroup) == 0) chmod(mPath.c_str(), mMode);

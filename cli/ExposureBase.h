@@ -17,6 +17,9 @@ namespace cli {
 // mounted in must be one of them too, or none of them may lie above it.
 Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTable& table);
 
+// Checks, before anything is snapped, that snapshots can be mounted at `wanted` (empty: the default).
+Outcome checkBase(const std::string& wanted);
+
 class ExposureBase {
  public:
   // Makes the base and below it the folders for those of `mountPoints` that lie in no other. An empty `wanted` is a
@@ -30,11 +33,13 @@ class ExposureBase {
   const std::string& path() const { return mPath; }
 
  private:
+  Outcome makeDefault();
   Outcome makeFolder(const std::string& path, mode_t mode);
   Outcome makeFoldersTo(const std::string& path, mode_t mode);
 
   std::string mPath;
   std::vector<std::string> mMade;  // in the order made
+  bool mDefault = false;           // the base is this process's own
   bool mKept = false;              // the base was there before
   mode_t mMode = 0;
   uid_t mOwner = 0;

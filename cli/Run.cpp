@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Command.h"
+#include "ExposureBase.h"
 #include "Failure.h"
 #include "SnapshotSet.h"
 #include "Terminal.h"
@@ -117,10 +118,10 @@ Failure notStarted(const std::string& command, int error) {
 // Everything between the choice of the volumes and the clean-up, whose failures are the set's own.
 void snapshotAndRun(const RunOptions& options, SnapshotSet& set, Report& report) {
   if (const Outcome failure = set.take()) return report.failed(*failure);
-  if (SignalGuard::received() != 0) return report.interrupted(SignalGuard::received());
+  if (receivedSignal() != 0) return report.interrupted(receivedSignal());
   if (const Outcome failure = set.expose(options.base)) return report.failed(*failure);
   report.took(set);
-  if (SignalGuard::received() != 0) return report.interrupted(SignalGuard::received());
+  if (receivedSignal() != 0) return report.interrupted(receivedSignal());
   const CommandResult result = runCommand(options.command, variablesFor(set));
   if (result.spawnError != 0) return report.failed(notStarted(options.command.front(), result.spawnError));
   report.ran(result);
@@ -151,8 +152,9 @@ void runWith(const RunOptions& options, Report& report) {
   if (const auto* failure = std::get_if<Failure>(&chosen)) return report.failed(*failure);
   auto& volumes = std::get<std::vector<ChosenVolume>>(chosen);
   if (const Outcome failure = checkPlaces(volumes, options.binds, table)) return report.failed(*failure);
+  if (const Outcome failure = checkBase(options.base)) return report.failed(*failure);
 
-  const SignalGuard guard;
+  holdSignalsBack();
   const VerboseLibrary library(options.verbose);
   Terminal terminal(options.verbose);
   SnapshotSet set(terminal, std::move(volumes), options.binds, options.relocation);
