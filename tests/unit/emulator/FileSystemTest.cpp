@@ -117,7 +117,7 @@ TEST_F(FileSystems, on_devices_in_use_in_another_way_are_refused) {
 
 TEST_F(FileSystems, stand_on_the_device_that_holds_their_image) {
   const test::Volume outer("ext4", 32 << 20);
-  const test::Volume inner("ext4", kBytes, outer.folder());
+  const test::Volume inner("ext4", kBytes, {}, outer.folder());
   const FileSystem upper = on(inner.loop());
   EXPECT_TRUE(upper.standsOn(numberOf(outer.loop())));
   EXPECT_FALSE(upper.standsOn(numberOf(inner.loop())));
@@ -149,7 +149,7 @@ TEST_F(FileSystems, that_stand_on_another_are_frozen_before_it_however_deep_it_i
   mkdir((deepFolder + "/b").c_str(), 0755);
   mkdir((deepFolder + "/b/c").c_str(), 0755);
   const test::Mounted lowerMount(loop.path(), deepFolder + "/b/c", "ext4");
-  const test::Volume stacked("ext4", kBytes, lowerMount.folder());
+  const test::Volume stacked("ext4", kBytes, {}, lowerMount.folder());
   FileSystem lower = on(loop);
   FileSystem upper = on(stacked.loop());
   ASSERT_LT(upper.depth(), lower.depth());
@@ -203,7 +203,7 @@ TEST_F(FileSystems, are_all_let_go_when_one_cannot_be_frozen) {
 // A store that stands on a frozen volume, the other way round: freezing the upper file system waits for the lower one.
 TEST_F(FileSystems, in_the_wrong_order_wait_for_each_other_only_until_the_time_is_up) {
   const test::Volume outer("ext4", 32 << 20);
-  const test::Volume stacked("ext4", kBytes, outer.folder());
+  const test::Volume stacked("ext4", kBytes, {}, outer.folder());
   test::writeFile(stacked.folder() + "/dirty", std::string(100000, 'x'));
   FileSystem lower = on(outer.loop());
   FileSystem upper = on(stacked.loop());
