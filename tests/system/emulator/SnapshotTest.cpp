@@ -103,7 +103,7 @@ TEST(Snap, of_nested_volumes_of_two_kinds_stand_inside_each_other_again) {
 // One file system lies in a file on the other: its last writes go through that.
 TEST(Snap, of_a_volume_and_one_that_lies_in_a_file_on_it_takes_both) {
   const Volume outer("ext4", 64 << 20);
-  const Volume inner("ext4", 16 << 20, outer.folder());
+  const Volume inner("ext4", 16 << 20, {}, outer.folder());
   test::writeFile(inner.folder() + "/file", std::string(1 << 20, 'x'));
   ClientRun run({"--freeze-limit", "20"});
   SnapCandidate one(*run, outer.device());
