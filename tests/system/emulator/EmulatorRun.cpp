@@ -50,6 +50,8 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   return pointers;
 }
 
+std::string processFolder(const std::string& proc, pid_t process) { return proc + "/" + std::to_string(process); }
+
 std::uint64_t deviceBytes(const std::string& device) {
   std::uint64_t bytes = 0;
   const int opened = open(device.c_str(), O_RDONLY | O_CLOEXEC);
@@ -72,6 +74,8 @@ EmulatorRun::EmulatorRun(std::vector<std::string> options, std::vector<std::stri
   mProcess = fork();
   if (mProcess < 0) throw std::runtime_error("cannot fork");
   if (mProcess > 0) return;
+  // Where the world's /proc shows no processes: a sanitizer looks for its own.
+  static_cast<void>(!symlink(processFolder(kRealProc, getpid()).c_str(), processFolder("/proc", getpid()).c_str()));
   dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDOUT_FILENO);
   dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
   prepare();
@@ -88,7 +92,10 @@ EmulatorRun::~EmulatorRun() {
 void EmulatorRun::signal(int number) const { kill(mProcess, number); }
 
 int EmulatorRun::wait() {
-  if (mProcess >= 0) waitpid(mProcess, &mStatus, 0);
+  if (mProcess >= 0) {
+    waitpid(mProcess, &mStatus, 0);
+    unlink(processFolder("/proc", mProcess).c_str());
+  }
   mProcess = -1;
   return WIFSIGNALED(mStatus) ? 128 + WTERMSIG(mStatus) : WEXITSTATUS(mStatus);
 }
