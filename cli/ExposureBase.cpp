@@ -6,8 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
+
+#include "Processes.h"
 
 namespace fs = std::filesystem;
 
@@ -39,6 +42,18 @@ bool insideAnother(const std::string& mountPoint, const std::vector<std::string>
                      [&](const std::string& other) { return other != mountPoint && liesWithin(mountPoint, other); });
 }
 
+// Whether folders down to `path`, which is not there, can be made as far as that can be seen.
+Outcome checkMakeable(const fs::path& path) {
+  std::error_code error;
+  fs::path missing = path;
+  while (!fs::exists(missing.parent_path(), error) && missing.has_relative_path()) missing = missing.parent_path();
+  const fs::path parent = missing.parent_path();
+  if (!fs::is_directory(parent, error))
+    return cannotExpose(parent, "is not a directory", "name another base with --base");
+  if (access(parent.c_str(), W_OK) != 0) return cannotMake(missing, errno);
+  return std::nullopt;
+}
+
 }  // namespace
 
 Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTable& table) {
@@ -61,7 +76,7 @@ Outcome checkBase(const std::string& wanted) {
   const std::string path = cleanPath(wanted);
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
-  if (!fs::exists(status)) return std::nullopt;
+  if (!fs::exists(status)) return checkMakeable(path);
   if (!fs::is_directory(status))
     return cannotExpose(path, "is not a directory", "name a new or an empty directory with --base");
   if (!MountTable().under(path).empty())
@@ -123,6 +138,29 @@ Outcome ExposureBase::makeFolder(const std::string& path, mode_t mode) {
     return cannotMake(path, errno);
   }
   return std::nullopt;
+}
+
+std::vector<std::string> abandonedBases() {
+  std::vector<std::string> found;
+  std::error_code error;
+  for (fs::directory_iterator entry(kDefaultParent, error), end; !error && entry != end; entry.increment(error)) {
+    const std::string name = entry->path().filename();
+    pid_t owner = 0;
+    const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), owner);
+    const bool isOwner = problem == std::errc() && rest == name.data() + name.size() && owner > 0;
+    if (isOwner && isGone(owner)) found.push_back(entry->path());
+  }
+  return found;
+}
+
+void removeAbandonedBase(const std::string& base) {
+  std::error_code error;
+  std::vector<fs::path> folders = {base};
+  for (fs::recursive_directory_iterator entry(base, error), end; !error && entry != end; entry.increment(error))
+    folders.push_back(entry->path());
+  std::reverse(folders.begin(), folders.end());
+  for (const fs::path& folder : folders) rmdir(folder.c_str());
+  rmdir(kDefaultParent.c_str());
 }
 
 std::vector<Failure> ExposureBase::remove() {

@@ -20,6 +20,11 @@ Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTa
 // Checks, before anything is snapped, that snapshots can be mounted at `wanted` (empty: the default).
 Outcome checkBase(const std::string& wanted);
 
+// Default bases whose processes are gone.
+std::vector<std::string> abandonedBases();
+// Removes the folders of one on which nothing is mounted any more, as far as they are empty.
+void removeAbandonedBase(const std::string& base);
+
 class ExposureBase {
  public:
   // Makes the base and below it the folders for those of `mountPoints` that lie in no other. An empty `wanted` is a

@@ -1,18 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SnapshotSet.h"
 
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <list>
 
 #include <mirelsnap/DriverInterface.h>
 
+#include "Processes.h"
 #include "RelocationProgress.h"
 #include "Wide.h"
 #include "driver/ControlDevice.h"
+
+namespace fs = std::filesystem;
 
 namespace cli {
 namespace {
@@ -34,6 +42,27 @@ class Driver {
   Driver& operator=(const Driver&) = delete;
   bool snapped(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeSnapped(device); }
   bool frozen(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeFrozen(device); }
+  // The processes that hold a snapshot or a relocation-file mapping of the volume.
+  std::vector<int> owners(const ChosenVolume& volume) {
+    std::vector<int> found;
+    std::list<SnappedVolumeInformation> snapped;
+    if (mDriver != nullptr) mDriver->GetSnappedVolumeDetails(snapped);
+    for (const SnappedVolumeInformation& entry : snapped) {
+      if (makedev(entry.getMajorNum(), entry.getMinorNum()) == volume.number) found.push_back(entry.getAppPid());
+    }
+    for (const RelocFileMappingInformation& mapping : mappings()) {
+      if (mapping.getSnappedVolumeName() == volume.device) found.push_back(mapping.getAppPid());
+    }
+    return found;
+  }
+  std::list<RelocFileMappingInformation> mappings() {
+    std::list<RelocFileMappingInformation> found;
+    if (mDriver != nullptr) mDriver->GetRelocFileMapping(found);
+    return found;
+  }
+  void deleteMapping(const std::string& device, int process) {
+    if (mDriver != nullptr) mDriver->DeleteRelocationFileMapping(device, process);
+  }
 
  private:
   SnapDriverInterface* mDriver;
@@ -67,6 +96,11 @@ std::string listed(const std::vector<ChosenVolume>& volumes) {
   return text;
 }
 
+bool isFull(const std::string& folder, std::uint64_t needed) {
+  struct statvfs status {};
+  return statvfs(folder.c_str(), &status) == 0 && status.f_bavail * status.f_frsize < needed;
+}
+
 std::string textOf(const wchar_t* text) { return text == nullptr ? std::string() : narrow(text); }
 
 }  // namespace
@@ -78,8 +112,8 @@ SnapshotSet::SnapshotSet(Terminal& terminal, std::vector<ChosenVolume> volumes, 
 SnapshotSet::~SnapshotSet() { finish(); }
 
 Outcome SnapshotSet::take() {
-  for (const auto step :
-       {&SnapshotSet::makeEngine, &SnapshotSet::addVolumes, &SnapshotSet::addBinds, &SnapshotSet::runJob}) {
+  for (const auto step : {&SnapshotSet::makeEngine, &SnapshotSet::removeRemains, &SnapshotSet::addVolumes,
+                          &SnapshotSet::addBinds, &SnapshotSet::runJob}) {
     if (Outcome failure = (this->*step)()) return failure;
   }
   readProperties();
@@ -94,6 +128,25 @@ Outcome SnapshotSet::makeEngine() {
   if (mEngine->StartSnapshotSet(&mSetId) < 0)
     return Failure{kSnapshotFailed, "the snapshot set", "could not be started", ""};
   mId = idText(mSetId);
+  return std::nullopt;
+}
+
+// A process that was killed could not clean up: what it left on these volumes would keep them from being snapped. What
+// cannot be removed shows in what follows.
+Outcome SnapshotSet::removeRemains() {
+  Driver driver;
+  const bool remain = std::any_of(mVolumes.begin(), mVolumes.end(), [&](const ChosenVolume& volume) {
+    const std::vector<int> owners = driver.owners(volume);
+    return std::any_of(owners.begin(), owners.end(), &isGone);
+  });
+  if (!remain) return std::nullopt;
+  mTerminal.begin("Removing what a process left that was killed");
+  mEngine->DoReconcile(nullptr);
+  for (const std::string& base : abandonedBases()) {
+    mEngine->DoReconcile(wide(base).c_str());
+    removeAbandonedBase(base);
+  }
+  mTerminal.end();
   return std::nullopt;
 }
 
@@ -161,7 +214,12 @@ Outcome SnapshotSet::runJob() {
   int snapResult = -1;
   job->QueryStatus(&status, &snapResult);
   mTerminal.end();
-  if (snapResult != 0) return snapFailure(snapResult);
+  if (snapResult != 0) {
+    Failure failure = snapFailure(snapResult);
+    // Nothing was made where a volume is snapped or frozen, and looking at a frozen one would never end.
+    if (failure.code != kAlreadySnapped) dropMappings();
+    return failure;
+  }
   mTaken = true;
   return std::nullopt;
 }
@@ -202,8 +260,10 @@ Failure SnapshotSet::snapFailure(int snapResult) {
     case 12:
       for (const ChosenVolume& volume : mVolumes) {
         if (driver.snapped(volume.device)) {
-          return {kAlreadySnapped, volume.device, "is already snapped",
-                  "wait until that snapshot is deleted, or reconcile when its owner has died"};
+          const std::vector<int> owners = driver.owners(volume);
+          return {kAlreadySnapped, volume.device,
+                  "is already snapped" + (owners.empty() ? "" : " by " + processText(owners.front())),
+                  "wait until that snapshot is deleted"};
         }
         if (driver.frozen(volume.device)) return {kAlreadySnapped, volume.device, "is frozen", "thaw it first"};
       }
@@ -211,7 +271,14 @@ Failure SnapshotSet::snapFailure(int snapResult) {
     case 20:
     case 21:
       for (const ChosenVolume& volume : mVolumes) {
-        if (predictPlacement(volume, mRelocation).status == 0) continue;
+        const Placement placement = predictPlacement(volume, mRelocation);
+        if (placement.status == 0) {
+          const std::string folder = fs::path(placement.path).parent_path().parent_path();
+          if (!isFull(folder, placement.bytes)) continue;
+          return {kNoRoom, folder,
+                  "has no room for the relocation file of " + volume.device + " (" + sizeText(placement.bytes) + ")",
+                  "free some space or name a place with --reloc-mount and --reloc-size"};
+        }
         if (mRelocation.blocks != 0) {
           return {
               kNoRoom, mRelocation.mountPoint,
@@ -250,6 +317,20 @@ void SnapshotSet::readProperties() {
       volume.mountPoints.push_back(textOf(properties.MountPoints[i]));
     mSnapped.push_back(std::move(volume));
     UnixSnapshotCoordinator::UscFreeSnapshotProperties(&properties);
+  }
+}
+
+// A snap that failed may leave mappings of this process, and the folders of files that could not be made.
+void SnapshotSet::dropMappings() {
+  Driver driver;
+  for (const RelocFileMappingInformation& mapping : driver.mappings()) {
+    if (mapping.getAppPid() != getpid()) continue;
+    driver.deleteMapping(mapping.getSnappedVolumeName(), getpid());
+    rmdir(fs::path(mapping.getRelocFileName()).parent_path().c_str());
+  }
+  for (const ChosenVolume& volume : mVolumes) {
+    const Placement placement = predictPlacement(volume, mRelocation);
+    if (placement.status == 0) rmdir(fs::path(placement.path).parent_path().c_str());
   }
 }
 
@@ -296,7 +377,9 @@ std::vector<Failure> SnapshotSet::leftovers() const {
   std::vector<Failure> left;
   if (mExposed) {
     for (const Mount& mount : MountTable().under(mBase.path())) {
-      left.push_back({kCannotCleanUp, mount.folder, "is still mounted: something uses it",
+      const std::optional<int> user = userOf(mount.folder);
+      left.push_back({kCannotCleanUp, mount.folder,
+                      "is still mounted: " + (user ? processText(*user) : "something") + " uses it",
                       "stop what uses it, then: umount " + mount.folder});
     }
   }
@@ -305,7 +388,7 @@ std::vector<Failure> SnapshotSet::leftovers() const {
   for (const SnappedVolume& volume : mSnapped) {
     if (driver.snapped(volume.device)) {
       left.push_back({kCannotCleanUp, volume.device, "is still snapped: the driver refused to discard the snapshot",
-                      "it is removed when an agent reconciles after this process has ended"});
+                      "run mirelsnap on it again: that removes what is left"});
     } else if (!volume.relocationFile.empty() && access(volume.relocationFile.c_str(), F_OK) == 0) {
       left.push_back(
           {kCannotCleanUp, volume.relocationFile, "the relocation file could not be removed", "remove it by hand"});

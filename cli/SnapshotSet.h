@@ -54,6 +54,7 @@ class SnapshotSet {
   };
 
   Outcome makeEngine();
+  Outcome removeRemains();
   Outcome addVolumes();
   Outcome addBinds();
   Outcome setOptions(const _SSGUIDPLAIN& snapshotId, const ChosenVolume& volume);
@@ -61,6 +62,7 @@ class SnapshotSet {
   void waitForJob(UnixSnapshotCoordinator::IUscAsync& job);
   void showRelocationFile();
   void readProperties();
+  void dropMappings();
   Failure snapFailure(int snapResult);
   Failure refusal(const ChosenVolume& volume, int result) const;
   std::vector<std::string> allMountPoints() const;

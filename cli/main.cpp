@@ -2,10 +2,13 @@
 //
 // mirelsnap, the command-line agent.
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <clocale>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,6 +43,14 @@ SplitArguments split(int argc, char** argv) {
     }
   }
   return result;
+}
+
+// What is wrong with a size; nothing when it is one.
+std::string checkBlocks(const std::string& text) {
+  std::uint32_t blocks = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), blocks);
+  if (error == std::errc() && end == text.data() + text.size() && blocks != 0) return "";
+  return text + " is no number of blocks (1 to " + std::to_string(std::numeric_limits<std::uint32_t>::max()) + ")";
 }
 
 // Names that are not ASCII need a locale that can decode them.
@@ -79,7 +90,7 @@ void addRun(CLI::App& app, cli::RunOptions& options) {
   CLI::Option* size = run->add_option("--reloc-size", options.relocation.blocks,
                                       "Size of each relocation file, in blocks of its volume")
                           ->type_name("BLOCKS")
-                          ->check(CLI::PositiveNumber);
+                          ->check(checkBlocks);
   mount->needs(size);
   size->needs(mount);
   run->add_flag("--json", options.json, "Print the result as one JSON document to standard output");
@@ -91,6 +102,10 @@ int usageError(const std::string& cause) {
   return cli::kUsage;
 }
 
+bool hasVerb(CLI::App& app, const std::string& name) {
+  return !app.get_subcommands([&](CLI::App* verb) { return verb->get_name() == name; }).empty();
+}
+
 int runMain(int argc, char** argv) {
   CLI::App app("mirelsnap: point-in-time snapshots of mounted volumes", "mirelsnap");
   app.set_version_flag("--version", std::string("mirelsnap ") + MIRELSNAP_VERSION);
@@ -99,6 +114,9 @@ int runMain(int argc, char** argv) {
   addRun(app, runOptions);
 
   SplitArguments arguments = split(argc, argv);
+  const std::string verb = arguments.own.empty() ? "" : arguments.own.front();
+  if (!verb.empty() && verb.front() != '-' && !hasVerb(app, verb))
+    return usageError(verb + " is nothing that mirelsnap can do");
   std::vector<std::string> reversed(arguments.own.rbegin(), arguments.own.rend());
   try {
     app.parse(reversed);

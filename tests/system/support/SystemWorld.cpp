@@ -32,10 +32,11 @@ void layTerminals() {
   must(symlink("pts/ptmx", "/dev/ptmx") == 0, "/dev/ptmx");
 }
 
-// A mount of a block device below this namespace's root becomes read-only here, and nowhere else.
+// A mount of a block device (one of several, where the file system has no number of its own) becomes read-only here,
+// and nowhere else.
 void holdRealVolumes() {
   for (const MountLine& line : mountLines()) {
-    if (line.deviceMajor == 0) continue;
+    if (line.deviceMajor == 0 && !line.source.starts_with("/dev/")) continue;
     must(mount(nullptr, line.folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0,
          "remount " + line.folder);
   }

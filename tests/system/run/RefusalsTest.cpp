@@ -1,0 +1,406 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Why a run cannot be: each failure is its exit code and one line that names the device or path, the cause, what to do.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "Agent.h"
+#include "DriverClient.h"
+#include "MountList.h"
+#include "Run.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using test::Ended;
+using test::expectFailure;
+using test::LoopDevice;
+using test::Mounted;
+using test::run;
+using test::runScript;
+using test::Session;
+using test::TempDir;
+using test::Volume;
+
+using Texts = std::vector<std::string>;
+
+const Texts kTrue = {"/bin/true"};
+
+// ---- the machine
+
+TEST(RunRefused, without_root_is_111) {
+  const TempDir dir;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  // Where the nobody's way does not lead through this user's folders.
+  fs::copy_file(MIRELSNAP_PROGRAM, dir / "mirelsnap");
+  Session session;
+  expectFailure(session.run({dir / "mirelsnap", "run", "--", "/bin/true"}, {.user = 65534}), 111,
+                "mirelsnap: mirelsnap run: needs root: it mounts file systems and talks to the kernel driver; run it "
+                "with sudo");
+  EXPECT_TRUE(session.trace().empty());
+}
+
+TEST(RunRefused, without_a_driver_is_112) {
+  const Volume volume("ext4", 32 << 20);
+  Session session = Session::withoutDriver();
+  expectFailure(run(session, {"--volume", volume.device()}, kTrue), 112,
+                "mirelsnap: /dev/mirelsnapctl: the driver (module mirelsnap) is not loaded and could not be loaded; "
+                "install it, or try it without: mirelsnap-emulator -- mirelsnap run ...");
+}
+
+TEST(RunRefused, with_a_driver_that_does_not_answer_is_112) {
+  const Volume volume("ext4", 32 << 20);
+  Session session({"--inject", "version:1:EIO", "--inject", "version:2:EIO"});
+  expectFailure(run(session, {"--volume", volume.device()}, kTrue), 112,
+                "mirelsnap: /dev/mirelsnapctl: the snapshot driver is loaded but does not answer; look for "
+                "MIRELSNAP_SDK in the system log");
+  session.takeComplaints();
+}
+
+// ---- volumes
+
+class RunRefusedVolume : public testing::Test {
+ protected:
+  void expectRefused(const std::string& name, const std::string& line) {
+    expectFailure(run(session, {"--volume", name}, kTrue), 113, "mirelsnap: " + line);
+    EXPECT_TRUE(session.trace().empty()) << "the driver was asked";
+  }
+
+  const Volume volume{"ext4", 32 << 20};
+  const LoopDevice unmounted{1 << 20};
+  const TempDir dir;
+  Session session;
+};
+
+TEST_F(RunRefusedVolume, a_regular_file_is_113) {
+  test::writeFile(dir / "file", "text");
+  expectRefused(dir / "file", dir / "file" +
+                                  ": is neither a block device nor a mount point; name a device such as "
+                                  "/dev/sdb1 or its mount point");
+}
+
+TEST_F(RunRefusedVolume, a_character_device_is_113) {
+  expectRefused("/dev/null",
+                "/dev/null: is neither a block device nor a mount point; name a device such as /dev/sdb1 "
+                "or its mount point");
+}
+
+TEST_F(RunRefusedVolume, a_directory_that_is_no_mount_point_is_113) {
+  const std::string folder = volume.folder() + "/lost+found";
+  expectRefused(folder, folder + ": is not a mount point; it lies on the volume mounted at " + volume.folder());
+}
+
+TEST_F(RunRefusedVolume, a_file_system_without_a_block_device_is_113) {
+  expectRefused("/mnt", "/mnt: is a tmpfs file system without a block device; only block devices can be snapped");
+  expectRefused("/proc", "/proc: is a proc file system without a block device; only block devices can be snapped");
+}
+
+TEST_F(RunRefusedVolume, a_device_that_is_not_mounted_is_113) {
+  expectRefused(unmounted.path(),
+                unmounted.path() + ": is not mounted; mount it first: only mounted volumes can be snapped");
+}
+
+TEST_F(RunRefusedVolume, a_name_that_leads_nowhere_is_113) {
+  expectRefused("/dev/nothing",
+                "/dev/nothing: No such file or directory; name a mounted block device or a mount point "
+                "(lsblk shows them)");
+}
+
+TEST_F(RunRefusedVolume, a_pair_whose_device_is_missing_is_113) {
+  expectRefused("/dev/nothing:" + volume.folder(),
+                "/dev/nothing: No such file or directory; name an existing block device");
+}
+
+TEST_F(RunRefusedVolume, a_pair_whose_device_is_none_is_113) {
+  expectRefused("/dev/null:" + volume.folder(), "/dev/null: is not a block device; name a device such as /dev/sdb1");
+}
+
+TEST_F(RunRefusedVolume, a_pair_that_is_mounted_elsewhere_is_113) {
+  expectRefused(unmounted.path() + ":" + volume.folder(),
+                unmounted.path() + ": is not what is mounted at " + volume.folder() + "; that is " + volume.device());
+  expectRefused(volume.device() + ":" + dir.path(), dir.path() +
+                                                        ": is not a mount point; it lies on the volume mounted "
+                                                        "at /mnt");
+}
+
+// ---- snapped, frozen, no room
+
+TEST(RunRefused, on_a_volume_that_is_snapped_is_114) {
+  const Volume volume("ext4", 32 << 20);
+  const Volume other("ext4", 32 << 20);
+  Session session;
+  test::Agent agent(session);
+  test::Engine engine = agent.openedSet({&volume});
+  ASSERT_EQ(engine.snap(), 0);
+  const std::string line = "mirelsnap: " + volume.device() + ": is already snapped by process " +
+                           std::to_string(agent.id()) + " (system_agent); wait until that snapshot is deleted";
+  expectFailure(run(session, {"--volume", volume.device()}, kTrue), 114, line);
+  expectFailure(run(session, {"--volume", other.device(), "--volume", volume.device()}, kTrue), 114, line);
+  EXPECT_EQ(test::DriverClient(session).snapped().size(), 1u);
+  EXPECT_EQ(engine.deleteSet(), S_OK);
+  engine.release();
+}
+
+TEST(RunRefused, on_a_volume_that_is_frozen_is_114) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  test::DriverClient driver(session);
+  ASSERT_EQ(driver.freeze({volume.device()}), 0u);
+  expectFailure(run(session, {"--volume", volume.device()}, kTrue), 114,
+                "mirelsnap: " + volume.device() + ": is frozen; thaw it first");
+  EXPECT_EQ(driver.thaw({volume.device()}), 0u);
+}
+
+TEST(RunRefused, on_a_full_volume_without_an_alternative_is_115) {
+  const Volume volume("ext4", 32 << 20);
+  const int file = open((volume.folder() + "/filling").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const std::string piece(4096, 'x');
+  while (write(file, piece.data(), piece.size()) == 4096) {
+  }
+  close(file);
+  Session session;
+  const Ended ended = run(session, {"--volume", volume.device()}, kTrue);
+  EXPECT_EQ(ended.code, 115);
+  // How large the file was to be depends on what ext4 keeps for itself.
+  EXPECT_TRUE(std::regex_match(
+      ended.errors,
+      std::regex("mirelsnap: " + volume.folder() + ": has no room for the relocation file of " + volume.device() +
+                 " \\([0-9.]+ KiB\\); free some space or name a place with --reloc-mount and --reloc-size\n")))
+      << ended.errors;
+}
+
+TEST(RunRefused, on_a_volume_that_is_mounted_read_only_without_an_alternative_is_115) {
+  const Volume volume("ext4", 32 << 20);
+  ASSERT_EQ(mount(nullptr, volume.folder().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  Session session;
+  expectFailure(run(session, {"--volume", volume.device()}, kTrue), 115,
+                "mirelsnap: " + volume.device() +
+                    ": no mounted file system has room for its relocation file; free some space or name a place with "
+                    "--reloc-mount and --reloc-size");
+}
+
+TEST(RunRefused, with_a_relocation_mount_that_is_too_small_is_115) {
+  const Volume volume("ext4", 32 << 20);
+  const Volume small("ext4", 16 << 20);
+  Session session;
+  expectFailure(
+      run(session, {"--volume", volume.device(), "--reloc-mount", small.folder(), "--reloc-size", "100000"}, kTrue),
+      115,
+      "mirelsnap: " + small.folder() + ": cannot hold a relocation file of 100000 blocks for " + volume.device() +
+          "; it must be writable, neither snapped nor frozen, and have the room; name a smaller --reloc-size or "
+          "another "
+          "--reloc-mount");
+}
+
+TEST(RunRefused, with_a_relocation_mount_that_is_no_mount_point_is_115) {
+  const Volume volume("ext4", 32 << 20);
+  const std::string folder = volume.folder() + "/lost+found";
+  Session session;
+  expectFailure(run(session, {"--volume", volume.device(), "--reloc-mount", folder, "--reloc-size", "10"}, kTrue), 115,
+                "mirelsnap: " + folder + ": is not a mount point, so no relocation file of " + volume.device() +
+                    " can go there; name a mount point with --reloc-mount");
+}
+
+// ---- the driver refuses
+
+TEST(RunRefused, by_the_driver_is_116_or_114_by_its_reason) {
+  const Volume volume("ext4", 32 << 20);
+  Session session({"--inject", "snap:1:EIO:-9", "--inject", "snap:2:ESTALE:-8", "--inject", "snap:3:EBUSY:-2",
+                   "--inject", "snap:4:EBUSY:-3", "--inject", "create-mapping:5:EIO"});
+  const std::string device = "mirelsnap: " + volume.device();
+  const Texts options = {"--volume", volume.device()};
+  expectFailure(
+      run(session, options, kTrue), 116,
+      device + ": the driver refused the snapshot; look for MIRELSNAP_SDK in the system log, or use --verbose");
+  expectFailure(run(session, options, kTrue), 116,
+                device + ": the size of a device changed; try again when it no longer changes");
+  for (int i = 0; i < 2; ++i) {
+    expectFailure(run(session, options, kTrue), 114,
+                  device + ": a volume was snapped or frozen at that moment; try again");
+  }
+  expectFailure(run(session, options, kTrue), 115,
+                device +
+                    ": a relocation file could not be made; look for MIRELSNAP_SDK in the system log, or use "
+                    "--verbose");
+  EXPECT_EQ(session.takeComplaints().size(), 5u);
+  EXPECT_EQ(run(session, options, kTrue).code, 0);
+}
+
+TEST(RunRefused, by_a_driver_that_does_not_tell_its_volumes_is_116) {
+  const Volume volume("ext4", 32 << 20);
+  // The first time it is asked for what dead processes left.
+  Session session({"--inject", "count-snapped:2:EIO"});
+  expectFailure(
+      run(session, {"--volume", volume.device()}, kTrue), 116,
+      "mirelsnap: " + volume.device() +
+          ": the snapshot could not be prepared (code 3); memory may be short, or a relocation file cannot be "
+          "mapped to blocks (btrfs cannot); use --verbose");
+  EXPECT_EQ(session.takeComplaints().size(), 1u);
+}
+
+// ---- exposure
+
+class RunRefusedBase : public testing::Test {
+ protected:
+  void expectRefused(Texts options, const std::string& line) {
+    options.insert(options.begin(), {"--volume", volume.device()});
+    expectFailure(run(session, options, kTrue), 117, "mirelsnap: " + line);
+    EXPECT_TRUE(session.trace("snap").empty()) << "it is known before anything is snapped";
+  }
+
+  const Volume volume{"ext4", 32 << 20};
+  const TempDir dir;
+  Session session;
+};
+
+TEST_F(RunRefusedBase, that_is_not_empty_is_117) {
+  test::writeFile(dir / "file", "");
+  expectRefused({"--base", dir.path()}, dir.path() + ": is not empty; name a new or an empty directory with --base");
+}
+
+TEST_F(RunRefusedBase, that_is_no_directory_is_117) {
+  test::writeFile(dir / "file", "");
+  expectRefused({"--base", dir / "file"},
+                dir / "file" + ": is not a directory; name a new or an empty directory with --base");
+  expectRefused({"--base", dir / "file/below"}, dir / "file" + ": is not a directory; name another base with --base");
+}
+
+TEST_F(RunRefusedBase, on_which_something_is_mounted_is_117) {
+  const Mounted mounted("tests", dir.path(), "tmpfs");
+  expectRefused({"--base", dir.path()}, dir.path() + ": is mounted on; name a directory without mounts with --base");
+}
+
+TEST_F(RunRefusedBase, that_cannot_be_made_is_117) {
+  ASSERT_EQ(mount("tests", dir.path().c_str(), "tmpfs", MS_RDONLY, nullptr), 0);
+  expectRefused({"--base", dir / "new/base"},
+                dir / "new" + ": cannot be made: Read-only file system; name another base with --base");
+  umount(dir.path().c_str());
+}
+
+TEST_F(RunRefusedBase, with_a_bind_that_is_no_mount_point_is_117) {
+  expectRefused({"--bind", dir.path()}, dir.path() + ": is not a mount point; name a mount point with --bind");
+  expectRefused({"--bind", "/nothing"}, "/nothing: is not a mount point; name a mount point with --bind");
+}
+
+TEST_F(RunRefusedBase, for_nested_mounts_with_a_gap_is_117) {
+  const LoopDevice middleLoop(16 << 20);
+  const LoopDevice deepLoop(16 << 20);
+  middleLoop.mkfs("ext4");
+  deepLoop.mkfs("ext4");
+  const std::string middleFolder = volume.folder() + "/middle";
+  const std::string deepFolder = middleFolder + "/deep";
+  fs::create_directory(middleFolder);
+  const Mounted middle(middleLoop.path(), middleFolder, "ext4");
+  fs::create_directory(deepFolder);
+  const Mounted deep(deepLoop.path(), deepFolder, "ext4");
+  // The session checks the mounts at its end: these are gone then.
+  expectRefused({"--volume", deepLoop.path()},
+                deepFolder + ": is mounted in " + middleFolder +
+                    ", which is not in the set, so its snapshot has no folder to go to; add " + middleFolder +
+                    " (--volume, or --bind when it has no block device) or leave out what lies above it");
+}
+
+// ---- cleaning up
+
+TEST(RunCannotCleanUp, while_a_process_sits_in_the_exposed_tree_is_118) {
+  const Volume volume("ext4", 32 << 20);
+  const TempDir dir;
+  Session session;
+  const Ended ended = runScript(session, {"--volume", volume.device(), "--base", dir / "base"},
+                                "cd $MIRELSNAP_VOLUME_1; sleep 60 >/dev/null 2>&1 & echo $!");
+  const std::string exposed = dir / "base" + volume.folder();
+  const std::string sleeper = ended.output.substr(0, ended.output.size() - 1);
+  EXPECT_EQ(ended.code, 118);
+  EXPECT_EQ(ended.errors, "mirelsnap: " + exposed + ": is still mounted: process " + sleeper +
+                              " (sleep) uses it; stop what uses it, then: umount " + exposed + "\n");
+  kill(std::stoi(sleeper), SIGKILL);
+  // What the line says is to be done is enough.
+  for (int attempt = 0; attempt < 100 && umount(exposed.c_str()) != 0; ++attempt) usleep(20000);
+  EXPECT_EQ(test::mountsUnder(dir.path()), Texts());
+  EXPECT_EQ(test::DriverClient(session).reconcile(), 0u);
+}
+
+TEST(RunCannotCleanUp, when_the_driver_keeps_the_snapshot_is_118) {
+  const Volume volume("ext4", 32 << 20);
+  Session session({"--inject", "discard:1:EIO"});
+  const Ended ended = runScript(session, {"--volume", volume.device()}, "exit 3");
+  EXPECT_EQ(ended.code, 118) << "nobody must take it for a good end";
+  EXPECT_EQ(ended.errors, "mirelsnap: " + volume.device() +
+                              ": is still snapped: the driver refused to discard the snapshot; run mirelsnap on it "
+                              "again: that removes what is left\n");
+  session.takeComplaints();
+  const Ended again = run(session, {"--volume", volume.device()}, kTrue);
+  EXPECT_EQ(again.code, 0) << again.errors;
+}
+
+// ---- after a run that was killed
+
+TEST(RunAfterAKilledRun, removes_what_that_left_and_snaps_the_same_volume) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  test::Process killed =
+      session.start(test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep 60"}));
+  while (killed.running() && killed.output().empty()) usleep(1000);
+  const std::string base = "/run/mirelsnap/" + std::to_string(killed.id());
+  killed.kill();
+  kill(std::stoi(killed.output()), SIGKILL);
+  EXPECT_EQ(test::mountsUnder(base), Texts{base + volume.folder()});
+  const Ended ended = run(session, {"--volume", volume.device()}, kTrue);
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_EQ(ended.errors, "");
+  EXPECT_FALSE(fs::exists(base));
+}
+
+TEST(RunAfterAKilledRun, leaves_what_a_living_one_holds_alone) {
+  const Volume volume("ext4", 32 << 20);
+  const Volume held("ext4", 32 << 20);
+  Session session;
+  test::Process killed =
+      session.start(test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep 60"}));
+  const TempDir dir;
+  test::Process living = session.start(test::runArguments(
+      {"--volume", held.device()},
+      {"/bin/sh", "-c", "echo ready; until [ -e " + (dir / "go") + " ]; do sleep 0.01; done; ls $MIRELSNAP_VOLUME_1"}));
+  while (killed.running() && killed.output().empty()) usleep(1000);
+  while (living.running() && living.output().empty()) usleep(1000);
+  killed.kill();
+  kill(std::stoi(killed.output()), SIGKILL);
+  EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
+  test::writeFile(dir / "go", "");
+  EXPECT_EQ(living.wait(), 0) << living.errors();
+  EXPECT_EQ(living.output(), "ready\nlost+found\n");
+}
+
+// ---- wrong options
+
+TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
+  Session session;
+  const auto complains = [&](Texts arguments, const std::string& line) {
+    arguments.insert(arguments.begin(), MIRELSNAP_PROGRAM);
+    expectFailure(session.run(arguments), 2, "mirelsnap: " + line + "; see mirelsnap --help");
+  };
+  complains({}, "A subcommand is required");
+  complains({"run"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
+  complains({"run", "--"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
+  complains({"run", "--nothing", "--", "true"}, "The following argument was not expected: --nothing");
+  complains({"run", "--reloc-size", "5", "--", "true"}, "--reloc-size requires --reloc-mount");
+  complains({"run", "--reloc-mount", "/mnt", "--", "true"}, "--reloc-mount requires --reloc-size");
+  complains({"run", "--reloc-mount", "/mnt", "--reloc-size", "0", "--", "true"},
+            "--reloc-size: 0 is no number of blocks (1 to 4294967295)");
+  complains({"run", "--reloc-mount", "/mnt", "--reloc-size", "12abc", "--", "true"},
+            "--reloc-size: 12abc is no number of blocks (1 to 4294967295)");
+  complains({"run", "--reloc-mount", "/mnt", "--reloc-size", "4294967296", "--", "true"},
+            "--reloc-size: 4294967296 is no number of blocks (1 to 4294967295)");
+  complains({"fly"}, "fly is nothing that mirelsnap can do");
+  EXPECT_TRUE(session.trace().empty());
+}
+
+}  // namespace
