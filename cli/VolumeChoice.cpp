@@ -134,7 +134,12 @@ std::variant<std::vector<ChosenVolume>, Failure> chooseVolumes(const std::vector
   for (const std::string& name : names) {
     Chosen next = chooser.byName(name);
     if (auto* failure = std::get_if<Failure>(&next)) return *failure;
-    chosen.push_back(std::get<ChosenVolume>(std::move(next)));
+    auto& volume = std::get<ChosenVolume>(next);
+    // A volume may well be named twice, by its device and by its mount point: it is mounted there once.
+    const bool known = std::any_of(chosen.begin(), chosen.end(), [&](const ChosenVolume& other) {
+      return other.number == volume.number && other.mountPoint == volume.mountPoint;
+    });
+    if (!known) chosen.push_back(std::move(volume));
   }
   return chosen;
 }

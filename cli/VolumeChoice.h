@@ -20,8 +20,8 @@ struct ChosenVolume {
   std::uint64_t number;    // the block device's number
 };
 
-// Resolves what the user named, in the order named. Without a name: every mounted volume of a file system that can be
-// snapped, each under its first mount point.
+// Resolves what the user named, in the order named, each device once under each mount point. Without a name: every
+// mounted volume of a file system that can be snapped, each under its first mount point.
 std::variant<std::vector<ChosenVolume>, Failure> chooseVolumes(const std::vector<std::string>& names,
                                                                const MountTable& table);
 

@@ -87,7 +87,7 @@ TEST_P(RunSignal, that_was_ignored_at_the_start_stays_ignored) {
 INSTANTIATE_TEST_SUITE_P(Signals, RunSignal, testing::Values(SIGINT, SIGTERM, SIGHUP, SIGQUIT),
                          [](const auto& instance) { return sigabbrev_np(instance.param); });
 
-TEST(RunInTerminal, interrupted_by_the_keyboard_ends_as_the_command_does_and_removes_everything) {
+TEST(RunAtKeyboard, interrupted_ends_as_the_command_does_and_removes_everything) {
   const Volume volume("ext4", 32 << 20);
   Session session;
   test::Terminal terminal;
