@@ -77,12 +77,13 @@ std::string idText(const _SSGUIDPLAIN& id) {
 }
 
 Failure noDriver() {
+  // Looked for even when the driver is loaded.
+  if (findExe("modprobe").empty())
+    return {kNoDriver, kControlNode, "there is no modprobe, without which the driver is not looked for",
+            "install kmod"};
   if (access("/proc/mirelsnap/dev", F_OK) == 0) {
     return {kNoDriver, kControlNode, "the snapshot driver is loaded but does not answer",
             "look for MIRELSNAP_SDK in the system log"};
-  }
-  if (findExe("modprobe").empty()) {
-    return {kNoDriver, kControlNode, "the driver is not loaded and there is no modprobe to load it", "install kmod"};
   }
   return {kNoDriver, kControlNode, "the driver (module mirelsnap) is not loaded and could not be loaded",
           "install it, or try it without: mirelsnap-emulator -- mirelsnap run ..."};

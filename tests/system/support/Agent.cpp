@@ -3,11 +3,20 @@
 
 namespace test {
 
-Agent::Agent(Session& session) : Agent(session, Channel::pair()) {}
+namespace {
 
-Agent::Agent(Session& session, std::pair<Channel, Channel> ends)
+StartOptions withChannel(StartOptions options, const Channel& channel) {
+  options.channel = channel.socket();
+  return options;
+}
+
+}  // namespace
+
+Agent::Agent(Session& session, StartOptions options) : Agent(session, std::move(options), Channel::pair()) {}
+
+Agent::Agent(Session& session, StartOptions options, std::pair<Channel, Channel> ends)
     : mChannel(std::move(ends.first)),
-      mProcess(session.start({AGENT_PROGRAM, MIRELSNAP_LIBRARY}, {.channel = ends.second.socket()})) {}
+      mProcess(session.start({AGENT_PROGRAM, MIRELSNAP_LIBRARY}, withChannel(std::move(options), ends.second))) {}
 
 Engine Agent::engine() { return Engine(*this, call("create")["engine"]); }
 

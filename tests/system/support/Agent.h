@@ -24,7 +24,7 @@ class Engine;
 
 class Agent {
  public:
-  explicit Agent(Session& session);
+  explicit Agent(Session& session, StartOptions options = {});
 
   Engine engine();
   // One whose set is open and holds `volumes`; throws where it cannot be.
@@ -48,7 +48,7 @@ class Agent {
   Json finish();
 
  private:
-  Agent(Session& session, std::pair<Channel, Channel> ends);
+  Agent(Session& session, StartOptions options, std::pair<Channel, Channel> ends);
 
   Channel mChannel;
   Process mProcess;

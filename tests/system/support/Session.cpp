@@ -77,6 +77,7 @@ Json orderFor(const std::vector<std::string>& arguments, const StartOptions& opt
   for (const auto& [name, value] : options.environment) order["environment"][name] = value;
   for (const std::string& name : options.without) order["environment"][name] = nullptr;
   if (options.user) order["user"] = *options.user;
+  if (!options.root.empty()) order["root"] = options.root;
   if (!options.folder.empty()) order["folder"] = options.folder;
   if (options.terminal >= 0) order["terminal"] = true;
   if (!options.ignoredSignals.empty()) order["ignored_signals"] = options.ignoredSignals;

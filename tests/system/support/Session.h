@@ -22,7 +22,8 @@ struct StartOptions {
   std::map<std::string, std::string> environment = {};  // added to the test's own
   std::vector<std::string> without = {};                // variables taken out of it
   std::optional<uid_t> user = {};
-  std::string folder = {};  // working directory
+  std::string root = {};    // root directory
+  std::string folder = {};  // working directory, inside the root
   int terminal = -1;        // standard streams and controlling terminal, when given
   int channel = -1;         // given to the program as kChannelDescriptor, when given
   std::vector<int> ignoredSignals = {};

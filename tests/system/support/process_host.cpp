@@ -31,6 +31,9 @@ void placeDescriptors(const std::vector<int>& descriptors) {
 int becomeProgram(const Json& order, const std::vector<int>& descriptors) {
   placeDescriptors(descriptors);
   if (order.value("terminal", false) && (setsid() < 0 || ioctl(STDIN_FILENO, TIOCSCTTY, 0) != 0)) return errno;
+  if (order.contains("root") && (chroot(order["root"].get<std::string>().c_str()) != 0 || chdir("/") != 0)) {
+    return errno;
+  }
   if (order.contains("folder") && chdir(order["folder"].get<std::string>().c_str()) != 0) return errno;
   if (order.contains("user")) {
     const auto user = order["user"].get<uid_t>();
