@@ -37,8 +37,9 @@ void layTerminals() {
 void holdRealVolumes() {
   for (const MountLine& line : mountLines()) {
     if (line.deviceMajor == 0 && !line.source.starts_with("/dev/")) continue;
-    must(mount(nullptr, line.folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0,
-         "remount " + line.folder);
+    // What another mount hides cannot be reached, neither here nor by a program.
+    const bool held = mount(nullptr, line.folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+    must(held || errno == ENOENT || errno == EINVAL, "remount " + line.folder);
   }
 }
 

@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Large sets and large relocation files: memory grows with runs, not with blocks.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "Agent.h"
+#include "AlternatingWriter.h"
+#include "Base.h"
+
+namespace {
+
+using test::Agent;
+using test::AlternatingWriter;
+using test::Base;
+using test::Engine;
+using test::Session;
+using test::Volume;
+
+using Texts = std::vector<std::string>;
+
+TEST(Set, of_sixteen_volumes_stands_at_one_instant_and_is_exposed_and_deleted_as_one) {
+  std::vector<std::unique_ptr<Volume>> volumes;
+  std::vector<const Volume*> all;
+  Texts folders;
+  for (int i = 0; i < 16; ++i) {
+    volumes.push_back(std::make_unique<Volume>("ext4", 64 << 20));
+    all.push_back(volumes.back().get());
+    folders.push_back(volumes.back()->folder());
+  }
+  const Base base(folders);
+  Texts exposed;
+  for (const std::string& folder : folders) exposed.push_back(base.at(folder));
+  Session session;
+  Agent agent(session);
+  Engine engine = agent.openedSet(all);
+  const AlternatingWriter writer(folders);
+  writer.waitForSteps(100);
+  ASSERT_EQ(engine.snap(), 0);
+  writer.waitForSteps(10);
+  EXPECT_EQ(session.trace("snap").size(), 1u);
+  EXPECT_EQ(session.trace("snap").at(0)["volumes"].size(), 16u);
+  ASSERT_EQ(engine.expose(base.path()), S_OK);
+  EXPECT_TRUE(AlternatingWriter::standAtOneInstant(exposed));
+  for (std::size_t volume = 0; volume < 16; ++volume) EXPECT_EQ(engine.properties(volume)["count"], 16);
+  engine.unexpose();
+  EXPECT_EQ(engine.deleteSet(), S_OK);
+  EXPECT_EQ(session.trace("discard").size(), 1u);
+  engine.release();
+}
+
+// KiB by which a snap with a relocation file of `blocks` blocks on the volume itself raises the agent's peak.
+long memoryForSnap(Session& session, const Volume& volume, unsigned int blocks) {
+  Agent agent(session);
+  Engine engine = agent.openedSet({&volume});
+  EXPECT_EQ(engine.setRelocation(0, volume.folder(), blocks), S_OK);
+  const long before = agent.peakMemory();
+  EXPECT_EQ(engine.snap(), 0);
+  const long after = agent.peakMemory();
+  EXPECT_EQ(engine.deleteSet(), S_OK);
+  engine.release();
+  return after - before;
+}
+
+test::Json lastSnapped(Session& session) { return session.trace("snap").back()["volumes"].at(0); }
+
+TEST(RelocationFile, of_one_gibibyte_takes_no_more_memory_than_a_small_one) {
+  const Volume volume("xfs", std::uint64_t{3} << 30);
+  Session session;
+  const long small = memoryForSnap(session, volume, 16);
+  constexpr unsigned int kBlocks = (1 << 30) / 4096;
+  const long large = memoryForSnap(session, volume, kBlocks);
+  const test::Json snapped = lastSnapped(session);
+  EXPECT_EQ(snapped["relocation_blocks"], kBlocks);
+  EXPECT_EQ(snapped["run_blocks"], kBlocks);
+  EXPECT_LT(snapped["runs"].get<int>(), 200);
+  EXPECT_LT(small, 2048) << "KiB";
+  EXPECT_LT(large, 2048) << "KiB, for " << kBlocks << " blocks in " << snapped["runs"] << " runs";
+}
+
+// Leaves every other block of the volume free, and no more.
+void fragment(const Volume& volume, std::int64_t blockSize) {
+  struct statfs status {};
+  ASSERT_EQ(statfs(volume.folder().c_str(), &status), 0);
+  const int file = open((volume.folder() + "/filling").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const std::int64_t blocks = static_cast<std::int64_t>(status.f_bfree) * 9 / 10;
+  ASSERT_EQ(posix_fallocate(file, 0, blocks * blockSize), 0);
+  const int rest = open((volume.folder() + "/rest").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const std::string piece(static_cast<std::size_t>(blockSize), 'x');
+  while (write(rest, piece.data(), piece.size()) == blockSize) {
+  }
+  for (std::int64_t block = 0; block < blocks; block += 2) {
+    ASSERT_EQ(fallocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, block * blockSize, blockSize), 0);
+  }
+  fsync(file);
+  close(rest);
+  close(file);
+}
+
+TEST(RelocationFile, in_thousands_of_pieces_reaches_the_driver_run_by_run_in_little_memory) {
+  const Volume volume("ext4", 32 << 20, {"-b", "1024", "-m", "0"});
+  fragment(volume, 1024);
+  Session session;
+  constexpr unsigned int kBlocks = 6000;
+  const long memory = memoryForSnap(session, volume, kBlocks);
+  const test::Json snapped = lastSnapped(session);
+  const auto runs = snapped["runs"].get<long>();
+  EXPECT_EQ(snapped["run_blocks"], kBlocks);
+  EXPECT_GT(runs, 4000);
+  // The list and the command itself, on top of what a small snap takes.
+  EXPECT_LT(memory, 2048 + runs * 16 * 6 / 1024) << "KiB";
+}
+
+}  // namespace
