@@ -131,6 +131,8 @@ TEST(TwoAgents, on_one_volume_leave_the_second_with_already_snapped_11_until_the
 TEST(TwoAgents, that_race_for_one_volume_never_both_have_it) {
   const Volume volume("ext4", 32 << 20);
   Session session;
+  // The loser is refused in one step or the other.
+  session.tolerateComplaints("mirelsnap-emulator: (create-mapping|delete-mapping|snap) from process .* refused: .*");
   Agent first(session);
   Agent second(session);
   int taken = 0;
@@ -153,7 +155,6 @@ TEST(TwoAgents, that_race_for_one_volume_never_both_have_it) {
     }
   }
   EXPECT_GT(taken, 0);
-  session.takeComplaints();  // of the loser's mapping, or of its snap, as it happened
 }
 
 TEST(Library, loads_the_driver_by_itself_when_an_engine_is_made) {

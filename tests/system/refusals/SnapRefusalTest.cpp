@@ -59,7 +59,7 @@ TEST_P(SnapRefusal, reaches_the_agent_and_leaves_nothing) {
   EXPECT_EQ(status.result, S_OK);
   EXPECT_EQ(status.status, refusal.status);
   EXPECT_EQ(status.snapResult, refusal.snapResult);
-  EXPECT_EQ(session.takeComplaints(), Texts{refused("snap", agent)});
+  EXPECT_EQ(session.takeComplaints(1), Texts{refused("snap", agent)});
   expectNothingLeft(session);
 
   // A failed job has nothing to delete, and no set is in progress any more.
@@ -91,7 +91,7 @@ TEST(CreateMapping, that_fails_for_the_only_volume_is_a_failed_placement) {
   Engine engine = agent.openedSet({&volume});
   EXPECT_EQ(engine.snap(), 20);
   EXPECT_EQ(engine.status().status, E_UNEXPECTED);
-  EXPECT_EQ(session.takeComplaints(), Texts{refused("create-mapping", agent)});
+  EXPECT_EQ(session.takeComplaints(1), Texts{refused("create-mapping", agent)});
   expectNothingLeft(session);
   engine.release();
 }
@@ -103,7 +103,7 @@ TEST(CreateMapping, that_fails_for_the_second_volume_undoes_the_first) {
   Agent agent(session);
   Engine engine = agent.openedSet({&first, &second});
   EXPECT_EQ(engine.snap(), 20);
-  EXPECT_EQ(session.takeComplaints(), Texts{refused("create-mapping", agent)});
+  EXPECT_EQ(session.takeComplaints(1), Texts{refused("create-mapping", agent)});
   // Of the first volume's file only the folder stays: placing removes what it made of files, never a folder.
   EXPECT_EQ(test::relocationRemains(), Texts{first.folder() + "/.verrelocarea"});
   EXPECT_EQ(rmdir((first.folder() + "/.verrelocarea").c_str()), 0);
@@ -118,7 +118,7 @@ TEST(Details, of_snapped_volumes_that_cannot_be_had_fail_the_snap_and_leave_noth
   Engine engine = agent.openedSet({&volume});
   EXPECT_EQ(engine.snap(), 3);
   EXPECT_EQ(engine.status().status, E_UNEXPECTED);
-  EXPECT_EQ(session.takeComplaints(), Texts{refused("count-snapped", agent)});
+  EXPECT_EQ(session.takeComplaints(1), Texts{refused("count-snapped", agent)});
   expectNothingLeft(session);
   engine.release();
 }
@@ -133,7 +133,7 @@ TEST(Details, of_another_agents_volume_that_cannot_be_listed_fail_the_snap_and_l
   Agent agent(session);
   Engine engine = agent.openedSet({&volume});
   EXPECT_EQ(engine.snap(), 3);
-  EXPECT_EQ(session.takeComplaints(), Texts{refused("list-snapped", agent)});
+  EXPECT_EQ(session.takeComplaints(1), Texts{refused("list-snapped", agent)});
   EXPECT_EQ(DriverClient(session).snapped().size(), 1u);
   EXPECT_EQ(DriverClient(session).mappings().size(), 1u);
   EXPECT_NE(access((volume.folder() + "/.verrelocarea").c_str(), F_OK), 0);
@@ -149,7 +149,7 @@ TEST(DeleteSnapshots, succeeds_though_the_driver_refuses_and_reconcile_mends_onc
   Engine engine = agent->openedSet({&volume});
   ASSERT_EQ(engine.snap(), 0);
   EXPECT_EQ(engine.deleteSet(), S_OK);
-  EXPECT_EQ(session.takeComplaints(), Texts{refused("discard", *agent)});
+  EXPECT_EQ(session.takeComplaints(1), Texts{refused("discard", *agent)});
   EXPECT_EQ(DriverClient(session).snapped().size(), 1u);
 
   Agent other(session);
@@ -188,7 +188,7 @@ TEST(Freeze, outside_the_driver_makes_the_snap_fail_and_leaves_nothing) {
     ASSERT_EQ(engine.setRelocation(0, other.folder(), 16), S_OK);
     EXPECT_EQ(engine.snap(), 6);
     EXPECT_EQ(engine.status().status, E_UNEXPECTED);
-    EXPECT_EQ(session.takeComplaints().size(), 1u);
+    EXPECT_EQ(session.takeComplaints(1).size(), 1u);
     expectNothingLeft(session);
     engine.release();
   }
@@ -203,7 +203,7 @@ TEST(Freeze, through_the_driver_makes_the_volume_count_as_already_snapped) {
   DriverClient driver(session);
   ASSERT_EQ(driver.freeze({second.device()}), 0u);
   EXPECT_EQ(driver.freeze({second.device()}), 24u);
-  EXPECT_EQ(session.takeComplaints().size(), 1u);
+  EXPECT_EQ(session.takeComplaints(1).size(), 1u);
   Agent agent(session);
   Engine engine = agent.openedSet({&first, &second});
   EXPECT_EQ(engine.snap(), 11);
@@ -212,7 +212,7 @@ TEST(Freeze, through_the_driver_makes_the_volume_count_as_already_snapped) {
   engine.release();
   EXPECT_EQ(driver.thaw({second.device()}), 0u);
   EXPECT_EQ(driver.thaw({second.device()}), 25u);
-  EXPECT_EQ(session.takeComplaints().size(), 1u);
+  EXPECT_EQ(session.takeComplaints(1).size(), 1u);
 }
 
 TEST(Freeze, that_the_driver_refuses_is_3_or_24) {
@@ -222,7 +222,7 @@ TEST(Freeze, that_the_driver_refuses_is_3_or_24) {
   EXPECT_EQ(driver.freeze({volume.device()}), 3u);
   EXPECT_EQ(driver.freeze({volume.device()}), 24u);
   EXPECT_EQ(driver.thaw({volume.device()}), 25u);
-  EXPECT_EQ(session.takeComplaints().size(), 3u);
+  EXPECT_EQ(session.takeComplaints(3).size(), 3u);
 }
 
 TEST(Version, that_the_driver_refuses_means_no_support_for_snapshots) {
@@ -230,7 +230,7 @@ TEST(Version, that_the_driver_refuses_means_no_support_for_snapshots) {
   Agent agent(session);
   Engine engine = agent.engine();
   EXPECT_EQ(engine.version(), "");
-  EXPECT_EQ(session.takeComplaints().size(), 1u);
+  EXPECT_EQ(session.takeComplaints(1).size(), 1u);
   EXPECT_TRUE(engine.supportsSnapshots());
   Engine second = agent.engine();
   EXPECT_EQ(second.version(), "7.1-test");

@@ -108,7 +108,7 @@ TEST(RunJson, tells_of_a_failed_clean_up_beside_the_commands_own_code) {
   EXPECT_EQ(document["exit_code"], 118);
   ASSERT_EQ(document["failures"].size(), 1u);
   EXPECT_EQ(document["failures"][0]["subject"], volume.device());
-  session.takeComplaints();
+  EXPECT_EQ(session.takeComplaints(1).size(), 1u);
   EXPECT_EQ(test::DriverClient(session).reconcile(), 0u);
 }
 

@@ -36,6 +36,8 @@ class DriverClient {
   Json snapped();
   Json mappings();
   std::string version();
+  // A command that changes nothing, see Session::trace.
+  void mark() { call("mark"); }
   pid_t id() const { return mProcess.id(); }
   void kill() { mProcess.kill(); }
 

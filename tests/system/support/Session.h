@@ -90,11 +90,14 @@ class Session {
   }
 
   // The driver's commands so far, as the emulator's trace tells them.
-  std::vector<Json> trace() const;
+  std::vector<Json> trace();
   // Those of one kind.
-  std::vector<Json> trace(const std::string& command) const;
-  // What the emulator has complained of since the last time, line by line: it is expected then.
-  std::vector<std::string> takeComplaints();
+  std::vector<Json> trace(const std::string& command);
+  // The emulator's complaints since the last time, line by line, which are expected then. They come when they come: at
+  // least `count` are waited for.
+  std::vector<std::string> takeComplaints(std::size_t count);
+  // Complaints that match `pattern` may come or not.
+  void tolerateComplaints(const std::string& pattern) { mTolerated = pattern; }
   pid_t emulator() const { return mProcess; }
   // Processes that stay on purpose, or of which the test cannot know the end (a killed session).
   void forget() { mChecked = true; }
@@ -107,6 +110,7 @@ class Session {
   std::optional<int> statusOf(pid_t process);
   void check();
   void checkDriver();
+  void waitForTrace();
 
   TempDir mDir;
   bool mDriver;
@@ -114,6 +118,9 @@ class Session {
   pid_t mProcess = -1;  // of the emulator, or of the host itself
   Channel mHost{-1};
   std::size_t mComplaintsTaken = 0;
+  std::string mTolerated;
+  std::unique_ptr<class DriverClient> mMarker;  // its commands mark places in the trace
+  std::size_t mMarks = 0;
   std::vector<std::string> mMountsBefore;
   std::vector<std::string> mRelocationBefore;
 };

@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "MountList.h"
 #include "World.h"
@@ -32,14 +32,38 @@ void layTerminals() {
   must(symlink("pts/ptmx", "/dev/ptmx") == 0, "/dev/ptmx");
 }
 
-// A mount of a block device (one of several, where the file system has no number of its own) becomes read-only here,
-// and nowhere else.
+bool isRealVolume(const MountLine& line) {
+  // One of several devices has no number of its own.
+  return line.deviceMajor != 0 || line.source.starts_with("/dev/");
+}
+
+// The mounts that hold programs, their libraries, or what these read.
+std::set<int> neededMounts(const std::vector<MountLine>& mounts) {
+  std::set<int> needed;
+  for (const std::string path : {"/", "/usr", "/bin", "/lib", "/lib64", "/etc", "/var/tmp", EMULATOR_PROGRAM}) {
+    const MountLine* holder = nullptr;
+    for (const MountLine& mount : mounts) {
+      const std::string inside = mount.folder == "/" ? "/" : mount.folder + "/";
+      if (path != mount.folder && !path.starts_with(inside)) continue;
+      if (holder == nullptr || mount.folder.size() >= holder->folder.size()) holder = &mount;
+    }
+    if (holder != nullptr) needed.insert(holder->id);
+  }
+  return needed;
+}
+
+// Of the machine's real volumes those that are needed become read-only, the others go: here, and nowhere else.
 void holdRealVolumes() {
-  for (const MountLine& line : mountLines()) {
-    if (line.deviceMajor == 0 && !line.source.starts_with("/dev/")) continue;
+  const std::vector<MountLine> mounts = mountLines();
+  const std::set<int> needed = neededMounts(mounts);
+  for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
+    if (!isRealVolume(*mount)) continue;
+    const char* folder = mount->folder.c_str();
+    const int result = needed.contains(mount->id)
+                           ? ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr)
+                           : umount2(folder, MNT_DETACH | UMOUNT_NOFOLLOW);
     // What another mount hides cannot be reached, neither here nor by a program.
-    const bool held = mount(nullptr, line.folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
-    must(held || errno == ENOENT || errno == EINVAL, "remount " + line.folder);
+    must(result == 0 || errno == ENOENT || errno == EINVAL, "hold " + mount->folder);
   }
 }
 
@@ -47,9 +71,9 @@ void holdRealVolumes() {
 
 void laySystemWorld() {
   layPrivateWorld(Proc::kReal);
+  holdRealVolumes();
   layTerminals();
   must(mount("tests", "/run", "tmpfs", 0, "mode=0755") == 0, "mount /run");
-  holdRealVolumes();
   // What a started program leaves running becomes this process's child, and is found.
   must(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0, "subreaper");
   setenv("TMPDIR", kScratch, 1);

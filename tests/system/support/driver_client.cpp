@@ -124,6 +124,10 @@ const std::map<std::string, Operation> operations = {
      }},
     {"snapped", [](SnapDriverInterface& driver, const Json&) { return snapped(driver); }},
     {"mappings", [](SnapDriverInterface& driver, const Json&) { return mappings(driver); }},
+    {"mark",
+     [](SnapDriverInterface& driver, const Json&) -> Json {
+       return {{"result", driver.SetLogLevel(3)}};
+     }},
     {"version", [](SnapDriverInterface& driver, const Json&) { return version(driver); }},
 };
 
