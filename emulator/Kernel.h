@@ -27,8 +27,19 @@ class Kernel {
   int sys() const { return mSys.get(); }
   int nodes() const { return mNodes.get(); }
 
-  // What must be undone even when the emulator is killed is told to the net from now on; without one, nobody is told.
-  void use(SafetyNet& net) { mNet = &net; }
+  // A net in use; when this goes, before the net, it is in use no more.
+  class [[nodiscard]] NetInUse {
+   public:
+    NetInUse(Kernel& kernel, SafetyNet& net) : mKernel(kernel) { mKernel.mNet = &net; }
+    ~NetInUse() { mKernel.mNet = nullptr; }
+    NetInUse(const NetInUse&) = delete;
+    NetInUse& operator=(const NetInUse&) = delete;
+
+   private:
+    Kernel& mKernel;
+  };
+  // What must be undone even when the emulator is killed is told to the net in use; without one, nobody is told.
+  NetInUse use(SafetyNet& net) { return {*this, net}; }
   SafetyNet* net() const { return mNet; }
 
   // Opens a device by its numbers; `type` is S_IFBLK or S_IFCHR. Invalid on failure, errno says why.

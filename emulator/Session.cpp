@@ -203,7 +203,7 @@ int runSession(Kernel& kernel, const Options& options) {
   closeInheritedDescriptors(kernel);
   auto net = SafetyNet::spread(kernel);
   if (!net) return complain(std::move(net).refusal().why, kExitRefused);
-  kernel.use(*net);
+  const Kernel::NetInUse netInUse = kernel.use(*net);
   // What is left of COMMAND's processes comes to the emulator, whoever their parents were.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   signal(SIGPIPE, SIG_IGN);

@@ -220,7 +220,7 @@ TEST_F(FileSystems, in_the_wrong_order_wait_for_each_other_only_until_the_time_i
 TEST_F(FileSystems, that_were_thawed_are_held_by_nobody) {
   auto net = emulator::SafetyNet::spread(*kernel);
   ASSERT_TRUE(net);
-  kernel->use(*net);
+  const auto netInUse = kernel->use(*net);
   for (int i = 0; i < 10; ++i) {
     const test::LoopDevice loop(kBytes);
     const test::TempDir folder;
@@ -235,6 +235,16 @@ TEST_F(FileSystems, that_were_thawed_are_held_by_nobody) {
   }
 }
 
+TEST_F(FileSystems, tell_a_net_only_while_it_is_in_use) {
+  auto net = emulator::SafetyNet::spread(*kernel);
+  ASSERT_TRUE(net);
+  {
+    const auto netInUse = kernel->use(*net);
+    EXPECT_EQ(kernel->net(), &*net);
+  }
+  EXPECT_EQ(kernel->net(), nullptr);
+}
+
 TEST_F(FileSystems, of_an_emulator_that_is_killed_are_thawed_by_its_net) {
   const test::LoopDevice loop(kBytes);
   loop.mkfs("ext4");
@@ -244,7 +254,7 @@ TEST_F(FileSystems, of_an_emulator_that_is_killed_are_thawed_by_its_net) {
   if (child == 0) {
     auto net = emulator::SafetyNet::spread(*kernel);
     if (!net) _exit(1);
-    kernel->use(*net);
+    const auto netInUse = kernel->use(*net);
     auto fileSystem = FileSystem::on(*kernel, numberOf(loop), self);
     if (!fileSystem || fileSystem->freeze().failed()) _exit(2);
     kill(getpid(), SIGKILL);
