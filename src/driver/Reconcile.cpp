@@ -2,6 +2,7 @@
 //
 // Repairing what processes left that died while they held snapshots.
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <syslog.h>
 
@@ -9,6 +10,8 @@
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
@@ -61,6 +64,20 @@ Paths findRelocFiles() {
   return files;
 }
 
+// Which file a path leads to; nothing when it leads to none.
+std::optional<std::pair<dev_t, ino_t>> fileBehind(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  return std::pair(status.st_dev, status.st_ino);
+}
+
+// Takes a file in use off the list, under all its paths: a second mount of its file system shows it under another one,
+// and unlinking it there would take it from its owner.
+void keepFileInUse(const std::string& used, Paths& orphans) {
+  const auto file = fileBehind(used);
+  orphans.remove_if([&](const std::string& path) { return path == used || (file && fileBehind(path) == file); });
+}
+
 // Drops the mappings of dead owners; the files of living ones are in use.
 void reconcileMappings(SnapDriverInterface& driver, Paths& orphans) {
   std::list<RelocFileMappingInformation> mappings;
@@ -72,7 +89,7 @@ void reconcileMappings(SnapDriverInterface& driver, Paths& orphans) {
     syslog(LOG_INFO, "SVolName: %s, RelFileName: %s.\n", mapping.getSnappedVolumeName().c_str(),
            mapping.getRelocFileName().c_str());
     if (!ownerIsGone(mapping.getAppPid())) {
-      orphans.remove(mapping.getRelocFileName());
+      keepFileInUse(mapping.getRelocFileName(), orphans);
     } else if (driver.DeleteRelocationFileMapping(mapping.getSnappedVolumeName(), mapping.getAppPid()) != 0) {
       syslog(LOG_ERR, "Unable to delete the relocation mapping.\n");
     }
@@ -80,7 +97,9 @@ void reconcileMappings(SnapDriverInterface& driver, Paths& orphans) {
 }
 
 void keepFilesOfSnapshots(const SnappedVolumes& volumes, Paths& orphans) {
-  for (const SnappedVolumeInformation& volume : volumes) orphans.remove(WStringToString(volume.getRelocFileName()));
+  for (const SnappedVolumeInformation& volume : volumes) {
+    keepFileInUse(WStringToString(volume.getRelocFileName()), orphans);
+  }
 }
 
 void removeOrphans(mirelsnapsdk_linuxcomputer::LinuxSystemInfo& system, const Paths& orphans) {

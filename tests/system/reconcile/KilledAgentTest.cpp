@@ -308,6 +308,44 @@ TEST(Reconcile, leaves_mounts_below_a_base_with_a_longer_name_alone) {
   reconciler.release();
 }
 
+// The file of the living agent is found a second time, under a path that the driver does not know.
+TEST(Reconcile, leaves_a_living_agents_relocation_file_alone_where_another_mount_shows_it) {
+  for (const bool bound : {false, true}) {
+    SCOPED_TRACE(bound ? "a bind mount" : "a second mount of the device");
+    const Volume volume("ext4", 16 << 20);
+    const test::TempDir folder;
+    const Mounted second(bound ? volume.folder() : volume.device(), folder.path(), bound ? "" : "ext4",
+                         bound ? MS_BIND : 0);
+    test::writeFile(volume.folder() + "/file", "then");
+    const Base base({volume.folder()});
+    Session session;
+    Agent agent(session);
+    Engine engine = agent.openedSet({&volume});
+    ASSERT_EQ(engine.snap(), 0);
+    test::writeFile(volume.folder() + "/file", "now");
+    const std::string file = engine.properties(0)["relocation_file"];
+    const std::string elsewhere = second.folder() + "/.verrelocarea/" + fs::path(file).filename().string();
+    ASSERT_TRUE(fs::equivalent(file, elsewhere)) << file << ", " << elsewhere;
+
+    Agent other(session);
+    Engine reconciler = other.engine();
+    EXPECT_EQ(reconciler.reconcile(), S_OK);
+    reconciler.release();
+    EXPECT_EQ(access(file.c_str(), F_OK), 0);
+    DriverClient driver(session);
+    EXPECT_EQ(volumesIn(driver.snapped()), Texts{volume.device()});
+    EXPECT_EQ(volumesIn(driver.mappings()), Texts{volume.device()});
+
+    ASSERT_EQ(engine.expose(base.path()), S_OK);
+    EXPECT_EQ(test::readFile(base.at(volume.folder()) + "/file"), "then");
+    engine.unexpose();
+    EXPECT_EQ(engine.deleteSet(), S_OK);
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(volumesIn(driver.snapped()), Texts());
+    engine.release();
+  }
+}
+
 TEST(Reconcile, removes_relocation_files_that_nobody_knows_of_and_keeps_a_folder_that_holds_more) {
   const Volume volume("ext4", 16 << 20);
   const Volume second("ext4", 16 << 20);

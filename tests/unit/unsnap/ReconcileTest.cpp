@@ -3,6 +3,8 @@
 // Repairing what processes left that died while they held snapshots.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -57,7 +59,7 @@ class Reconcile : public testing::Test {
  protected:
   Reconcile()
       : volume("ext4", 8 << 20),
-        mounts("mounts", volume.device() + " " + volume.folder() + " ext4 rw 0 0\n"),
+        mounts("mounts", line(volume.device(), volume.folder())),
         instance(SnapDriverInterface::Instance()) {
     fs::create_directory(area());
     log.openMask();
@@ -79,6 +81,10 @@ class Reconcile : public testing::Test {
     SnapDriverInterface::releaseInstance();
   }
 
+  // A line of the mount table.
+  static std::string line(const std::string& device, const std::string& folder) {
+    return device + " " + folder + " ext4 rw 0 0\n";
+  }
   std::string area() const { return volume.folder() + "/.verrelocarea"; }
   // Makes a relocation file; its path.
   std::string makeFile(const std::string& name) {
@@ -337,20 +343,127 @@ TEST_F(Reconcile, file_names_beyond_ascii_are_matched_byte_for_byte) {
   EXPECT_TRUE(fs::exists(snapped));
 }
 
-TEST_F(Reconcile, paths_match_byte_for_byte_only) {
-  const std::string file = makeFile("sdb1");
-  mappings = {{getpid(), "/dev/sdb1", volume.folder() + "/./.verrelocarea/sdb1"}};
+TEST_F(Reconcile, a_path_that_matches_keeps_also_what_leads_nowhere) {
+  const std::string link = area() + "/sdb1";
+  fs::create_symlink("nowhere", link);
+  mappings = {{getpid(), "/dev/sdb1", link}};
   EXPECT_EQ(reconcile(), 0u);
-  EXPECT_FALSE(fs::exists(file));
+  EXPECT_TRUE(fs::is_symlink(link));
+}
+
+TEST_F(Reconcile, a_mapping_whose_file_is_not_there_keeps_no_other) {
+  const std::string orphan = makeFile("sdb1");
+  for (const std::string& named : {area() + "/sdb", area() + "/sdb11", area() + "/SDB1", std::string()}) {
+    mappings.push_back({getpid(), "/dev/sdb", named});
+  }
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(fs::exists(orphan));
+}
+
+TEST_F(Reconcile, another_file_with_the_same_number_on_another_file_system_is_removed) {
+  const test::Volume other("ext4", 8 << 20);
+  fs::create_directory(other.folder() + "/.verrelocarea");
+  const std::string used = makeFile("sdb1");
+  const std::string orphan = other.folder() + "/.verrelocarea/sdb1";
+  test::writeFile(orphan, "");
+  struct stat first {
+  }, second{};
+  ASSERT_EQ(stat(used.c_str(), &first), 0);
+  ASSERT_EQ(stat(orphan.c_str(), &second), 0);
+  ASSERT_EQ(first.st_ino, second.st_ino);
+  test::writeFile("/proc/mounts", line(volume.device(), volume.folder()) + line(other.device(), other.folder()));
+  mappings = {{getpid(), "/dev/sdb1", used}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(used));
+  EXPECT_FALSE(fs::exists(orphan));
 }
 
 TEST_F(Reconcile, a_file_found_twice_is_kept_twice) {
   const std::string file = makeFile("sdb1");
-  const std::string line = volume.device() + " " + volume.folder() + " ext4 rw 0 0\n";
-  test::writeFile("/proc/mounts", line + line);
+  test::writeFile("/proc/mounts", line(volume.device(), volume.folder()) + line(volume.device(), volume.folder()));
   mappings = {{getpid(), "/dev/sdb1", file}};
   EXPECT_EQ(reconcile(), 0u);
   EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 0 files.\n")) << log.dump();
+  EXPECT_TRUE(fs::exists(file));
+}
+
+// ---- a file system that is mounted at two places
+
+namespace {
+
+class ReconcileOfTwoMounts : public Reconcile {
+ protected:
+  ReconcileOfTwoMounts() { test::writeFile("/proc/mounts", tableLine(volume.folder()) + tableLine(again.folder())); }
+  std::string tableLine(const std::string& folder) const { return line(volume.device(), folder); }
+  // What the second mount calls a file.
+  std::string elsewhere(const std::string& name) const { return again.folder() + "/.verrelocarea/" + name; }
+  // That the file is kept, and that a file which nobody uses is not: it is found twice.
+  void expectKept(const std::string& file) {
+    const std::string orphan = makeFile("orphan");
+    EXPECT_EQ(reconcile(), 0u);
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_FALSE(fs::exists(orphan));
+    EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 2 files.\n")) << log.dump();
+    for (const std::string& text : log.texts(LOG_DEBUG)) {
+      EXPECT_FALSE(text.starts_with("Relocation File to be deleted: ") && !text.ends_with("/orphan.\n")) << text;
+    }
+  }
+
+  const test::TempDir secondFolder;
+  const test::Mounted again{volume.device(), secondFolder.path(), "ext4"};
+};
+
+}  // namespace
+
+TEST_F(ReconcileOfTwoMounts, the_file_of_a_living_process_is_kept_under_both) {
+  const std::string file = makeFile("sdb1");
+  mappings = {{getpid(), "/dev/sdb1", file}};
+  expectKept(file);
+}
+
+TEST_F(ReconcileOfTwoMounts, the_file_of_a_living_process_is_kept_when_its_path_is_that_of_the_second) {
+  const std::string file = makeFile("sdb1");
+  mappings = {{getpid(), "/dev/sdb1", elsewhere("sdb1")}};
+  expectKept(file);
+}
+
+TEST_F(ReconcileOfTwoMounts, the_file_of_a_snapshot_is_kept_under_both) {
+  const std::string file = makeFile("sdb1");
+  snapshots = {{8, 17, getpid(), "/dev/sdb1", file}};
+  expectKept(file);
+}
+
+TEST_F(ReconcileOfTwoMounts, the_file_of_a_snapshot_that_could_not_be_discarded_is_kept_under_both) {
+  const std::string file = makeFile("sdb1");
+  snapshots = {{8, 17, deadProcess(), "/dev/sdb1", file}};
+  driver.fail(IOC_SNAP_DISCARD, EIO);
+  expectKept(file);
+}
+
+TEST_F(ReconcileOfTwoMounts, the_file_of_a_dead_process_goes) {
+  const std::string file = makeFile("sdb1");
+  mappings = {{deadProcess(), "/dev/sdb1", file}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(fs::exists(area()));
+  EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 2 files.\n")) << log.dump();
+  EXPECT_EQ(log.texts(LOG_INFO).back(), "RelocFile " + elsewhere("sdb1") + " deletion failed, errno: 2.\n");
+}
+
+TEST_F(ReconcileOfTwoMounts, a_path_under_the_second_keeps_the_file_when_only_the_first_is_in_the_table) {
+  test::writeFile("/proc/mounts", tableLine(volume.folder()));
+  const std::string file = makeFile("sdb1");
+  mappings = {{getpid(), "/dev/sdb1", elsewhere("sdb1")}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(file));
+}
+
+TEST_F(Reconcile, the_file_of_a_living_process_is_kept_where_a_bind_mount_shows_it) {
+  const test::TempDir folder;
+  const test::Mounted bound(volume.folder(), folder.path(), "", MS_BIND);
+  test::writeFile("/proc/mounts", line(volume.device(), volume.folder()) + line(volume.device(), folder.path()));
+  const std::string file = makeFile("sdb1");
+  mappings = {{getpid(), "/dev/sdb1", file}};
+  EXPECT_EQ(reconcile(), 0u);
   EXPECT_TRUE(fs::exists(file));
 }
 
