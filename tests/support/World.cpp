@@ -67,6 +67,18 @@ void overlayProc() {
   fs::create_symlink(fs::path(kRealProc) / self, fs::path("/proc") / self);
 }
 
+// Whether something is mounted on `folder` or below it, or the mount table cannot tell.
+bool mayHoldMount(const std::string& folder) {
+  std::ifstream table(std::string(kRealProc) + "/self/mountinfo");
+  bool readAny = false;
+  for (std::string line; std::getline(table, line); readAny = true) {
+    if (line.find(' ' + folder + ' ') != std::string::npos || line.find(' ' + folder + '/') != std::string::npos) {
+      return true;
+    }
+  }
+  return !readAny;
+}
+
 }  // namespace
 
 void layPrivateWorld(Proc proc) {
@@ -101,6 +113,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+  if (mayHoldMount(mPath)) return;
   std::error_code ignored;
   fs::remove_all(mPath, ignored);  // what stays is found by the leak check
 }

@@ -3,10 +3,13 @@
 // The tests' own tools do what the tests lean on.
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <syslog.h>
 
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "LogCapture.h"
 #include "LoopVolume.h"
@@ -35,6 +38,36 @@ TEST(Volume, is_a_real_mounted_file_system) {
   test::writeFile(ext4.folder() + "/a", "x");
   EXPECT_EQ(test::readFile(ext4.folder() + "/a"), "x");
   EXPECT_NE(ext4.device(), xfs.device());
+}
+
+TEST(TempDir, is_removed_with_all_that_it_holds) {
+  std::string path;
+  {
+    const test::TempDir dir;
+    path = dir.path();
+    std::filesystem::create_directories(dir / "a/b");
+    test::writeFile(dir / "a/b/file", "x");
+  }
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(TempDir, never_removes_through_a_mount_that_a_test_left_in_it) {
+  const test::TempDir live;
+  test::writeFile(live / "file", "live");
+  for (const char* where : {"", "/below"}) {
+    std::string path;
+    std::string bound;
+    {
+      const test::TempDir dir;
+      path = dir.path();
+      bound = path + where;
+      std::filesystem::create_directories(bound);
+      ASSERT_EQ(mount(live.path().c_str(), bound.c_str(), nullptr, MS_BIND, nullptr), 0);
+    }
+    EXPECT_EQ(test::readFile(live / "file"), "live") << bound;
+    ASSERT_EQ(umount(bound.c_str()), 0);
+    std::filesystem::remove_all(path);
+  }
 }
 
 TEST(ProcFile, lies_over_the_kernels_file_and_goes_away_again) {
