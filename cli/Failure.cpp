@@ -7,9 +7,7 @@
 #include <nlohmann/json.hpp>
 
 namespace cli {
-namespace {
 
-// A name may hold line ends and worse: the message stays one line, and leaves the terminal as it is.
 std::string onOneLine(const std::string& text) {
   std::string result;
   for (const char character : text) {
@@ -26,8 +24,6 @@ std::string onOneLine(const std::string& text) {
   }
   return result;
 }
-
-}  // namespace
 
 std::string Failure::line() const {
   return onOneLine("mirelsnap: " + subject + ": " + cause + (advice.empty() ? "" : "; " + advice));

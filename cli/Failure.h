@@ -24,9 +24,13 @@ enum ExitCode : int {
   kSnapshotFailed = 116,      // the snapshot failed for another reason
   kCannotExpose = 117,        // the snapshots could not be mounted
   kCannotCleanUp = 118,       // something could not be removed
+  kOutputLost = 125,          // standard output cannot be written
   kNotExecutable = 126,
   kNotFound = 127,
 };
+
+// A name may hold line ends and worse: shown so, it stays on its line, and leaves the terminal as it is.
+std::string onOneLine(const std::string& text);
 
 struct Failure {
   ExitCode code;

@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // mirelsnap, the command-line agent.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <charconv>
 #include <clocale>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <limits>
@@ -24,7 +29,8 @@ constexpr char kExitCodes[] =
     "  111  not root                                    116  the snapshot failed otherwise\n"
     "  112  the driver does not answer                  117  the snapshots cannot be mounted\n"
     "  113  a volume cannot be snapped                  118  something could not be removed\n"
-    "  114  a volume is snapped or frozen already       126, 127  COMMAND cannot be executed, is not found\n";
+    "  114  a volume is snapped or frozen already       125  standard output cannot be written\n"
+    "  126, 127  COMMAND cannot be executed, is not found\n";
 
 // Arguments before the first "--", and those behind it.
 struct SplitArguments {
@@ -53,6 +59,22 @@ std::string checkBlocks(const std::string& text) {
   return text + " is no number of blocks (1 to " + std::to_string(std::numeric_limits<std::uint32_t>::max()) + ")";
 }
 
+// Whoever started this with a stream closed would have it lent to the next file that is opened, and messages in there.
+void openStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    // The lowest number that is free is taken: this one, as those below it are open by now.
+    if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) != stream) std::_Exit(cli::kOutputLost);
+  }
+}
+
+// A result that did not reach its file must not be taken for one.
+int checkOutput(int exitCode) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exitCode;
+  std::fprintf(stderr, "mirelsnap: standard output: cannot be written: %s; the result is lost, all else was done\n",
+               std::strerror(errno));
+  return exitCode == cli::kSuccess ? cli::kOutputLost : exitCode;
+}
+
 // Names that are not ASCII need a locale that can decode them.
 void chooseLocale() {
   const char* chosen = std::setlocale(LC_ALL, "");
@@ -68,6 +90,9 @@ class RunFormatter : public CLI::Formatter {
   }
 };
 
+// An empty name is a variable of a script that is not set: a default in its place would be another run than was meant.
+std::string checkNamed(const std::string& text) { return text.empty() ? "the value is empty" : ""; }
+
 void addRun(CLI::App& app, cli::RunOptions& options) {
   CLI::App* run = app.add_subcommand("run", "Snapshot volumes, run a command on the snapshots, clean up");
   run->formatter(std::make_shared<RunFormatter>());
@@ -78,15 +103,21 @@ void addRun(CLI::App& app, cli::RunOptions& options) {
   run->add_option("--volume", options.volumes,
                   "A volume to snapshot: its device, its mount point, or DEVICE:MOUNTPOINT; may be repeated\n"
                   "(default: every mounted volume that can be snapped)")
-      ->type_name("DEVICE[:MOUNTPOINT]");
+      ->type_name("DEVICE[:MOUNTPOINT]")
+      ->check(checkNamed)
+      ->allow_extra_args(false);
   run->add_option("--base", options.base,
                   "Where the snapshots are mounted: a new or an empty directory\n(default: /run/mirelsnap/PID)")
-      ->type_name("DIR");
+      ->type_name("DIR")
+      ->check(checkNamed);
   run->add_option("--bind", options.binds, "A live mount point to show below the base as well; may be repeated")
-      ->type_name("MOUNTPOINT");
+      ->type_name("MOUNTPOINT")
+      ->check(checkNamed)
+      ->allow_extra_args(false);
   CLI::Option* mount =
       run->add_option("--reloc-mount", options.relocation.mountPoint, "Mount point for the relocation files")
-          ->type_name("DIR");
+          ->type_name("DIR")
+          ->check(checkNamed);
   CLI::Option* size = run->add_option("--reloc-size", options.relocation.blocks,
                                       "Size of each relocation file, in blocks of its volume")
                           ->type_name("BLOCKS")
@@ -98,7 +129,7 @@ void addRun(CLI::App& app, cli::RunOptions& options) {
 }
 
 int usageError(const std::string& cause) {
-  std::fprintf(stderr, "mirelsnap: %s; see mirelsnap --help\n", cause.c_str());
+  std::fprintf(stderr, "mirelsnap: %s; see mirelsnap --help\n", cli::onOneLine(cause).c_str());
   return cli::kUsage;
 }
 
@@ -134,9 +165,10 @@ int runMain(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  openStandardStreams();
   chooseLocale();
   try {
-    return runMain(argc, argv);
+    return checkOutput(runMain(argc, argv));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "mirelsnap: unexpected failure: %s\n", error.what());
     return cli::kSnapshotFailed;

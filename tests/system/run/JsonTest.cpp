@@ -112,6 +112,22 @@ TEST(RunJson, tells_of_a_failed_clean_up_beside_the_commands_own_code) {
   EXPECT_EQ(test::DriverClient(session).reconcile(), 0u);
 }
 
+TEST(RunJson, that_cannot_be_written_is_125) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  const auto intoFullDisk = [&](const std::string& command) {
+    std::vector<std::string> arguments = {"/bin/sh", "-c", "exec \"$@\" >/dev/full", "sh"};
+    for (const std::string& argument :
+         test::runArguments({"--json", "--volume", volume.device()}, {"/bin/sh", "-c", command}))
+      arguments.push_back(argument);
+    return session.run(arguments);
+  };
+  const std::string line =
+      "mirelsnap: standard output: cannot be written: No space left on device; the result is lost, all else was done";
+  test::expectFailure(intoFullDisk("true"), 125, line);
+  test::expectFailure(intoFullDisk("exit 3"), 3, line);
+}
+
 // ---- --verbose
 
 TEST(RunVerbose, shows_the_phases_and_what_the_library_says) {
