@@ -19,7 +19,9 @@ constexpr std::array kHeldBack = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIG
 
 volatile std::sig_atomic_t firstSignal = 0;
 volatile std::sig_atomic_t commandPid = 0;
-bool pipeSignalIgnored = false;  // at the start, by whoever started this process
+// Signals for a pipe without a reader and for a file that the limits do not let grow: what failed says so itself.
+constexpr std::array kForWriters = {SIGPIPE, SIGXFSZ};
+std::array<bool, kForWriters.size()> ignoredAtStart = {};  // by whoever started this process
 
 // A signal that a terminal sends reaches the command by itself (si_pid is 0 then); what a process sends is passed on.
 void remember(int signal, siginfo_t* info, void*) {
@@ -50,7 +52,9 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 int spawn(pid_t& child, std::vector<std::string> arguments, std::vector<std::string> environment) {
   sigset_t defaults;
   sigemptyset(&defaults);
-  if (!pipeSignalIgnored) sigaddset(&defaults, SIGPIPE);
+  for (std::size_t i = 0; i < kForWriters.size(); ++i) {
+    if (!ignoredAtStart.at(i)) sigaddset(&defaults, kForWriters.at(i));
+  }
   posix_spawnattr_t attributes;
   if (const int error = posix_spawnattr_init(&attributes); error != 0) return error;
   posix_spawnattr_setsigdefault(&attributes, &defaults);
@@ -81,7 +85,10 @@ void holdSignalsBack() {
     // A signal that was ignored at the start (nohup) stays ignored.
     if (previous.sa_handler != SIG_IGN) sigaction(held, &action, nullptr);
   }
-  pipeSignalIgnored = signal(SIGPIPE, SIG_IGN) == SIG_IGN;
+  for (std::size_t i = 0; i < kForWriters.size(); ++i)
+    ignoredAtStart.at(i) = signal(kForWriters.at(i), SIG_IGN) == SIG_IGN;
+  // Whoever ignores the ends of children (some services do) would keep COMMAND's exit code from here.
+  signal(SIGCHLD, SIG_DFL);
 }
 
 int receivedSignal() { return firstSignal; }
