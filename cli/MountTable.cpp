@@ -16,8 +16,8 @@ MountTable::MountTable() {
   for (std::size_t i = 0; i < table->GetCount(); ++i) {
     const GetDoneWrapper<SystemMountPointCollection::MountPointInformation> entry(table->GetAt(i));
     if (!entry) continue;
-    mMounts.push_back(
-        {entry->GetMountFolder(), entry->GetMountFileSystem(), entry->GetMountSource(), entry->GetDeviceNumber()});
+    mMounts.push_back({entry->GetMountFolder(), entry->GetMountRoot(), entry->GetMountFileSystem(),
+                       entry->GetMountSource(), entry->GetDeviceNumber()});
   }
 }
 
@@ -52,6 +52,8 @@ std::vector<Mount> MountTable::under(const std::string& folder) const {
   }
   return found;
 }
+
+bool isWhole(const Mount& mount) { return mount.root == "/"; }
 
 bool liesWithin(const std::string& path, const std::string& folder) {
   if (folder == "/") return !path.empty() && path.front() == '/';

@@ -12,6 +12,7 @@ namespace cli {
 
 struct Mount {
   std::string folder;
+  std::string root;  // what of the file system is mounted: "/" but for a bind of one of its folders or files
   std::string type;
   std::string source;        // as the kernel prints it
   std::uint64_t device = 0;  // number of the block device; 0 when there is none
@@ -36,6 +37,8 @@ class MountTable {
   std::vector<Mount> mMounts;
 };
 
+// Whether all of the file system is mounted there.
+bool isWhole(const Mount& mount);
 // Whether `path` is `folder` or lies below it.
 bool liesWithin(const std::string& path, const std::string& folder);
 // `base` joined with an absolute path.

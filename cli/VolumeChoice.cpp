@@ -69,7 +69,7 @@ class Chooser {
       const bool known = std::find(kSnappableTypes.begin(), kSnappableTypes.end(), mount.type) != kSnappableTypes.end();
       const bool taken = std::any_of(chosen.begin(), chosen.end(),
                                      [&](const ChosenVolume& volume) { return volume.number == mount.device; });
-      if (known && !taken && mount.device != 0) chosen.push_back(volumeAt(mount));
+      if (known && !taken && mount.device != 0 && isWhole(mount)) chosen.push_back(volumeAt(mount));
     }
     return chosen;
   }
@@ -80,11 +80,31 @@ class Chooser {
   }
 
   Chosen byDevice(const std::string& name, std::uint64_t number) {
+    if (const std::optional<Mount> whole = wholeMountOf(number)) return volumeAt(*whole);
     for (const Mount& mount : mTable.of(number)) {
-      const std::optional<Mount> visible = mTable.at(mount.folder);
-      if (visible && visible->device == number) return volumeAt(mount);
+      if (isWhole(mount)) continue;
+      return unsupported(name, "is mounted in part only: " + mount.root + " at " + mount.folder,
+                         "mount all of it: a snapshot is of a whole volume");
     }
     return unsupported(name, "is not mounted", "mount it first: only mounted volumes can be snapped");
+  }
+
+  // Where all of the device can be seen.
+  std::optional<Mount> wholeMountOf(std::uint64_t number) const {
+    for (const Mount& mount : mTable.of(number)) {
+      const std::optional<Mount> visible = mTable.at(mount.folder);
+      if (visible && visible->device == number && isWhole(*visible)) return visible;
+    }
+    return std::nullopt;
+  }
+
+  // A snapshot that is mounted in its place would show other files there.
+  Chosen onlyPart(const std::string& name, const Mount& mount) {
+    const std::optional<Mount> whole = wholeMountOf(mount.device);
+    return unsupported(name,
+                       "shows only " + mount.root + " of " + mount.source + ", and a snapshot is of a whole volume",
+                       whole ? "name " + whole->folder + ", whose snapshot holds it at " + mount.root
+                             : "mount the volume itself and name that");
   }
 
   Chosen byMountPoint(const std::string& name) {
@@ -99,7 +119,7 @@ class Chooser {
       return unsupported(name, "is a " + mount->type + " file system without a block device",
                          "only block devices can be snapped");
     }
-    return volumeAt(*mount);
+    return isWhole(*mount) ? Chosen(volumeAt(*mount)) : onlyPart(name, *mount);
   }
 
   Chosen byPair(const std::string& device, const std::string& mountPoint) {

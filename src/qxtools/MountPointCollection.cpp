@@ -79,11 +79,12 @@ UniqueFd OpenBlockDevice(const std::string& source, std::uint64_t number) {
 
 }  // namespace
 
-SystemMountPointCollection::MountPointInformation::MountPointInformation(std::string folder, std::string type,
-                                                                         std::string source,
+SystemMountPointCollection::MountPointInformation::MountPointInformation(std::string folder, std::string root,
+                                                                         std::string type, std::string source,
                                                                          std::uint64_t fsDeviceNumber,
                                                                          bool pseudo) noexcept
     : mFolder(std::move(folder)),
+      mRoot(std::move(root)),
       mType(std::move(type)),
       mSource(std::move(source)),
       mFsDeviceNumber(fsDeviceNumber),
@@ -148,9 +149,9 @@ bool SystemMountPointCollection::read() {
   while (mnt_table_next_fs(table.get(), iterator.get(), &mount) == 0) {
     mMounts.push_back({mnt_fs_get_id(mount), TextOf(mnt_fs_get_target(mount)), nullptr});
     if (IsNetworkFileSystem(mount)) continue;
-    mEntries.push_back(new MountPointInformation(mMounts.back().folder, TextOf(mnt_fs_get_fstype(mount)),
-                                                 TextOf(mnt_fs_get_source(mount)), mnt_fs_get_devno(mount),
-                                                 mnt_fs_is_pseudofs(mount) != 0));
+    mEntries.push_back(new MountPointInformation(mMounts.back().folder, TextOf(mnt_fs_get_root(mount)),
+                                                 TextOf(mnt_fs_get_fstype(mount)), TextOf(mnt_fs_get_source(mount)),
+                                                 mnt_fs_get_devno(mount), mnt_fs_is_pseudofs(mount) != 0));
     mMounts.back().entry = mEntries.back();
   }
   return true;

@@ -18,8 +18,8 @@ class SystemMountPointCollection {
    public:
     // `fsDeviceNumber` is the number that the kernel's table has for it; `pseudo` marks a file system that never has a
     // block device, whatever its source is called.
-    MountPointInformation(std::string folder, std::string type, std::string source, std::uint64_t fsDeviceNumber,
-                          bool pseudo) noexcept;
+    MountPointInformation(std::string folder, std::string root, std::string type, std::string source,
+                          std::uint64_t fsDeviceNumber, bool pseudo) noexcept;
 
     void Get() noexcept;
     // Drops a reference; true when that was the last one.
@@ -27,6 +27,8 @@ class SystemMountPointCollection {
 
     // Folder and type as the kernel has them, escapes decoded.
     const char* GetMountFolder() const noexcept { return mFolder.c_str(); }
+    // What of the file system is mounted there: "/" but for a bind of one of its folders or files.
+    const char* GetMountRoot() const noexcept { return mRoot.c_str(); }
     const char* GetMountFileSystem() const noexcept { return mType.c_str(); }
     const char* GetMountSource() const noexcept { return mSource.c_str(); }
     // Number of the block device that is mounted; 0 when there is none.
@@ -41,6 +43,7 @@ class SystemMountPointCollection {
 
     std::atomic<unsigned int> mReferences{1};
     std::string mFolder;
+    std::string mRoot;
     std::string mType;
     std::string mSource;
     std::uint64_t mFsDeviceNumber;

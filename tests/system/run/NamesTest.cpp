@@ -157,6 +157,16 @@ TEST_F(RunVolume, under_two_mount_points_is_one_with_both) {
   }
 }
 
+TEST_F(RunVolume, named_by_its_device_is_found_where_all_of_it_is_mounted) {
+  fs::create_directory(volume.folder() + "/part");
+  const Mounted part(volume.folder() + "/part", dir.path(), "", MS_BIND);
+  const std::string device = volume.device(), folder = volume.folder();
+  // Mounted anew, the whole comes after the part in the mount table.
+  ASSERT_EQ(umount(folder.c_str()), 0);
+  ASSERT_EQ(mount(device.c_str(), folder.c_str(), "ext4", 0, nullptr), 0);
+  expectIsTheVolume(firstVolume({device}));
+}
+
 TEST_F(RunVolume, whose_mount_point_is_covered_by_another_mount_is_not_found_there) {
   const Mounted cover("tests", volume.folder(), "tmpfs");
   test::expectFailure(
