@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ExposureBase.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,6 +43,37 @@ bool insideAnother(const std::string& mountPoint, const std::vector<std::string>
                      [&](const std::string& other) { return other != mountPoint && liesWithin(mountPoint, other); });
 }
 
+// Binds come after all snapshots: one at or above a snapshot would hide it behind the live files.
+Outcome checkNotCovered(const std::string& volume, const std::vector<std::string>& binds) {
+  for (const std::string& bind : binds) {
+    if (liesWithin(volume, bind))
+      return cannotExpose(bind, "would hide the snapshot of " + volume + " behind live files",
+                          "leave out --bind " + bind + ", or name it with --volume");
+  }
+  return std::nullopt;
+}
+
+// That the mount which `mountPoint` lies in is among `mountPoints`, unless none of them lies above it.
+Outcome checkFolder(const std::string& mountPoint, const std::vector<std::string>& mountPoints,
+                    const MountTable& table) {
+  if (mountPoint == "/" || !insideAnother(mountPoint, mountPoints)) return std::nullopt;
+  const std::optional<Mount> parent = table.holding(fs::path(mountPoint).parent_path());
+  if (!parent || std::find(mountPoints.begin(), mountPoints.end(), parent->folder) != mountPoints.end())
+    return std::nullopt;
+  return cannotExpose(
+      mountPoint, "is mounted in " + parent->folder + ", which is not in the set, so there is no folder to mount it on",
+      parent->device == 0 ? "leave out what lies above it"
+                          : "add --volume " + parent->folder + " or leave out what lies above it");
+}
+
+// Whether something is mounted at `path`, whatever its kind; so it is taken where that cannot be known.
+bool isMountPoint(const fs::path& path) {
+  struct statx status {};
+  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, 0, &status) != 0) return true;
+  return (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0 ||
+         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
 // Whether folders down to `path`, which is not there, can be made as far as that can be seen.
 Outcome checkMakeable(const fs::path& path) {
   std::error_code error;
@@ -56,17 +88,16 @@ Outcome checkMakeable(const fs::path& path) {
 
 }  // namespace
 
-Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTable& table) {
-  for (const std::string& mountPoint : mountPoints) {
-    if (mountPoint == "/" || !insideAnother(mountPoint, mountPoints)) continue;
-    const std::optional<Mount> parent = table.holding(fs::path(mountPoint).parent_path());
-    if (parent && std::find(mountPoints.begin(), mountPoints.end(), parent->folder) == mountPoints.end()) {
-      return cannotExpose(
-          mountPoint,
-          "is mounted in " + parent->folder + ", which is not in the set, so its snapshot has no folder to go to",
-          "add " + parent->folder +
-              " (--volume, or --bind when it has no block device) or leave out what lies above it");
-    }
+Outcome checkCoverage(const std::vector<std::string>& volumes, const std::vector<std::string>& binds,
+                      const MountTable& table) {
+  for (const std::string& volume : volumes) {
+    if (const Outcome failure = checkNotCovered(volume, binds)) return failure;
+    if (const Outcome failure = checkFolder(volume, volumes, table)) return failure;
+  }
+  std::vector<std::string> all = volumes;
+  all.insert(all.end(), binds.begin(), binds.end());
+  for (const std::string& bind : binds) {
+    if (const Outcome failure = checkFolder(bind, all, table)) return failure;
   }
   return std::nullopt;
 }
@@ -76,13 +107,19 @@ Outcome checkBase(const std::string& wanted) {
   const std::string path = cleanPath(wanted);
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
-  if (!fs::exists(status)) return checkMakeable(path);
+  if (!fs::exists(status)) {
+    if (fs::is_symlink(fs::symlink_status(path, error)))
+      return cannotExpose(path, "is a link that leads nowhere", "name a new or an empty directory with --base");
+    return checkMakeable(path);
+  }
   if (!fs::is_directory(status))
     return cannotExpose(path, "is not a directory", "name a new or an empty directory with --base");
   if (!MountTable().under(path).empty())
     return cannotExpose(path, "is mounted on", "name a directory without mounts with --base");
-  if (!fs::is_empty(path, error) || error)
-    return cannotExpose(path, "is not empty", "name a new or an empty directory with --base");
+  const bool empty = fs::is_empty(path, error);
+  if (error || !empty)
+    return cannotExpose(path, error ? "cannot be read: " + error.message() : "is not empty",
+                        "name a new or an empty directory with --base");
   return std::nullopt;
 }
 
@@ -156,8 +193,14 @@ std::vector<std::string> abandonedBases() {
 void removeAbandonedBase(const std::string& base) {
   std::error_code error;
   std::vector<fs::path> folders = {base};
-  for (fs::recursive_directory_iterator entry(base, error), end; !error && entry != end; entry.increment(error))
-    folders.push_back(entry->path());
+  for (fs::recursive_directory_iterator entry(base, error), end; !error && entry != end; entry.increment(error)) {
+    // What could not be unmounted may be a live folder that was bound: its empty folders are its owner's.
+    if (isMountPoint(entry->path())) {
+      entry.disable_recursion_pending();
+    } else {
+      folders.push_back(entry->path());
+    }
+  }
   std::reverse(folders.begin(), folders.end());
   for (const fs::path& folder : folders) rmdir(folder.c_str());
   rmdir(kDefaultParent.c_str());

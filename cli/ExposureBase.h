@@ -13,16 +13,17 @@
 
 namespace cli {
 
-// Checks, before anything is snapped, that each of `mountPoints` will have a folder under a base: the mount that it is
-// mounted in must be one of them too, or none of them may lie above it.
-Outcome checkCoverage(const std::vector<std::string>& mountPoints, const MountTable& table);
+// Checks, before anything is snapped, that each snapshot and then each bind will have a folder under a base, and that
+// no bind hides a snapshot: the mount that it is mounted in must be there as well, or nothing above it.
+Outcome checkCoverage(const std::vector<std::string>& volumes, const std::vector<std::string>& binds,
+                      const MountTable& table);
 
 // Checks, before anything is snapped, that snapshots can be mounted at `wanted` (empty: the default).
 Outcome checkBase(const std::string& wanted);
 
 // Default bases whose processes are gone.
 std::vector<std::string> abandonedBases();
-// Removes the folders of one on which nothing is mounted any more, as far as they are empty.
+// Removes the folders of one, as far as they are empty; what is still mounted in it is not entered.
 void removeAbandonedBase(const std::string& base);
 
 class ExposureBase {

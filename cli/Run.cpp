@@ -4,8 +4,10 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
 
 #include <mirelsnap/DriverInterface.h>
@@ -17,6 +19,8 @@
 #include "SnapshotSet.h"
 #include "Terminal.h"
 #include "VolumeChoice.h"
+
+namespace fs = std::filesystem;
 
 namespace cli {
 namespace {
@@ -127,9 +131,28 @@ void snapshotAndRun(const RunOptions& options, SnapshotSet& set, Report& report)
   report.ran(result);
 }
 
+// As the mount table spells it; as it is when it leads nowhere.
+std::string resolved(const std::string& path) {
+  std::error_code error;
+  const fs::path real = fs::canonical(path, error);
+  return error ? path : real.string();
+}
+
+// The named places as the library compares them. Each bind once, and one inside another after it.
+RunOptions withResolvedPlaces(RunOptions options) {
+  if (!options.relocation.mountPoint.empty()) options.relocation.mountPoint = resolved(options.relocation.mountPoint);
+  for (std::string& bind : options.binds) bind = resolved(bind);
+  std::sort(options.binds.begin(), options.binds.end());
+  options.binds.erase(std::unique(options.binds.begin(), options.binds.end()), options.binds.end());
+  return options;
+}
+
 Outcome checkBinds(const std::vector<std::string>& binds, const MountTable& table) {
   for (const std::string& bind : binds) {
+    std::error_code error;
     if (!table.at(bind)) return Failure{kCannotExpose, bind, "is not a mount point", "name a mount point with --bind"};
+    if (!fs::is_directory(bind, error))
+      return Failure{kCannotExpose, bind, "is not a directory", "bind the mount point of a whole file system"};
   }
   return std::nullopt;
 }
@@ -137,9 +160,9 @@ Outcome checkBinds(const std::vector<std::string>& binds, const MountTable& tabl
 Outcome checkPlaces(const std::vector<ChosenVolume>& volumes, const std::vector<std::string>& binds,
                     const MountTable& table) {
   if (Outcome failure = checkBinds(binds, table)) return failure;
-  std::vector<std::string> mountPoints = binds;
+  std::vector<std::string> mountPoints;
   for (const ChosenVolume& volume : volumes) mountPoints.push_back(volume.mountPoint);
-  return checkCoverage(mountPoints, table);
+  return checkCoverage(mountPoints, binds, table);
 }
 
 void runWith(const RunOptions& options, Report& report) {
@@ -166,7 +189,7 @@ void runWith(const RunOptions& options, Report& report) {
 
 int run(const RunOptions& options) {
   Report report(options);
-  runWith(options, report);
+  runWith(withResolvedPlaces(options), report);
   return report.finish();
 }
 

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 
 #include "Run.h"
@@ -35,6 +36,25 @@ TEST_F(RunCommand, ends_with_the_commands_exit_code) {
     EXPECT_EQ(ended.output, "out\n");
     EXPECT_EQ(ended.errors, "err\n") << "mirelsnap itself is silent";
   }
+}
+
+TEST_F(RunCommand, whose_end_was_to_be_ignored_still_gives_its_exit_code) {
+  Session session;
+  test::StartOptions start;
+  start.ignoredSignals = {SIGCHLD};
+  EXPECT_EQ(runScript(session, {"--volume", volume.device()}, "exit 7", start).code, 7);
+}
+
+TEST_F(RunCommand, started_with_closed_streams_keeps_them_from_what_is_opened) {
+  const test::TempDir dir;
+  Session session;
+  std::vector<std::string> arguments = {"/bin/sh", "-c", "exec \"$@\" <&- >&- 2>&-", "sh"};
+  for (const std::string& argument : test::runArguments(
+           {"--volume", volume.device()},
+           {"/bin/sh", "-c", "for n in 0 1 2; do readlink /proc/$PPID/fd/$n; done >" + (dir / "streams")}))
+    arguments.push_back(argument);
+  EXPECT_EQ(session.run(arguments).code, 0);
+  EXPECT_EQ(test::readFile(dir / "streams"), "/dev/null\n/dev/null\n/dev/null\n");
 }
 
 TEST_F(RunCommand, killed_by_a_signal_ends_with_128_and_the_signal) {
@@ -183,6 +203,21 @@ TEST_F(RunCommand, sees_live_mount_points_that_were_bound_and_they_are_gone_afte
   EXPECT_EQ(ended.output, "now\n");
 }
 
+TEST_F(RunCommand, sees_a_bind_inside_another_whatever_their_order_and_spelling) {
+  const Volume live("ext4", 32 << 20);
+  const std::string inner = live.folder() + "/inner";
+  fs::create_directory(inner);
+  const test::Mounted mounted("tests", inner, "tmpfs");
+  test::writeFile(inner + "/file", "inner");
+  Session session;
+  const Ended ended = runScript(
+      session, {"--volume", volume.device(), "--bind", inner + "/", "--bind", live.folder() + "/.", "--bind", inner},
+      "cat $MIRELSNAP_BASE" + inner + "/file");
+  EXPECT_EQ(ended.code, 0) << ended.errors;
+  EXPECT_EQ(ended.output, "inner");
+  EXPECT_TRUE(fs::exists(inner));
+}
+
 TEST_F(RunCommand, runs_beside_another_run_on_another_volume) {
   const Volume other("ext4", 32 << 20);
   Session session;
@@ -200,10 +235,10 @@ TEST_F(RunCommand, runs_with_a_driver_that_has_to_be_loaded_first) {
 TEST_F(RunCommand, writes_the_relocation_file_where_and_as_large_as_it_was_told) {
   const Volume other("ext4", 32 << 20);
   Session session;
-  EXPECT_EQ(
-      run(session, {"--volume", volume.device(), "--reloc-mount", other.folder(), "--reloc-size", "21"}, {"/bin/true"})
-          .code,
-      0);
+  EXPECT_EQ(run(session, {"--volume", volume.device(), "--reloc-mount", other.folder() + "/", "--reloc-size", "21"},
+                {"/bin/true"})
+                .code,
+            0);
   const test::Json entry = session.trace("snap").at(0)["volumes"].at(0);
   EXPECT_EQ(entry["relocation_blocks"], 21);
   EXPECT_EQ(entry["relocation_file"], other.folder() + "/.verrelocarea/" + volume.device().substr(5));

@@ -90,10 +90,9 @@ TEST_F(RunOnMachine, with_a_gap_between_root_and_data_is_refused_with_a_remedy_t
   refused.insert(refused.end(), command.begin(), command.end());
   Ended ended = session.run(refused, machine.inside());
   EXPECT_EQ(ended.code, 117);
-  EXPECT_EQ(
-      ended.errors,
-      "mirelsnap: /home/user/data: is mounted in /home, which is not in the set, so its snapshot has no folder to go "
-      "to; add /home (--volume, or --bind when it has no block device) or leave out what lies above it\n");
+  EXPECT_EQ(ended.errors,
+            "mirelsnap: /home/user/data: is mounted in /home, which is not in the set, so there is no folder to mount "
+            "it on; add --volume /home or leave out what lies above it\n");
   arguments.insert(arguments.end(), {"--volume", "/home"});
   arguments.insert(arguments.end(), command.begin(), command.end());
   ended = session.run(arguments, machine.inside());

@@ -131,6 +131,21 @@ TEST_F(RunRefusedVolume, a_pair_that_is_mounted_elsewhere_is_113) {
                                                         "at /mnt");
 }
 
+TEST_F(RunRefusedVolume, of_which_only_a_folder_is_mounted_is_113) {
+  const std::string part = volume.folder() + "/part";
+  fs::create_directory(part);
+  const Mounted bound(part, dir.path(), "", MS_BIND);
+  expectRefused(dir.path(), dir.path() + ": shows only /part of " + volume.device() +
+                                ", and a snapshot is of a whole volume; name " + volume.folder() +
+                                ", whose snapshot holds it at /part");
+  umount(volume.folder().c_str());
+  expectRefused(volume.device(), volume.device() + ": is mounted in part only: /part at " + dir.path() +
+                                     "; mount all of it: a snapshot is of a whole volume");
+  expectRefused(dir.path(), dir.path() + ": shows only /part of " + volume.device() +
+                                ", and a snapshot is of a whole volume; mount the volume itself and name that");
+  mount(volume.device().c_str(), volume.folder().c_str(), "ext4", 0, nullptr);
+}
+
 // ---- snapped, frozen, no room
 
 TEST(RunRefused, on_a_volume_that_is_snapped_is_114) {
@@ -198,6 +213,18 @@ TEST(RunRefused, with_a_relocation_mount_that_is_too_small_is_115) {
           "; it must be writable, neither snapped nor frozen, and have the room; name a smaller --reloc-size or "
           "another "
           "--reloc-mount");
+}
+
+TEST(RunRefused, under_a_limit_for_files_that_is_too_small_is_115) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  Texts arguments = {"/bin/sh", "-c", "ulimit -f 20; exec \"$@\"", "sh"};
+  for (const std::string& argument : test::runArguments({"--volume", volume.device()}, kTrue))
+    arguments.push_back(argument);
+  expectFailure(
+      session.run(arguments), 115,
+      "mirelsnap: " + volume.device() +
+          ": a relocation file could not be made; look for MIRELSNAP_SDK in the system log, or use --verbose");
 }
 
 TEST(RunRefused, with_a_relocation_mount_that_is_no_mount_point_is_115) {
@@ -290,6 +317,28 @@ TEST_F(RunRefusedBase, with_a_bind_that_is_no_mount_point_is_117) {
   expectRefused({"--bind", "/nothing"}, "/nothing: is not a mount point; name a mount point with --bind");
 }
 
+TEST_F(RunRefusedBase, with_a_bind_that_is_a_file_is_117) {
+  const TempDir other;
+  test::writeFile(dir / "file", "");
+  test::writeFile(other / "file", "");
+  const Mounted bound(dir / "file", other / "file", "", MS_BIND);
+  expectRefused({"--bind", other / "file"},
+                other / "file" + ": is not a directory; bind the mount point of a whole file system");
+}
+
+TEST_F(RunRefusedBase, with_a_bind_that_would_hide_the_snapshot_behind_live_files_is_117) {
+  for (const std::string& bind : {volume.folder(), std::string("/mnt"), std::string("/")}) {
+    expectRefused({"--bind", bind}, bind + ": would hide the snapshot of " + volume.folder() +
+                                        " behind live files; leave out --bind " + bind + ", or name it with --volume");
+  }
+}
+
+TEST_F(RunRefusedBase, that_is_a_link_that_leads_nowhere_is_117) {
+  fs::create_symlink("nothing", dir / "link");
+  expectRefused({"--base", dir / "link"},
+                dir / "link" + ": is a link that leads nowhere; name a new or an empty directory with --base");
+}
+
 TEST_F(RunRefusedBase, for_nested_mounts_with_a_gap_is_117) {
   const LoopDevice middleLoop(16 << 20);
   const LoopDevice deepLoop(16 << 20);
@@ -304,8 +353,8 @@ TEST_F(RunRefusedBase, for_nested_mounts_with_a_gap_is_117) {
   // The session checks the mounts at its end: these are gone then.
   expectRefused({"--volume", deepLoop.path()},
                 deepFolder + ": is mounted in " + middleFolder +
-                    ", which is not in the set, so its snapshot has no folder to go to; add " + middleFolder +
-                    " (--volume, or --bind when it has no block device) or leave out what lies above it");
+                    ", which is not in the set, so there is no folder to mount it on; add --volume " + middleFolder +
+                    " or leave out what lies above it");
 }
 
 // ---- cleaning up
@@ -359,6 +408,28 @@ TEST(RunAfterAKilledRun, removes_what_that_left_and_snaps_the_same_volume) {
   EXPECT_FALSE(fs::exists(base));
 }
 
+TEST(RunAfterAKilledRun, leaves_live_folders_alone_that_were_bound_and_are_in_use) {
+  const Volume volume("ext4", 32 << 20);
+  const Volume live("ext4", 32 << 20);
+  fs::create_directories(live.folder() + "/used");
+  fs::create_directories(live.folder() + "/empty/empty");
+  Session session;
+  test::Process killed = session.start(
+      test::runArguments({"--volume", volume.device(), "--bind", live.folder()},
+                         {"/bin/sh", "-c", "cd $MIRELSNAP_BASE" + live.folder() + "/used; echo $$; exec sleep 60"}));
+  while (killed.running() && killed.output().empty()) usleep(1000);
+  const std::string base = "/run/mirelsnap/" + std::to_string(killed.id());
+  killed.kill();
+  EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
+  EXPECT_EQ(test::mountsUnder(base), Texts{base + live.folder()});
+  EXPECT_TRUE(fs::exists(live.folder() + "/empty/empty"));
+  EXPECT_TRUE(fs::exists(live.folder() + "/used"));
+  kill(std::stoi(killed.output()), SIGKILL);
+  for (int attempt = 0; attempt < 100 && umount((base + live.folder()).c_str()) != 0; ++attempt) usleep(20000);
+  EXPECT_EQ(test::mountsUnder(base), Texts());
+  fs::remove_all("/run/mirelsnap");
+}
+
 TEST(RunAfterAKilledRun, leaves_what_a_living_one_holds_alone) {
   const Volume volume("ext4", 32 << 20);
   const Volume held("ext4", 32 << 20);
@@ -399,6 +470,11 @@ TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
             "--reloc-size: 12abc is no number of blocks (1 to 4294967295)");
   complains({"run", "--reloc-mount", "/mnt", "--reloc-size", "4294967296", "--", "true"},
             "--reloc-size: 4294967296 is no number of blocks (1 to 4294967295)");
+  for (const std::string option : {"--volume", "--base", "--bind"})
+    complains({"run", option, "", "--", "true"}, option + ": the value is empty");
+  complains({"run", "--reloc-mount", "", "--reloc-size", "5", "--", "true"}, "--reloc-mount: the value is empty");
+  complains({"run", "--volume", "/mnt", "/proc", "--", "true"}, "The following argument was not expected: /proc");
+  complains({"run", "two\nlines", "--", "true"}, "The following argument was not expected: two\\nlines");
   complains({"fly"}, "fly is nothing that mirelsnap can do");
   EXPECT_TRUE(session.trace().empty());
 }
