@@ -2,6 +2,7 @@
 #include "ExposureBase.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -72,6 +73,13 @@ bool isMountPoint(const fs::path& path) {
   if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, 0, &status) != 0) return true;
   return (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0 ||
          (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+// The folder, locked for as long as it is open; nothing when another process has locked it.
+UniqueFd locked(const std::string& folder) {
+  UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (opened && flock(opened.get(), LOCK_EX | LOCK_NB) != 0) opened.reset();
+  return opened;
 }
 
 // Whether folders down to `path`, which is not there, can be made as far as that can be seen.
@@ -151,6 +159,7 @@ Outcome ExposureBase::makeDefault() {
     if (mkdir(kDefaultParent.c_str(), kPrivate) != 0 && errno != EEXIST) return cannotMake(kDefaultParent, errno);
     if (mkdir(mPath.c_str(), kPrivate) == 0) {
       mMade.push_back(mPath);
+      mLock = locked(mPath);
       return std::nullopt;
     }
   } while (errno == ENOENT);
@@ -185,7 +194,8 @@ std::vector<std::string> abandonedBases() {
     pid_t owner = 0;
     const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), owner);
     const bool isOwner = problem == std::errc() && rest == name.data() + name.size() && owner > 0;
-    if (isOwner && isGone(owner)) found.push_back(entry->path());
+    // Where processes are counted anew (in a container that shares /run) the lock tells that the owner lives.
+    if (isOwner && isGone(owner) && locked(entry->path())) found.push_back(entry->path());
   }
   return found;
 }
@@ -211,7 +221,7 @@ std::vector<Failure> ExposureBase::remove() {
   for (auto folder = mMade.rbegin(); folder != mMade.rend(); ++folder) {
     if (rmdir(folder->c_str()) != 0 && errno != ENOENT) {
       left.push_back({kCannotCleanUp, *folder, std::string("cannot be removed: ") + std::strerror(errno),
-                      "unmount what is mounted there and remove it"});
+                      "look at what is in it or mounted on it, and remove it"});
     }
   }
   mMade.clear();

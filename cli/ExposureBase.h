@@ -10,6 +10,7 @@
 
 #include "Failure.h"
 #include "MountTable.h"
+#include "qxtools/Handle.h"
 
 namespace cli {
 
@@ -45,6 +46,7 @@ class ExposureBase {
 
   std::string mPath;
   std::vector<std::string> mMade;  // in the order made
+  UniqueFd mLock;                  // of a base of this process's own: it is not abandoned
   bool mDefault = false;           // the base is this process's own
   bool mKept = false;              // the base was there before
   mode_t mMode = 0;

@@ -140,10 +140,11 @@ Outcome SnapshotSet::removeRemains() {
     const std::vector<int> owners = driver.owners(volume);
     return std::any_of(owners.begin(), owners.end(), &isGone);
   });
-  if (!remain) return std::nullopt;
+  const std::vector<std::string> bases = abandonedBases();
+  if (!remain && bases.empty()) return std::nullopt;
   mTerminal.begin("Removing what a process left that was killed");
   mEngine->DoReconcile(nullptr);
-  for (const std::string& base : abandonedBases()) {
+  for (const std::string& base : bases) {
     mEngine->DoReconcile(wide(base).c_str());
     removeAbandonedBase(base);
   }
@@ -271,6 +272,13 @@ Failure SnapshotSet::snapFailure(int snapResult) {
       return {kAlreadySnapped, all, "a volume was snapped or frozen at that moment", "try again"};
     case 20:
     case 21:
+      for (const ChosenVolume& volume : mVolumes) {
+        for (const int owner : driver.owners(volume)) {
+          if (owner == getpid()) continue;
+          return {kAlreadySnapped, volume.device, "is being snapped by " + processText(owner),
+                  "wait until that snapshot is deleted"};
+        }
+      }
       for (const ChosenVolume& volume : mVolumes) {
         const Placement placement = predictPlacement(volume, mRelocation);
         if (placement.status == 0) {

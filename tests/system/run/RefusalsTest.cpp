@@ -3,6 +3,7 @@
 // Why a run cannot be: each failure is its exit code and one line that names the device or path, the cause, what to do.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -162,6 +163,25 @@ TEST(RunRefused, on_a_volume_that_is_snapped_is_114) {
   EXPECT_EQ(test::DriverClient(session).snapped().size(), 1u);
   EXPECT_EQ(engine.deleteSet(), S_OK);
   engine.release();
+}
+
+TEST(RunRefused, on_a_volume_that_is_just_being_snapped_is_114) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  // The first run stands still while it opens its relocation file.
+  const std::string file = volume.folder() + "/.verrelocarea/" + volume.device().substr(5);
+  fs::create_directory(volume.folder() + "/.verrelocarea");
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+  test::Process first = session.start(test::runArguments({"--volume", volume.device()}, kTrue));
+  test::DriverClient driver(session);
+  while (first.running() && driver.mappings().empty()) usleep(1000);
+  expectFailure(run(session, {"--volume", volume.device()}, kTrue), 114,
+                "mirelsnap: " + volume.device() + ": is being snapped by process " + std::to_string(first.id()) +
+                    " (mirelsnap); wait until that snapshot is deleted");
+  EXPECT_TRUE(fs::exists(file)) << "what belongs to the other stays";
+  EXPECT_EQ(session.takeComplaints(1).size(), 1u);
+  close(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(first.wait(), 115);
 }
 
 TEST(RunRefused, on_a_volume_that_is_frozen_is_114) {
@@ -408,6 +428,23 @@ TEST(RunAfterAKilledRun, removes_what_that_left_and_snaps_the_same_volume) {
   EXPECT_FALSE(fs::exists(base));
 }
 
+TEST(RunAfterAKilledRun, removes_an_abandoned_base_though_the_driver_holds_nothing_any_more) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  test::Process gone = session.start(kTrue);
+  const pid_t number = gone.id();
+  gone.wait();
+  const std::string base = "/run/mirelsnap/" + std::to_string(number);
+  fs::create_directories(base + volume.folder());
+  const int lock = open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(lock, LOCK_EX), 0);
+  EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
+  EXPECT_TRUE(fs::exists(base + volume.folder())) << "whoever holds the lock lives, under another number";
+  close(lock);
+  EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
+  EXPECT_FALSE(fs::exists(base));
+}
+
 TEST(RunAfterAKilledRun, leaves_live_folders_alone_that_were_bound_and_are_in_use) {
   const Volume volume("ext4", 32 << 20);
   const Volume live("ext4", 32 << 20);
@@ -427,7 +464,8 @@ TEST(RunAfterAKilledRun, leaves_live_folders_alone_that_were_bound_and_are_in_us
   kill(std::stoi(killed.output()), SIGKILL);
   for (int attempt = 0; attempt < 100 && umount((base + live.folder()).c_str()) != 0; ++attempt) usleep(20000);
   EXPECT_EQ(test::mountsUnder(base), Texts());
-  fs::remove_all("/run/mirelsnap");
+  EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
+  EXPECT_FALSE(fs::exists(base));
 }
 
 TEST(RunAfterAKilledRun, leaves_what_a_living_one_holds_alone) {
