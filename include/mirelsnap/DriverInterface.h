@@ -10,6 +10,7 @@
 //    0 success                                  3 a missing argument, or memory is short
 //    5 the control device could not be opened   6 the driver refused the request
 //    7 a name is not a block device             8 a device does not exist
+//   15 more runs than a bitmap command can carry
 #pragma once
 
 #include <list>
@@ -77,6 +78,48 @@ class MIRELSNAP_API SnapDriverInterface {
   // Removes what dead processes left: snapshots, mappings, relocation files. 0, or 3 when the driver cannot
   // be asked.
   unsigned int ReconcileAndCleanup();
+
+  // Change tracking. A snapshot that is taken with change tracking requested, and is not an independent one, has
+  // the driver track which blocks of its volume change from that instant on. Tracking ends with StopVtrack or
+  // with the snapshot. Names are paths of block devices; runs are in blocks of the snapshot's block size (what
+  // GetSnappedVolumeDetails says of the volume).
+
+  // Whether changes of `volume` are tracked. Every failure reads as false.
+  bool IsVtrackActive(const std::wstring& volume);
+  // What identifies the tracking of `volume`: the GUID text (36 characters) that its snapshot carried, and the
+  // driver's sequence number. 0; 3; 5, found before the name is looked at; 6, also when nothing is tracked; 7;
+  // 8. `guid` and `sequenceNumber` stay as they were unless 0 comes back.
+  unsigned int GetVtrackVars(const std::wstring& volume, std::string& guid, unsigned int& sequenceNumber);
+  // Reads the runs of blocks that changed, in rising order, into the record's array, as many as it has room for
+  // (`getNumOfRuns`, kMaxBitmapRuns at most). On 0 the record's count is the number of runs filled, never more
+  // than there was room for, and its update type says whether more follow: then set the first run's startBlock
+  // to the end of the last one, set the count to the room again and ask again, the type left as it is.
+  //     std::vector<_run> runs(kMaxBitmapRuns);
+  //     SectorBitmap bitmap(volume, kMaxBitmapRuns, runs.data());
+  //     while (driver->GetVtrackBitmap(bitmap) == 0) {
+  //       // ... use runs[0] to runs[bitmap.getNumOfRuns() - 1] ...
+  //       if (bitmap.getUpdateType() != UPDATE_BITMAP_CONTINUE || bitmap.getNumOfRuns() == 0) break;
+  //       const _run& last = runs[bitmap.getNumOfRuns() - 1];
+  //       runs[0].startBlock = last.startBlock + last.numBlocks;
+  //       bitmap.setNumOfRuns(kMaxBitmapRuns);
+  //     }
+  // What changes between two calls may be in one answer and not in the other: freeze the volume to read one
+  // instant. 0; 3, also without an array for a count above 0; 5; 6, also when nothing is tracked; 7, also when
+  // the device does not exist; 15 the count exceeds kMaxBitmapRuns. The record and its array stay as they were
+  // unless 0 comes back.
+  unsigned int GetVtrackBitmap(SectorBitmap& bitmap);
+  // Tells the driver which blocks of a tracked volume are in use: the record's runs, kMaxBitmapRuns at most.
+  // Results as above; the record stays as it was.
+  unsigned int UpdateUsedSectorBitmap(SectorBitmap& bitmap);
+  // Stops the tracking of the named block devices; their snapshots stay. 0, also when the driver says that one
+  // is not snapped; 3 also when a name is no block device; 5; 6.
+  unsigned int StopVtrack(std::list<std::wstring>* volumes);
+
+  // Has the driver write its state as text: into the file `fileName`, a full path, when `fileFlag` is 1, else
+  // into its log. `flag` is handed to the driver; the third argument is not used. 0; 3, also when a file name
+  // that counts has 257 characters or more: nothing is asked of the driver then; 5; 6.
+  unsigned int DumpState(signed char flag, signed char fileFlag, const std::wstring& unused,
+                         const std::wstring& fileName);
 
   // Steps of SnapVolume.
 

@@ -22,8 +22,18 @@ static_assert(sizeof(_run) == 16 && offsetof(_run, startBlock) == 0 && offsetof(
 // State of a snapped volume; the values are the driver's and are handed on unchanged.
 enum _DeviceState : std::uint32_t {};
 
-// Kind of a bitmap update; the values are the driver's and are handed on unchanged.
-enum _updateBitmapIoctlType : std::uint32_t {};
+// Kind of a bitmap command; handed on to the driver and back unchanged.
+enum _updateBitmapIoctlType : std::uint32_t {
+  // Reading: from the volume's first block on; answered when the last changed run is among those filled.
+  // Pushing: the runs take the place of those that were pushed before.
+  UPDATE_BITMAP_WHOLE = 0,
+  // Reading: from block `startBlock` of the array's first run on; answered when more runs follow behind the
+  // last one filled. Pushing: the runs come to those that were pushed before.
+  UPDATE_BITMAP_CONTINUE = 1,
+};
+
+// Runs that one bitmap command can carry.
+inline constexpr unsigned int kMaxBitmapRuns = 1024;
 
 // One volume that is to be snapped. The narrow names are made from the wide ones once, at construction.
 class MIRELSNAP_API SnapVolumeInformation {

@@ -80,8 +80,8 @@ struct LogLevelPayload {
 };
 static_assert(sizeof(LogLevelPayload) == 4);
 
-// IOC_CHECK_VOLUME_SNAPPED and IOC_CHECK_VOLUME_FROZEN, 35 bytes with header and trailer; request value 1.
-// Status: -2 snapped, -4 not snapped; -6 frozen, -7 not frozen.
+// IOC_CHECK_VOLUME_SNAPPED, IOC_CHECK_VOLUME_FROZEN and IOC_IS_VTRACK_ACTIVE, 35 bytes with header and trailer; request
+// value 1. Status: -2 snapped, -4 not snapped; -6 frozen, -7 not frozen; 2 tracked, 3 not tracked.
 struct VolumeCheckPayload {
   std::uint32_t majorNum;  // in
   std::uint32_t minorNum;  // in
@@ -91,7 +91,7 @@ MIRELSNAP_FIELD(VolumeCheckPayload, majorNum, 0);
 MIRELSNAP_FIELD(VolumeCheckPayload, minorNum, 4);
 
 // IOC_FREEZE, IOC_THAW and IOC_STOP_VTRACK: one entry a volume; request value: their number.
-// Status: -6 a volume is frozen already (freeze); -7 one is not frozen (thaw).
+// Status: -6 a volume is frozen already (freeze); -7 one is not frozen (thaw); -4 or -5 one is not snapped (stop).
 struct VolumeListEntry {
   std::uint32_t majorNum;   // in
   std::uint32_t minorNum;   // in
@@ -201,6 +201,58 @@ MIRELSNAP_FIELD(DiscardEntry, minorNum, 4);
 MIRELSNAP_FIELD(DiscardEntry, result, 8);
 MIRELSNAP_FIELD(DiscardEntry, flag, 12);
 MIRELSNAP_FIELD(DiscardEntry, relocFileName, 16);
+
+// IOC_GET_VTRACK_VARS, 79 bytes with its header; request value 1.
+struct TrackingVarsPayload {
+  std::uint32_t majorNum;        // in
+  std::uint32_t minorNum;        // in
+  std::uint32_t sequenceNumber;  // out
+  char guid[43];                 // out: NUL-terminated text
+};
+static_assert(sizeof(TrackingVarsPayload) == 55);
+MIRELSNAP_FIELD(TrackingVarsPayload, majorNum, 0);
+MIRELSNAP_FIELD(TrackingVarsPayload, minorNum, 4);
+MIRELSNAP_FIELD(TrackingVarsPayload, sequenceNumber, 8);
+MIRELSNAP_FIELD(TrackingVarsPayload, guid, 12);
+
+// IOC_GET_VDIFF and IOC_UPDATE_BITMAP: this, then numRuns runs, then the trailer: 16 * numRuns + 43 bytes with the
+// header; command flags 1, request value 1.
+struct BitmapPayload {
+  std::uint32_t majorNum;    // in
+  std::uint32_t minorNum;    // in
+  std::uint32_t updateType;  // in, out: an _updateBitmapIoctlType
+  std::uint32_t numRuns;     // in: room (read) or count (push); out: runs filled
+};
+static_assert(sizeof(BitmapPayload) == 16);
+MIRELSNAP_FIELD(BitmapPayload, majorNum, 0);
+MIRELSNAP_FIELD(BitmapPayload, minorNum, 4);
+MIRELSNAP_FIELD(BitmapPayload, updateType, 8);
+MIRELSNAP_FIELD(BitmapPayload, numRuns, 12);
+// Where the runs begin, from the start of the buffer.
+inline constexpr std::size_t kBitmapRunsOffset = sizeof(_ioctlCmd) + sizeof(BitmapPayload);
+static_assert(kBitmapRunsOffset == 40);
+// A bitmap command's length.
+inline constexpr std::size_t bitmapCommandLength(std::size_t runs) {
+  return kBitmapRunsOffset + runs * sizeof(_run) + kDriverTrailerSize;
+}
+static_assert(bitmapCommandLength(0) == 43 && bitmapCommandLength(kMaxBitmapRuns) == 16427);
+
+// IOC_DUMP_STATE, 299 bytes with its header; request value 0.
+struct DumpStatePayload {
+  std::int8_t flag;           // in: passed through
+  std::int8_t fileFlag;       // in: 1 the dump goes into the named file
+  std::uint8_t reserved_[2];  // zero
+  std::uint32_t spare_[2];    // zero
+  char fileName[257];         // in: NUL-terminated; all zero unless fileFlag is 1
+  std::uint8_t tail_[6];      // zero
+};
+static_assert(sizeof(DumpStatePayload) == 275);
+MIRELSNAP_FIELD(DumpStatePayload, flag, 0);
+MIRELSNAP_FIELD(DumpStatePayload, fileFlag, 1);
+MIRELSNAP_FIELD(DumpStatePayload, reserved_, 2);
+MIRELSNAP_FIELD(DumpStatePayload, spare_, 4);
+MIRELSNAP_FIELD(DumpStatePayload, fileName, 12);
+MIRELSNAP_FIELD(DumpStatePayload, tail_, 269);
 
 #pragma pack(pop)
 

@@ -4,8 +4,6 @@
 #include <syslog.h>
 
 #include <cerrno>
-#include <memory>
-#include <new>
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
@@ -102,12 +100,7 @@ unsigned int SnapDriverInterface::UnSnapVolume(std::list<std::wstring>* volumes,
     syslog(LOG_ERR, "assert at %d in %s failed.\n", 1289, "LinuxSnapLib.cpp");
     return 3;
   }
-  const std::unique_ptr<DeviceNumberPair[]> pairs(new (std::nothrow) DeviceNumberPair[volumes->size()]);
-  if (pairs == nullptr) {
-    syslog(LOG_ERR, "Error Allocating memory.\n");
-    return 3;
-  }
-  // The contract: 3 whatever was wrong with the name.
-  if (getDeviceNumbers(volumes, pairs.get()) != 0) return 3;
+  const auto pairs = resolveVolumes(volumes);
+  if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
   return discardSnappedVolumes(static_cast<unsigned int>(volumes->size()), pairs.get(), flag);
 }

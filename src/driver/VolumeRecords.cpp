@@ -5,6 +5,7 @@
 #include <sys/sysmacros.h>
 #include <syslog.h>
 
+#include <new>
 #include <utility>
 
 SnapVolumeInformation::SnapVolumeInformation(unsigned int blockSize, unsigned long numBlocks,
@@ -105,4 +106,14 @@ unsigned int getDeviceNumbers(std::list<std::wstring>* volumes, DeviceNumberPair
     if (result != 0) return result;
   }
   return 0;
+}
+
+std::unique_ptr<DeviceNumberPair[]> resolveVolumes(std::list<std::wstring>* volumes) {
+  std::unique_ptr<DeviceNumberPair[]> pairs(new (std::nothrow) DeviceNumberPair[volumes->size()]);
+  if (pairs == nullptr) {
+    syslog(LOG_ERR, "Error Allocating memory.\n");
+    return nullptr;
+  }
+  if (getDeviceNumbers(volumes, pairs.get()) != 0) return nullptr;
+  return pairs;
 }

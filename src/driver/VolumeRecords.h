@@ -7,6 +7,7 @@
 #include <mirelsnap/VolumeRecords.h>
 
 #include <list>
+#include <memory>
 #include <string>
 
 // A block device's number, as the driver's commands carry it.
@@ -28,3 +29,6 @@ unsigned int getDeviceNumber(const char* path, DeviceNumberPair* pair);
 // name. 0; 3 when an argument is missing; 8 a device does not exist; 7 a name is not a block device. Pairs
 // filled before a failure stay filled.
 unsigned int getDeviceNumbers(std::list<std::wstring>* volumes, DeviceNumberPair* pairs);
+
+// The numbers of all names, in list order; null, logged, when memory is short or a name is no block device.
+std::unique_ptr<DeviceNumberPair[]> resolveVolumes(std::list<std::wstring>* volumes);

@@ -4,8 +4,6 @@
 #include <syslog.h>
 
 #include <cerrno>
-#include <memory>
-#include <new>
 #include <optional>
 
 #include "driver/ControlDevice.h"
@@ -20,8 +18,6 @@ enum VolumeStatus : std::int32_t {
   kFrozen = -6,
   kNotFrozen = -7,
 };
-
-using PairArray = std::unique_ptr<DeviceNumberPair[]>;
 
 // The driver's status word for `volume` after `request`; nothing, logged, when the driver could not be asked.
 std::optional<std::int32_t> askVolumeStatus(const std::string& volume, unsigned long request) {
@@ -45,18 +41,6 @@ std::optional<std::int32_t> askVolumeStatus(const std::string& volume, unsigned 
     return std::nullopt;
   }
   return command.header().driverStatus;
-}
-
-// The numbers of all volumes; null, logged, when memory is short or a name is not a block device.
-PairArray resolveVolumes(std::list<std::wstring>* volumes) {
-  PairArray pairs(new (std::nothrow) DeviceNumberPair[volumes->size()]);
-  if (pairs == nullptr) {
-    syslog(LOG_ERR, "Error Allocating memory.\n");
-    return nullptr;
-  }
-  // The contract: freeze and thaw answer 3 whatever was wrong with the name.
-  if (getDeviceNumbers(volumes, pairs.get()) != 0) return nullptr;
-  return pairs;
 }
 
 // A freeze or thaw command for `count` volumes; empty, logged, when memory is short.
@@ -139,8 +123,8 @@ unsigned int SnapDriverInterface::FreezeVolume(std::list<std::wstring>* volumes)
     syslog(LOG_ERR, "assert at %d in %s failed.\n", 2503, "LinuxSnapLib.cpp");
     return 3;
   }
-  const PairArray pairs = resolveVolumes(volumes);
-  if (pairs == nullptr) return 3;
+  const auto pairs = resolveVolumes(volumes);
+  if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
   const UniqueFd device = openDriver();
   if (!device) return 5;
   DriverCommand command = makeVolumeListCommand(pairs.get(), volumes->size());
@@ -165,8 +149,8 @@ unsigned int SnapDriverInterface::ThawVolume(std::list<std::wstring>* volumes) {
     syslog(LOG_ERR, "assert at %d in %s failed.\n", 2607, "LinuxSnapLib.cpp");
     return 3;
   }
-  const PairArray pairs = resolveVolumes(volumes);
-  if (pairs == nullptr) return 3;
+  const auto pairs = resolveVolumes(volumes);
+  if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
   const UniqueFd device = openDriver();
   if (!device) return 5;
   DriverCommand command = makeVolumeListCommand(pairs.get(), volumes->size());

@@ -245,6 +245,42 @@ TEST_F(Allocation, details_whose_count_found_memory_short_give_6) {
                                                           "Unable to obtained the number of snapped volumes.\n"}));
 }
 
+TEST_F(Allocation, change_tracking_that_reads_as_false) {
+  kernel.status(IOC_IS_VTRACK_ACTIVE, 2);
+  expectShortMemory("Error Allocating memory.\n", [&] { EXPECT_FALSE(driver.IsVtrackActive(L"/dev/vol-1")); });
+}
+
+TEST_F(Allocation, tracking_identity) {
+  expectShortMemory("Error Allocating memory.\n", [&] {
+    std::string guid = "old";
+    unsigned int sequenceNumber = 7;
+    EXPECT_EQ(driver.GetVtrackVars(L"/dev/vol-1", guid, sequenceNumber), 3U);
+    EXPECT_EQ(guid, "old");
+    EXPECT_EQ(sequenceNumber, 7U);
+  });
+}
+
+TEST_F(Allocation, bitmaps_find_memory_short_before_the_missing_driver) {
+  std::wstring name = L"/dev/vol-1";
+  _run run{};
+  SectorBitmap bitmap(name, 1, &run);
+  expectShortMemory("Memory allocation failure.\n", [&] { EXPECT_EQ(driver.GetVtrackBitmap(bitmap), 3U); });
+  expectShortMemory("Memory allocation failure.\n", [&] { EXPECT_EQ(driver.UpdateUsedSectorBitmap(bitmap), 3U); });
+  std::remove("/proc/mirelsnap/dev");
+  expectShortMemory("Memory allocation failure.\n", [&] { EXPECT_EQ(driver.GetVtrackBitmap(bitmap), 3U); });
+  expectShortMemory("Memory allocation failure.\n", [&] { EXPECT_EQ(driver.UpdateUsedSectorBitmap(bitmap), 3U); });
+}
+
+TEST_F(Allocation, stopping_change_tracking) {
+  const auto stop = [&] { EXPECT_EQ(driver.StopVtrack(&one), 3U); };
+  expectShortMemory("Error Allocating memory.\n", stop);
+  EXPECT_EQ(issuedWithout(array, 1, "Error Allocating memory.\n", stop), 0U);
+}
+
+TEST_F(Allocation, dump_of_the_state) {
+  expectShortMemory("Memory alocation failed.\n", [&] { EXPECT_EQ(driver.DumpState(0, 1, L"", L"/f"), 3U); });
+}
+
 // What throws while names are copied leaves the caller's list as it was; the leak check sees to buffer and descriptor.
 TEST_F(Allocation, a_list_that_runs_out_of_memory_half_way_adds_nothing) {
   answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 2);
@@ -278,6 +314,7 @@ TEST_F(Allocation, a_missing_driver_is_found_before_memory_is_short) {
   std::remove("/proc/mirelsnap/dev");
   std::string version;
   int count = 0;
+  unsigned int sequenceNumber = 0;
   const std::function<unsigned int()> operations[] = {
       [&] { return driver.GetDriverVersionDetail(version); },
       [&] { return driver.SetLogLevel(7); },
@@ -287,6 +324,9 @@ TEST_F(Allocation, a_missing_driver_is_found_before_memory_is_short) {
       [&] { return driver.DeleteRelocationFileMapping("/dev/vol-1", 1); },
       [&] { return driver.GetNumOfRelocFileMapping(); },
       [&] { return driver.GetNumOfSnappedVolumes(&count); },
+      [&] { return driver.GetVtrackVars(L"/dev/vol-1", version, sequenceNumber); },
+      [&] { return driver.StopVtrack(&one); },
+      [&] { return driver.DumpState(0, 1, L"", L"/f"); },
   };
   for (const auto& operation : operations) {
     for (Kind* kind : {&zeroed, &single}) {
@@ -302,6 +342,10 @@ TEST_F(Allocation, a_command_leaves_its_helper_and_nothing_else) {
   answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 1);
   answerCount(IOC_GET_NUM_OF_SNAPPED_VOLUMES, 1);
   std::string version;
+  unsigned int sequenceNumber = 0;
+  std::wstring name = L"/dev/vol-1";
+  _run run{};
+  SectorBitmap bitmap(name, 1, &run);
   const std::pair<std::size_t, std::function<void()>> operations[] = {
       {1, [&] { driver.GetDriverVersionDetail(version); }},
       {1, [&] { driver.SetLogLevel(7); }},
@@ -311,6 +355,12 @@ TEST_F(Allocation, a_command_leaves_its_helper_and_nothing_else) {
       {1, [&] { driver.ThawVolume(&one); }},
       {1, [&] { driver.CreateRelocationFileMapping("/dev/vol-1", "/f", 1); }},
       {1, [&] { driver.DeleteRelocationFileMapping("/dev/vol-1", 1); }},
+      {1, [&] { driver.IsVtrackActive(L"/dev/vol-1"); }},
+      {1, [&] { driver.GetVtrackVars(L"/dev/vol-1", version, sequenceNumber); }},
+      {1, [&] { driver.GetVtrackBitmap(bitmap); }},
+      {1, [&] { driver.UpdateUsedSectorBitmap(bitmap); }},
+      {1, [&] { driver.StopVtrack(&one); }},
+      {1, [&] { driver.DumpState(0, 1, L"", L"/f"); }},
       {2,
        [&] {
          std::list<RelocFileMappingInformation> mappings;
