@@ -112,4 +112,17 @@ BackingFile openBackingFile(const Kernel& kernel, const BlockDevice& device, con
   return backing;
 }
 
+Result<DeviceData> openDeviceData(const Kernel& kernel, const BlockDevice& device, const Caller& caller) {
+  BackingFile backing = openBackingFile(kernel, device, caller);
+  if (backing.file) return DeviceData{std::move(backing.file), backing.offset, true};
+  UniqueFd direct = kernel.openDevice(S_IFBLK, device.number(), O_RDONLY | O_DIRECT);
+  if (!direct) return failedCall(errno, "cannot open the device " + device.number().text() + " for direct reading");
+  return DeviceData{std::move(direct), 0, false};
+}
+
+void writeOut(const BlockDevice& device) {
+  sync_file_range(device.descriptor(), 0, 0,
+                  SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
+}
+
 }  // namespace emulator

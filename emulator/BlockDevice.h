@@ -50,4 +50,15 @@ struct BackingFile {
 };
 BackingFile openBackingFile(const Kernel& kernel, const BlockDevice& device, const Caller& caller);
 
+// Where a device's data can be read past the page cache of the device: its backing file, else the device itself opened
+// for direct reading.
+struct DeviceData {
+  UniqueFd file;
+  std::uint64_t offset;  // where the data begin in it, bytes
+  bool hasHoles;         // whether it can say where its holes are
+};
+Result<DeviceData> openDeviceData(const Kernel& kernel, const BlockDevice& device, const Caller& caller);
+// What the page cache of a device that is mounted nowhere still holds goes down to where its data are read.
+void writeOut(const BlockDevice& device);
+
 }  // namespace emulator

@@ -52,7 +52,8 @@ class Caller : public CallerMemory {
   std::optional<struct stat> descriptor(int number) const;
 
   // Opens a path as the caller sees it; a relative one starts at its root. Invalid on failure, errno says why.
-  UniqueFd open(const std::string& path, int flags) const;
+  // With O_CREAT a new file gets `mode`.
+  UniqueFd open(const std::string& path, int flags, mode_t mode = 0) const;
   // Whether the caller, asked to execute `path`, finds a file there; a relative path starts at its working directory.
   bool findsProgram(const std::string& path) const;
   // The device that a path leads to, when it leads to a block device.

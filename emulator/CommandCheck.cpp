@@ -40,6 +40,10 @@ std::optional<std::uint64_t> fixedLength(Layout layout) {
     case Layout::CreateMapping:
     case Layout::DeleteMapping:
       return kHeader + sizeof(RelocFileMappingEntry) + kDriverTrailerSize;
+    case Layout::TrackingVars:
+      return kHeader + sizeof(TrackingVarsPayload);
+    case Layout::DumpState:
+      return kHeader + sizeof(DumpStatePayload);
     case Layout::Count:
     case Layout::Verify:
       return kHeader + sizeof(CountPayload);
@@ -79,6 +83,22 @@ Complaint checkSnapLength(const _ioctlCmd& header) {
   return kFine;
 }
 
+bool isBitmap(Layout layout) { return layout == Layout::ReadBitmap || layout == Layout::PushBitmap; }
+
+// How many runs there must be stands behind the header.
+Complaint checkBitmapLength(const _ioctlCmd& header) {
+  if (header.length < bitmapCommandLength(0)) {
+    return wrongLength(header, "at least the " + number(bitmapCommandLength(0)) + " of no runs");
+  }
+  if (header.length > bitmapCommandLength(kMaxBitmapRuns)) {
+    return wrongLength(header, "at most the " + number(bitmapCommandLength(kMaxBitmapRuns)) + " of " +
+                                   number(kMaxBitmapRuns) + " runs");
+  }
+  if ((header.length - bitmapCommandLength(0)) % sizeof(_run) != 0)
+    return wrongLength(header, "a whole number of runs");
+  return kFine;
+}
+
 // ---- the header
 
 Complaint checkHandshake(const _ioctlCmd& header) {
@@ -96,14 +116,15 @@ Complaint checkRequestValue(Layout layout, const _ioctlCmd& header) {
     if (header.requestValue == right) return kFine;
     return "its request value is " + number(header.requestValue) + ", not " + number(right);
   };
-  if (layout == Layout::VolumeCheck) return mustBe(1);
+  if (layout == Layout::VolumeCheck || layout == Layout::TrackingVars || isBitmap(layout)) return mustBe(1);
   if (layout == Layout::MappingListing || layout == Layout::SnappedListing) return kFine;
   if (!takesVolumes(layout)) return mustBe(0);
   return header.requestValue == 0 ? Complaint("it names no volume") : kFine;
 }
 
 Complaint checkHeader(Layout layout, const _ioctlCmd& header) {
-  if (header.flags != 0) return "its command flags are " + number(header.flags) + ", not 0";
+  const std::uint32_t flags = isBitmap(layout) ? 1 : 0;
+  if (header.flags != flags) return "its command flags are " + number(header.flags) + ", not " + number(flags);
   if (header.driverStatus != 0) return "its driver status is " + std::to_string(header.driverStatus) + ", not 0";
   return firstOf({checkHandshake(header), checkRequestValue(layout, header)});
 }
@@ -270,6 +291,29 @@ Complaint checkSnap(const CommandBuffer& buffer) {
   return checkTrailer(buffer);
 }
 
+// Where the runs of a push lie, the driver looks at: it knows the volume. Those of a reading are room to be filled.
+Complaint checkBitmap(const CommandBuffer& buffer) {
+  const auto bitmap = buffer.record<BitmapPayload>(0);
+  const std::size_t room = (buffer.size() - bitmapCommandLength(0)) / sizeof(_run);
+  if (bitmap.numRuns != room) {
+    return "its number of runs is " + number(bitmap.numRuns) + ", not the " + number(room) + " that it has room for";
+  }
+  if (bitmap.updateType > UPDATE_BITMAP_CONTINUE) {
+    return "the update type is " + number(bitmap.updateType) + ", not 0 or 1";
+  }
+  return checkTrailer(buffer);
+}
+
+Complaint checkDumpState(const CommandBuffer& buffer) {
+  const auto payload = buffer.record<DumpStatePayload>(0);
+  const auto at = [](std::size_t field) { return kHeader + field; };
+  const std::size_t name = at(offsetof(DumpStatePayload, fileName));
+  return firstOf({checkZero(buffer, at(offsetof(DumpStatePayload, reserved_)), name),
+                  payload.fileFlag == 1 ? checkName(payload.fileName, "file name")
+                                        : checkZero(buffer, name, name + sizeof payload.fileName),
+                  checkZero(buffer, at(offsetof(DumpStatePayload, tail_)), buffer.size())});
+}
+
 Complaint checkPayload(Layout layout, const CommandBuffer& buffer) {
   switch (layout) {
     case Layout::LogLevel:
@@ -290,8 +334,14 @@ Complaint checkPayload(Layout layout, const CommandBuffer& buffer) {
     case Layout::MappingListing:
     case Layout::SnappedListing:
       return checkZero(buffer, kHeader, buffer.size());
+    case Layout::TrackingVars:
+      return checkZero(buffer, kHeader + offsetof(TrackingVarsPayload, sequenceNumber), buffer.size());
+    case Layout::ReadBitmap:
+    case Layout::PushBitmap:
+      return checkBitmap(buffer);
+    case Layout::DumpState:
+      return checkDumpState(buffer);
     case Layout::Verify:
-    case Layout::NotPlayed:
       return kFine;
   }
   return kFine;
@@ -313,7 +363,7 @@ Complaint checkLength(const Command& command, const _ioctlCmd& header) {
     return header.length == *right ? kFine : wrongLength(header, number(*right));
   }
   if (command.layout == Layout::Snap) return checkSnapLength(header);
-  if (command.layout == Layout::NotPlayed) return header.length < kHeader ? wrongLength(header, "plausible") : kFine;
+  if (isBitmap(command.layout)) return checkBitmapLength(header);
   const std::uint64_t right = countedLength(header.requestValue, recordSize(command.layout));
   if (header.length == right) return kFine;
   return wrongLength(header, "the " + number(right) + " of " + number(header.requestValue) + " records");
@@ -321,7 +371,6 @@ Complaint checkLength(const Command& command, const _ioctlCmd& header) {
 
 Complaint checkCommand(const Command& command, const CommandBuffer& buffer) {
   if (command.layout == Layout::Verify) return checkVerify(buffer);
-  if (command.layout == Layout::NotPlayed) return checkHandshake(buffer.header());
   return firstOf({checkHeader(command.layout, buffer.header()), checkPayload(command.layout, buffer)});
 }
 

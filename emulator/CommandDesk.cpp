@@ -15,6 +15,8 @@
 namespace emulator {
 namespace {
 
+constexpr std::uint32_t kDebug = 7;  // the log level at which what went well is told too
+
 // How much of the buffer the driver writes: of a command that only asks for something to be done, the header.
 std::size_t writtenBytes(Layout layout, std::size_t size) {
   switch (layout) {
@@ -22,6 +24,8 @@ std::size_t writtenBytes(Layout layout, std::size_t size) {
     case Layout::MappingListing:
     case Layout::SnappedListing:
     case Layout::Discard:
+    case Layout::TrackingVars:
+    case Layout::ReadBitmap:
       return size;
     default:
       return sizeof(_ioctlCmd);
@@ -109,6 +113,8 @@ void CommandDesk::tell(const Command& command, const Caller& caller, const Comma
   const pid_t process = caller.process();
   if (answer.failed()) {
     mMessages.say(std::string(command.name) + " from process " + std::to_string(process) + " refused: " + answer.why);
+  } else if (mDriver.logLevel() >= kDebug) {
+    mMessages.say(std::string(command.name) + " from process " + std::to_string(process) + " done");
   }
   mTrace.write({process, &command, buffer, requestValue, &answer, injected});
 }

@@ -32,7 +32,10 @@ enum class Layout {
   Snap,
   Discard,
   Verify,
-  NotPlayed,  // change tracking and dumps
+  TrackingVars,
+  ReadBitmap,
+  PushBitmap,
+  DumpState,
 };
 
 struct Command {
@@ -45,8 +48,8 @@ inline constexpr std::array<Command, 21> kCommands{{
     {IOC_FREEZE, "freeze", Layout::VolumeList},
     {IOC_THAW, "thaw", Layout::VolumeList},
     {IOC_SET_LOG_LEVEL, "set-log-level", Layout::LogLevel},
-    {IOC_DUMP_STATE, "dump-state", Layout::NotPlayed},
-    {IOC_UPDATE_BITMAP, "update-bitmap", Layout::NotPlayed},
+    {IOC_DUMP_STATE, "dump-state", Layout::DumpState},
+    {IOC_UPDATE_BITMAP, "update-bitmap", Layout::PushBitmap},
     {IOC_CHECK_VOLUME_SNAPPED, "check-snapped", Layout::VolumeCheck},
     {IOC_GET_NUM_OF_SNAPPED_VOLUMES, "count-snapped", Layout::Count},
     {IOC_GET_SNAPPED_VOL_DETAILS, "list-snapped", Layout::SnappedListing},
@@ -58,10 +61,10 @@ inline constexpr std::array<Command, 21> kCommands{{
     {IOC_CHECK_VOLUME_FROZEN, "check-frozen", Layout::VolumeCheck},
     {IOC_SNAP, "snap", Layout::Snap},
     {IOC_SNAP_DISCARD, "discard", Layout::Discard},
-    {IOC_GET_VDIFF, "get-vdiff", Layout::NotPlayed},
-    {IOC_GET_VTRACK_VARS, "get-vtrack-vars", Layout::NotPlayed},
-    {IOC_STOP_VTRACK, "stop-vtrack", Layout::NotPlayed},
-    {IOC_IS_VTRACK_ACTIVE, "is-vtrack-active", Layout::NotPlayed},
+    {IOC_GET_VDIFF, "get-vdiff", Layout::ReadBitmap},
+    {IOC_GET_VTRACK_VARS, "get-vtrack-vars", Layout::TrackingVars},
+    {IOC_STOP_VTRACK, "stop-vtrack", Layout::VolumeList},
+    {IOC_IS_VTRACK_ACTIVE, "is-vtrack-active", Layout::VolumeCheck},
     {IOC_VERIFY_AND_CLEAN_VOLUMES, "verify-and-clean", Layout::Verify},
 }};
 
@@ -77,6 +80,8 @@ inline constexpr std::int32_t kOneIsNotSnapped = -5;  // of several
 inline constexpr std::int32_t kFrozen = -6;
 inline constexpr std::int32_t kNotFrozen = -7;
 inline constexpr std::int32_t kSizeChanged = -8;
+inline constexpr std::int32_t kTracked = 2;
+inline constexpr std::int32_t kNotTracked = 3;
 
 // A command's buffer, the caller's bytes as they came; records are copied out and in.
 class CommandBuffer {

@@ -60,8 +60,20 @@ Answer EmulatedDriver::handle(const Command& command, const Caller& caller, Comm
       return discard(buffer);
     case IOC_VERIFY_AND_CLEAN_VOLUMES:
       return verifyAndClean();
+    case IOC_IS_VTRACK_ACTIVE:
+      return checkTracked(buffer);
+    case IOC_GET_VTRACK_VARS:
+      return trackingVars(buffer);
+    case IOC_GET_VDIFF:
+      return readBitmap(caller, buffer);
+    case IOC_UPDATE_BITMAP:
+      return pushBitmap(buffer);
+    case IOC_STOP_VTRACK:
+      return stopTracking(buffer);
+    case IOC_DUMP_STATE:
+      return dumpState(caller, buffer);
     default:
-      return refuse(ENOTTY, "change tracking and dumps are not played");
+      return refuse(ENOTTY, "there is no such command");
   }
 }
 
@@ -72,8 +84,10 @@ Answer EmulatedDriver::version(CommandBuffer& buffer) {
   return done();
 }
 
-// There is no log to set a level of.
-Answer EmulatedDriver::setLogLevel(const CommandBuffer&) { return done(); }
+Answer EmulatedDriver::setLogLevel(const CommandBuffer& buffer) {
+  mLogLevel = buffer.record<LogLevelPayload>(0).level;
+  return done();
+}
 
 std::vector<EmulatedDriver::Snapped>::iterator EmulatedDriver::findSnapped(DeviceNumber volume) {
   return std::find_if(mSnapped.begin(), mSnapped.end(),

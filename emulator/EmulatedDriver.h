@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,11 +40,13 @@ class EmulatedDriver {
   EmulatedDriver(const EmulatedDriver&) = delete;
   EmulatedDriver& operator=(const EmulatedDriver&) = delete;
 
-  // Carries out a command. ENOTTY for one that is not played.
+  // Carries out a command.
   Answer handle(const Command& command, const Caller& caller, CommandBuffer& buffer);
 
   Answer version(CommandBuffer& buffer);
   Answer setLogLevel(const CommandBuffer& buffer);
+  // A syslog priority, 3 (errors) at first.
+  std::uint32_t logLevel() const { return mLogLevel; }
 
   Answer checkSnapped(CommandBuffer& buffer);
   Answer checkFrozen(CommandBuffer& buffer);
@@ -61,6 +64,17 @@ class EmulatedDriver {
   Answer discard(CommandBuffer& buffer);
   Answer verifyAndClean();
 
+  // Change tracking belongs to a snapshot: it starts with a snap that asks for it and is not an independent one, and
+  // ends with the snapshot, or earlier when it is stopped.
+  Answer checkTracked(CommandBuffer& buffer);
+  Answer trackingVars(CommandBuffer& buffer);
+  Answer readBitmap(const Caller& caller, CommandBuffer& buffer);
+  Answer pushBitmap(const CommandBuffer& buffer);
+  Answer stopTracking(const CommandBuffer& buffer);
+
+  // What it holds, as text: into a file of the caller's, or told.
+  Answer dumpState(const Caller& caller, const CommandBuffer& buffer);
+
   // Thaws every volume that is frozen.
   void thawAll();
   // Ends a snap that is running, and refuses those that come. May be called from any thread.
@@ -73,9 +87,15 @@ class EmulatedDriver {
     std::string relocFileName;
     std::optional<DeviceNumber> volume;  // what the name led to when the mapping was made
   };
+  struct Tracking {
+    std::string guid;  // as the snap command gave it
+    std::uint32_t sequenceNumber;
+    std::vector<_run> used;  // blocks in use, as the client said
+  };
   struct Snapped {
     SnapVolumeEntry entry;  // as the snap command gave it
     SnapshotImage image;
+    std::optional<Tracking> tracking;
   };
 
   std::vector<Snapped>::iterator findSnapped(DeviceNumber volume);
@@ -83,6 +103,10 @@ class EmulatedDriver {
   void dropSnapped(std::vector<Snapped>::iterator snapped);
   void releaseUnused();
   void undo();
+  std::optional<Tracking> startTracking(const SnapVolumeEntry& entry);
+  Result<Snapped*> findTracked(DeviceNumber volume);
+  std::string describeState() const;
+  Answer refuseFrozenPlace(const UniqueFd& place, const Caller& caller) const;
 
   // The checks of a snap, in their order.
   Answer refuseSnapped(const std::vector<SnapEntry>& entries);
@@ -97,7 +121,9 @@ class EmulatedDriver {
   std::vector<Snapped> mSnapped;         // in the order in which they were snapped
   std::vector<SnapshotImage> mReleased;  // discarded while still mounted
   std::vector<Mapping> mMappings;
-  std::vector<FileSystem> mFrozen;  // in the order in which they were frozen
+  std::vector<FileSystem> mFrozen;                         // in the order in which they were frozen
+  std::map<DeviceNumber, std::uint32_t> mSequenceNumbers;  // of the last tracking of each volume
+  std::uint32_t mLogLevel = 3;
   std::atomic<bool> mCancelled{false};
 };
 

@@ -63,6 +63,19 @@ std::vector<pid_t> viewersOfEveryNamespace(const Kernel& kernel) {
 
 }  // namespace
 
+DeviceNumber deviceHolding(const UniqueFd& file, const Caller& viewer) {
+  struct statx seen;
+  if (statx(file.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &seen) != 0) return {};
+  const DeviceNumber number{seen.stx_dev_major, seen.stx_dev_minor};
+  if (number.majorNum != 0) return number;
+  for (const MountLine& mount : viewer.mounts()) {
+    if (static_cast<std::uint64_t>(mount.id) == seen.stx_mnt_id) {
+      return viewer.blockDevice(mount.source).value_or(number);
+    }
+  }
+  return number;
+}
+
 Result<FileSystem> FileSystem::on(const Kernel& kernel, DeviceNumber device, const Caller& caller) {
   Found found = findMount(device, caller);
   if (!found.root) found = findMount(device, Caller(kernel, getpid()));

@@ -21,6 +21,10 @@
 
 namespace emulator {
 
+// The block device of the file system that an open file lies on, as the viewer sees its mount; the file system's
+// anonymous number where it has none.
+DeviceNumber deviceHolding(const UniqueFd& file, const Caller& viewer);
+
 class FileSystem {
  public:
   // The file system on the device, found through a mount that the caller sees, else the emulator, else anybody. One

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include "BlockDevice.h"
 #include "EmulatedDriver.h"
@@ -125,8 +126,12 @@ Answer EmulatedDriver::snap(const Caller& caller, const CommandBuffer& buffer) {
   for (const FileSystem& frozen : mFrozen) request.frozen.insert(frozen.device());
   auto images = takeSnapshots(mKernel, caller, request, mCancelled);
   if (!images) return std::move(images).refusal();
-  mSnapped.reserve(mSnapped.size() + entries.size());
-  for (std::size_t i = 0; i < entries.size(); ++i) mSnapped.push_back({entries[i].fixed, std::move((*images)[i])});
+  std::vector<Snapped> taken;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    taken.push_back({entries[i].fixed, std::move((*images)[i]), startTracking(entries[i].fixed)});
+  }
+  mSnapped.reserve(mSnapped.size() + taken.size());
+  std::move(taken.begin(), taken.end(), std::back_inserter(mSnapped));
   return done();
 }
 

@@ -62,7 +62,7 @@ void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumbe
   }
 }
 
-Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber volume, const UniqueFd& image,
+Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber volume, UniqueFd image,
                                             unsigned int sectorSize) {
   const UniqueFd control = kernel.openDevice(S_IFCHR, kLoopControl, O_RDWR);
   if (!control) return failedCall(errno, "cannot open the control node of the loop devices");
@@ -73,7 +73,7 @@ Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber v
     const DeviceNumber number = loopNumber(kernel, index);
     UniqueFd loop = kernel.openDevice(S_IFBLK, number, O_RDONLY);
     if (loop && ioctl(loop.get(), LOOP_CONFIGURE, &config) == 0)
-      return SnapshotImage(kernel.net(), volume, number, std::move(loop));
+      return SnapshotImage(kernel.net(), volume, number, std::move(image), std::move(loop));
     // Somebody else was quicker: ask again.
     if (errno != EBUSY && errno != ENXIO) return failedCall(errno, "cannot set up the loop device " + number.text());
   }
@@ -85,6 +85,7 @@ SnapshotImage& SnapshotImage::operator=(SnapshotImage&& other) {
   mNet = other.mNet;
   mVolume = other.mVolume;
   mDevice = other.mDevice;
+  mFile = std::move(other.mFile);
   mLoop = std::move(other.mLoop);
   mNodeFolder = std::move(other.mNodeFolder);
   mHold = std::move(other.mHold);

@@ -27,7 +27,7 @@ class SnapshotImage {
  public:
   // Puts an image on a loop device. The device lives as long as this object and whoever else uses it: a mount, or
   // somebody who has it open.
-  static Result<SnapshotImage> attach(const Kernel& kernel, DeviceNumber volume, const UniqueFd& image,
+  static Result<SnapshotImage> attach(const Kernel& kernel, DeviceNumber volume, UniqueFd image,
                                       unsigned int sectorSize);
   SnapshotImage(SnapshotImage&&) = default;
   SnapshotImage& operator=(SnapshotImage&& other);
@@ -41,14 +41,17 @@ class SnapshotImage {
   DeviceNumber volume() const { return mVolume; }
   // The loop device behind the node.
   DeviceNumber device() const { return mDevice; }
+  // The image, a sparse file as long as the volume.
+  const UniqueFd& file() const { return mFile; }
 
  private:
-  SnapshotImage(SafetyNet* net, DeviceNumber volume, DeviceNumber device, UniqueFd loop)
-      : mNet(net), mVolume(volume), mDevice(device), mLoop(std::move(loop)) {}
+  SnapshotImage(SafetyNet* net, DeviceNumber volume, DeviceNumber device, UniqueFd file, UniqueFd loop)
+      : mNet(net), mVolume(volume), mDevice(device), mFile(std::move(file)), mLoop(std::move(loop)) {}
 
   SafetyNet* mNet;
   DeviceNumber mVolume;
   DeviceNumber mDevice;
+  UniqueFd mFile;
   UniqueFd mLoop;        // keeps the loop device, which goes with its last user
   UniqueFd mNodeFolder;  // invalid: there is no node
   SafetyNet::Hold mHold;

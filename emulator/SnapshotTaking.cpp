@@ -20,22 +20,13 @@ namespace {
 struct Source {
   BlockDevice device;
   FileSystem fileSystem;
-  BackingFile backing;
-  UniqueFd direct;  // the device past the page cache; only where there is no backing file
+  DeviceData data;
   UniqueFd image;
 };
 
-// The block device of a folder's file system; its anonymous number where it has none.
 DeviceNumber deviceOfFolder(const Kernel& kernel, const std::string& folder) {
-  struct statx seen;
-  if (statx(AT_FDCWD, folder.c_str(), 0, STATX_MNT_ID, &seen) != 0) return {};
-  const DeviceNumber number{seen.stx_dev_major, seen.stx_dev_minor};
-  if (number.majorNum != 0) return number;
-  const Caller self(kernel, getpid());
-  for (const MountLine& mount : self.mounts()) {
-    if (static_cast<std::uint64_t>(mount.id) == seen.stx_mnt_id) return self.blockDevice(mount.source).value_or(number);
-  }
-  return number;
+  const UniqueFd opened(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return deviceHolding(opened, Caller(kernel, getpid()));
 }
 
 // The first store that stands on none of the devices that are, or will be, held still.
@@ -65,15 +56,11 @@ Result<Source> openSource(const Kernel& kernel, const Caller& caller, const Snap
       return refuse(EDEADLK, "the volume " + volume.text() + " stands on " + frozen.text() + ", which is frozen");
     }
   }
-  BackingFile backing = openBackingFile(kernel, *device, caller);
-  UniqueFd direct;
-  if (!backing.file) {
-    direct = kernel.openDevice(S_IFBLK, volume, O_RDONLY | O_DIRECT);
-    if (!direct) return failedCall(errno, "cannot open the device " + volume.text() + " for direct reading");
-  }
+  auto data = openDeviceData(kernel, *device, caller);
+  if (!data) return std::move(data).refusal();
   auto image = makeNamelessFile(store);
   if (!image) return std::move(image).refusal();
-  return Source{std::move(*device), std::move(*fileSystem), std::move(backing), std::move(direct), std::move(*image)};
+  return Source{std::move(*device), std::move(*fileSystem), std::move(*data), std::move(*image)};
 }
 
 Result<std::vector<Source>> openSources(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request) {
@@ -88,20 +75,11 @@ Result<std::vector<Source>> openSources(const Kernel& kernel, const Caller& call
   return sources;
 }
 
-// Leaves little to be written during the standstill, and what the page cache of an unmounted device still holds goes
-// down to where the copy is read from.
-void writeOut(const Source& source) {
-  source.fileSystem.sync();
-  sync_file_range(source.device.descriptor(), 0, 0,
-                  SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
-}
-
 Answer copySources(const std::vector<Source>& sources, const std::function<int()>& stop) {
   std::vector<SparseCopy> copies;
   for (const Source& source : sources) {
-    const bool hasFile = source.backing.file.valid();
-    copies.push_back({hasFile ? source.backing.file.get() : source.direct.get(), source.backing.offset,
-                      source.device.bytes(), hasFile, source.image.get()});
+    const DeviceData& data = source.data;
+    copies.push_back({data.file.get(), data.offset, source.device.bytes(), data.hasHoles, source.image.get()});
   }
   const CopyResult result = copyAll(copies, stop);
   if (result.error == 0) return done();
@@ -122,7 +100,8 @@ Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& req
                         const std::atomic<bool>& cancelled) {
   std::vector<FileSystem*> toFreeze;
   for (Source& source : sources) {
-    writeOut(source);
+    source.fileSystem.sync();  // leaves little to be written during the standstill
+    writeOut(source.device);
     if (!request.frozen.contains(source.device.number())) toFreeze.push_back(&source.fileSystem);
   }
   Standstill standstill(request.limit);
@@ -147,8 +126,9 @@ Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Cal
   if (Answer answer = copyAtOneInstant(*sources, request, cancelled); answer.failed()) return answer;
 
   std::vector<SnapshotImage> images;
-  for (const Source& source : *sources) {
-    auto image = SnapshotImage::attach(kernel, source.device.number(), source.image, source.device.sectorSize());
+  for (Source& source : *sources) {
+    auto image =
+        SnapshotImage::attach(kernel, source.device.number(), std::move(source.image), source.device.sectorSize());
     if (!image) return std::move(image).refusal();
     images.push_back(std::move(*image));
     UniqueFd nodeFolder(fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));

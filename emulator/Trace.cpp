@@ -79,6 +79,29 @@ Json describe(const SnapEntry& entry, const CommandBuffer& buffer) {
           {"usage_type", entry.fixed.snapUsageType}};
 }
 
+Json describe(const TrackingVarsPayload& vars) {
+  return {{"device", device(vars.majorNum, vars.minorNum)},
+          {"guid", textOf(vars.guid)},
+          {"sequence_number", vars.sequenceNumber}};
+}
+
+// Of the runs their number, and how many blocks they have.
+Json describeBitmap(const CommandBuffer& buffer) {
+  const auto bitmap = buffer.record<BitmapPayload>(0);
+  const std::size_t room = (buffer.size() - bitmapCommandLength(0)) / sizeof(_run);
+  const std::size_t runs = std::min<std::size_t>(bitmap.numRuns, room);
+  std::uint64_t blocks = 0;
+  for (std::size_t i = 0; i < runs; ++i) blocks += buffer.get<_run>(kBitmapRunsOffset + i * sizeof(_run)).numBlocks;
+  return {{"device", device(bitmap.majorNum, bitmap.minorNum)},
+          {"update_type", bitmap.updateType},
+          {"runs", runs},
+          {"run_blocks", blocks}};
+}
+
+Json describe(const DumpStatePayload& payload) {
+  return {{"flag", payload.flag}, {"file_flag", payload.fileFlag}, {"file", textOf(payload.fileName)}};
+}
+
 // As many records as the count says and the buffer holds.
 template <class Record>
 Json describeAll(const CommandBuffer& buffer, std::uint32_t count) {
@@ -133,9 +156,18 @@ void addPayload(Json& line, const TraceEntry& entry) {
     case Layout::Version:
       line["version"] = textOf(buffer.record<DriverVersionPayload>(0).version);
       break;
+    case Layout::TrackingVars:
+      line["volumes"] = describeAll<TrackingVarsPayload>(buffer, 1);
+      break;
+    case Layout::ReadBitmap:
+    case Layout::PushBitmap:
+      line["volumes"] = Json::array({describeBitmap(buffer)});
+      break;
+    case Layout::DumpState:
+      line.update(describe(buffer.record<DumpStatePayload>(0)));
+      break;
     case Layout::Count:
     case Layout::Verify:
-    case Layout::NotPlayed:
       break;
   }
 }

@@ -41,7 +41,9 @@ SnapVolumeEntry snapEntry(const WireSnapVolume& volume) {
   putText(entry.relocFileName, volume.relocFile);
   putText(entry.volumeName, volume.name);
   entry.numRuns = static_cast<std::uint32_t>(volume.runs.size());
-  entry.independentSnapshotRequest = 1;
+  entry.independentSnapshotRequest = volume.trackingGuid.empty() ? 1 : 0;
+  entry.vtrackRequest = volume.trackingGuid.empty() ? 0 : 1;
+  putText(entry.trackingGuid, volume.trackingGuid);
   return entry;
 }
 
@@ -112,6 +114,32 @@ WireCommand discardCommand(const std::vector<WireDevice>& devices, std::uint32_t
     entry.flag = flag;
     command.putRecord(i, entry);
   }
+  return command;
+}
+
+WireCommand trackingVarsCommand(WireDevice device) {
+  WireCommand command(sizeof(_ioctlCmd) + sizeof(TrackingVarsPayload), 1);
+  command.putRecord(0, TrackingVarsPayload{device.majorNum, device.minorNum, 0, {}});
+  return command;
+}
+
+WireCommand bitmapCommand(WireDevice device, const std::vector<_run>& runs, std::uint32_t updateType) {
+  WireCommand command(bitmapCommandLength(runs.size()), 1);
+  _ioctlCmd header = command.header();
+  header.flags = 1;
+  command.put(0, header);
+  command.putRecord(
+      0, BitmapPayload{device.majorNum, device.minorNum, updateType, static_cast<std::uint32_t>(runs.size())});
+  for (std::size_t i = 0; i < runs.size(); ++i) command.put(kBitmapRunsOffset + i * sizeof(_run), runs[i]);
+  return command;
+}
+
+WireCommand dumpStateCommand(const std::string& file) {
+  WireCommand command(sizeof(_ioctlCmd) + sizeof(DumpStatePayload), 0);
+  DumpStatePayload payload{};
+  payload.fileFlag = file.empty() ? 0 : 1;
+  putText(payload.fileName, file);
+  command.putRecord(0, payload);
   return command;
 }
 

@@ -67,6 +67,7 @@ struct WireSnapVolume {
   std::uint32_t relocBlocks = 0;
   std::uint32_t process = 0;
   std::vector<_run> runs;
+  std::string trackingGuid = {};  // with one the snapshot is tracked, without one it is independent
 };
 
 WireCommand versionCommand();
@@ -81,5 +82,10 @@ WireCommand snappedListingCommand(std::uint32_t room);
 WireCommand snapCommand(const std::vector<WireSnapVolume>& volumes);
 WireCommand discardCommand(const std::vector<WireDevice>& devices, std::uint32_t flag = 0);
 WireCommand verifyCommand();
+WireCommand trackingVarsCommand(WireDevice device);
+// Reads into the room of `runs`, or pushes them.
+WireCommand bitmapCommand(WireDevice device, const std::vector<_run>& runs, std::uint32_t updateType = 0);
+// Into `file`; into the log without one.
+WireCommand dumpStateCommand(const std::string& file = "");
 
 }  // namespace test

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "CommandCheck.h"
 #include "WireCommand.h"
 
@@ -82,10 +84,19 @@ std::vector<Sample> commandsInOrder() {
       {IOC_SNAP, test::snapCommand({volume(1, {{1, 9}, {999, 1}}), volume(2), volume(3, {{5, 10}})})},
       {IOC_SNAP_DISCARD, test::discardCommand({{7, 1}, {7, 2}}, 1)},
       {IOC_VERIFY_AND_CLEAN_VOLUMES, test::verifyCommand()},
+      {IOC_IS_VTRACK_ACTIVE, test::volumeCheckCommand({7, 1})},
+      {IOC_GET_VTRACK_VARS, test::trackingVarsCommand({7, 1})},
+      {IOC_GET_VDIFF, test::bitmapCommand({7, 1}, {{0, 0}, {9, 0}}, 1)},
+      {IOC_UPDATE_BITMAP, test::bitmapCommand({7, 1}, {{0, 1}, {9, 1}})},
+      {IOC_UPDATE_BITMAP, test::bitmapCommand({7, 1}, {})},
+      {IOC_STOP_VTRACK, test::volumeListCommand({{7, 1}, {7, 2}})},
+      {IOC_DUMP_STATE, test::dumpStateCommand()},
+      {IOC_DUMP_STATE, test::dumpStateCommand("/tmp/state")},
   };
 }
 
 bool carriesNames(unsigned long request) { return request == IOC_VERIFY_AND_CLEAN_VOLUMES; }
+bool isBitmap(unsigned long request) { return request == IOC_GET_VDIFF || request == IOC_UPDATE_BITMAP; }
 
 TEST(CommandCheck, passes_every_command_that_is_in_order) {
   for (const Sample& sample : commandsInOrder()) {
@@ -103,6 +114,9 @@ TEST(CommandCheck, the_lengths_are_those_of_the_protocol) {
   EXPECT_EQ(test::snappedListingCommand(2).bytes().size(), 2 * 2080u + 27);
   EXPECT_EQ(test::snapCommand({volume(1, {{1, 2}}), volume(2)}).bytes().size(), 27 + 2 * 2160u + 16);
   EXPECT_EQ(test::discardCommand({{}, {}}).bytes().size(), 2 * 1040u + 27);
+  EXPECT_EQ(test::trackingVarsCommand({}).bytes().size(), 79u);
+  EXPECT_EQ(test::bitmapCommand({}, {{}, {}}).bytes().size(), 75u);
+  EXPECT_EQ(test::dumpStateCommand().bytes().size(), 299u);
 }
 
 TEST(CommandCheck, refuses_every_command_with_another_length) {
@@ -157,11 +171,12 @@ TEST(CommandCheck, accepts_the_handshake_of_every_value) {
 }
 
 TEST(CommandCheck, refuses_flags_and_a_status_that_are_not_zero) {
-  const auto flags = [](_ioctlCmd& header) { header.flags = 1; };
+  const auto flags = [](_ioctlCmd& header) { header.flags ^= 1; };
   const auto status = [](_ioctlCmd& header) { header.driverStatus = -4; };
   for (const Sample& sample : commandsInOrder()) {
     if (carriesNames(sample.request)) continue;
-    EXPECT_EQ(complaint(sample.request, withHeader(sample.command, flags)), "its command flags are 1, not 0");
+    EXPECT_EQ(complaint(sample.request, withHeader(sample.command, flags)),
+              isBitmap(sample.request) ? "its command flags are 0, not 1" : "its command flags are 1, not 0");
     EXPECT_EQ(complaint(sample.request, withHeader(sample.command, status)), "its driver status is -4, not 0");
   }
 }
@@ -180,7 +195,14 @@ TEST(CommandCheck, the_request_value_of_a_check_is_1_and_of_a_plain_command_0) {
       case IOC_GET_NUM_OF_RELOC_FILE_MAPPING:
       case IOC_GET_NUM_OF_SNAPPED_VOLUMES:
       case IOC_VERIFY_AND_CLEAN_VOLUMES:
+      case IOC_DUMP_STATE:
         EXPECT_EQ(complaint(sample.request, withHeader(sample.command, one)), "its request value is 1, not 0");
+        break;
+      case IOC_IS_VTRACK_ACTIVE:
+      case IOC_GET_VTRACK_VARS:
+      case IOC_GET_VDIFF:
+      case IOC_UPDATE_BITMAP:
+        EXPECT_EQ(complaint(sample.request, withHeader(sample.command, zero)), "its request value is 0, not 1");
         break;
       default:
         break;
@@ -222,6 +244,14 @@ TEST(CommandCheck, spare_bytes_and_bytes_that_the_driver_fills_are_zero) {
   const WireCommand discard = test::discardCommand({{7, 1}});
   expectZero(IOC_SNAP_DISCARD, discard, 24 + 8, 24 + 12);
   expectZero(IOC_SNAP_DISCARD, discard, 24 + 16, 24 + 1040 + 3);
+  expectZero(IOC_IS_VTRACK_ACTIVE, test::volumeCheckCommand({7, 1}), 32, 35);
+  expectZero(IOC_GET_VTRACK_VARS, test::trackingVarsCommand({7, 1}), 32, 79);
+  expectZero(IOC_GET_VDIFF, test::bitmapCommand({7, 1}, {{1, 1}}), 56, 59);
+  expectZero(IOC_UPDATE_BITMAP, test::bitmapCommand({7, 1}, {{1, 1}}), 56, 59);
+  expectZero(IOC_STOP_VTRACK, test::volumeListCommand({{7, 1}}), 32, 39);
+  expectZero(IOC_DUMP_STATE, test::dumpStateCommand(), 26, 299);
+  expectZero(IOC_DUMP_STATE, test::dumpStateCommand("/state"), 26, 36);
+  expectZero(IOC_DUMP_STATE, test::dumpStateCommand("/state"), 293, 299);
 }
 
 TEST(CommandCheck, of_verify_and_clean_only_handshake_value_length_and_one_byte_matter) {
@@ -371,16 +401,40 @@ TEST(CommandCheck, a_tracking_guid_is_there_exactly_when_tracking_wants_one) {
   EXPECT_EQ(with(1, 0, "0123cdef-89ab-1def-8012-0123456789abcdef"), "volume 0: the tracking GUID has no end");
 }
 
-TEST(CommandCheck, of_commands_that_are_not_played_only_the_handshake_is_looked_at) {
-  WireCommand command(79, 1);
-  EXPECT_EQ(complaint(IOC_GET_VTRACK_VARS, command), "nothing");
-  _ioctlCmd header = command.header();
-  ++header.handshakeCheck;
-  command.put(0, header);
-  EXPECT_THAT(complaint(IOC_GET_VTRACK_VARS, command), HasSubstr("its handshake check is "));
-  header.length = 23;
-  command.put(0, header);
-  EXPECT_EQ(complaint(IOC_GET_VTRACK_VARS, command), "its length is 23, not plausible");
+TEST(CommandCheck, a_bitmap_has_as_many_runs_as_its_length_holds_up_to_1024) {
+  const auto withRuns = [](std::uint32_t numRuns) {
+    WireCommand command = test::bitmapCommand({7, 1}, {{1, 1}, {2, 1}});
+    command.put(36, numRuns);
+    return command;
+  };
+  EXPECT_EQ(complaint(IOC_GET_VDIFF, withRuns(1)), "its number of runs is 1, not the 2 that it has room for");
+  EXPECT_EQ(complaint(IOC_UPDATE_BITMAP, withRuns(0xFFFFFFFF)),
+            "its number of runs is 4294967295, not the 2 that it has room for");
+  const auto most = std::vector<_run>(1024, {1, 1});
+  EXPECT_EQ(complaint(IOC_GET_VDIFF, test::bitmapCommand({7, 1}, most)), "nothing");
+  EXPECT_EQ(complaint(IOC_UPDATE_BITMAP, test::bitmapCommand({7, 1}, std::vector<_run>(1025, {1, 1}))),
+            "its length is 16443, not at most the 16427 of 1024 runs");
+  EXPECT_EQ(complaint(IOC_GET_VDIFF, WireCommand(42, 1)), "its length is 42, not at least the 43 of no runs");
+  EXPECT_EQ(complaint(IOC_GET_VDIFF, WireCommand(50, 1)), "its length is 50, not a whole number of runs");
+}
+
+TEST(CommandCheck, a_bitmaps_update_type_is_0_or_1) {
+  EXPECT_EQ(complaint(IOC_GET_VDIFF, test::bitmapCommand({7, 1}, {}, 2)), "the update type is 2, not 0 or 1");
+  EXPECT_EQ(complaint(IOC_UPDATE_BITMAP, test::bitmapCommand({7, 1}, {}, 2)), "the update type is 2, not 0 or 1");
+}
+
+TEST(CommandCheck, a_dumps_file_name_is_a_full_path_with_an_end_where_the_file_flag_is_1) {
+  EXPECT_EQ(complaint(IOC_DUMP_STATE, test::dumpStateCommand("state")), "the file name \"state\" is not a full path");
+  WireCommand command = test::dumpStateCommand("/state");
+  command.bytes()[25] = std::byte{2};
+  EXPECT_EQ(complaint(IOC_DUMP_STATE, command), "the byte at offset 36 is not zero");
+  command = test::dumpStateCommand("/state");
+  std::fill_n(command.bytes().begin() + 37, 256, std::byte{'n'});
+  EXPECT_EQ(complaint(IOC_DUMP_STATE, command), "the file name has no end");
+  EXPECT_EQ(complaint(IOC_DUMP_STATE, test::dumpStateCommand("/" + std::string(255, 'n'))), "nothing");
+  command = test::dumpStateCommand();
+  command.bytes()[24] = std::byte{0xFF};
+  EXPECT_EQ(complaint(IOC_DUMP_STATE, command), "nothing") << "the first flag may be anything";
 }
 
 }  // namespace

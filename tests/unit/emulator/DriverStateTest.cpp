@@ -33,13 +33,12 @@ TEST_F(DriverState, the_version_is_the_one_it_was_given) {
   EXPECT_STREQ(command.record<DriverVersionPayload>().version, "version 1");
 }
 
-TEST_F(DriverState, a_log_level_is_taken) { EXPECT_EQ(error(IOC_SET_LOG_LEVEL, test::logLevelCommand(3)), 0); }
-
-TEST_F(DriverState, what_is_not_played_is_no_request_of_it) {
-  for (const unsigned long request :
-       {IOC_DUMP_STATE, IOC_UPDATE_BITMAP, IOC_GET_VDIFF, IOC_GET_VTRACK_VARS, IOC_STOP_VTRACK, IOC_IS_VTRACK_ACTIVE}) {
-    EXPECT_EQ(error(request, WireCommand(299, 0)), ENOTTY);
-  }
+TEST_F(DriverState, the_log_level_is_that_of_errors_until_it_is_set) {
+  EXPECT_EQ(driver->logLevel(), 3u);
+  EXPECT_EQ(error(IOC_SET_LOG_LEVEL, test::logLevelCommand(7)), 0);
+  EXPECT_EQ(driver->logLevel(), 7u);
+  EXPECT_EQ(error(IOC_SET_LOG_LEVEL, test::logLevelCommand(0)), 0);
+  EXPECT_EQ(driver->logLevel(), 0u);
 }
 
 TEST_F(DriverState, a_volume_that_it_does_not_know_is_neither_snapped_nor_frozen) {

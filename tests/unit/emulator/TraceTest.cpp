@@ -23,6 +23,7 @@ using emulator::Answer;
 using emulator::CommandBuffer;
 using emulator::traceLine;
 using nlohmann::json;
+using test::WireCommand;
 
 json lineOf(unsigned long request, test::WireCommand command, const Answer& answer = {}, bool injected = false) {
   const CommandBuffer buffer(command.bytes());
@@ -106,6 +107,28 @@ TEST(TraceLine, of_a_spoilt_command_tells_no_more_than_its_buffer_holds) {
   test::WireCommand list = test::volumeListCommand({{7, 1}});
   list.put(0, header);
   EXPECT_EQ(lineOf(IOC_THAW, list)["volumes"].size(), 1u);
+}
+
+TEST(TraceLine, of_change_tracking_tells_what_went_over) {
+  WireCommand vars = test::trackingVarsCommand({7, 1});
+  vars.put(32, std::uint32_t{5});
+  vars.bytes()[36] = std::byte{'g'};
+  EXPECT_EQ(lineOf(IOC_GET_VTRACK_VARS, vars)["volumes"][0],
+            (json{{"device", "7:1"}, {"guid", "g"}, {"sequence_number", 5}}));
+  WireCommand bitmap = test::bitmapCommand({7, 1}, {{10, 2}, {20, 3}}, 1);
+  EXPECT_EQ(lineOf(IOC_GET_VDIFF, bitmap)["volumes"][0],
+            (json{{"device", "7:1"}, {"update_type", 1}, {"runs", 2}, {"run_blocks", 5}}));
+  bitmap.put(36, std::uint32_t{3});  // more than it holds, as one that was refused may say
+  EXPECT_EQ(lineOf(IOC_UPDATE_BITMAP, bitmap)["volumes"][0]["runs"], 2);
+  EXPECT_EQ(lineOf(IOC_IS_VTRACK_ACTIVE, test::volumeCheckCommand({7, 1}))["volumes"][0]["device"], "7:1");
+  EXPECT_EQ(lineOf(IOC_STOP_VTRACK, test::volumeListCommand({{7, 1}, {7, 2}}))["volumes"][1]["device"], "7:2");
+}
+
+TEST(TraceLine, of_a_dump_tells_its_flags_and_its_file) {
+  const json line = lineOf(IOC_DUMP_STATE, test::dumpStateCommand("/tmp/state"));
+  EXPECT_EQ(line["flag"], 0);
+  EXPECT_EQ(line["file_flag"], 1);
+  EXPECT_EQ(line["file"], "/tmp/state");
 }
 
 TEST(TraceLine, takes_names_that_are_no_utf8) {
