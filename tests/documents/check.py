@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""Checks the documents: check.py pictures|links|snippets SOURCE_FOLDER COMPILER"""
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+check, source, compiler = sys.argv[1], pathlib.Path(sys.argv[2]), sys.argv[3]
+documents = sorted([*source.glob("*.md"), *source.glob("docs/*.md"), *source.glob("examples/**/*.md")])
+wrong = []
+
+
+def pictures():
+    """The pictures in the repository are those that their script makes."""
+    committed = source / "docs/pictures"
+    with tempfile.TemporaryDirectory() as folder:
+        subprocess.run([sys.executable, committed / "make.py", folder], check=True)
+        made = {path.name: path.read_bytes() for path in pathlib.Path(folder).iterdir()}
+    there = {path.name: path.read_bytes() for path in committed.glob("*.svg")}
+    if not made:
+        wrong.append("the script makes no picture")
+    for name in sorted(made.keys() | there.keys()):
+        if made.get(name) != there.get(name):
+            wrong.append(f"docs/pictures/{name} is not what docs/pictures/make.py makes: run it")
+
+
+def anchors(path):
+    """The anchors of a document's headings, as the usual renderers make them."""
+    headings = re.findall(r"^#+ (.*)$", path.read_text(encoding="utf-8"), re.M)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+
+
+def links():
+    """Every link to a file of the repository, and to a heading, leads somewhere."""
+    found = 0
+    for document in documents:
+        text = re.sub(r"```.*?```", "", document.read_text(encoding="utf-8"), flags=re.S)
+        for target in re.findall(r"\]\(([^)]+)\)", text):
+            if re.match(r"[a-z]+:", target):
+                continue
+            found += 1
+            path, _, anchor = target.partition("#")
+            file = (document.parent / path).resolve() if path else document
+            if not file.exists():
+                wrong.append(f"{document.relative_to(source)}: {target} is not there")
+            elif anchor and anchor not in anchors(file):
+                wrong.append(f"{document.relative_to(source)}: {target} names no heading")
+    if found == 0:
+        wrong.append("no link was found")
+
+
+def snippets():
+    """Every piece of C++ in a document compiles by itself, with nothing but the public headers."""
+    found = 0
+    for document in documents:
+        for number, code in enumerate(re.findall(r"```cpp\n(.*?)```", document.read_text(encoding="utf-8"), re.S), 1):
+            found += 1
+            result = subprocess.run(
+                [compiler, "-std=c++17", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", f"-I{source / 'include'}",
+                 "-xc++", "-"], input=code, capture_output=True, text=True)
+            if result.returncode != 0:
+                wrong.append(f"{document.relative_to(source)}, piece {number}:\n{result.stderr}")
+    if found == 0:
+        wrong.append("no piece of code was found")
+
+
+{"pictures": pictures, "links": links, "snippets": snippets}[check]()
+for text in wrong:
+    print("FAILED:", text, file=sys.stderr)
+sys.exit(1 if wrong else 0)
