@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Looks a package over before anything is installed: check-package.sh FILE.deb
 set -euo pipefail
-deb=$1
+deb=$(realpath "$1")
 name=$(dpkg-deb -f "$deb" Package)
 wrong() { echo "FAILED: $name: $*" >&2; exit 1; }
 
