@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The manual pages are clean roff, and name every verb and every option of the programs.
+# The manual pages are clean roff, and name every verb, option and exit code of the programs.
 #     check-man-pages.sh MAN_FOLDER MIRELSNAP EMULATOR
 set -euo pipefail
 folder=$1 mirelsnap=$2 emulator=$3
@@ -36,7 +36,11 @@ verbs=$(sed -n '/^Subcommands:/,$p' <<<"$help" | grep -oE '^  [a-z][a-z-]+' | so
 [ -n "$verbs" ] || complain "mirelsnap --help names no verb"
 for verb in $verbs; do
   grep -qE "^ +mirelsnap $verb( |$)" <<<"$page" || complain "mirelsnap(1) does not show: mirelsnap $verb"
-  check_options "mirelsnap $verb" "$("$mirelsnap" "$verb" --help)" "$page"
+  help=$("$mirelsnap" "$verb" --help)
+  check_options "mirelsnap $verb" "$help" "$page"
+  for code in $(sed -n '/^Exit code/,$p' <<<"$help" | grep -oE '\b1[0-9][0-9]\b' | sort -u); do
+    grep -qE "^ +$code " <<<"$page" || complain "mirelsnap $verb: exit code $code is not in the manual page"
+  done
 done
 check_options mirelsnap-emulator "$("$emulator" --help)" "$(text_of "$folder/mirelsnap-emulator.1")"
 exit $wrong
