@@ -261,6 +261,9 @@ using IUscSnapshotEngine =
 
 }  // namespace UnixSnapshotCoordinator
 
+#undef MIRELSNAP_GUID_PARAMETERS
+#undef MIRELSNAP_GUID_GETTER
+
 // Makes one engine that holds one reference; null when memory is short.
 using UscCreateSnapshotEngine = UnixSnapshotCoordinator::IUscSnapshotEngine*();
 using UscGetCreatorFunction = UscCreateSnapshotEngine*();

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -35,11 +36,18 @@ constexpr char kConstructor[] = "MirelSnapshotEngine";
 // A longer name is no volume.
 constexpr std::size_t kLongestVolumeName = 4096;
 
+// Opens `name` for reading. What is no block device is not waited for: a FIFO without a writer would hold the agent for
+// ever. A block device is opened in earnest: without that, a drive lets itself be opened that has no medium.
+UniqueFd openVolume(const char* name) {
+  struct stat status;
+  const bool other = stat(name, &status) == 0 && !S_ISBLK(status.st_mode);
+  return UniqueFd(other ? open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : open(name, O_RDONLY | O_CLOEXEC));
+}
+
 // Whether `name` can be opened and is a block device of non-zero size.
 bool isBlockDeviceWithRoom(const char* name) {
   if (access(name, F_OK) != 0) return false;
-  // A FIFO without a writer would hold the agent for ever.
-  const UniqueFd device(open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const UniqueFd device = openVolume(name);
   if (!device) return false;
   static_assert(BLKGETSIZE64 == 0x80081272);
   std::uint64_t size = 0;

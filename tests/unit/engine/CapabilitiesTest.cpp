@@ -129,6 +129,12 @@ TEST_F(IsVolumeSupported, a_block_device_of_size_zero_is_0) {
   EXPECT_EQ(supported(loop.wpath()), 0);
 }
 
+TEST_F(IsVolumeSupported, a_drive_without_a_medium_is_0_whatever_size_it_tells) {
+  const LoopDevice loop(1 << 20);
+  const NoMedium none(loop.path());
+  EXPECT_EQ(supported(loop.wpath()), 0);
+}
+
 TEST_F(IsVolumeSupported, what_is_no_block_device_is_0) {
   const TempDir folder;
   const std::string file = folder / "file";

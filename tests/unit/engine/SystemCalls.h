@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The library's own calls of access and calloc, which this program links through its hands (--wrap).
+// The library's own calls of access, open and calloc, which this program links through its hands (--wrap).
 #pragma once
 
 #include <string>
@@ -16,6 +16,16 @@ class AccessedNames {
   AccessedNames(const AccessedNames&) = delete;
   AccessedNames& operator=(const AccessedNames&) = delete;
   const std::vector<std::string>& all() const;
+};
+
+// A removable drive without a medium in the block device's place, while it lives: an open that means to read fails, one
+// that does not wait for the medium succeeds.
+class NoMedium {
+ public:
+  explicit NoMedium(std::string device);
+  ~NoMedium();
+  NoMedium(const NoMedium&) = delete;
+  NoMedium& operator=(const NoMedium&) = delete;
 };
 
 // While it lives, calloc finds no memory, and its last request is kept.

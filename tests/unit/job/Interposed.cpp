@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -18,6 +19,8 @@ std::atomic<int> detachedThreads{0};
 thread_local std::optional<timespec> shownTime;
 thread_local int clockError = 0;
 thread_local test::TimedWait::Answer timedWait;
+thread_local bool spurious = false;
+thread_local int spuriousWaits = 0;
 thread_local int unlocksToGo = 0;
 thread_local std::function<void()> afterUnlock;
 std::atomic<const pthread_cond_t*> watched{nullptr};
@@ -65,6 +68,13 @@ Clock::~Clock() {
 TimedWait::TimedWait(Answer wait) { timedWait = std::move(wait); }
 TimedWait::~TimedWait() { timedWait = nullptr; }
 
+SpuriousWakeUp::SpuriousWakeUp() {
+  spurious = true;
+  spuriousWaits = 0;
+}
+SpuriousWakeUp::~SpuriousWakeUp() { spurious = false; }
+int SpuriousWakeUp::waits() const { return spuriousWaits; }
+
 AfterUnlock::AfterUnlock(int n, std::function<void()> act) {
   unlocksToGo = n;
   afterUnlock = std::move(act);
@@ -111,11 +121,18 @@ extern "C" int pthread_cond_init(pthread_cond_t* condition, const pthread_condat
   return error != 0 ? error : real(condition, attributes);
 }
 
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+  static const auto real = next<decltype(pthread_mutex_lock)>("pthread_mutex_lock");
+  const int error = failure[test::FailingCall::kMutexLock];
+  return error != 0 ? error : real(mutex);
+}
+
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
   static const auto real = next<decltype(pthread_mutex_unlock)>("pthread_mutex_unlock");
   const int result = real(mutex);
   if (afterUnlock && unlocksToGo-- == 0) std::exchange(afterUnlock, nullptr)();
-  return result;
+  const int error = failure[test::FailingCall::kMutexUnlock];
+  return error != 0 ? error : result;
 }
 
 extern "C" int pthread_cond_signal(pthread_cond_t* condition) noexcept {
@@ -128,6 +145,14 @@ extern "C" int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
   static const auto real = next<decltype(pthread_cond_broadcast)>("pthread_cond_broadcast");
   if (condition == watched) ++broadcast;
   return real(condition);
+}
+
+extern "C" int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+  static const auto real = next<decltype(pthread_cond_wait)>("pthread_cond_wait");
+  if (!spurious) return real(condition, mutex);
+  // A caller that waits until it is signalled would never come back.
+  if (++spuriousWaits == 10) std::abort();
+  return 0;
 }
 
 extern "C" int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {

@@ -11,10 +11,11 @@
 
 namespace test {
 
-// While it lives, pthread_create, pthread_mutex_init or pthread_cond_init fails with `error` on this thread.
+// While it lives, one of the thread library's calls fails with `error` on this thread. A failing lock locks nothing; a
+// failing unlock unlocks all the same.
 class FailingCall {
  public:
-  enum Call { kThreadCreate, kMutexInit, kConditionInit, kCalls };
+  enum Call { kThreadCreate, kMutexInit, kConditionInit, kMutexLock, kMutexUnlock, kCalls };
   FailingCall(Call call, int error);
   ~FailingCall();
   FailingCall(const FailingCall&) = delete;
@@ -52,6 +53,17 @@ class TimedWait {
   ~TimedWait();
   TimedWait(const TimedWait&) = delete;
   TimedWait& operator=(const TimedWait&) = delete;
+};
+
+// While it lives, an untimed wait of this thread ends at once, though nobody signalled.
+class SpuriousWakeUp {
+ public:
+  SpuriousWakeUp();
+  ~SpuriousWakeUp();
+  SpuriousWakeUp(const SpuriousWakeUp&) = delete;
+  SpuriousWakeUp& operator=(const SpuriousWakeUp&) = delete;
+  // How many waits there were.
+  int waits() const;
 };
 
 // While it lives, `act` runs, once, when this thread has unlocked its n-th mutex from now on (0 is the next).

@@ -94,6 +94,19 @@ bool JobTest::isListed(const _SSGUIDPLAIN& setId) {
   return MirelSnapshotEngine::sSnapshotSetParamsArray.GetVolumeCountInSnapshotSet(setId) != 0;
 }
 
+LockAtMessages::LockAtMessages() { QX_SetLogHandler(&LockAtMessages::look, this); }
+LockAtMessages::~LockAtMessages() { QX_SetLogHandler(nullptr, nullptr); }
+
+void LockAtMessages::look(unsigned short, const wchar_t*, void* self) {
+  auto* const locks = static_cast<LockAtMessages*>(self);
+  if (pthread_mutex_trylock(&MirelSnapshotEngine::sLock) != 0) {
+    ++locks->mHeld;
+    return;
+  }
+  pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
+  ++locks->mFree;
+}
+
 void Gate::pass() {
   mReached.release();
   mOpened.acquire();

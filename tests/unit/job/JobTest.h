@@ -82,6 +82,22 @@ class JobTest : public testing::Test {
   EngineLog log;
 };
 
+// Takes the engine's messages in place of the fixture's log, and looks whether the engine's lock is held at each.
+class LockAtMessages {
+ public:
+  LockAtMessages();
+  ~LockAtMessages();
+  LockAtMessages(const LockAtMessages&) = delete;
+  LockAtMessages& operator=(const LockAtMessages&) = delete;
+  int held() const { return mHeld; }
+  int free() const { return mFree; }
+
+ private:
+  static void look(unsigned short level, const wchar_t* message, void* self);
+  int mHeld = 0;
+  int mFree = 0;
+};
+
 // A place at which the worker stays until the test lets it go on.
 class Gate {
  public:

@@ -155,6 +155,16 @@ TEST_F(ResetState, one_waiter_is_woken_when_the_set_ends) {
   EXPECT_EQ(ends.broadcasts(), 0);
 }
 
+TEST_F(ResetState, is_done_under_the_engines_lock_from_the_first_message_to_the_last) {
+  MirelSnapshotEngine::sUUID = kSet;
+  engine->mState = StateSnapshotSetDone;
+  engine->mSnapResult = 0;
+  const LockAtMessages locks;
+  engine->ResetState();
+  EXPECT_EQ(locks.held(), 4);
+  EXPECT_EQ(locks.free(), 0);
+}
+
 TEST_F(ResetState, the_set_is_written_as_the_uuid_library_writes_it) {
   uuid_t bytes;
   std::memcpy(bytes, &kSet, sizeof bytes);

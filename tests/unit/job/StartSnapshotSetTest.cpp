@@ -72,6 +72,32 @@ TEST_F(StartSnapshotSet, the_state_is_tested_without_the_lock) {
   EXPECT_EQ(answer.get(), USC_E_BAD_STATE);
 }
 
+TEST_F(StartSnapshotSet, everything_behind_the_state_is_tested_and_made_under_the_lock) {
+  const Engine engine;
+  {
+    const LockAtMessages locks;
+    EXPECT_EQ(engine->StartSnapshotSet(nullptr), E_POINTER);
+    EXPECT_EQ(locks.held(), 1);
+    const FailingAllocation failing(0);
+    _SSGUIDPLAIN setId{};
+    EXPECT_EQ(engine->StartSnapshotSet(&setId), E_OUTOFMEMORY);
+    EXPECT_EQ(locks.held(), 2);
+    EXPECT_EQ(locks.free(), 0);
+  }
+}
+
+TEST_F(StartSnapshotSet, looks_for_the_set_in_progress_under_the_lock) {
+  const Engine engine;
+  pthread_mutex_lock(&MirelSnapshotEngine::sLock);
+  MirelSnapshotEngine::sUUID = {1, 2, 3, {}};
+  _SSGUIDPLAIN setId{};
+  auto answer = std::async(std::launch::async, [&] { return engine->StartSnapshotSet(&setId); });
+  EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  MirelSnapshotEngine::sUUID = {};
+  pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
+  EXPECT_EQ(answer.get(), S_OK);
+}
+
 TEST_F(StartSnapshotSet, while_another_engine_has_a_set_there_is_no_message) {
   const Engine first;
   const _SSGUIDPLAIN setId = first.start();
@@ -186,6 +212,17 @@ TEST_F(WaitForNewSnapshotSet, without_a_set_in_progress_there_is_nothing_to_wait
   const Engine engine;
   const Clock unreadable(EINVAL);  // the clock is not even asked
   EXPECT_EQ(engine->WaitForNewSnapshotSet(60'000), USC_S_ASYNC_FINISHED);
+}
+
+TEST_F(WaitForNewSnapshotSet, looks_for_the_set_in_progress_under_the_lock) {
+  const Engine engine;
+  pthread_mutex_lock(&MirelSnapshotEngine::sLock);
+  MirelSnapshotEngine::sUUID = {1, 2, 3, {}};
+  auto answer = std::async(std::launch::async, [&] { return engine->WaitForNewSnapshotSet(0); });
+  EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  MirelSnapshotEngine::sUUID = {};
+  pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
+  EXPECT_EQ(answer.get(), USC_S_ASYNC_FINISHED);
 }
 
 TEST_F(WaitForNewSnapshotSet, the_time_runs_out_while_the_set_is_in_progress) {

@@ -85,5 +85,41 @@ TEST_F(SnapshotThreadParams, a_wait_before_the_signal_ends_with_it) {
   engine->Release();
 }
 
+TEST_F(SnapshotThreadParams, a_wait_waits_once_and_takes_any_wake_up) {
+  Params* params = create();
+  {
+    const SpuriousWakeUp wakeUp;
+    EXPECT_EQ(params->Wait(), 0);
+    EXPECT_EQ(wakeUp.waits(), 1);
+    params->Signal();
+    EXPECT_EQ(params->Wait(), 0);
+    EXPECT_EQ(wakeUp.waits(), 1);
+  }
+  params->Done();
+  engine->Release();
+}
+
+TEST_F(SnapshotThreadParams, a_wait_tells_what_the_lock_or_the_unlock_answered) {
+  Params* params = create();
+  {
+    const SpuriousWakeUp wakeUp;
+    int result = 0;
+    {
+      const FailingCall failing(FailingCall::kMutexLock, EDEADLK);
+      result = params->Wait();
+    }
+    EXPECT_EQ(result, EDEADLK);
+    EXPECT_EQ(wakeUp.waits(), 0);
+    {
+      const FailingCall failing(FailingCall::kMutexUnlock, EPERM);
+      result = params->Wait();
+    }
+    EXPECT_EQ(result, EPERM);
+    EXPECT_EQ(wakeUp.waits(), 1);
+  }
+  params->Done();
+  engine->Release();
+}
+
 }  // namespace
 }  // namespace test

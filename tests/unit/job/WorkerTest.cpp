@@ -4,12 +4,14 @@
 #include <syslog.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <list>
 #include <memory>
 #include <optional>
 
 #include "Interposed.h"
 #include "JobTest.h"
+#include "Locale.h"
 #include "LogCapture.h"
 #include "driver/DriverProtocol.h"
 #include "engine/GetDoneWrapper.h"
@@ -228,6 +230,30 @@ TEST_F(Worker, a_name_that_is_missing_leaves_the_volume_as_it_was) {
   const GetDoneWrapper<MirelSnapshotVolumeParams> late(engine->mSnapshotSetParams->GetAt(1));
   EXPECT_TRUE(late->GetSnapVolumeName().empty());
   EXPECT_EQ(late->GetRelocationFileName(), nullptr);
+  forget(setId);
+}
+
+TEST_F(Worker, a_relocation_file_whose_name_the_locale_cannot_decode_leaves_the_volume_without_it) {
+  const Locale utf8(kUtf8);
+  const TempDir dir;
+  // The option's name is L"caf\u00E9"; the driver's side narrows it to its low bytes, whatever the locale.
+  const std::wstring place = wide(dir.path()) + L"/caf\u00E9";
+  std::filesystem::create_directory(dir / "caf\xC3\xA9");
+  std::filesystem::create_directory(dir / "caf\xE9");
+  const Mounted decodable(volume.device(), dir / "caf\xC3\xA9", "ext4");
+  const Mounted undecodable(volume.device(), dir / "caf\xE9", "ext4");
+  const Engine engine;
+  const _SSGUIDPLAIN setId = engine.start();
+  const _SSGUIDPLAIN id = engine.add(volume);
+  ASSERT_EQ(engine->SetOption(id, L"RelocationFileMountPoint", place.c_str()), S_OK);
+  ASSERT_EQ(engine->SetOption(id, L"RelocationFileSize", L"16"), S_OK);
+  Job job(engine);
+  awaitEnd(engine, job);
+  ASSERT_EQ(outcome(job), std::make_pair(USC_S_ASYNC_FINISHED, 0));
+  EXPECT_FALSE(std::filesystem::is_empty(dir / "caf\xE9/.verrelocarea"));
+  const GetDoneWrapper<MirelSnapshotVolumeParams> params(engine->mSnapshotSetParams->GetAt(0));
+  EXPECT_EQ(params->GetSnapVolumeName(), snapDevice(volume));
+  EXPECT_EQ(params->GetRelocationFileName(), nullptr);
   forget(setId);
 }
 
