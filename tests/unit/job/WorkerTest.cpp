@@ -225,15 +225,18 @@ TEST_F(Worker, a_name_that_is_missing_leaves_the_volume_as_it_was) {
   Job job(engine);
   ASSERT_TRUE(gate.reached());
   ASSERT_EQ(engine->mSnapshotSetParams->Add({9, 9, 9, {}}, other.wdevice().c_str(), other.wfolder().c_str()), 2u);
+  const GetDoneWrapper<MirelSnapshotVolumeParams> late(engine->mSnapshotSetParams->GetAt(1));
+  late->GetSnapVolumeName() = L"/dev/before";
+  late->SetRelocationFileName(L"/before");
   gate.open();
   awaitEnd(engine, job);
-  const GetDoneWrapper<MirelSnapshotVolumeParams> late(engine->mSnapshotSetParams->GetAt(1));
-  EXPECT_TRUE(late->GetSnapVolumeName().empty());
-  EXPECT_EQ(late->GetRelocationFileName(), nullptr);
+  EXPECT_EQ(late->GetSnapVolumeName(), L"/dev/before");
+  ASSERT_NE(late->GetRelocationFileName(), nullptr);
+  EXPECT_EQ(late->GetRelocationFileName(), std::wstring(L"/before"));
   forget(setId);
 }
 
-TEST_F(Worker, a_relocation_file_whose_name_the_locale_cannot_decode_leaves_the_volume_without_it) {
+TEST_F(Worker, a_relocation_file_whose_name_the_locale_cannot_decode_leaves_the_volumes_as_it_was) {
   const Locale utf8(kUtf8);
   const TempDir dir;
   // The option's name is L"caf\u00E9"; the driver's side narrows it to its low bytes, whatever the locale.
@@ -247,13 +250,15 @@ TEST_F(Worker, a_relocation_file_whose_name_the_locale_cannot_decode_leaves_the_
   const _SSGUIDPLAIN id = engine.add(volume);
   ASSERT_EQ(engine->SetOption(id, L"RelocationFileMountPoint", place.c_str()), S_OK);
   ASSERT_EQ(engine->SetOption(id, L"RelocationFileSize", L"16"), S_OK);
+  const GetDoneWrapper<MirelSnapshotVolumeParams> params(engine->mSnapshotSetParams->GetAt(0));
+  params->SetRelocationFileName(L"/before");
   Job job(engine);
   awaitEnd(engine, job);
   ASSERT_EQ(outcome(job), std::make_pair(USC_S_ASYNC_FINISHED, 0));
   EXPECT_FALSE(std::filesystem::is_empty(dir / "caf\xE9/.verrelocarea"));
-  const GetDoneWrapper<MirelSnapshotVolumeParams> params(engine->mSnapshotSetParams->GetAt(0));
   EXPECT_EQ(params->GetSnapVolumeName(), snapDevice(volume));
-  EXPECT_EQ(params->GetRelocationFileName(), nullptr);
+  ASSERT_NE(params->GetRelocationFileName(), nullptr);
+  EXPECT_EQ(params->GetRelocationFileName(), std::wstring(L"/before"));
   forget(setId);
 }
 
