@@ -72,10 +72,13 @@ std::optional<std::pair<dev_t, ino_t>> fileBehind(const std::string& path) {
 }
 
 // Takes a file in use off the list, under all its paths: a second mount of its file system shows it under another one,
-// and unlinking it there would take it from its owner.
+// and unlinking it there would take it from its owner. A path that fills the driver's field may have been cut.
 void keepFileInUse(const std::string& used, Paths& orphans) {
   const auto file = fileBehind(used);
-  orphans.remove_if([&](const std::string& path) { return path == used || (file && fileBehind(path) == file); });
+  const bool cut = used.size() >= kDriverPathSize - 1;
+  orphans.remove_if([&](const std::string& path) {
+    return path == used || (file && fileBehind(path) == file) || (cut && path.starts_with(used));
+  });
 }
 
 // Drops the mappings of dead owners; the files of living ones are in use.

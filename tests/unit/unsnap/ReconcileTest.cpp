@@ -360,6 +360,30 @@ TEST_F(Reconcile, a_mapping_whose_file_is_not_there_keeps_no_other) {
   EXPECT_FALSE(fs::exists(orphan));
 }
 
+// The driver keeps 1023 characters of a path.
+TEST_F(Reconcile, the_file_of_a_living_process_or_a_snapshot_is_kept_when_the_driver_cut_its_path) {
+  std::string deep = volume.folder();
+  while (deep.size() < 1010) fs::create_directory(deep += "/" + std::string(200, 'd'));
+  const std::string deepArea = deep + "/.verrelocarea";
+  fs::create_directory(deepArea);
+  const std::string used = deepArea + "/sdb1";
+  const std::string orphan = makeFile("sdb1");
+  ASSERT_GT(used.size(), 1023u);
+  test::writeFile(used, "");
+  test::writeFile("/proc/mounts", line(volume.device(), volume.folder()) + line(volume.device(), deep));
+  mappings = {{getpid(), "/dev/sdb1", used.substr(0, 1023)}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(used));
+  EXPECT_FALSE(fs::exists(orphan));
+  mappings.clear();
+  snapshots = {{8, 17, getpid(), "/dev/sdb1", used.substr(0, 1023)}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(used));
+  snapshots[0].relocFile.pop_back();  // not cut: another file's path
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(fs::exists(used));
+}
+
 TEST_F(Reconcile, another_file_with_the_same_number_on_another_file_system_is_removed) {
   const test::Volume other("ext4", 8 << 20);
   fs::create_directory(other.folder() + "/.verrelocarea");
