@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Relocation files as runs of physical blocks, and the size of the snap command that carries them.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
@@ -308,7 +309,10 @@ TEST_F(MappedFile, a_file_system_without_a_block_size_is_refused) {
 
 TEST_F(MappedFile, a_failed_block_size_request_is_refused) {
   requestFile(1);
-  driver.intercept(FIGETBSZ, [](int, void*) { return EIO; });
+  driver.intercept(FIGETBSZ, [](int descriptor, void*) {
+    EXPECT_EQ(fcntl(descriptor, F_GETFL) & O_ACCMODE, O_RDONLY);
+    return EIO;
+  });
   expectRefused(file, "Error getting the block size for file: " + file + ".\n");
 }
 

@@ -589,7 +589,9 @@ TEST_F(SnapVolume, each_volume_is_written_out_and_flushed_before_the_command) {
   const auto note = [&](const char* what, int descriptor) {
     struct stat status {};
     fstat(descriptor, &status);
-    if (S_ISBLK(status.st_mode)) flushed.push_back(what + std::to_string(minor(status.st_rdev)));
+    if (!S_ISBLK(status.st_mode)) return;
+    EXPECT_EQ(fcntl(descriptor, F_GETFL) & O_ACCMODE, O_RDONLY);
+    flushed.push_back(what + std::to_string(minor(status.st_rdev)));
   };
   test::onFsync = [&](int descriptor) { note("fsync ", descriptor); };
   driver.intercept(BLKFLSBUF, [&](int descriptor, void*) -> std::optional<int> {

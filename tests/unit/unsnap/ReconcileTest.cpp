@@ -353,11 +353,14 @@ TEST_F(Reconcile, a_path_that_matches_keeps_also_what_leads_nowhere) {
 
 TEST_F(Reconcile, a_mapping_whose_file_is_not_there_keeps_no_other) {
   const std::string orphan = makeFile("sdb1");
+  const std::string link = area() + "/link";
+  fs::create_symlink("nowhere", link);
   for (const std::string& named : {area() + "/sdb", area() + "/sdb11", area() + "/SDB1", std::string()}) {
     mappings.push_back({getpid(), "/dev/sdb", named});
   }
   EXPECT_EQ(reconcile(), 0u);
   EXPECT_FALSE(fs::exists(orphan));
+  EXPECT_FALSE(fs::is_symlink(link));
 }
 
 // The driver keeps 1023 characters of a path.
