@@ -28,6 +28,15 @@ _mirelsnap() {
   local verbs='run shell status doctor plan reconcile freeze thaw changes stop-tracking log-level dump-state'
   local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} verb= i
   COMPREPLY=()
+  # Readline takes "=" and ":" for words: --volume=/dev/sdb1, DEVICE:MOUNTPOINT.
+  if [[ $cur == [=:] ]]; then
+    previous=$cur cur=
+  fi
+  if [[ $previous == = ]]; then
+    i=$((COMP_CWORD - 1))
+    [[ ${COMP_WORDS[i]} == = ]] && i=$((i - 1))
+    previous=${COMP_WORDS[i]}
+  fi
 
   for ((i = 1; i < COMP_CWORD; i++)); do
     # Behind "--" stands a command with its own arguments.
@@ -44,7 +53,7 @@ _mirelsnap() {
 
   case $previous in
     --volume) _mirelsnap_volumes; return ;;
-    --bind | --reloc-mount) _mirelsnap_reply < <(_mirelsnap_mount_points); return ;;
+    --bind | --reloc-mount | :) _mirelsnap_reply < <(_mirelsnap_mount_points); return ;;
     --base) _mirelsnap_folders; return ;;
     --reloc-size) return ;;
   esac

@@ -29,7 +29,7 @@ expect() {
 expect_among() {
   local wanted=$1
   shift
-  offered "$@" | grep -qxF -e "$wanted" || { echo "FAILED: '$*' does not offer $wanted" >&2; wrong=1; }
+  offered "$@" | grep -xF -e "$wanted" >/dev/null || { echo "FAILED: '$*' does not offer $wanted" >&2; wrong=1; }
 }
 
 for verb in $("$mirelsnap" --help | sed -n '/^Subcommands:/,$p' | grep -oE '^  [a-z][a-z-]+'); do
@@ -44,6 +44,10 @@ expect '/ /dev/sda1 /dev/sdb1 /srv/my\ data' mirelsnap plan ''
 expect '/srv/my\ data' mirelsnap run --volume /s
 expect '/dev/sdb1' mirelsnap changes /dev/sdb
 expect '/ /srv/my\ data' mirelsnap run --bind ''
+expect '/srv/my\ data' mirelsnap run --volume /dev/sdb1 : /s
+expect '/ /srv/my\ data' mirelsnap run --volume /dev/sdb1 :
+expect '/dev/sdb1' mirelsnap run --volume = /dev/sdb
+expect '/ /srv/my\ data' mirelsnap run --bind =
 expect '3' mirelsnap log-level 3
 expect '' mirelsnap run --reloc-size ''
 expect_among true mirelsnap run --volume / -- tru

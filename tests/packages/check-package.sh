@@ -46,7 +46,7 @@ case $name in
     [ "$(objdump -p "$library" | awk '/SONAME/ { print $2 }')" = libmirelsnap.so.1 ] || wrong "another SONAME"
     [ "$(readlink "$(dirname "$library")/libmirelsnap.so.1")" = "$(basename "$library")" ] || wrong "the SONAME's link"
     ! objdump -p "$library" | grep -E 'RPATH|RUNPATH' || wrong "a path of the build is in the library"
-    ! objdump -h "$library" | grep -q '\.debug_info' || wrong "the library is not stripped"
+    ! objdump -h "$library" | grep '\.debug_info' || wrong "the library is not stripped"
     grep -qx 'activate-noawait ldconfig' DEBIAN/triggers || wrong "the loader's cache is not renewed"
     grep -q '^libmirelsnap 1 libmirelsnap1' DEBIAN/shlibs || wrong "no shlibs"
     ;;
