@@ -42,6 +42,16 @@ bool startDetached(void* (*routine)(void*), void* argument) {
   return started;
 }
 
+// An agent may drop the library while a job runs: as long as a thread still has something of a library to destroy, the
+// C library does not unload it.
+class KeepsLibraryLoaded {
+ public:
+  KeepsLibraryLoaded() = default;
+  ~KeepsLibraryLoaded() { __asm__ volatile(""); }  // never optimised away
+  KeepsLibraryLoaded(const KeepsLibraryLoaded&) = delete;
+  KeepsLibraryLoaded& operator=(const KeepsLibraryLoaded&) = delete;
+};
+
 // What a thread that ends with `result` hands to pthreads.
 void* exitValue(int result) { return reinterpret_cast<void*>(static_cast<std::intptr_t>(result)); }
 
@@ -158,6 +168,7 @@ int MirelSnapshotEngine::startWorker(std::unique_ptr<RequestList> requests,
 
 void* MirelSnapshotEngine::DoSnapshotRoutine(void* threadParams) {
   static constexpr char kName[] = "DoSnapshotRoutine";
+  static thread_local const KeepsLibraryLoaded untilThisThreadEnds;
   auto* const params = static_cast<SnapshotThreadParams*>(threadParams);
   if (params == nullptr) {
     QX_Zprintf(0, L"%hs: ERROR: (Unexpected): ThreadParams is null in thread routine, returning E_INVALIDARG!", kName);

@@ -2,6 +2,7 @@
 //
 // Several engines in one process, several agents on one machine.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -181,6 +182,27 @@ TEST(Library, without_a_driver_says_so_in_each_of_its_ways) {
   EXPECT_EQ(engine.snap(), 5);
   EXPECT_EQ(engine.status().status, E_UNEXPECTED);
   engine.release();
+}
+
+TEST(Agent, that_drops_the_library_while_its_job_runs_goes_on_and_so_does_the_job) {
+  const Volume volume("ext4", 256 << 20);
+  Session session;
+  DriverClient driver(session);
+  Agent agent(session);
+  Engine engine = agent.openedSet({&volume});
+  ASSERT_EQ(engine.startJob(), S_OK);
+  EXPECT_EQ(agent.call("unload")["result"], 0);
+  EXPECT_TRUE(driver.snapped().empty()) << "the job is done too early for this test";
+  for (int attempt = 0; attempt < 2000 && driver.snapped().empty(); ++attempt) {
+    ASSERT_TRUE(agent.process().running());
+    usleep(5000);
+  }
+  EXPECT_EQ(driver.snapped().size(), 1u);
+  usleep(200000);  // for the thread's end
+  EXPECT_TRUE(agent.process().running());
+  EXPECT_NO_THROW(agent.messages());
+  agent.kill();
+  EXPECT_EQ(driver.reconcile(), 0u);
 }
 
 }  // namespace

@@ -86,6 +86,7 @@ _SSGUIDPLAIN idOf(const std::string& text) {
 // ---- the library
 
 struct Library {
+  void* handle = nullptr;
   UscGetCreatorFunction* getCreator = nullptr;
   decltype(UnixSnapshotCoordinator::UscFreeSnapshotProperties)* freeProperties = nullptr;
   decltype(QX_SetLogHandler)* setLogHandler = nullptr;
@@ -98,7 +99,7 @@ bool find(void* handle, const char* name, Function*& function) {
 }
 
 bool loadLibrary(const char* path) {
-  void* handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  void* const handle = library.handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
   return handle != nullptr && find(handle, "GetCreatorFunction", library.getCreator) &&
          find(handle, "QX_SetLogHandler", library.setLogHandler) &&
          find(handle, "_ZN23UnixSnapshotCoordinator25UscFreeSnapshotPropertiesEPNS_18_USC_SNAPSHOT_PROPE",
@@ -242,6 +243,9 @@ Json reconcile(const Json& order) {
 
 // ---- the process
 
+// Nothing of the library may be called any more.
+Json unloadLibrary(const Json&) { return result(dlclose(library.handle)); }
+
 Json countSteps(const Json& order) {
   steps::count(order["last"]);
   return Json::object();
@@ -285,6 +289,7 @@ const std::map<std::string, Operation> operations = {
     {"unexpose", unexpose},
     {"delete_set", deleteSet},
     {"reconcile", reconcile},
+    {"unload", unloadLibrary},
     {"count_steps", countSteps},
     {"taken_steps", takenSteps},
     {"messages", takeMessages},
