@@ -26,11 +26,14 @@ Failure cannotExpose(const std::string& subject, const std::string& cause, const
   return {kCannotExpose, subject, cause, advice};
 }
 
-// Absolute, links resolved, as the mount table will spell it: mounts below it are found by comparing texts.
+// Empty for a relative path while the working directory is gone. Else absolute, links resolved, as the mount table will
+// spell it: mounts below it are found by comparing texts.
 std::string cleanPath(const fs::path& path) {
   std::error_code error;
-  const fs::path clean = fs::weakly_canonical(fs::absolute(path), error);
-  std::string text = error ? fs::absolute(path).lexically_normal() : clean;
+  const fs::path full = fs::absolute(path, error);
+  if (error) return {};
+  const fs::path clean = fs::weakly_canonical(full, error);
+  std::string text = error ? full.lexically_normal() : clean;
   while (text.size() > 1 && text.back() == '/') text.pop_back();
   return text;
 }
@@ -113,6 +116,7 @@ Outcome checkCoverage(const std::vector<std::string>& volumes, const std::vector
 Outcome checkBase(const std::string& wanted) {
   if (wanted.empty()) return std::nullopt;
   const std::string path = cleanPath(wanted);
+  if (path.empty()) return cannotExpose(wanted, "cannot be found: the working directory is gone", "give its full path");
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (!fs::exists(status)) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Run.h"
 
+#include <linux/capability.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -165,10 +167,21 @@ Outcome checkPlaces(const std::vector<ChosenVolume>& volumes, const std::vector<
   return checkCoverage(mountPoints, binds, table);
 }
 
+// Root of a container may lack the right. Where it cannot be told, what comes will show.
+bool mayMount() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+  return syscall(SYS_capget, &header, sets) != 0 || (sets[0].effective & (1u << CAP_SYS_ADMIN)) != 0;
+}
+
 void runWith(const RunOptions& options, Report& report) {
   if (geteuid() != 0) {
     return report.failed({kNotRoot, "mirelsnap run",
                           "needs root: it mounts file systems and talks to the kernel driver", "run it with sudo"});
+  }
+  if (!mayMount()) {
+    return report.failed({kNotRoot, "mirelsnap run", "this root may not mount file systems (CAP_SYS_ADMIN is missing)",
+                          "run it outside the container, or give the container this capability"});
   }
   const MountTable table;
   auto chosen = chooseVolumes(options.volumes, table);

@@ -208,8 +208,10 @@ Outcome SnapshotSet::runJob() {
   IUscAsync* started = nullptr;
   const int result = mEngine->DoSnapshotSet(&started);
   if (result < 0)
-    return result == E_OUTOFMEMORY ? noDriver()
-                                   : Failure{kSnapshotFailed, listed(mVolumes), "the job could not be started", ""};
+    return result == E_OUTOFMEMORY
+               ? noDriver()
+               : Failure{kSnapshotFailed, listed(mVolumes), "the job could not be started: no thread can be had",
+                         "memory, address space or processes are limited too tightly (ulimit -v, -u)"};
   const std::unique_ptr<IUscAsync, Release> job(started);
   waitForJob(*job);
   int status = 0;

@@ -49,6 +49,15 @@ TEST(RunRefused, without_root_is_111) {
   EXPECT_TRUE(session.trace().empty());
 }
 
+TEST(RunRefused, as_a_root_that_may_not_mount_is_111) {
+  Session session = Session::withoutDriver();
+  Texts arguments = {"/usr/bin/setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"};
+  for (const std::string& argument : test::runArguments({}, kTrue)) arguments.push_back(argument);
+  expectFailure(session.run(arguments), 111,
+                "mirelsnap: mirelsnap run: this root may not mount file systems (CAP_SYS_ADMIN is missing); run it "
+                "outside the container, or give the container this capability");
+}
+
 TEST(RunRefused, without_a_driver_is_112) {
   const Volume volume("ext4", 32 << 20);
   Session session = Session::withoutDriver();
@@ -351,6 +360,15 @@ TEST_F(RunRefusedBase, with_a_bind_that_would_hide_the_snapshot_behind_live_file
     expectRefused({"--bind", bind}, bind + ": would hide the snapshot of " + volume.folder() +
                                         " behind live files; leave out --bind " + bind + ", or name it with --volume");
   }
+}
+
+TEST_F(RunRefusedBase, that_is_relative_to_a_working_directory_that_is_gone_is_117) {
+  Texts arguments = {"/bin/sh", "-c", "cd \"$0\"; rmdir \"$0\"; exec \"$@\"", dir / "gone"};
+  fs::create_directory(dir / "gone");
+  for (const std::string& argument : test::runArguments({"--volume", volume.device(), "--base", "base"}, kTrue))
+    arguments.push_back(argument);
+  expectFailure(session.run(arguments), 117,
+                "mirelsnap: base: cannot be found: the working directory is gone; give its full path");
 }
 
 TEST_F(RunRefusedBase, that_is_a_link_that_leads_nowhere_is_117) {
