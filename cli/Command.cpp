@@ -31,11 +31,13 @@ void remember(int signal, siginfo_t* info, void*) {
   errno = saved;
 }
 
+// A run inside another one's COMMAND would find that one's volumes behind its own.
 std::vector<std::string> environmentWith(const std::map<std::string, std::string>& variables) {
+  const std::string prefix = "MIRELSNAP_VOLUME_";
   std::vector<std::string> environment;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string text = *entry;
-    if (variables.count(text.substr(0, text.find('='))) == 0) environment.push_back(text);
+    if (variables.count(text.substr(0, text.find('='))) == 0 && text.rfind(prefix, 0) != 0) environment.push_back(text);
   }
   for (const auto& [name, value] : variables) environment.push_back(name + "=" + value);
   return environment;

@@ -32,7 +32,15 @@ bool uses(const fs::path& process, const std::string& folder) {
 
 }  // namespace
 
-bool isGone(int process) { return kill(process, 0) != 0 && errno == ESRCH; }
+bool isGone(int process) {
+  if (kill(process, 0) != 0) return errno == ESRCH;
+  // "12 (name) Z ...", where the name may hold anything.
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string text;
+  std::getline(file, text, '\0');
+  const std::size_t state = text.rfind(") ");
+  return state != std::string::npos && (text[state + 2] == 'Z' || text[state + 2] == 'X');
+}
 
 std::string processText(int process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/comm");

@@ -8,7 +8,7 @@
 
 namespace cli {
 
-// Whether no process has this number any more.
+// Whether no process has this number any more, or one that has ended and is only still to be asked for its end.
 bool isGone(int process);
 // "process 12 (tar)"
 std::string processText(int process);

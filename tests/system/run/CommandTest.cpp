@@ -38,6 +38,15 @@ TEST_F(RunCommand, ends_with_the_commands_exit_code) {
   }
 }
 
+TEST_F(RunCommand, finds_no_volumes_of_a_run_that_this_one_is_started_in) {
+  Session session;
+  test::StartOptions start;
+  start.environment = {{"MIRELSNAP_VOLUME_1", "/old"}, {"MIRELSNAP_VOLUME_2", "/old"}};
+  const Ended ended = runScript(session, {"--volume", volume.device()}, "env | grep -c ^MIRELSNAP_VOLUME_; env", start);
+  EXPECT_EQ(ended.output.substr(0, 2), "1\n");
+  EXPECT_EQ(ended.output.find("/old"), std::string::npos);
+}
+
 TEST_F(RunCommand, whose_end_was_to_be_ignored_still_gives_its_exit_code) {
   Session session;
   test::StartOptions start;

@@ -7,6 +7,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -356,7 +357,7 @@ TEST_F(RunRefusedBase, with_a_bind_that_is_a_file_is_117) {
 }
 
 TEST_F(RunRefusedBase, with_a_bind_that_would_hide_the_snapshot_behind_live_files_is_117) {
-  for (const std::string& bind : {volume.folder(), std::string("/mnt"), std::string("/")}) {
+  for (const std::string& bind : {volume.folder(), std::string("/mnt")}) {
     expectRefused({"--bind", bind}, bind + ": would hide the snapshot of " + volume.folder() +
                                         " behind live files; leave out --bind " + bind + ", or name it with --volume");
   }
@@ -449,9 +450,11 @@ TEST(RunAfterAKilledRun, removes_what_that_left_and_snaps_the_same_volume) {
 TEST(RunAfterAKilledRun, removes_an_abandoned_base_though_the_driver_holds_nothing_any_more) {
   const Volume volume("ext4", 32 << 20);
   Session session;
-  test::Process gone = session.start(kTrue);
-  const pid_t number = gone.id();
-  gone.wait();
+  // Ended, though nobody has asked for its end yet.
+  const pid_t number = fork();
+  if (number == 0) _exit(0);
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(number), &ended, WEXITED | WNOWAIT), 0);
   const std::string base = "/run/mirelsnap/" + std::to_string(number);
   fs::create_directories(base + volume.folder());
   const int lock = open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -461,6 +464,7 @@ TEST(RunAfterAKilledRun, removes_an_abandoned_base_though_the_driver_holds_nothi
   close(lock);
   EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
   EXPECT_FALSE(fs::exists(base));
+  waitpid(number, nullptr, 0);
 }
 
 TEST(RunAfterAKilledRun, leaves_live_folders_alone_that_were_bound_and_are_in_use) {
