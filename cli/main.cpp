@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // mirelsnap, the command-line agent.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <charconv>
 #include <clocale>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <limits>
@@ -20,6 +16,7 @@
 
 #include "Failure.h"
 #include "Run.h"
+#include "qxtools/Handle.h"
 
 namespace {
 
@@ -57,14 +54,6 @@ std::string checkBlocks(const std::string& text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), blocks);
   if (error == std::errc() && end == text.data() + text.size() && blocks != 0) return "";
   return text + " is no number of blocks (1 to " + std::to_string(std::numeric_limits<std::uint32_t>::max()) + ")";
-}
-
-// Whoever started this with a stream closed would have it lent to the next file that is opened, and messages in there.
-void openStandardStreams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    // The lowest number that is free is taken: this one, as those below it are open by now.
-    if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) != stream) std::_Exit(cli::kOutputLost);
-  }
 }
 
 // A result that did not reach its file must not be taken for one.
@@ -165,7 +154,7 @@ int runMain(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  openStandardStreams();
+  if (!openClosedStreams()) return cli::kOutputLost;
   chooseLocale();
   try {
     return checkOutput(runMain(argc, argv));

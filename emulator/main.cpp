@@ -7,9 +7,11 @@
 #include "Kernel.h"
 #include "Options.h"
 #include "Session.h"
+#include "qxtools/Handle.h"
 
 int main(int argc, char** argv) {
   using namespace emulator;
+  if (!openClosedStreams()) return kExitRefused;
   try {
     const ParsedOptions parsed = parseOptions(argc, argv);
     if (parsed.exit) return *parsed.exit;

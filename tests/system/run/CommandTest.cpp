@@ -253,4 +253,12 @@ TEST_F(RunCommand, writes_the_relocation_file_where_and_as_large_as_it_was_told)
   EXPECT_EQ(entry["relocation_file"], other.folder() + "/.verrelocarea/" + volume.device().substr(5));
 }
 
+TEST(Emulator, started_with_closed_streams_keeps_them_from_what_it_opens) {
+  const test::TempDir dir;
+  Session session = Session::withoutDriver();
+  const std::string streams = "for n in 0 1 2; do readlink /proc/$PPID/fd/$n; done >" + (dir / "streams");
+  EXPECT_EQ(session.shell("exec " EMULATOR_PROGRAM " -- sh -c '" + streams + "' <&- >&- 2>&-").code, 0);
+  EXPECT_EQ(test::readFile(dir / "streams"), "/dev/null\n/dev/null\n/dev/null\n");
+}
+
 }  // namespace
