@@ -22,7 +22,8 @@ namespace test {
 namespace {
 
 [[noreturn]] void giveUp(const char* what) {
-  std::fprintf(stderr, "cannot lay the tests' private world: %s: %s (the tests need root)\n", what, std::strerror(errno));
+  std::fprintf(stderr, "cannot lay the tests' private world: %s: %s (the tests need root)\n", what,
+               std::strerror(errno));
   std::exit(2);
 }
 
@@ -30,9 +31,19 @@ void must(bool done, const char* what) {
   if (!done) giveUp(what);
 }
 
-void layScratch() {
-  must(mount("tests", kScratch, "tmpfs", 0, "mode=0755") == 0, "mount /mnt");
+// Whatever a test does wrong, nothing of the machine but its /tmp is lost by it: all that is mounted becomes read-only,
+// here alone, and so is every bind mount of it that a test makes.
+void holdMachine() {
+  must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+  struct mount_attr readOnly {};
+  readOnly.attr_set = MOUNT_ATTR_RDONLY;
+  must(mount_setattr(AT_FDCWD, "/", AT_RECURSIVE, &readOnly, sizeof(readOnly)) == 0, "make / read-only");
+  // GoogleTest catches standard output there.
+  must(mount("/tmp", "/tmp", nullptr, MS_BIND, nullptr) == 0, "bind /tmp");
+  must(mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_BIND, nullptr) == 0, "make /tmp writable");
 }
+
+void layScratch() { must(mount("tests", kScratch, "tmpfs", 0, "mode=0755") == 0, "mount /mnt"); }
 
 void layDev() {
   // Kept outside the new /dev, so that walks of /dev stay short.
@@ -84,7 +95,7 @@ bool mayHoldMount(const std::string& folder) {
 void layPrivateWorld(Proc proc) {
   must(geteuid() == 0, "not root");
   must(unshare(CLONE_NEWNS) == 0, "unshare");
-  must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+  holdMachine();
   layScratch();
   layDev();
   layRealProc();

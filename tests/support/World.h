@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A test program's private world: its own mount namespace with
+// A test program's private world: its own mount namespace, in which the machine but for its /tmp is read-only, with
 //   /dev   a tmpfs with the plain character devices, loop-control, and whatever the tests make
 //   /proc  a tmpfs whose files lead to the real one, so that a test can lay its own meminfo, mounts, mirelsnap/dev
 //   /mnt   an empty tmpfs: images, mount points, scratch

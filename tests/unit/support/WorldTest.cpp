@@ -40,6 +40,17 @@ TEST(Volume, is_a_real_mounted_file_system) {
   EXPECT_NE(ext4.device(), xfs.device());
 }
 
+// Asked with access alone, which changes nothing where the test would fail.
+TEST(World, lets_nothing_of_the_machine_be_written_neither_directly_nor_through_a_bind_mount) {
+  const test::TempDir dir;
+  ASSERT_EQ(mount("/", dir.path().c_str(), nullptr, MS_BIND | MS_REC, nullptr), 0);
+  for (const std::string& path : {std::string("/"), std::string("/usr"), dir.path(), dir / "usr"}) {
+    EXPECT_EQ(access(path.c_str(), W_OK), -1) << path;
+    EXPECT_EQ(errno, EROFS) << path;
+  }
+  EXPECT_EQ(umount2(dir.path().c_str(), MNT_DETACH), 0);
+}
+
 TEST(TempDir, is_removed_with_all_that_it_holds) {
   std::string path;
   {

@@ -226,9 +226,10 @@ TEST_F(UnSnapVolume, a_failed_request_that_discarded_some_removes_the_files_of_t
 }
 
 TEST_F(UnSnapVolume, a_path_that_the_driver_left_without_an_end_stays_in_its_field) {
-  answer([](std::size_t, DiscardEntry& entry) { name(entry, "/" + std::string(1023, 'x')); });
+  const std::string path = "/mnt/" + std::string(1019, 'x');
+  answer([&](std::size_t, DiscardEntry& entry) { name(entry, path); });
   EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
-  EXPECT_EQ(log.count(LOG_INFO, "RelocFile /" + std::string(1023, 'x') + " deletion failed, errno: 36.\n"), 3u)
+  EXPECT_EQ(log.count(LOG_INFO, "RelocFile " + path + " deletion failed, errno: 36.\n"), 3u)
       << log.dump();
 }
 
