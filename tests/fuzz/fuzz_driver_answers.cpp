@@ -6,7 +6,9 @@
 #include <sys/syscall.h>
 
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include <mirelsnap/DriverInterface.h>
 
@@ -44,6 +46,16 @@ int answerWithInput(void* argument) {
   return -1;
 }
 
+// Changed runs into an array that is exactly as large as it is said to be.
+void readBitmap(SnapDriverInterface& driver, std::wstring& volume) {
+  const unsigned int room = next();
+  std::vector<_run> runs(room);
+  SectorBitmap bitmap(volume, room, runs.data());
+  if (driver.GetVtrackBitmap(bitmap) == 0 && bitmap.getNumOfRuns() > room) std::abort();
+  bitmap.setNumOfRuns(room);
+  driver.UpdateUsedSectorBitmap(bitmap);
+}
+
 }  // namespace
 
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
@@ -74,9 +86,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   SnapDriverInterface& driver = *SnapDriverInterface::mInstance;
   std::string name = "/dev/volume";
   std::list<std::wstring> names = {L"/dev/volume"};
+  std::wstring wideName = L"/dev/volume";
+  unsigned int number = 0;
   std::list<SnappedVolumeInformation> snapped;
   std::list<RelocFileMappingInformation> mappings;
-  switch (data[0] % 8) {
+  switch (data[0] % 12) {
     case 0:
       driver.GetDriverVersionDetail(name);
       break;
@@ -98,6 +112,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     case 6:
       driver.FreezeVolume(&names);
       driver.ThawVolume(&names);
+      break;
+    case 8:
+      driver.GetVtrackVars(wideName, name, number);
+      break;
+    case 9:
+      readBitmap(driver, wideName);
+      break;
+    case 10:
+      driver.IsVtrackActive(wideName);
+      driver.StopVtrack(&names);
+      break;
+    case 11:
+      driver.DumpState(0, 1, wideName, wideName);
       break;
     default:
       driver.IsVolumeSnapped(name);
