@@ -76,6 +76,7 @@ Json describe(const SnapEntry& entry, const CommandBuffer& buffer) {
           {"run_blocks", blocks},
           {"tracking", entry.fixed.vtrackRequest},
           {"independent", entry.fixed.independentSnapshotRequest},
+          {"tracking_guid", textOf(entry.fixed.trackingGuid)},
           {"usage_type", entry.fixed.snapUsageType}};
 }
 

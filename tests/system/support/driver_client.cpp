@@ -12,6 +12,7 @@
 #include <list>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "Channel.h"
 
@@ -40,8 +41,10 @@ Value asked(const std::string& path, unsigned long request) {
 SnapVolumeInformation requestFrom(const Json& volume) {
   const auto blockSize = static_cast<unsigned int>(asked<int>(volume["folder"], FIGETBSZ));
   const auto bytes = asked<unsigned long>(volume["device"], BLKGETSIZE64);
-  return {blockSize, bytes / blockSize, wide(volume["device"]), volume["blocks"], wide(volume["mount"]), false, true,
-          0};
+  const bool tracked = volume["tracked"];
+  return {
+      blockSize, bytes / blockSize, wide(volume["device"]), volume["blocks"], wide(volume["mount"]), tracked, !tracked,
+      0};
 }
 
 std::list<std::wstring> wideNames(const Json& devices) {
@@ -99,6 +102,34 @@ Json version(SnapDriverInterface& driver) {
   return {{"version", text}};
 }
 
+Json trackingVars(SnapDriverInterface& driver, const Json& order) {
+  std::string guid;
+  unsigned int number = 0;
+  const unsigned int result = driver.GetVtrackVars(wide(order["device"]), guid, number);
+  return {{"result", result}, {"guid", guid}, {"number", number}};
+}
+
+Json changes(SnapDriverInterface& driver, const Json& order) {
+  std::wstring device = wide(order["device"]);
+  std::vector<_run> runs(order["room"].get<unsigned int>());
+  if (!runs.empty()) runs[0].startBlock = order["from"];
+  SectorBitmap bitmap(order["type"].get<_updateBitmapIoctlType>(), device, order["room"], runs.data());
+  const unsigned int result = driver.GetVtrackBitmap(bitmap);
+  Json answer = {{"result", result}, {"type", bitmap.getUpdateType()}, {"runs", Json::array()}};
+  for (unsigned int i = 0; result == 0 && i < bitmap.getNumOfRuns(); ++i) {
+    answer["runs"].push_back({runs.at(i).startBlock, runs.at(i).numBlocks});
+  }
+  return answer;
+}
+
+Json pushUsed(SnapDriverInterface& driver, const Json& order) {
+  std::wstring device = wide(order["device"]);
+  std::vector<_run> runs;
+  for (const Json& run : order["runs"]) runs.push_back({run[0], run[1]});
+  SectorBitmap bitmap(device, static_cast<unsigned int>(runs.size()), runs.data());
+  return {{"result", driver.UpdateUsedSectorBitmap(bitmap)}};
+}
+
 using Operation = std::function<Json(SnapDriverInterface&, const Json&)>;
 
 const std::map<std::string, Operation> operations = {
@@ -127,6 +158,27 @@ const std::map<std::string, Operation> operations = {
     {"mark",
      [](SnapDriverInterface& driver, const Json&) -> Json {
        return {{"result", driver.SetLogLevel(3)}};
+     }},
+    {"is_tracked",
+     [](SnapDriverInterface& driver, const Json& order) -> Json {
+       return {{"tracked", driver.IsVtrackActive(wide(order["device"]))}};
+     }},
+    {"tracking_vars", trackingVars},
+    {"changes", changes},
+    {"push_used", pushUsed},
+    {"stop_tracking",
+     [](SnapDriverInterface& driver, const Json& order) -> Json {
+       auto names = wideNames(order["devices"]);
+       return {{"result", driver.StopVtrack(&names)}};
+     }},
+    {"dump_state",
+     [](SnapDriverInterface& driver, const Json& order) -> Json {
+       const std::wstring file = wide(order["file"]);
+       return {{"result", driver.DumpState(0, file.empty() ? 0 : 1, L"", file)}};
+     }},
+    {"set_log_level",
+     [](SnapDriverInterface& driver, const Json& order) -> Json {
+       return {{"result", driver.SetLogLevel(order["level"].get<unsigned char>())}};
      }},
     {"version", [](SnapDriverInterface& driver, const Json&) { return version(driver); }},
 };
