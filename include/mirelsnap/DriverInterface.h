@@ -103,8 +103,8 @@ class MIRELSNAP_API SnapDriverInterface {
   //       runs[0].startBlock = last.startBlock + last.numBlocks;
   //       bitmap.setNumOfRuns(kMaxBitmapRuns);
   //     }
-  // What changes between two calls may be in one answer and not in the other: freeze the volume to read one
-  // instant. 0; 3, also without an array for a count above 0; 5; 6, also when nothing is tracked; 7, also when
+  // What the file system has not written to the device yet is no change, and what changes between two calls may
+  // be in one answer and not in the other: freeze the volume to read one instant, whole. 0; 3, also without an array for a count above 0; 5; 6, also when nothing is tracked; 7, also when
   // the device does not exist; 15 the count exceeds kMaxBitmapRuns. The record and its array stay as they were
   // unless 0 comes back.
   unsigned int GetVtrackBitmap(SectorBitmap& bitmap);

@@ -23,8 +23,7 @@ enum TrackingStatus : std::int32_t {
 // Whether the record has what a bitmap command needs, and the number of its device. 0, 3, 7, 15.
 unsigned int checkBitmap(const SectorBitmap& bitmap, DeviceNumberPair* number) {
   const char* name = bitmap.getcStrSnapVolumeName();  // null in a record that was never constructed
-  const bool lacksRuns = bitmap.getSectorRuns() == nullptr && bitmap.getNumOfRuns() > 0;
-  if (name == nullptr || lacksRuns) {
+  if (name == nullptr) {
     syslog(LOG_ERR, "Memory Allocation failure.\n");
     return 3;
   }
@@ -35,6 +34,10 @@ unsigned int checkBitmap(const SectorBitmap& bitmap, DeviceNumberPair* number) {
   if (bitmap.getNumOfRuns() > kMaxBitmapRuns) {
     syslog(LOG_ERR, "Number of runs passed %u exceeds the maximum %u.\n", bitmap.getNumOfRuns(), kMaxBitmapRuns);
     return 15;
+  }
+  if (bitmap.getSectorRuns() == nullptr && bitmap.getNumOfRuns() > 0) {
+    syslog(LOG_ERR, "Memory Allocation failure.\n");
+    return 3;
   }
   return 0;
 }

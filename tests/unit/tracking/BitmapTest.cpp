@@ -97,10 +97,12 @@ TEST_P(Bitmap, a_record_without_a_name_gives_3) {
   expectUntouched();
 }
 
-TEST_P(Bitmap, a_count_without_an_array_gives_3) {
-  SectorBitmap bitmap(volume, 1, nullptr);
+TEST_P(Bitmap, a_count_without_an_array_gives_3_when_nothing_else_is_wrong) {
+  SectorBitmap bitmap(volume, 1024, nullptr), ofMissing(missing, 1, nullptr), tooMany(volume, 1025, nullptr);
   EXPECT_EQ(call(bitmap), 3U);
   EXPECT_EQ(log.lines(), std::vector<LogLine>{error("Memory Allocation failure.\n")});
+  EXPECT_EQ(call(ofMissing), 7U);
+  EXPECT_EQ(call(tooMany), 15U);
   expectUntouched();
 }
 
