@@ -3,13 +3,17 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
 #include "World.h"
 
@@ -32,13 +36,31 @@ std::string contentOf(const std::string& path, const struct stat& status) {
   return got == status.st_size ? content : "(cannot be read)";
 }
 
+// " NAME=VALUE" for each, access control lists and capabilities among them, by name.
+std::string attributesOf(const std::string& path) {
+  char names[4096];
+  const ssize_t length = llistxattr(path.c_str(), names, sizeof names);
+  std::vector<std::string> found;
+  for (ssize_t at = 0; at < length; at += static_cast<ssize_t>(std::strlen(names + at)) + 1) {
+    char value[4096];
+    const ssize_t size = lgetxattr(path.c_str(), names + at, value, sizeof value);
+    found.push_back(std::string(names + at) + "=" +
+                    std::string(value, static_cast<std::size_t>(std::max<ssize_t>(size, 0))));
+  }
+  std::sort(found.begin(), found.end());
+  std::string text;
+  for (const std::string& attribute : found) text += " " + attribute;
+  return text;
+}
+
 std::string describe(const std::string& path, const struct stat& status) {
   std::ostringstream text;
-  text << std::oct << status.st_mode << std::dec << ' ' << status.st_uid << ':' << status.st_gid;
+  text << std::oct << status.st_mode << std::dec << ' ' << status.st_uid << ':' << status.st_gid << attributesOf(path);
   if (S_ISDIR(status.st_mode)) return text.str() + ' ' + timeOf(status);
   text << " links " << status.st_nlink << " size " << status.st_size << ' ' << timeOf(status) << ' ';
   if (S_ISLNK(status.st_mode)) return text.str() + "-> " + fs::read_symlink(path).string();
   if (S_ISREG(status.st_mode)) return text.str() + contentOf(path, status);
+  if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) text << major(status.st_rdev) << ':' << minor(status.st_rdev);
   return text.str();
 }
 
@@ -54,16 +76,26 @@ std::string bytes(std::size_t count, unsigned int seed) {
 
 }  // namespace
 
-Tree::Tree(const std::string& folder) { read(folder, ""); }
+Tree::Tree(const std::string& folder) {
+  Names names;
+  read(folder, "", names);
+  for (const auto& [file, paths] : names) {
+    for (const std::string& path : paths) mEntries[path] += " is " + *paths.begin();
+  }
+}
 
-void Tree::read(const std::string& folder, const std::string& prefix) {
+void Tree::read(const std::string& folder, const std::string& prefix, Names& names) {
   for (const auto& entry : fs::directory_iterator(folder)) {
     const std::string name = entry.path().filename();
     if (isLeftOut(name)) continue;
     struct stat status;
     must(lstat(entry.path().c_str(), &status) == 0, entry.path());
     mEntries[prefix + name] = describe(entry.path(), status);
-    if (S_ISDIR(status.st_mode)) read(entry.path(), prefix + name + "/");
+    if (S_ISDIR(status.st_mode)) {
+      read(entry.path(), prefix + name + "/", names);
+    } else if (status.st_nlink > 1) {
+      names[{status.st_dev, status.st_ino}].insert(prefix + name);
+    }
   }
 }
 

@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A file tree as it stands at a moment: every name with its kind, owner, rights, times and content.
+// A file tree as it stands at a moment: every name with its kind, owner, rights, extended attributes, times, content,
+// and the other names of the same file.
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 
 namespace test {
 
@@ -21,7 +26,9 @@ class Tree {
   std::string difference(const Tree& other) const;
 
  private:
-  void read(const std::string& folder, const std::string& prefix);
+  // The names of each file that has several, by its device and number.
+  using Names = std::map<std::pair<dev_t, ino_t>, std::set<std::string>>;
+  void read(const std::string& folder, const std::string& prefix, Names& names);
 
   std::map<std::string, std::string> mEntries;  // by path below the folder
 };

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Copies a running PostgreSQL cluster at one instant, without stopping it: postgresql.sh DATA_DIRECTORY COPY
+# Data directory, write-ahead log and tablespaces may lie on as many volumes as they like: all are in one set. COPY is
+# a new folder; COPY/data is the data directory to start a server on, which then recovers as after a power failure.
+# After CREATE TABLESPACE make a CHECKPOINT first: a recovery that repeats it links the copy to the live tablespace.
+set -euo pipefail
+if [ $# -ne 2 ]; then
+  echo "usage: $0 DATA_DIRECTORY COPY" >&2
+  exit 2
+fi
+shopt -s nullglob
+data=$(realpath -e "$1")
+wal=$(realpath -e "$data/pg_wal")
+tablespaces=("$data"/pg_tblspc/*)
+volumes=()
+for folder in "$data" "$wal" "${tablespaces[@]}"; do
+  volumes+=("--volume=$(stat --format=%m "$(realpath -e "$folder")")")
+done
+copy=$(realpath "$2")
+export data wal copy
+
+# The log and the tablespaces are part of the copy, whose links never lead to the live ones.
+backup() {
+  mkdir "$copy" "$copy/tablespaces"
+  chown --reference="$data" "$copy" "$copy/tablespaces"
+  chmod 700 "$copy" "$copy/tablespaces"
+  cp -a "$MIRELSNAP_BASE$data" "$copy/data"
+  rm -f "$copy/data/postmaster.pid" "$copy/data/postmaster.opts"
+  if [ -h "$copy/data/pg_wal" ]; then
+    rm "$copy/data/pg_wal"
+    cp -a "$MIRELSNAP_BASE$wal" "$copy/data/pg_wal"
+  fi
+  for link in "$copy"/data/pg_tblspc/*; do
+    [ -h "$link" ] || continue
+    cp -a "$MIRELSNAP_BASE$(realpath -m "$link")" "$copy/tablespaces/${link##*/}"
+    ln -sfn "$copy/tablespaces/${link##*/}" "$link"
+  done
+  sync --file-system "$copy"
+}
+export -f backup
+
+exec mirelsnap run "${volumes[@]}" -- bash -euc backup
