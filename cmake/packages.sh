@@ -4,7 +4,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libmount-dev uuid-dev libcli11-
   libgtest-dev libgmock-dev libbenchmark-dev)
 RUN_PACKAGES=(kmod mount util-linux e2fsprogs xfsprogs)
 TEST_PACKAGES=("${RUN_PACKAGES[@]}" procps sqlite3 clang libclang-rt-dev
-  binutils bsdextrautils debian-archive-keyring debootstrap dpkg-dev file groff man-db python3 systemd)
+  binutils bsdextrautils debian-archive-keyring debootstrap dpkg-dev file groff man-db python3 systemd
+  rsync restic borgbackup postgresql)
 
 # Installs those of the named packages that are not there.
 install_missing() {
@@ -19,5 +20,17 @@ install_missing() {
   fi
   echo "Installing ${missing[*]} ..."
   apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  without_database_cluster apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# Runs a command that installs packages. Debian's PostgreSQL makes a cluster and starts it when it first comes: not here,
+# the tests make their own and no service of the machine's.
+without_database_cluster() {
+  local folder=/etc/postgresql-common/createcluster.d result=0
+  mkdir -p "$folder"
+  echo "create_main_cluster = false" >"$folder/mirelsnap-tests.conf"
+  DEBIAN_FRONTEND=noninteractive "$@" || result=$?
+  rm "$folder/mirelsnap-tests.conf"
+  rmdir -p --ignore-fail-on-non-empty "$folder"
+  return $result
 }
