@@ -21,6 +21,7 @@ export data wal copy
 
 # The log and the tablespaces are part of the copy, whose links never lead to the live ones.
 backup() {
+  trap 'exit 143' TERM # when what runs now has ended: it reads the snapshots
   mkdir "$copy" "$copy/tablespaces"
   chown --reference="$data" "$copy" "$copy/tablespaces"
   chmod 700 "$copy" "$copy/tablespaces"

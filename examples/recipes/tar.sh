@@ -11,6 +11,7 @@ volumes=("${@:2}")
 
 # The snapshot stands still: what was written is compared with what it was read from before the snapshot goes.
 backup() {
+  trap 'exit 143' TERM # when what runs now has ended: it reads the snapshots
   tar --create --file "$archive" --auto-compress --directory "$MIRELSNAP_BASE" \
     --xattrs --acls --numeric-owner --sparse --exclude=.verrelocarea .
   tar --compare --file "$archive" --directory "$MIRELSNAP_BASE" --xattrs --acls

@@ -9,7 +9,9 @@
 
 #include <filesystem>
 #include <optional>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "AlternatingWriter.h"
 #include "LoopVolume.h"
@@ -195,6 +197,24 @@ TEST(ARecipe, ends_as_its_client_ends_and_leaves_nothing) {
   EXPECT_EQ(Recipe::run(session, "rsync.sh", {"/proc/no/such/folder", volume.folder()}).code, 11) << "rsync's own";
   EXPECT_EQ(Recipe::run(session, "tar.sh", {"/proc/no/such/archive.tar", volume.folder()}).code, 2) << "tar's own";
   EXPECT_EQ(Recipe::run(session, "tar.sh", {"/dev/null", "/no/such/volume"}).code, 113) << "mirelsnap's own";
+}
+
+TEST(ARecipe, that_is_terminated_ends_when_its_client_has_and_leaves_nothing) {
+  const Volume volume("ext4", 32 << 20);
+  const TempDir dir;
+  fs::create_directories(volume.folder() + "/data/pg_wal");
+  const std::vector<std::tuple<std::string, std::vector<std::string>, std::string>> recipes = {
+      {"tar.sh", {dir / "archive.tar", volume.folder()}, "tar"},
+      {"postgresql.sh", {volume.folder() + "/data", dir / "copy"}, "cp"}};
+  for (const auto& [name, arguments, client] : recipes) {
+    Session session;
+    Recipe recipe(session, name, arguments, client);
+    recipe.waitForClient();
+    recipe.terminate();
+    usleep(100000);
+    recipe.release();
+    EXPECT_EQ(recipe.finish().code, 143) << name;
+  }
 }
 
 }  // namespace

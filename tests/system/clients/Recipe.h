@@ -3,6 +3,7 @@
 // The recipes for backups with other people's programs, as a person starts them.
 #pragma once
 
+#include <csignal>
 #include <map>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@ class Recipe {
   void waitForClient();
   // Lets the client go on.
   void release();
+  void terminate() { mProcess->signal(SIGTERM); }
   Ended finish();
 
   // The same in one, with nothing held.
