@@ -60,14 +60,28 @@ unsigned int LinuxSnapshotreloc::initialize() {
   }
   sumUpVolume();
   // A nearly full volume keeps the file after all when no other file system has more space free.
-  if (isNearlyFull() && SetRelocFileLocation(true) == kRelocSuccess) return kRelocSuccess;
+  if (isNearlyFull()) {
+    ruleOutVolume(OwnVolume::kNearlyFull);
+    if (SetRelocFileLocation(true) == kRelocSuccess) return kRelocSuccess;
+  }
   return placeOnVolume();
 }
 
 bool LinuxSnapshotreloc::predictFileOnVolume() {
-  if (!mIsMounted || !IsMountPointWritable(mVolMountPoint)) return false;
+  if (!mIsMounted) return ruleOutVolume(OwnVolume::kNotMounted);
+  if (!IsMountPointWritable(mVolMountPoint)) return ruleOutVolume(OwnVolume::kNotWritable);
   mRelocNumBlks = PredictSizeOfFile();
-  return mRelocNumBlks != 0;
+  return mRelocNumBlks != 0 || ruleOutVolume(OwnVolume::kNoBlocks);
+}
+
+bool LinuxSnapshotreloc::ruleOutVolume(OwnVolume why) {
+  mReasons.ownVolume = why;
+  return false;
+}
+
+unsigned int LinuxSnapshotreloc::refuseChosenMount(ChosenMount why) {
+  mReasons.chosenMount = why;
+  return kRelocInvalidOption;
 }
 
 void LinuxSnapshotreloc::sumUpVolume() {
@@ -83,6 +97,7 @@ unsigned int LinuxSnapshotreloc::placeOnVolume() {
   nameDirectoryOn(mVolMountPoint);  // the contract: before the check, the file only after it
   if (driver.isSnapped(mRelocDeviceName)) {
     syslog(LOG_ERR, "Volume is already snapped.\n");
+    ruleOutVolume(OwnVolume::kSnapped);
     return kRelocInvalidOption;
   }
   nameFile();
@@ -96,22 +111,22 @@ unsigned int LinuxSnapshotreloc::initializeRelocLocationOption(unsigned long fal
     syslog(LOG_ERR, "Invalid Reloc option provided.\n");
     return kRelocInvalidOption;
   }
-  if (!resolveRelocMount()) return kRelocInvalidOption;
+  if (!resolveRelocMount()) return refuseChosenMount(ChosenMount::kNoSuchPath);
   mRelocDeviceName = GetVolumeFromDir(mRelocMountName);
   syslog(LOG_INFO, "Device name for %s is %s .\n", mRelocMountName.c_str(), mRelocDeviceName.c_str());
 
   DriverReference driver;
   if (driver.isSnapped(mRelocDeviceName)) {
     syslog(LOG_ERR, "User provided Mount point already snapped.\n");
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kSnapped);
   }
   if (driver.isFrozen(mRelocDeviceName)) {
     syslog(LOG_ERR, "User provided Mount point already frozen.\n");
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kFrozen);
   }
   if (!IsMountPointWritable(mRelocMountName)) {
     syslog(LOG_ERR, "User provided Mount point is not writable.\n");
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kNotWritable);
   }
   std::uint64_t availKB = 0;
   std::uint64_t usedKB = 0;
@@ -120,12 +135,12 @@ unsigned int LinuxSnapshotreloc::initializeRelocLocationOption(unsigned long fal
   if (GetMountSizeDetails(mRelocMountName, &availKB, &usedKB, &blockSize, &fsType) != 0) {
     syslog(LOG_ERR, "User provided Mount point not valid.\n");
     driver.neverGiveBack();
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kNotReadable);
   }
   if (GetVolumeDetails(mSnappedDeviceName) != 0) {
     syslog(LOG_ERR, "User provided mount point not valid for relocation file.\n");
     driver.neverGiveBack();
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kNotReadable);
   }
   mRelocNumBlks = sizeOnChosenMount(availKB, fallbackSize);
   nameFileOn(mRelocMountName);
@@ -150,7 +165,9 @@ std::uint64_t LinuxSnapshotreloc::sizeOnChosenMount(std::uint64_t availKB, unsig
   syslog(LOG_INFO, "relocSizeBasedOnRelocVol: %lu, relocSizeBasedOnVol: %lu\n", byRelocVolume, byVolume);
   const std::uint64_t sizeKB = std::min(byRelocVolume, byVolume);
   syslog(LOG_INFO, "actualRelocSize : %lu\n", sizeKB);
-  return std::min(toBlocks(sizeKB), mRelocEntriesInMemory);
+  mReasons.size = byVolume < byRelocVolume ? (mIsMounted ? RelocSize::kTenthOfUsed : RelocSize::kTenthOfVolume)
+                                           : RelocSize::kTenthOfFree;
+  return withinMemory(toBlocks(sizeKB));
 }
 
 // --- The size given.
@@ -162,6 +179,7 @@ unsigned int LinuxSnapshotreloc::initializeRelocSizeOption() {
   }
   if (mRelocNumBlks > mRelocEntriesInMemory) {
     syslog(LOG_ERR, "System doesnt have enough memroy to hold relocation file.\n");
+    mReasons.beyondMemory = true;
     return kRelocInvalidOption;
   }
   if (const unsigned int status = GetVolumeDetails(mSnappedDeviceName); status != 0) {
@@ -177,12 +195,15 @@ unsigned int LinuxSnapshotreloc::initializeRelocSizeOption() {
       return kRelocSuccess;
     }
     syslog(LOG_ERR, "Volume %s is full, checking for other volumes.\n", mSnappedDeviceName.c_str());
+    ruleOutVolume(OwnVolume::kNearlyFull);
   }
   return checkOtherMountVolumeForReloc();
 }
 
 bool LinuxSnapshotreloc::volumeHasRoom() {
-  return mIsMounted && IsMountPointWritable(mVolMountPoint) && toKB(mRelocNumBlks) < mAvailSizeKOfVolume;
+  if (!mIsMounted) return ruleOutVolume(OwnVolume::kNotMounted);
+  if (!IsMountPointWritable(mVolMountPoint)) return ruleOutVolume(OwnVolume::kNotWritable);
+  return toKB(mRelocNumBlks) < mAvailSizeKOfVolume || ruleOutVolume(OwnVolume::kNoRoom);
 }
 
 // --- Both given.
@@ -193,21 +214,21 @@ unsigned int LinuxSnapshotreloc::validate() {
     return kRelocInvalidOption;
   }
   syslog(LOG_DEBUG, "Invoking GetMountDetails with relocMountName : %s.\n", mRelocMountName.c_str());
-  if (!resolveRelocMount()) return kRelocInvalidOption;
+  if (!resolveRelocMount()) return refuseChosenMount(ChosenMount::kNoSuchPath);
   mRelocDeviceName = GetVolumeFromMountPoint(mRelocMountName);
   if (mRelocDeviceName.empty()) {
     syslog(LOG_ERR, "Invalid mountPoint selected by User.\n");
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kNotMountPoint);
   }
 
   DriverReference driver;
   if (driver.isSnapped(mRelocDeviceName)) {
     syslog(LOG_ERR, "Volume is already snapped.\n");
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kSnapped);
   }
   if (driver.isFrozen(mRelocDeviceName)) {
     syslog(LOG_ERR, "Volume is already Frozen. Could not create relocation file\n");
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kFrozen);
   }
   if (!acceptsChosenFile()) {
     driver.neverGiveBack();
@@ -219,7 +240,7 @@ unsigned int LinuxSnapshotreloc::validate() {
   GetMountDetails(mRelocMountName, &availKB, &usedKB, &blockSize);
   if (toKB(mRelocNumBlks) > availKB) {
     syslog(LOG_ERR, "Invalid Reloc options : RelocMount point doesnt have enough space.\n");
-    return kRelocInvalidOption;
+    return refuseChosenMount(ChosenMount::kNotEnoughSpace);
   }
   return kRelocSuccess;
 }
@@ -227,20 +248,24 @@ unsigned int LinuxSnapshotreloc::validate() {
 bool LinuxSnapshotreloc::acceptsChosenFile() {
   if (!IsMountPointWritable(mRelocMountName)) {
     syslog(LOG_ERR, "Mount point %s is read only.\n", mRelocMountName.c_str());
+    refuseChosenMount(ChosenMount::kNotWritable);
     return false;
   }
   if (GetMountFSType(mRelocMountName, &mFSType) != 0) {
     syslog(LOG_ERR, "Mount point %s is invalid mount point.\n", mRelocMountName.c_str());
+    refuseChosenMount(ChosenMount::kNotReadable);
     return false;
   }
   std::uint64_t limitBlocks = 0;
   if (CheckIfExceedsFSLimits(mFSType, &limitBlocks)) {
     // The contract: the size asked for, not the limit.
     syslog(LOG_ERR, "System can not create a file with more than %lu blocks\n", mRelocNumBlks);
+    refuseChosenMount(ChosenMount::kBeyondFileSystem);
     return false;
   }
   if (mRelocNumBlks > mRelocEntriesInMemory) {
     syslog(LOG_ERR, "System can not reserve enough memory for relocation blocks, try freeing some memory\n");
+    refuseChosenMount(ChosenMount::kBeyondMemory);
     return false;
   }
   return true;

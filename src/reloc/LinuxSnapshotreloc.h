@@ -12,6 +12,7 @@
 #include <string>
 
 #include "qxtools/Handle.h"
+#include "reloc/RelocationReasons.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 // Directory at the top of a file system that holds relocation files.
@@ -29,6 +30,8 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // Without options.
   LinuxSnapshotreloc(const std::string& snappedDeviceName, unsigned int blockSize, unsigned long numBlocksOfVolume,
                      unsigned long relocEntriesInMemory);
+
+  virtual ~LinuxSnapshotreloc() = default;
 
   // The four ways, each 0 when the file is placed: neither option given (7, 20 or 17) ...
   unsigned int initialize();
@@ -54,7 +57,10 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   void GetMountDetails(const std::string& mountPoint, std::uint64_t* availKB, std::uint64_t* usedKB,
                        std::uint32_t* blockSize);
   // Tries it out with a file, which is removed again.
-  bool IsMountPointWritable(const std::string& mountPoint);
+  virtual bool IsMountPointWritable(const std::string& mountPoint);
+  // The base's operation, through which the placement reads every size.
+  virtual unsigned int GetMountSizeDetails(const std::string& mountPoint, std::uint64_t* availKB, std::uint64_t* usedKB,
+                                           std::uint32_t* blockSize, std::uint64_t* fsType);
   // Size in blocks of a file that stays on the volume itself.
   std::uint64_t PredictSizeOfFile();
 
@@ -63,6 +69,8 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   std::string GetRelocDeviceName();
   std::string GetRelocFileName();
   std::string GetRelocFileLocation();
+  // Why the decision is as it is.
+  const RelocationReasons& reasons() const { return mReasons; }
 
   // True when a file of `mRelocNumBlks` reaches the largest that a file system of this magic takes, which is written to
   // `*limitBlocks`; file systems without a known limit leave it untouched.
@@ -96,6 +104,7 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   std::uint32_t mBlockSize;          // bytes
   std::uint64_t mNumBlocksOfVolume;  // size of the volume in blocks
   std::uint64_t mFSType = 0;         // magic of the file system that holds the file
+  RelocationReasons mReasons;
 
  private:
   // A mounted file system that can take the file.
@@ -125,12 +134,20 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // Size of a file on the caller's mount point, which has `availKB` free.
   std::uint64_t sizeOnChosenMount(std::uint64_t availKB, unsigned long fallbackSize);
 
+  // Notes why the file cannot stay on the volume itself; false.
+  bool ruleOutVolume(OwnVolume why);
+  // Notes why the caller's mount point is refused; 17.
+  unsigned int refuseChosenMount(ChosenMount why);
+
   // Steps of the searches.
 
   // The other file system with the most free space; FAT only as a last resort.
   Candidate findLargestFileSystem();
   // Size of a file on a file system other than the volume's own, with `availKB` free.
-  std::uint64_t sizeElsewhere(std::uint64_t availKB) const;
+  std::uint64_t sizeElsewhere(std::uint64_t availKB);
+  // `blocks`, or what the driver can hold in memory.
+  std::uint64_t withinMemory(std::uint64_t blocks);
+  void passOver(const mirelsnapsdk_linuxcomputer::MountEntry& mount, PassedOver why);
 
   // KB to blocks and back.
   std::uint64_t toBlocks(std::uint64_t sizeKB) const { return bytesToBlocks(sizeKB << 10); }

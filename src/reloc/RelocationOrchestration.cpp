@@ -1,108 +1,115 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The loop over a snap request: a relocation file for every volume before the snap, and their removal.
+// The loop over a snap request: a relocation file for every volume before the snap, their removal, and the forecast of
+// what the loop would do.
+#include <fcntl.h>
 #include <mirelsnap/DriverInterface.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <map>
 #include <memory>
+#include <utility>
 
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationForecast.h"
 #include "reloc/RelocationStatus.h"
 
 namespace {
 
-using Placement = std::unique_ptr<LinuxSnapshotreloc>;
 using VolumeIterator = std::list<SnapVolumeInformation>::iterator;
 
-// Each of the four answers the placed object, the record's relocation fields being filled, or null, logged.
-
-Placement placeFreely(SnapVolumeInformation& volume, unsigned long entriesInMemory) {
-  auto reloc = std::make_unique<LinuxSnapshotreloc>(volume.getSnapVolumeNameString(), volume.getBlockSize(),
-                                                    volume.getNumBlocks(), entriesInMemory);
-  if (reloc->initialize() != kRelocSuccess) {
-    syslog(LOG_ERR, "Reloc options are not correct.\n");
-    return nullptr;
+// The object that places the volume's file: without options, or with the caller's.
+template <class Reloc, class... Context>
+std::unique_ptr<Reloc> makeFor(SnapVolumeInformation& volume, unsigned long entriesInMemory, Context&... context) {
+  if (volume.getRelocFileSize() == 0 && *volume.getcStrRelocMountName() == '\0') {
+    return std::make_unique<Reloc>(context..., volume.getSnapVolumeNameString(), volume.getBlockSize(),
+                                   volume.getNumBlocks(), entriesInMemory);
   }
-  volume.setRelocFileName(reloc->GetRelocFileName());
-  volume.setRelocVolumeName(reloc->GetRelocDeviceName());
-  volume.setRelocFileSize(static_cast<unsigned int>(reloc->GetRelocNumBlks()));
+  return std::make_unique<Reloc>(context..., volume.getSnapVolumeNameString(), volume.getBlockSize(),
+                                 volume.getRelocFileSize(), volume.getcStrRelocMountName(), entriesInMemory);
+}
+
+// Each of the four ways fills the record's relocation fields; a failure is logged.
+
+unsigned int placeFreely(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
+  if (const unsigned int status = reloc.initialize(); status != kRelocSuccess) {
+    syslog(LOG_ERR, "Reloc options are not correct.\n");
+    return status;
+  }
+  volume.setRelocFileName(reloc.GetRelocFileName());
+  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
+  volume.setRelocFileSize(static_cast<unsigned int>(reloc.GetRelocNumBlks()));
   syslog(LOG_INFO, "SVName: %s, RFName: %s, RVName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
          volume.getcStrRelocFileName(), volume.getcStrRelocVolumeName(), static_cast<int>(volume.getRelocFileSize()));
-  return reloc;
+  return kRelocSuccess;
 }
 
-Placement withCallersOptions(SnapVolumeInformation& volume, unsigned long entriesInMemory) {
-  return std::make_unique<LinuxSnapshotreloc>(volume.getSnapVolumeNameString(), volume.getBlockSize(),
-                                              volume.getRelocFileSize(), volume.getcStrRelocMountName(),
-                                              entriesInMemory);
-}
-
-Placement placeOnMount(SnapVolumeInformation& volume, unsigned long entriesInMemory) {
+unsigned int placeOnMount(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
   syslog(LOG_DEBUG, "SnapVolue: %s, RMountName: %s\n", volume.getcStrSnapVolumeName(), volume.getcStrRelocMountName());
-  Placement reloc = withCallersOptions(volume, entriesInMemory);
-  if (reloc->initializeRelocLocationOption(volume.getNumBlocks()) != kRelocSuccess) {
+  if (const unsigned int status = reloc.initializeRelocLocationOption(volume.getNumBlocks()); status != kRelocSuccess) {
     syslog(LOG_ERR, "Unable to initialize user selected reloc option.\n");
-    return nullptr;
+    return status;
   }
-  volume.setRelocFileName(reloc->GetRelocFileName());
-  volume.setRelocVolumeName(reloc->GetRelocDeviceName());
-  volume.setRelocFileSize(static_cast<unsigned int>(reloc->GetRelocNumBlks()));
+  volume.setRelocFileName(reloc.GetRelocFileName());
+  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
+  volume.setRelocFileSize(static_cast<unsigned int>(reloc.GetRelocNumBlks()));
   // The contract: at error priority, although it reports success.
   syslog(LOG_ERR, "SVName: %s, RFName: %s, RVName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
          volume.getcStrRelocFileName(), volume.getcStrRelocVolumeName(), static_cast<int>(volume.getRelocFileSize()));
-  return reloc;
+  return kRelocSuccess;
 }
 
-Placement placeWithSize(SnapVolumeInformation& volume, unsigned long entriesInMemory) {
+unsigned int placeWithSize(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
   syslog(LOG_DEBUG, "SnapVolume: %s , RFSize: %d.\n", volume.getcStrSnapVolumeName(),
          static_cast<int>(volume.getRelocFileSize()));
-  Placement reloc = withCallersOptions(volume, entriesInMemory);
-  if (reloc->initializeRelocSizeOption() != kRelocSuccess) {
+  if (const unsigned int status = reloc.initializeRelocSizeOption(); status != kRelocSuccess) {
     syslog(LOG_ERR, "Not able to find appropriate volume for reloc file.\n");
-    return nullptr;
+    return status;
   }
-  volume.setRelocFileName(reloc->GetRelocFileName());
-  volume.setRelocVolumeName(reloc->GetRelocDeviceName());
+  volume.setRelocFileName(reloc.GetRelocFileName());
+  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
   // The contract: at error priority, although it reports success.
   syslog(LOG_ERR, "SVName: %s, RFName: %s, RVName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
          volume.getcStrRelocFileName(), volume.getcStrRelocVolumeName(), static_cast<int>(volume.getRelocFileSize()));
-  return reloc;
+  return kRelocSuccess;
 }
 
-Placement placeAsGiven(SnapVolumeInformation& volume, unsigned long entriesInMemory) {
+unsigned int placeAsGiven(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
   syslog(LOG_INFO, "User Options -- SnapVolName: %s, RMountName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
          volume.getcStrRelocMountName(), static_cast<int>(volume.getRelocFileSize()));
-  Placement reloc = withCallersOptions(volume, entriesInMemory);
-  if (reloc->validate() != kRelocSuccess) {
+  if (const unsigned int status = reloc.validate(); status != kRelocSuccess) {
     syslog(LOG_ERR, "Reloc options are not correct.\n");
-    return nullptr;
+    return status;
   }
-  if (reloc->initializeUserSelectedOptions() != kRelocSuccess) {
+  if (const unsigned int status = reloc.initializeUserSelectedOptions(); status != kRelocSuccess) {
     syslog(LOG_ERR, "Unable to initialize user selected options.\n");
-    return nullptr;
+    return status;
   }
-  volume.setRelocFileName(reloc->GetRelocFileName());
-  volume.setRelocVolumeName(reloc->GetRelocDeviceName());
+  volume.setRelocFileName(reloc.GetRelocFileName());
+  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
   syslog(LOG_DEBUG, "Final options -- SnapVolName: %s, RMountName: %s, RVolName: %s, RVSize: %d.\n",
          volume.getcStrSnapVolumeName(), volume.getcStrRelocMountName(), volume.getcStrRelocVolumeName(),
          static_cast<int>(volume.getRelocFileSize()));
-  return reloc;
+  return kRelocSuccess;
 }
 
-Placement place(SnapVolumeInformation& volume, unsigned long entriesInMemory) {
+unsigned int place(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
   const bool sizeGiven = volume.getRelocFileSize() != 0;
   const bool mountGiven = *volume.getcStrRelocMountName() != '\0';
-  if (sizeGiven && mountGiven) return placeAsGiven(volume, entriesInMemory);
-  if (sizeGiven) return placeWithSize(volume, entriesInMemory);
-  if (mountGiven) return placeOnMount(volume, entriesInMemory);
-  return placeFreely(volume, entriesInMemory);
+  if (sizeGiven && mountGiven) return placeAsGiven(reloc, volume);
+  if (sizeGiven) return placeWithSize(reloc, volume);
+  if (mountGiven) return placeOnMount(reloc, volume);
+  return placeFreely(reloc, volume);
 }
 
 // Places, registers and creates one volume's file and takes its size off `remaining`; false, logged, when a step fails.
 bool makeRelocationFile(SnapDriverInterface& driver, SnapVolumeInformation& volume, unsigned long& remaining) {
-  const Placement reloc = place(volume, remaining);
-  if (reloc == nullptr) return false;
+  const auto reloc = makeFor<LinuxSnapshotreloc>(volume, remaining);
+  if (place(*reloc, volume) != kRelocSuccess) return false;
   // The contract: asked only now, so that the record of the volume that finds no memory left is placed all the same.
   if (remaining == 0) {
     syslog(LOG_ERR, "Not enough Memory to hold  relocationobjects\n");
@@ -121,6 +128,50 @@ bool makeRelocationFile(SnapDriverInterface& driver, SnapVolumeInformation& volu
   remaining -= reloc->GetRelocNumBlks();
   return true;
 }
+
+// Bytes of the files placed so far, by the device number of the file system that would hold them.
+using PromisedSpace = std::map<dev_t, std::uint64_t>;
+
+// Decides as every placement does, but looks on only, at file systems that hold the files promised before.
+class ForecastPlacement : public LinuxSnapshotreloc {
+ public:
+  template <class... Arguments>
+  explicit ForecastPlacement(PromisedSpace& promised, Arguments&&... arguments)
+      : LinuxSnapshotreloc(std::forward<Arguments>(arguments)...), mPromised(promised) {}
+
+  bool IsMountPointWritable(const std::string& mountPoint) override {
+    struct statvfs status {};
+    if (faccessat(AT_FDCWD, mountPoint.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return false;
+    if (statvfs(mountPoint.c_str(), &status) != 0 || (status.f_flag & ST_RDONLY) != 0) return false;
+    return status.f_files == 0 || status.f_ffree != 0;  // those that make files as they need them count none
+  }
+
+  unsigned int GetMountSizeDetails(const std::string& mountPoint, std::uint64_t* availKB, std::uint64_t* usedKB,
+                                   std::uint32_t* blockSize, std::uint64_t* fsType) override {
+    const unsigned int status = LinuxSnapshotreloc::GetMountSizeDetails(mountPoint, availKB, usedKB, blockSize, fsType);
+    if (status != 0) return status;
+    const std::uint64_t promisedKB = std::min(promised(mountPoint) >> 10, *availKB);
+    *availKB -= promisedKB;
+    *usedKB += promisedKB;
+    return status;
+  }
+
+  RelocationForecast forecast(unsigned int status) {
+    if (status != kRelocSuccess) return {status, "", "", "", 0, mReasons};
+    const std::string mountPoint = mRelocDirName.substr(0, mRelocDirName.rfind(FILE_PATH_SEPERATOR));
+    promised(mountPoint) += mBlockSize * mRelocNumBlks;
+    return {status, mRelocFileName, mountPoint, mRelocDeviceName, mRelocNumBlks, mReasons};
+  }
+
+ private:
+  std::uint64_t& promised(const std::string& mountPoint) {
+    struct stat status {};
+    static_cast<void>(stat(mountPoint.c_str(), &status));
+    return mPromised[status.st_dev];
+  }
+
+  PromisedSpace& mPromised;
+};
 
 void deleteMapping(SnapDriverInterface& driver, SnapVolumeInformation& volume) {
   if (driver.DeleteRelocationFileMapping(volume.getSnapVolumeNameString(), getpid()) != 0) {
@@ -153,6 +204,25 @@ int SnapDriverInterface::deduceRelocLocations(std::list<SnapVolumeInformation>* 
   if (volume == volumes->end()) return kRelocSuccess;
   undo(*this, volumes->begin(), volume);
   return kRelocRequestUndone;
+}
+
+std::vector<RelocationForecast> forecastRelocLocations(std::list<SnapVolumeInformation>& volumes,
+                                                       unsigned long relocEntriesInMemory) {
+  std::vector<RelocationForecast> forecasts;
+  PromisedSpace promised;
+  unsigned long remaining = relocEntriesInMemory;
+  for (SnapVolumeInformation& volume : volumes) {
+    const auto reloc = makeFor<ForecastPlacement>(volume, remaining, promised);
+    unsigned int status = place(*reloc, volume);
+    // A file that is placed when no memory is left is not made.
+    if (status == kRelocSuccess && remaining == 0) {
+      status = kRelocNotPlaced;
+      reloc->mReasons.beyondMemory = true;
+    }
+    forecasts.push_back(reloc->forecast(status));
+    remaining -= forecasts.back().blocks;
+  }
+  return forecasts;
 }
 
 void SnapDriverInterface::cleanRelocFiles(std::list<SnapVolumeInformation>* volumes) {

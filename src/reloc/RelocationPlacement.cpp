@@ -11,6 +11,7 @@
 #include "reloc/LinuxSnapshotreloc.h"
 #include "reloc/RelocationStatus.h"
 
+using mirelsnapsdk_linuxcomputer::LinuxSystemInfo;
 using mirelsnapsdk_linuxcomputer::MountEntry;
 
 namespace {
@@ -66,14 +67,27 @@ void LinuxSnapshotreloc::GetMountDetails(const std::string& mountPoint, std::uin
 }
 
 std::uint64_t LinuxSnapshotreloc::PredictSizeOfFile() {
-  const std::uint64_t sizeKB = mUsedSizeKofVolume > kSmallUseKB ? std::min(mAvailSizeKOfVolume, mUsedSizeKofVolume) / 10
-                                                                : std::min(mAvailSizeKOfVolume / 10, kPredictedLimitKB);
+  const bool small = mUsedSizeKofVolume <= kSmallUseKB;
+  const std::uint64_t byFree = mAvailSizeKOfVolume / 10;
+  const std::uint64_t limit = small ? kPredictedLimitKB : mUsedSizeKofVolume / 10;
+  const std::uint64_t sizeKB = std::min(byFree, limit);
+  mReasons.size = byFree <= limit ? RelocSize::kTenthOfFree : small ? RelocSize::kLimit : RelocSize::kTenthOfUsed;
   const std::uint64_t blocks = toBlocks(sizeKB);
   syslog(LOG_DEBUG, "AvSize: %lu, UsedSize: %lu, threshHold: %lu.\n", mAvailSizeKOfVolume, mUsedSizeKofVolume, blocks);
   syslog(LOG_DEBUG, "threshold size: %lu.\n", blocks);
-  const std::uint64_t size = std::min(blocks, mRelocEntriesInMemory);
+  const std::uint64_t size = withinMemory(blocks);
   syslog(LOG_INFO, "threshold size: %lumRelocEntriesInMemory : %lu.\n", size, mRelocEntriesInMemory);
   return size;
+}
+
+unsigned int LinuxSnapshotreloc::GetMountSizeDetails(const std::string& mountPoint, std::uint64_t* availKB,
+                                                     std::uint64_t* usedKB, std::uint32_t* blockSize,
+                                                     std::uint64_t* fsType) {
+  return LinuxSystemInfo::GetMountSizeDetails(mountPoint, availKB, usedKB, blockSize, fsType);
+}
+
+void LinuxSnapshotreloc::passOver(const MountEntry& mount, PassedOver why) {
+  mReasons.passedOver.push_back({mount.fsname, mount.dir, why});
 }
 
 unsigned int LinuxSnapshotreloc::SetRelocFileLocation(bool onlyIfLarger) {
@@ -109,14 +123,17 @@ LinuxSnapshotreloc::Candidate LinuxSnapshotreloc::findLargestFileSystem() {
     syslog(LOG_DEBUG, "Volume being checked: %s.\n", mount.dir.c_str());
     if (driver.isSnapped(mount.fsname)) {
       syslog(LOG_DEBUG, "Volume %s is already snapped.\n", mount.fsname.c_str());
+      passOver(mount, PassedOver::kSnapped);
       continue;
     }
     if (driver.isFrozen(mount.fsname)) {
       syslog(LOG_DEBUG, "Volume %s is already frozen.\n", mount.fsname.c_str());
+      passOver(mount, PassedOver::kFrozen);
       continue;
     }
     if (!IsMountPointWritable(mount.dir)) {
       syslog(LOG_DEBUG, "Volume %s is read only.\n", mount.dir.c_str());
+      passOver(mount, PassedOver::kNotWritable);
       continue;
     }
     static_cast<void>(GetMountSizeDetails(mount.dir, &availKB, &usedKB, &blockSize, &fsType));
@@ -132,17 +149,25 @@ LinuxSnapshotreloc::Candidate LinuxSnapshotreloc::findLargestFileSystem() {
   if (best.availKB < bestFat.availKB && best.availKB < kFatLastResortKB) {
     syslog(LOG_DEBUG, "savedAvailableSize before %lu ", best.availKB);
     syslog(LOG_DEBUG, "savedAvailableSize after %lu", bestFat.availKB);
+    mReasons.fatAsLastResort = true;
     return bestFat;
   }
   return best;
 }
 
-std::uint64_t LinuxSnapshotreloc::sizeElsewhere(std::uint64_t availKB) const {
+std::uint64_t LinuxSnapshotreloc::sizeElsewhere(std::uint64_t availKB) {
   const std::uint64_t byAvailable = toBlocks(availKB / 10);
   const std::uint64_t byVolume = mNumBlocksOfVolume / 10;
   syslog(LOG_DEBUG, "Reloc in other volume: relocSizeBasedOnAvailSize: %lu, relocSizeBasedOnVolSize: %lu.\n",
          byAvailable, byVolume);
-  return std::min({byAvailable, byVolume, mRelocEntriesInMemory});
+  mReasons.size = byVolume < byAvailable ? RelocSize::kTenthOfVolume : RelocSize::kTenthOfFree;
+  return withinMemory(std::min(byAvailable, byVolume));
+}
+
+std::uint64_t LinuxSnapshotreloc::withinMemory(std::uint64_t blocks) {
+  if (blocks <= mRelocEntriesInMemory) return blocks;
+  mReasons.size = RelocSize::kMemory;
+  return mRelocEntriesInMemory;
 }
 
 unsigned int LinuxSnapshotreloc::checkOtherMountVolumeForReloc() {
@@ -155,7 +180,18 @@ unsigned int LinuxSnapshotreloc::checkOtherMountVolumeForReloc() {
   std::uint64_t fsType = 0;
   for (const MountEntry& mount : mounts) {
     if (mount.fsname == mSnappedDeviceName) continue;
-    if (driver.isSnapped(mount.fsname) || driver.isFrozen(mount.fsname) || !IsMountPointWritable(mount.dir)) continue;
+    if (driver.isSnapped(mount.fsname)) {
+      passOver(mount, PassedOver::kSnapped);
+      continue;
+    }
+    if (driver.isFrozen(mount.fsname)) {
+      passOver(mount, PassedOver::kFrozen);
+      continue;
+    }
+    if (!IsMountPointWritable(mount.dir)) {
+      passOver(mount, PassedOver::kNotWritable);
+      continue;
+    }
     static_cast<void>(GetMountSizeDetails(mount.dir, &availKB, &usedKB, &blockSize, &fsType));
     if (availKB > mAvailSizeKOfVolume && availKB > toKB(mRelocNumBlks) && availKB > best.availKB) {
       best = {availKB, fsType, mount};
