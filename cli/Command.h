@@ -25,8 +25,17 @@ struct CommandResult {
   int signal = 0;
 };
 
+// How a command is started and kept.
+struct CommandManner {
+  bool inBase = false;      // it starts in the base folder of the exposure
+  std::string folder = {};  // working directory; empty: this process's own
+  // A shell that a person sits at: it may stop itself and stops this process then, it gives the terminal back in the
+  // end, and what asks this process to end hangs it up, because interactive shells heed nothing else.
+  bool interactive = false;
+};
+
 // Runs `arguments` with `variables` added to the environment and waits for its end. Signals must be held back.
-CommandResult runCommand(const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& variables);
+CommandResult runCommand(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& variables,
+                         const CommandManner& manner = {});
 
 }  // namespace cli

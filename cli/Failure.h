@@ -4,6 +4,7 @@
 // for a program.
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 
@@ -15,6 +16,7 @@ namespace cli {
 // mean, as in a shell, that COMMAND could not be executed or was not found.
 enum ExitCode : int {
   kSuccess = 0,
+  kFindings = 1,              // doctor: something stands in the way of a snapshot
   kUsage = 2,                 // the options are wrong; nothing was done
   kNotRoot = 111,             // needs root
   kNoDriver = 112,            // the kernel driver does not answer
@@ -24,13 +26,15 @@ enum ExitCode : int {
   kSnapshotFailed = 116,      // the snapshot failed for another reason
   kCannotExpose = 117,        // the snapshots could not be mounted
   kCannotCleanUp = 118,       // something could not be removed
+  kRefused = 119,             // the driver refused the request
+  kNotInState = 120,          // a volume is not frozen, or not tracked
   kOutputLost = 125,          // standard output cannot be written
   kNotExecutable = 126,
   kNotFound = 127,
 };
 
-// A name may hold line ends and worse: shown so, it stays on its line, and leaves the terminal as it is.
-std::string onOneLine(const std::string& text);
+// The lines of a help text that explain these exit codes.
+std::string exitCodeHelp(std::initializer_list<ExitCode> codes);
 
 struct Failure {
   ExitCode code;

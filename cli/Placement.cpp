@@ -1,30 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Placement.h"
 
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
+#include <algorithm>
+#include <list>
 
+#include "Wide.h"
 #include "driver/LinuxSnapLibUtil.h"
-#include "qxtools/Handle.h"
-#include "reloc/LinuxSnapshotreloc.h"
+#include "engine/GetDoneWrapper.h"
+#include "qxtools/MountPointCollection.h"
 
 namespace cli {
 namespace {
 
-// Bytes of the block device; 0 when it cannot be asked.
-std::uint64_t deviceSize(const std::string& device) {
-  const UniqueFd descriptor(open(device.c_str(), O_RDONLY | O_CLOEXEC));
-  std::uint64_t size = 0;
-  return descriptor && ioctl(descriptor.get(), BLKGETSIZE64, &size) == 0 ? size : 0;
-}
-
-unsigned int blockSize(const std::string& folder) {
-  const UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
-  int size = 0;
-  return descriptor && ioctl(descriptor.get(), FIGETBSZ, &size) == 0 && size > 0 ? static_cast<unsigned int>(size)
-                                                                                 : 512;
-}
+using MirelSnapSnapshotCoordinator::GetDoneWrapper;
+using UnixUtils::SystemMountPointCollection;
 
 // Relocation blocks that the driver could hold; read without the sizing's own helper, which stays allocated.
 std::uint64_t entriesInMemory() {
@@ -34,23 +23,47 @@ std::uint64_t entriesInMemory() {
   return SnapDriverInterfaceUtility().calculateMaxRelocBlocks(state);
 }
 
-unsigned int place(LinuxSnapshotreloc& file, const RelocationOptions& options) {
-  if (options.blocks == 0) return file.initialize();
-  const unsigned int status = file.validate();
-  return status != 0 ? status : file.initializeUserSelectedOptions();
+// Block size and size of a volume, as the engine reads them.
+void readSizes(const SystemMountPointCollection& mounts, Placement& placement) {
+  const GetDoneWrapper<SystemMountPointCollection::MountPointInformation> mount(
+      mounts.FindMountPointFromPath(placement.volume.mountPoint.c_str()));
+  if (!mount) return;
+  placement.blockSize = mount->GetBlockSize();
+  placement.volumeSize = mount->GetDeviceSize();
+}
+
+// What the engine would ask the driver interface for.
+SnapVolumeInformation requestFor(const Placement& placement, const RelocationOptions& options) {
+  const std::uint64_t blocks = placement.blockSize == 0 ? 0 : placement.volumeSize / placement.blockSize;
+  return {placement.blockSize,
+          blocks,
+          wide(placement.volume.device),
+          options.blocks,
+          wide(options.mountPoint),
+          false,
+          true,
+          0};
 }
 
 }  // namespace
 
-Placement predictPlacement(const ChosenVolume& volume, const RelocationOptions& options) {
-  const unsigned int block = blockSize(volume.mountPoint);
-  const std::uint64_t entries = entriesInMemory();
-  LinuxSnapshotreloc file = options.blocks == 0
-                                ? LinuxSnapshotreloc(volume.device, block, deviceSize(volume.device) / block, entries)
-                                : LinuxSnapshotreloc(volume.device, block, options.blocks, options.mountPoint, entries);
-  const unsigned int status = place(file, options);
-  if (status != 0) return {status, "", 0};
-  return {0, file.GetRelocFileName(), file.GetRelocNumBlks() * block};
+std::vector<Placement> predictPlacements(const std::vector<ChosenVolume>& volumes, const RelocationOptions& options) {
+  std::vector<Placement> placements;
+  const GetDoneWrapper<SystemMountPointCollection> mounts(
+      SystemMountPointCollection::GetLocalSystemMountPointCollection());
+  const std::uint64_t memoryLimit = entriesInMemory();
+  std::list<SnapVolumeInformation> requests;
+  for (const ChosenVolume& volume : volumes) {
+    const bool known = std::any_of(placements.begin(), placements.end(),
+                                   [&](const Placement& other) { return other.volume.number == volume.number; });
+    if (known) continue;
+    Placement& placement = placements.emplace_back(Placement{volume, options, {}, 0, 0, memoryLimit});
+    if (mounts.get() != nullptr) readSizes(*mounts.get(), placement);
+    requests.push_back(requestFor(placement, options));
+  }
+  const std::vector<RelocationForecast> forecasts = forecastRelocLocations(requests, memoryLimit);
+  for (std::size_t i = 0; i < placements.size(); ++i) placements[i].file = forecasts[i];
+  return placements;
 }
 
 }  // namespace cli

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where the library would put a volume's relocation file, without making anything.
+// Where the library would put the volumes' relocation files, without making anything.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "VolumeChoice.h"
+#include "reloc/RelocationForecast.h"
 
 namespace cli {
 
@@ -16,13 +18,20 @@ struct RelocationOptions {
   std::uint32_t blocks = 0;  // 0: the library chooses
 };
 
+// One volume's forecast.
 struct Placement {
-  unsigned int status;  // 0 placed; else the relocation layer's code
-  std::string path;     // of the file; empty unless placed
-  std::uint64_t bytes;  // its size
+  ChosenVolume volume;
+  RelocationOptions asked;
+  RelocationForecast file;
+  std::uint32_t blockSize = 0;    // bytes; 0 when it cannot be had
+  std::uint64_t volumeSize = 0;   // bytes; 0 when it cannot be had
+  std::uint64_t memoryLimit = 0;  // blocks of relocation files that the driver could hold for the whole set
+
+  bool placed() const { return file.status == 0; }
+  std::uint64_t bytes() const { return file.blocks * blockSize; }
 };
 
-// Where the relocation file of `volume` would go when it is the first of its set.
-Placement predictPlacement(const ChosenVolume& volume, const RelocationOptions& options);
+// One answer a device, in the order of `volumes`, taken as one set.
+std::vector<Placement> predictPlacements(const std::vector<ChosenVolume>& volumes, const RelocationOptions& options);
 
 }  // namespace cli

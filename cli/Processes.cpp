@@ -3,31 +3,77 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "MountTable.h"
+#include "Text.h"
 
 namespace fs = std::filesystem;
 
 namespace cli {
 namespace {
 
-bool leadsInto(const fs::path& link, const std::string& folder) {
+// Of more users these are named.
+constexpr std::size_t kNamedUsers = 3;
+
+std::vector<fs::path> entriesOf(const fs::path& folder) {
+  std::vector<fs::path> found;
   std::error_code error;
-  const fs::path target = fs::read_symlink(link, error);
-  return !error && liesWithin(target, folder);
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error))
+    found.push_back(entry->path());
+  return found;
 }
 
-bool uses(const fs::path& process, const std::string& folder) {
-  if (leadsInto(process / "cwd", folder) || leadsInto(process / "root", folder)) return true;
+std::string targetOf(const fs::path& link) {
   std::error_code error;
-  for (fs::directory_iterator entry(process / "fd", error), end; !error && entry != end; entry.increment(error)) {
-    if (leadsInto(entry->path(), folder)) return true;
+  return fs::read_symlink(link, error).string();
+}
+
+std::optional<int> numberOf(const fs::path& process) {
+  const std::string name = process.filename();
+  int number = 0;
+  const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), number);
+  return problem == std::errc() && rest == name.data() + name.size() ? std::optional(number) : std::nullopt;
+}
+
+// The first path in `folder` that the process holds.
+std::optional<std::string> pathInUse(const fs::path& process, const std::string& folder) {
+  for (const char* link : {"cwd", "root", "exe"}) {
+    if (const std::string target = targetOf(process / link); liesWithin(target, folder)) return target;
   }
-  return false;
+  for (const char* links : {"fd", "map_files"}) {
+    for (const fs::path& link : entriesOf(process / links)) {
+      if (const std::string target = targetOf(link); liesWithin(target, folder)) return target;
+    }
+  }
+  return std::nullopt;
+}
+
+// Where the process's own mount namespace has `device` mounted.
+std::optional<std::string> mountOf(const fs::path& process, const std::string& device) {
+  std::ifstream table(process / "mounts");
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream fields(line);
+    std::string source, folder;
+    if (fields >> source >> folder && source == device) return folder;
+  }
+  return std::nullopt;
+}
+
+std::vector<User> loopDevicesOver(const std::string& folder) {
+  std::vector<User> found;
+  for (const fs::path& device : entriesOf("/sys/block")) {
+    std::ifstream file(device / "loop/backing_file");
+    std::string path;
+    if (std::getline(file, path) && liesWithin(path, folder))
+      found.push_back({"/dev/" + device.filename().string(), path});
+  }
+  return found;
 }
 
 }  // namespace
@@ -42,22 +88,51 @@ bool isGone(int process) {
   return state != std::string::npos && (text[state + 2] == 'Z' || text[state + 2] == 'X');
 }
 
-std::string processText(int process) {
+std::string processName(int process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/comm");
   std::string name;
   std::getline(file, name);
+  return name;
+}
+
+std::string processText(int process) {
+  const std::string name = processName(process);
   return "process " + std::to_string(process) + (name.empty() ? "" : " (" + name + ")");
 }
 
-std::optional<int> userOf(const std::string& folder) {
-  std::error_code error;
-  for (fs::directory_iterator entry("/proc", error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = entry->path().filename();
-    int process = 0;
-    const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), process);
-    if (problem == std::errc() && rest == name.data() + name.size() && uses(entry->path(), folder)) return process;
+std::vector<User> usersOf(const std::string& folder) {
+  std::vector<User> found;
+  for (const fs::path& process : entriesOf("/proc")) {
+    const std::optional<int> number = numberOf(process);
+    if (!number) continue;
+    if (const auto path = pathInUse(process, folder)) found.push_back({processText(*number), *path});
   }
-  return std::nullopt;
+  for (User& device : loopDevicesOver(folder)) found.push_back(std::move(device));
+  return found;
+}
+
+std::vector<User> holdersOf(const std::string& device) {
+  std::vector<User> found;
+  const std::string own = targetOf("/proc/self/ns/mnt");
+  for (const fs::path& process : entriesOf("/proc")) {
+    const std::optional<int> number = numberOf(process);
+    if (!number) continue;
+    if (const auto path = pathInUse(process, device)) {
+      found.push_back({processText(*number), *path});
+    } else if (targetOf(process / "ns/mnt") != own) {
+      if (const auto folder = mountOf(process, device)) found.push_back({processText(*number), *folder});
+    }
+  }
+  return found;
+}
+
+std::string usersText(const std::vector<User>& users) {
+  if (users.empty()) return "something uses it";
+  std::vector<std::string> named;
+  for (std::size_t i = 0; i < std::min(users.size(), kNamedUsers); ++i)
+    named.push_back(users[i].who + " uses " + users[i].what);
+  if (users.size() > kNamedUsers) named.push_back(std::to_string(users.size() - kNamedUsers) + " more use it");
+  return listed(named);
 }
 
 }  // namespace cli

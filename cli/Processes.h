@@ -5,14 +5,29 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace cli {
 
 // Whether no process has this number any more, or one that has ended and is only still to be asked for its end.
 bool isGone(int process);
+// Its program's name; empty when it is gone.
+std::string processName(int process);
 // "process 12 (tar)"
 std::string processText(int process);
-// A process whose working directory, root or an open file lies in `folder`.
-std::optional<int> userOf(const std::string& folder);
+
+// Who keeps something from being unmounted, and by what.
+struct User {
+  std::string who;   // "process 12 (tar)", "/dev/loop3"
+  std::string what;  // the path in use
+};
+
+// Processes whose working directory, root, program, a mapped or an open file lies in `folder`, each with the first such
+// path, and loop devices over files there.
+std::vector<User> usersOf(const std::string& folder);
+// Processes that have the device node open, or mounted in a mount namespace of their own.
+std::vector<User> holdersOf(const std::string& device);
+// "process 12 (tar) uses /a/b", some of them named, the others counted; "something uses it" when there are none.
+std::string usersText(const std::vector<User>& users);
 
 }  // namespace cli

@@ -7,17 +7,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <map>
+#include <memory>
 
 #include <mirelsnap/DriverInterface.h>
 #include <nlohmann/json.hpp>
 
-#include "Command.h"
 #include "ExposureBase.h"
 #include "Failure.h"
+#include "Report.h"
 #include "SnapshotSet.h"
 #include "Terminal.h"
 #include "VolumeChoice.h"
@@ -57,55 +60,42 @@ class VerboseLibrary {
 };
 
 // What a run comes to: its exit code, what went wrong, and what is told as JSON.
-class Report {
+class RunReport {
  public:
-  explicit Report(const RunOptions& options) : mOptions(options) {}
-
-  void failed(const Failure& failure) {
-    std::fprintf(stderr, "%s\n", failure.line().c_str());
-    mFailures.push_back(failure.json());
-    if (mExitCode == kSuccess || failure.code == kCannotCleanUp) mExitCode = failure.code;
+  RunReport(const RunOptions& options, const Command& command) : mReport(options.json) {
+    json& document = mReport.document();
+    document = {{"set_id", nullptr}, {"base", nullptr}, {"volumes", json::array()}};
+    document["command"] = {{"arguments", command.arguments}, {"exit_code", nullptr}, {"signal", nullptr}};
   }
+
+  void failed(const Failure& failure) { mReport.failed(failure); }
   void interrupted(int signal) {
     std::fprintf(stderr, "mirelsnap: interrupted by signal %d (%s); everything is being removed\n", signal,
                  strsignal(signal));
-    mExitCode = 128 + signal;
+    mReport.setExitCode(128 + signal);
   }
   void ran(const CommandResult& result) {
-    mExitCode = result.exitCode;
-    mCommand["exit_code"] = result.exitCode;
-    mCommand["signal"] = result.signal == 0 ? json(nullptr) : json(result.signal);
+    mReport.setExitCode(result.exitCode);
+    json& command = mReport.document()["command"];
+    command["exit_code"] = result.exitCode;
+    command["signal"] = result.signal == 0 ? json(nullptr) : json(result.signal);
   }
   void took(const SnapshotSet& set) {
-    mSet["set_id"] = set.id();
-    mSet["base"] = set.base();
-    mSet["volumes"] = json::array();
+    json& document = mReport.document();
+    document["set_id"] = set.id();
+    document["base"] = set.base();
     for (const SnappedVolume& volume : set.volumes()) {
-      mSet["volumes"].push_back({{"device", volume.device},
-                                 {"mount_points", volume.mountPoints},
-                                 {"snapshot_device", volume.snapshotDevice},
-                                 {"relocation_file", volume.relocationFile},
-                                 {"exposed_at", volume.exposedAt}});
+      document["volumes"].push_back({{"device", volume.device},
+                                     {"mount_points", volume.mountPoints},
+                                     {"snapshot_device", volume.snapshotDevice},
+                                     {"relocation_file", volume.relocationFile},
+                                     {"exposed_at", volume.exposedAt}});
     }
   }
-  int finish() const {
-    if (mOptions.json) {
-      json document = mSet;
-      document["command"] = mCommand;
-      document["command"]["arguments"] = mOptions.command;
-      document["failures"] = mFailures;
-      document["exit_code"] = mExitCode;
-      std::printf("%s\n", document.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
-    }
-    return mExitCode;
-  }
+  int finish() { return mReport.finish(); }
 
  private:
-  const RunOptions& mOptions;
-  int mExitCode = kSuccess;
-  json mSet = {{"set_id", nullptr}, {"base", nullptr}, {"volumes", json::array()}};
-  json mCommand = {{"exit_code", nullptr}, {"signal", nullptr}};
-  json mFailures = json::array();
+  Report mReport;
 };
 
 std::map<std::string, std::string> variablesFor(const SnapshotSet& set) {
@@ -116,20 +106,26 @@ std::map<std::string, std::string> variablesFor(const SnapshotSet& set) {
   return variables;
 }
 
-Failure notStarted(const std::string& command, int error) {
+Failure notStarted(const Command& command, int error) {
   const ExitCode code = error == ENOENT ? kNotFound : kNotExecutable;
-  return {code, command, std::string("cannot be executed: ") + std::strerror(error), "check the command after --"};
+  return {code, command.arguments.front(), std::string("cannot be executed: ") + std::strerror(error),
+          command.verb == "run" ? "check the command after --" : "check $SHELL"};
 }
 
 // Everything between the choice of the volumes and the clean-up, whose failures are the set's own.
-void snapshotAndRun(const RunOptions& options, SnapshotSet& set, Report& report) {
+void takeAndRun(const RunOptions& options, Command& command, SnapshotSet& set, RunReport& report) {
   if (const Outcome failure = set.take()) return report.failed(*failure);
   if (receivedSignal() != 0) return report.interrupted(receivedSignal());
   if (const Outcome failure = set.expose(options.base)) return report.failed(*failure);
   report.took(set);
   if (receivedSignal() != 0) return report.interrupted(receivedSignal());
-  const CommandResult result = runCommand(options.command, variablesFor(set));
-  if (result.spawnError != 0) return report.failed(notStarted(options.command.front(), result.spawnError));
+  if (!command.greeting.empty() && isatty(STDERR_FILENO) == 1)
+    std::fprintf(stderr, "%s %s\n", command.greeting.c_str(), set.base().c_str());
+  std::map<std::string, std::string> variables = variablesFor(set);
+  variables.merge(command.variables);
+  if (command.manner.inBase) command.manner.folder = set.base();
+  const CommandResult result = runCommand(command.arguments, variables, command.manner);
+  if (result.spawnError != 0) return report.failed(notStarted(command, result.spawnError));
   report.ran(result);
 }
 
@@ -174,13 +170,12 @@ bool mayMount() {
   return syscall(SYS_capget, &header, sets) != 0 || (sets[0].effective & (1u << CAP_SYS_ADMIN)) != 0;
 }
 
-void runWith(const RunOptions& options, Report& report) {
-  if (geteuid() != 0) {
-    return report.failed({kNotRoot, "mirelsnap run",
-                          "needs root: it mounts file systems and talks to the kernel driver", "run it with sudo"});
-  }
+void runWith(const RunOptions& options, Command& command, RunReport& report) {
+  if (const Outcome failure = requireRoot(command.verb, "it mounts file systems and talks to the kernel driver"))
+    return report.failed(*failure);
   if (!mayMount()) {
-    return report.failed({kNotRoot, "mirelsnap run", "this root may not mount file systems (CAP_SYS_ADMIN is missing)",
+    return report.failed({kNotRoot, "mirelsnap " + command.verb,
+                          "this root may not mount file systems (CAP_SYS_ADMIN is missing)",
                           "run it outside the container, or give the container this capability"});
   }
   const MountTable table;
@@ -194,16 +189,88 @@ void runWith(const RunOptions& options, Report& report) {
   const VerboseLibrary library(options.verbose);
   Terminal terminal(options.verbose);
   SnapshotSet set(terminal, std::move(volumes), options.binds, options.relocation);
-  snapshotAndRun(options, set, report);
+  takeAndRun(options, command, set, report);
   for (const Failure& left : set.finish()) report.failed(left);
 }
 
+// What is wrong with a size; nothing when it is one.
+std::string checkBlocks(const std::string& text) {
+  std::uint32_t blocks = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), blocks);
+  if (error == std::errc() && end == text.data() + text.size() && blocks != 0) return "";
+  return text + " is no number of blocks (1 to " + std::to_string(std::numeric_limits<std::uint32_t>::max()) + ")";
+}
+
+// The usage line with what stands behind "--", which the option parser does not see.
+class RunFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App*, std::string) const override {
+    return "Usage: mirelsnap run [OPTIONS] -- COMMAND [ARG...]\n";
+  }
+};
+
 }  // namespace
 
-int run(const RunOptions& options) {
-  Report report(options);
-  runWith(withResolvedPlaces(options), report);
+int snapshotAndRun(const RunOptions& options, Command command) {
+  RunReport report(options, command);
+  runWith(withResolvedPlaces(options), command, report);
   return report.finish();
+}
+
+void addRelocationOptions(CLI::App& verb, RelocationOptions& options) {
+  CLI::Option* mount = verb.add_option("--reloc-mount", options.mountPoint, "Mount point for the relocation files")
+                           ->type_name("DIR")
+                           ->check(checkNamed);
+  CLI::Option* size =
+      verb.add_option("--reloc-size", options.blocks, "Size of each relocation file, in blocks of its volume")
+          ->type_name("BLOCKS")
+          ->check(checkBlocks);
+  mount->needs(size);
+  size->needs(mount);
+}
+
+void addSnapshotOptions(CLI::App& verb, RunOptions& options) {
+  verb.add_option("--volume", options.volumes,
+                  "A volume to snapshot: its device, its mount point, or DEVICE:MOUNTPOINT; may be repeated\n"
+                  "(default: every mounted volume that can be snapped)")
+      ->type_name("DEVICE[:MOUNTPOINT]")
+      ->check(checkNamed)
+      ->allow_extra_args(false);
+  verb.add_option("--base", options.base,
+                  "Where the snapshots are mounted: a new or an empty directory\n(default: /run/mirelsnap/PID)")
+      ->type_name("DIR")
+      ->check(checkNamed);
+  verb.add_option("--bind", options.binds, "A live mount point to show below the base as well; may be repeated")
+      ->type_name("MOUNTPOINT")
+      ->check(checkNamed)
+      ->allow_extra_args(false);
+  addRelocationOptions(verb, options.relocation);
+  verb.add_flag("--json", options.json, "Print the result as one JSON document to standard output");
+  verb.add_flag("--verbose", options.verbose, "Show each phase and the library's own messages");
+}
+
+std::string checkNamed(const std::string& text) { return text.empty() ? "the value is empty" : ""; }
+
+std::string environmentHelp() {
+  return "finds the snapshots below $MIRELSNAP_BASE, each volume's first mount point in\n"
+         "$MIRELSNAP_VOLUME_1, _2, ... in the order named, and the set's identifier in\n"
+         "$MIRELSNAP_SET_ID.\n\n";
+}
+
+void addRun(CLI::App& program, CommandLine& line) {
+  CLI::App* verb = program.add_subcommand("run", "Snapshot volumes, run a command on the snapshots, clean up");
+  const auto options = std::make_shared<RunOptions>();
+  verb->formatter(std::make_shared<RunFormatter>());
+  addSnapshotOptions(*verb, *options);
+  verb->footer("COMMAND " + environmentHelp() +
+               "The exit code is COMMAND's own, 128 + N when signal N ended it, or one of these.\n\n" +
+               exitCodeHelp({kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom,
+                             kSnapshotFailed, kCannotExpose, kCannotCleanUp, kOutputLost, kNotExecutable, kNotFound}));
+  verb->callback([options, &line] {
+    if (line.command.empty())
+      throw CLI::ParseError("run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND", kUsage);
+    line.action = [options, &line] { return snapshotAndRun(*options, {"run", line.command, {}, "", {}}); };
+  });
 }
 
 }  // namespace cli

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// `mirelsnap run`: snapshot, run a command on it, clean up.
+// Snapshot, run a command on it, clean up: what `run` and `shell` share.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
+#include "Command.h"
 #include "Placement.h"
+#include "Verbs.h"
 
 namespace cli {
 
@@ -17,10 +20,27 @@ struct RunOptions {
   RelocationOptions relocation;
   bool json = false;
   bool verbose = false;
-  std::vector<std::string> command;
+};
+
+// The options that say what is snapped and where it is shown.
+void addSnapshotOptions(CLI::App& verb, RunOptions& options);
+// The two options that say where relocation files go.
+void addRelocationOptions(CLI::App& verb, RelocationOptions& options);
+// An empty name is a variable of a script that is not set: a default in its place would be another run than was meant.
+std::string checkNamed(const std::string& text);
+// What the command finds in its environment, for a help text.
+std::string environmentHelp();
+
+// What is run on the snapshots.
+struct Command {
+  std::string verb;  // whose failures are told
+  std::vector<std::string> arguments;
+  std::map<std::string, std::string> variables;  // added to its environment, beside those of the set
+  std::string greeting;                          // shown at a terminal before it starts, with the base behind it
+  CommandManner manner;
 };
 
 // Returns the exit code (Failure.h).
-int run(const RunOptions& options);
+int snapshotAndRun(const RunOptions& options, Command command);
 
 }  // namespace cli

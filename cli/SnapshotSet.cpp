@@ -2,7 +2,6 @@
 #include "SnapshotSet.h"
 
 #include <sys/statvfs.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
@@ -11,14 +10,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <list>
 
-#include <mirelsnap/DriverInterface.h>
-
+#include "Driver.h"
+#include "PlacementText.h"
 #include "Processes.h"
 #include "RelocationProgress.h"
 #include "Wide.h"
-#include "driver/ControlDevice.h"
 
 namespace fs = std::filesystem;
 
@@ -31,43 +28,6 @@ using UnixSnapshotCoordinator::IUscAsync;
 // How often the terminal is redrawn while the job runs.
 constexpr unsigned int kTickMs = 200;
 
-// The driver-interface singleton for a scope.
-class Driver {
- public:
-  Driver() : mDriver(SnapDriverInterface::Instance()) {}
-  ~Driver() {
-    if (mDriver != nullptr) SnapDriverInterface::releaseInstance();
-  }
-  Driver(const Driver&) = delete;
-  Driver& operator=(const Driver&) = delete;
-  bool snapped(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeSnapped(device); }
-  bool frozen(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeFrozen(device); }
-  // The processes that hold a snapshot or a relocation-file mapping of the volume.
-  std::vector<int> owners(const ChosenVolume& volume) {
-    std::vector<int> found;
-    std::list<SnappedVolumeInformation> snapped;
-    if (mDriver != nullptr) mDriver->GetSnappedVolumeDetails(snapped);
-    for (const SnappedVolumeInformation& entry : snapped) {
-      if (makedev(entry.getMajorNum(), entry.getMinorNum()) == volume.number) found.push_back(entry.getAppPid());
-    }
-    for (const RelocFileMappingInformation& mapping : mappings()) {
-      if (mapping.getSnappedVolumeName() == volume.device) found.push_back(mapping.getAppPid());
-    }
-    return found;
-  }
-  std::list<RelocFileMappingInformation> mappings() {
-    std::list<RelocFileMappingInformation> found;
-    if (mDriver != nullptr) mDriver->GetRelocFileMapping(found);
-    return found;
-  }
-  void deleteMapping(const std::string& device, int process) {
-    if (mDriver != nullptr) mDriver->DeleteRelocationFileMapping(device, process);
-  }
-
- private:
-  SnapDriverInterface* mDriver;
-};
-
 std::string idText(const _SSGUIDPLAIN& id) {
   std::array<char, 37> text{};
   uuid_t bytes;
@@ -76,20 +36,7 @@ std::string idText(const _SSGUIDPLAIN& id) {
   return text.data();
 }
 
-Failure noDriver() {
-  // Looked for even when the driver is loaded.
-  if (findExe("modprobe").empty())
-    return {kNoDriver, kControlNode, "there is no modprobe, without which the driver is not looked for",
-            "install kmod"};
-  if (access("/proc/mirelsnap/dev", F_OK) == 0) {
-    return {kNoDriver, kControlNode, "the snapshot driver is loaded but does not answer",
-            "look for MIRELSNAP_SDK in the system log"};
-  }
-  return {kNoDriver, kControlNode, "the driver (module mirelsnap) is not loaded and could not be loaded",
-          "install it, or try it without: mirelsnap-emulator -- mirelsnap run ..."};
-}
-
-std::string listed(const std::vector<ChosenVolume>& volumes) {
+std::string devicesOf(const std::vector<ChosenVolume>& volumes) {
   std::string text;
   for (const ChosenVolume& volume : volumes) {
     if (text.find(volume.device) == std::string::npos) text += (text.empty() ? "" : ", ") + volume.device;
@@ -137,7 +84,7 @@ Outcome SnapshotSet::makeEngine() {
 Outcome SnapshotSet::removeRemains() {
   Driver driver;
   const bool remain = std::any_of(mVolumes.begin(), mVolumes.end(), [&](const ChosenVolume& volume) {
-    const std::vector<int> owners = driver.owners(volume);
+    const std::vector<int> owners = driver.owners(volume.device, volume.number);
     return std::any_of(owners.begin(), owners.end(), &isGone);
   });
   const std::vector<std::string> bases = abandonedBases();
@@ -163,7 +110,6 @@ Outcome SnapshotSet::addVolumes() {
       return std::memcmp(&id, &snapshotId, sizeof id) == 0;
     });
     if (!known) mSnapshotIds.push_back(snapshotId);
-    if (mTerminal.interactive() && !known) mPlacements.push_back(predictPlacement(volume, mRelocation));
   }
   return std::nullopt;
 }
@@ -204,13 +150,14 @@ Outcome SnapshotSet::addBinds() {
 }
 
 Outcome SnapshotSet::runJob() {
-  mTerminal.begin("Taking the snapshot of " + listed(mVolumes));
+  if (mTerminal.interactive()) mPlacements = predictPlacements(mVolumes, mRelocation);
+  mTerminal.begin("Taking the snapshot of " + devicesOf(mVolumes));
   IUscAsync* started = nullptr;
   const int result = mEngine->DoSnapshotSet(&started);
   if (result < 0)
     return result == E_OUTOFMEMORY
                ? noDriver()
-               : Failure{kSnapshotFailed, listed(mVolumes), "the job could not be started: no thread can be had",
+               : Failure{kSnapshotFailed, devicesOf(mVolumes), "the job could not be started: no thread can be had",
                          "memory, address space or processes are limited too tightly (ulimit -v, -u)"};
   const std::unique_ptr<IUscAsync, Release> job(started);
   waitForJob(*job);
@@ -249,22 +196,22 @@ void SnapshotSet::showRelocationFile() {
     return;
   }
   const auto predicted = std::find_if(mPlacements.begin(), mPlacements.end(),
-                                      [&](const Placement& placement) { return placement.path == file->path; });
-  const std::uint64_t total = predicted == mPlacements.end() ? 0 : predicted->bytes;
+                                      [&](const Placement& placement) { return placement.file.file == file->path; });
+  const std::uint64_t total = predicted == mPlacements.end() ? 0 : predicted->bytes();
   const bool written = total != 0 && file->written >= total;
   mTerminal.bar((written ? "flushing the relocation file " : "writing the relocation file ") + file->path,
                 file->written, total);
 }
 
 Failure SnapshotSet::snapFailure(int snapResult) {
-  const std::string all = listed(mVolumes);
+  const std::string all = devicesOf(mVolumes);
   Driver driver;
   switch (snapResult) {
     case 11:
     case 12:
       for (const ChosenVolume& volume : mVolumes) {
         if (driver.snapped(volume.device)) {
-          const std::vector<int> owners = driver.owners(volume);
+          const std::vector<int> owners = driver.owners(volume.device, volume.number);
           return {kAlreadySnapped, volume.device,
                   "is already snapped" + (owners.empty() ? "" : " by " + processText(owners.front())),
                   "wait until that snapshot is deleted"};
@@ -275,29 +222,18 @@ Failure SnapshotSet::snapFailure(int snapResult) {
     case 20:
     case 21:
       for (const ChosenVolume& volume : mVolumes) {
-        for (const int owner : driver.owners(volume)) {
+        for (const int owner : driver.owners(volume.device, volume.number)) {
           if (owner == getpid()) continue;
           return {kAlreadySnapped, volume.device, "is being snapped by " + processText(owner),
                   "wait until that snapshot is deleted"};
         }
       }
-      for (const ChosenVolume& volume : mVolumes) {
-        const Placement placement = predictPlacement(volume, mRelocation);
-        if (placement.status == 0) {
-          const std::string folder = fs::path(placement.path).parent_path().parent_path();
-          if (!isFull(folder, placement.bytes)) continue;
-          return {kNoRoom, folder,
-                  "has no room for the relocation file of " + volume.device + " (" + sizeText(placement.bytes) + ")",
-                  "free some space or name a place with --reloc-mount and --reloc-size"};
-        }
-        if (mRelocation.blocks != 0) {
-          return {
-              kNoRoom, mRelocation.mountPoint,
-              "cannot hold a relocation file of " + std::to_string(mRelocation.blocks) + " blocks for " + volume.device,
-              "it must be writable, neither snapped nor frozen, and have the room; name a smaller --reloc-size or "
-              "another --reloc-mount"};
-        }
-        return {kNoRoom, volume.device, "no mounted file system has room for its relocation file",
+      for (const Placement& placement : predictPlacements(mVolumes, mRelocation)) {
+        if (!placement.placed()) return notPlaced(placement);
+        if (!isFull(placement.file.mountPoint, placement.bytes())) continue;
+        return {kNoRoom, placement.file.mountPoint,
+                "has no room for the relocation file of " + placement.volume.device + " (" +
+                    sizeText(placement.bytes()) + ")",
                 "free some space or name a place with --reloc-mount and --reloc-size"};
       }
       return {kNoRoom, all, "a relocation file could not be made",
@@ -339,9 +275,8 @@ void SnapshotSet::dropMappings() {
     driver.deleteMapping(mapping.getSnappedVolumeName(), getpid());
     rmdir(fs::path(mapping.getRelocFileName()).parent_path().c_str());
   }
-  for (const ChosenVolume& volume : mVolumes) {
-    const Placement placement = predictPlacement(volume, mRelocation);
-    if (placement.status == 0) rmdir(fs::path(placement.path).parent_path().c_str());
+  for (const Placement& placement : predictPlacements(mVolumes, mRelocation)) {
+    if (placement.placed()) rmdir(fs::path(placement.file.file).parent_path().c_str());
   }
 }
 
@@ -388,9 +323,7 @@ std::vector<Failure> SnapshotSet::leftovers() const {
   std::vector<Failure> left;
   if (mExposed) {
     for (const Mount& mount : MountTable().under(mBase.path())) {
-      const std::optional<int> user = userOf(mount.folder);
-      left.push_back({kCannotCleanUp, mount.folder,
-                      "is still mounted: " + (user ? processText(*user) : "something") + " uses it",
+      left.push_back({kCannotCleanUp, mount.folder, "is still mounted: " + usersText(usersOf(mount.folder)),
                       "stop what uses it, then: umount " + mount.folder});
     }
   }
@@ -398,8 +331,11 @@ std::vector<Failure> SnapshotSet::leftovers() const {
   Driver driver;
   for (const SnappedVolume& volume : mSnapped) {
     if (driver.snapped(volume.device)) {
-      left.push_back({kCannotCleanUp, volume.device, "is still snapped: the driver refused to discard the snapshot",
-                      "run mirelsnap on it again: that removes what is left"});
+      const std::vector<User> holders = holdersOf(volume.snapshotDevice);
+      left.push_back({kCannotCleanUp, volume.device,
+                      "is still snapped: the driver refused to discard the snapshot" +
+                          (holders.empty() ? "" : ", " + usersText(holders)),
+                      "run mirelsnap reconcile: that removes what is left"});
     } else if (!volume.relocationFile.empty() && access(volume.relocationFile.c_str(), F_OK) == 0) {
       left.push_back(
           {kCannotCleanUp, volume.relocationFile, "the relocation file could not be removed", "remove it by hand"});

@@ -228,8 +228,8 @@ TEST(RunRefused, on_a_volume_that_is_mounted_read_only_without_an_alternative_is
   Session session;
   expectFailure(run(session, {"--volume", volume.device()}, kTrue), 115,
                 "mirelsnap: " + volume.device() +
-                    ": no mounted file system has room for its relocation file; free some space or name a place with "
-                    "--reloc-mount and --reloc-size");
+                    ": no mounted file system has room for its relocation file (nothing can be written to the volume); "
+                    "free some space or name a place with --reloc-mount and --reloc-size");
 }
 
 TEST(RunRefused, with_a_relocation_mount_that_is_too_small_is_115) {
@@ -240,9 +240,7 @@ TEST(RunRefused, with_a_relocation_mount_that_is_too_small_is_115) {
       run(session, {"--volume", volume.device(), "--reloc-mount", small.folder(), "--reloc-size", "100000"}, kTrue),
       115,
       "mirelsnap: " + small.folder() + ": cannot hold a relocation file of 100000 blocks for " + volume.device() +
-          "; it must be writable, neither snapped nor frozen, and have the room; name a smaller --reloc-size or "
-          "another "
-          "--reloc-mount");
+          ": not enough space is free there; name another --reloc-mount or a smaller --reloc-size");
 }
 
 TEST(RunRefused, under_a_limit_for_files_that_is_too_small_is_115) {
@@ -408,7 +406,7 @@ TEST(RunCannotCleanUp, while_a_process_sits_in_the_exposed_tree_is_118) {
   const std::string sleeper = ended.output.substr(0, ended.output.size() - 1);
   EXPECT_EQ(ended.code, 118);
   EXPECT_EQ(ended.errors, "mirelsnap: " + exposed + ": is still mounted: process " + sleeper +
-                              " (sleep) uses it; stop what uses it, then: umount " + exposed + "\n");
+                              " (sleep) uses " + exposed + "; stop what uses it, then: umount " + exposed + "\n");
   kill(std::stoi(sleeper), SIGKILL);
   // What the line says is to be done is enough.
   for (int attempt = 0; attempt < 100 && umount(exposed.c_str()) != 0; ++attempt) usleep(20000);
@@ -422,8 +420,8 @@ TEST(RunCannotCleanUp, when_the_driver_keeps_the_snapshot_is_118) {
   const Ended ended = runScript(session, {"--volume", volume.device()}, "exit 3");
   EXPECT_EQ(ended.code, 118) << "nobody must take it for a good end";
   EXPECT_EQ(ended.errors, "mirelsnap: " + volume.device() +
-                              ": is still snapped: the driver refused to discard the snapshot; run mirelsnap on it "
-                              "again: that removes what is left\n");
+                              ": is still snapped: the driver refused to discard the snapshot; run mirelsnap "
+                              "reconcile: that removes what is left\n");
   EXPECT_EQ(session.takeComplaints(1).size(), 1u);
   const Ended again = run(session, {"--volume", volume.device()}, kTrue);
   EXPECT_EQ(again.code, 0) << again.errors;

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Driver.h"
+
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include "driver/ControlDevice.h"
+
+namespace cli {
+
+Outcome Driver::check(std::string* version) {
+  std::string answered;
+  if (mDriver == nullptr || mDriver->GetDriverVersionDetail(answered) != 0) return noDriver();
+  if (version != nullptr) *version = answered;
+  return std::nullopt;
+}
+
+std::list<SnappedVolumeInformation> Driver::snappedVolumes() {
+  std::list<SnappedVolumeInformation> found;
+  if (mDriver != nullptr) mDriver->GetSnappedVolumeDetails(found);
+  return found;
+}
+
+std::list<RelocFileMappingInformation> Driver::mappings() {
+  std::list<RelocFileMappingInformation> found;
+  if (mDriver != nullptr) mDriver->GetRelocFileMapping(found);
+  return found;
+}
+
+std::vector<int> Driver::owners(const std::string& device, std::uint64_t number) {
+  std::vector<int> found;
+  for (const SnappedVolumeInformation& entry : snappedVolumes()) {
+    if (makedev(entry.getMajorNum(), entry.getMinorNum()) == number) found.push_back(entry.getAppPid());
+  }
+  for (const RelocFileMappingInformation& mapping : mappings()) {
+    if (mapping.getSnappedVolumeName() == device) found.push_back(mapping.getAppPid());
+  }
+  return found;
+}
+
+Failure noDriver() {
+  // Looked for even when the driver is loaded.
+  if (findExe("modprobe").empty())
+    return {kNoDriver, kControlNode, "there is no modprobe, without which the driver is not looked for",
+            "install kmod"};
+  if (access("/proc/mirelsnap/dev", F_OK) == 0) {
+    return {kNoDriver, kControlNode, "the snapshot driver is loaded but does not answer",
+            "look for MIRELSNAP_SDK in the system log"};
+  }
+  return {kNoDriver, kControlNode, "the driver (module mirelsnap) is not loaded and could not be loaded",
+          "install it, or try it without: mirelsnap-emulator -- mirelsnap run ..."};
+}
+
+Failure refused(const std::string& subject, unsigned int status) {
+  if (status == 5) return noDriver();
+  if (status == 6)
+    return {kRefused, subject, "the driver refused the request", "look for MIRELSNAP_SDK in the system log"};
+  return {kRefused, subject, "the request could not be made (code " + std::to_string(status) + ")",
+          "look for MIRELSNAP_SDK in the system log"};
+}
+
+}  // namespace cli

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The kernel driver as the verbs ask it, through the library's own interface.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+#include <vector>
+
+#include <mirelsnap/DriverInterface.h>
+
+#include "Failure.h"
+
+namespace cli {
+
+// The driver-interface singleton for a scope. Without one (memory is short) no device is snapped or frozen.
+class Driver {
+ public:
+  Driver() : mDriver(SnapDriverInterface::Instance()) {}
+  ~Driver() {
+    if (mDriver != nullptr) SnapDriverInterface::releaseInstance();
+  }
+  Driver(const Driver&) = delete;
+  Driver& operator=(const Driver&) = delete;
+
+  // The singleton; null when memory is short.
+  SnapDriverInterface* get() { return mDriver; }
+  // Why it does not answer, having tried to load it; nothing when it does. `version` is filled then.
+  Outcome check(std::string* version = nullptr);
+
+  bool snapped(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeSnapped(device); }
+  bool frozen(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeFrozen(device); }
+  // Empty when it cannot be asked.
+  std::list<SnappedVolumeInformation> snappedVolumes();
+  std::list<RelocFileMappingInformation> mappings();
+  // The processes that hold a snapshot or a relocation-file mapping of the volume.
+  std::vector<int> owners(const std::string& device, std::uint64_t number);
+  void deleteMapping(const std::string& device, int process) {
+    if (mDriver != nullptr) mDriver->DeleteRelocationFileMapping(device, process);
+  }
+
+ private:
+  SnapDriverInterface* mDriver;
+};
+
+// Why there is no driver, as far as that can be seen.
+Failure noDriver();
+// A request that the driver answered with `status`, concerning `subject`.
+Failure refused(const std::string& subject, unsigned int status);
+
+}  // namespace cli
