@@ -4,6 +4,8 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "Processes.h"
+#include "Wide.h"
 #include "driver/ControlDevice.h"
 
 namespace cli {
@@ -13,6 +15,14 @@ Outcome Driver::check(std::string* version) {
   if (mDriver == nullptr || mDriver->GetDriverVersionDetail(answered) != 0) return noDriver();
   if (version != nullptr) *version = answered;
   return std::nullopt;
+}
+
+std::optional<Tracking> Driver::tracking(const std::string& device) {
+  const std::wstring name = wide(device);
+  Tracking found{};
+  if (mDriver == nullptr || !mDriver->IsVtrackActive(name)) return std::nullopt;
+  if (mDriver->GetVtrackVars(name, found.id, found.sequence) != 0) return std::nullopt;
+  return found;
 }
 
 std::list<SnappedVolumeInformation> Driver::snappedVolumes() {
@@ -49,6 +59,18 @@ Failure noDriver() {
   }
   return {kNoDriver, kControlNode, "the driver (module mirelsnap) is not loaded and could not be loaded",
           "install it, or try it without: mirelsnap-emulator -- mirelsnap run ..."};
+}
+
+Failure alreadySnapped(Driver& driver, const std::string& device, std::uint64_t number) {
+  const std::vector<int> owners = driver.owners(device, number);
+  return {kAlreadySnapped, device, "is already snapped" + (owners.empty() ? "" : " by " + processText(owners.front())),
+          "wait until that snapshot is deleted"};
+}
+
+Failure alreadyFrozen(const std::string& device) { return {kAlreadySnapped, device, "is frozen", "thaw it first"}; }
+
+Failure notTracked(const std::string& device) {
+  return {kNotInState, device, "its changes are not tracked", "take a snapshot that asks for change tracking"};
 }
 
 Failure refused(const std::string& subject, unsigned int status) {

@@ -14,6 +14,12 @@
 
 namespace cli {
 
+// What identifies the tracking of a volume's changes.
+struct Tracking {
+  std::string id;
+  unsigned int sequence;
+};
+
 // The driver-interface singleton for a scope. Without one (memory is short) no device is snapped or frozen.
 class Driver {
  public:
@@ -31,6 +37,8 @@ class Driver {
 
   bool snapped(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeSnapped(device); }
   bool frozen(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeFrozen(device); }
+  // Nothing when the volume's changes are not tracked.
+  std::optional<Tracking> tracking(const std::string& device);
   // Empty when it cannot be asked.
   std::list<SnappedVolumeInformation> snappedVolumes();
   std::list<RelocFileMappingInformation> mappings();
@@ -46,6 +54,11 @@ class Driver {
 
 // Why there is no driver, as far as that can be seen.
 Failure noDriver();
+// Why a volume cannot be snapped now.
+Failure alreadySnapped(Driver& driver, const std::string& device, std::uint64_t number);
+Failure alreadyFrozen(const std::string& device);
+// Why there are no changes to be told.
+Failure notTracked(const std::string& device);
 // A request that the driver answered with `status`, concerning `subject`.
 Failure refused(const std::string& subject, unsigned int status);
 

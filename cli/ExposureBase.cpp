@@ -26,18 +26,6 @@ Failure cannotExpose(const std::string& subject, const std::string& cause, const
   return {kCannotExpose, subject, cause, advice};
 }
 
-// Empty for a relative path while the working directory is gone. Else absolute, links resolved, as the mount table will
-// spell it: mounts below it are found by comparing texts.
-std::string cleanPath(const fs::path& path) {
-  std::error_code error;
-  const fs::path full = fs::absolute(path, error);
-  if (error) return {};
-  const fs::path clean = fs::weakly_canonical(full, error);
-  std::string text = error ? full.lexically_normal() : clean;
-  while (text.size() > 1 && text.back() == '/') text.pop_back();
-  return text;
-}
-
 Failure cannotMake(const std::string& path, int error) {
   return cannotExpose(path, std::string("cannot be made: ") + std::strerror(error), "name another base with --base");
 }
@@ -99,6 +87,16 @@ Outcome checkMakeable(const fs::path& path) {
 
 }  // namespace
 
+std::string cleanPath(const std::string& path) {
+  std::error_code error;
+  const fs::path full = fs::absolute(path, error);
+  if (error) return {};
+  const fs::path clean = fs::weakly_canonical(full, error);
+  std::string text = error ? full.lexically_normal() : clean;
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
+}
+
 Outcome checkCoverage(const std::vector<std::string>& volumes, const std::vector<std::string>& binds,
                       const MountTable& table) {
   for (const std::string& volume : volumes) {
@@ -138,7 +136,7 @@ Outcome checkBase(const std::string& wanted) {
 Outcome ExposureBase::make(const std::string& wanted, const std::vector<std::string>& mountPoints) {
   if (const Outcome failure = checkBase(wanted)) return failure;
   mDefault = wanted.empty();
-  mPath = cleanPath(mDefault ? kDefaultParent / fs::path(std::to_string(getpid())) : fs::path(wanted));
+  mPath = cleanPath(mDefault ? (kDefaultParent / std::to_string(getpid())).string() : wanted);
   struct stat status {};
   if (mDefault) {
     if (const Outcome failure = makeDefault()) return failure;
@@ -204,9 +202,9 @@ std::vector<std::string> abandonedBases() {
   return found;
 }
 
-void removeAbandonedBase(const std::string& base) {
+void removeEmptyFoldersBelow(const std::string& base) {
   std::error_code error;
-  std::vector<fs::path> folders = {base};
+  std::vector<fs::path> folders;
   for (fs::recursive_directory_iterator entry(base, error), end; !error && entry != end; entry.increment(error)) {
     // What could not be unmounted may be a live folder that was bound: its empty folders are its owner's.
     if (isMountPoint(entry->path())) {
@@ -217,6 +215,11 @@ void removeAbandonedBase(const std::string& base) {
   }
   std::reverse(folders.begin(), folders.end());
   for (const fs::path& folder : folders) rmdir(folder.c_str());
+}
+
+void removeAbandonedBase(const std::string& base) {
+  removeEmptyFoldersBelow(base);
+  rmdir(base.c_str());
   rmdir(kDefaultParent.c_str());
 }
 

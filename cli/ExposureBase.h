@@ -22,10 +22,16 @@ Outcome checkCoverage(const std::vector<std::string>& volumes, const std::vector
 // Checks, before anything is snapped, that snapshots can be mounted at `wanted` (empty: the default).
 Outcome checkBase(const std::string& wanted);
 
+// Empty for a relative path while the working directory is gone. Else absolute, links resolved, as the mount table will
+// spell it: mounts below it are found by comparing texts.
+std::string cleanPath(const std::string& path);
+
 // Default bases whose processes are gone.
 std::vector<std::string> abandonedBases();
 // Removes the folders of one, as far as they are empty; what is still mounted in it is not entered.
 void removeAbandonedBase(const std::string& base);
+// Removes the empty folders below `base`, itself not; what is mounted there is not entered.
+void removeEmptyFoldersBelow(const std::string& base);
 
 class ExposureBase {
  public:

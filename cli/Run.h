@@ -26,8 +26,6 @@ struct RunOptions {
 void addSnapshotOptions(CLI::App& verb, RunOptions& options);
 // The two options that say where relocation files go.
 void addRelocationOptions(CLI::App& verb, RelocationOptions& options);
-// An empty name is a variable of a script that is not set: a default in its place would be another run than was meant.
-std::string checkNamed(const std::string& text);
 // What the command finds in its environment, for a help text.
 std::string environmentHelp();
 

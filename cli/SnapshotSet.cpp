@@ -210,13 +210,8 @@ Failure SnapshotSet::snapFailure(int snapResult) {
     case 11:
     case 12:
       for (const ChosenVolume& volume : mVolumes) {
-        if (driver.snapped(volume.device)) {
-          const std::vector<int> owners = driver.owners(volume.device, volume.number);
-          return {kAlreadySnapped, volume.device,
-                  "is already snapped" + (owners.empty() ? "" : " by " + processText(owners.front())),
-                  "wait until that snapshot is deleted"};
-        }
-        if (driver.frozen(volume.device)) return {kAlreadySnapped, volume.device, "is frozen", "thaw it first"};
+        if (driver.snapped(volume.device)) return alreadySnapped(driver, volume.device, volume.number);
+        if (driver.frozen(volume.device)) return alreadyFrozen(volume.device);
       }
       return {kAlreadySnapped, all, "a volume was snapped or frozen at that moment", "try again"};
     case 20:

@@ -17,11 +17,6 @@
 namespace cli {
 namespace {
 
-unsigned int columns() {
-  winsize size{};
-  return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
-}
-
 // `text` cut to `cells` characters; multibyte characters are kept whole.
 std::string fitted(const std::string& text, unsigned int cells) {
   std::string result;
@@ -54,7 +49,7 @@ Terminal::Terminal(bool verbose)
 Terminal::~Terminal() { end(); }
 
 void Terminal::draw(const std::string& text) {
-  std::fprintf(stderr, "\r%s\033[K", fitted(text, columns() - 1).c_str());
+  std::fprintf(stderr, "\r%s\033[K", fitted(text, columnsOf(STDERR_FILENO) - 1).c_str());
   std::fflush(stderr);
 }
 
@@ -90,6 +85,17 @@ void Terminal::end() {
     std::fprintf(stderr, "mirelsnap: %s\n", line.c_str());
   }
   mPhase.clear();
+}
+
+unsigned int columnsOf(int descriptor) {
+  winsize size{};
+  return ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+const std::vector<std::string>& mapShades() {
+  static const std::vector<std::string> blocks = {"░", "▒", "▓", "█"};
+  static const std::vector<std::string> plain = {".", "-", "=", "#"};
+  return hasBlocks() ? blocks : plain;
 }
 
 std::string sizeText(std::uint64_t bytes) {

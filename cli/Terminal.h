@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace cli {
 
@@ -42,5 +43,9 @@ class Terminal {
 std::string sizeText(std::uint64_t bytes);
 // "████░░░░", `width` cells wide; plain characters when the locale has no others.
 std::string barText(std::uint64_t done, std::uint64_t total, unsigned int width);
+// Columns of the terminal behind a descriptor; 80 when there is none.
+unsigned int columnsOf(int descriptor);
+// Four cells, from nothing to all of it; plain characters when the locale has no others.
+const std::vector<std::string>& mapShades();
 
 }  // namespace cli

@@ -18,6 +18,9 @@ struct CommandLine {
   std::function<int()> action;
 };
 
+// An empty name is a variable of a script that is not set: a default in its place would be another run than was meant.
+std::string checkNamed(const std::string& text);
+
 void addRun(CLI::App& program, CommandLine& line);
 void addShell(CLI::App& program, CommandLine& line);
 void addStatus(CLI::App& program, CommandLine& line);

@@ -2,18 +2,24 @@
 #include "VolumeChoice.h"
 
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <array>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 
+#include "Text.h"
 #include "qxtools/Handle.h"
 #include "qxtools/UnixUtils.h"
 #include "sysinfo/LinuxSystemInfo.h"
+
+namespace fs = std::filesystem;
 
 namespace cli {
 namespace {
@@ -22,6 +28,9 @@ using Chosen = std::variant<ChosenVolume, Failure>;
 
 // File systems whose relocation files can be mapped to blocks.
 constexpr std::array kSnappableTypes = {"ext2", "ext3", "ext4", "xfs", "vfat", "msdos", "jfs", "reiserfs"};
+
+// File systems whose files have no blocks of their own on the device.
+constexpr std::array kUnmappableTypes = {"btrfs", "bcachefs"};
 
 Failure unsupported(const std::string& subject, const std::string& cause, const std::string& advice) {
   return {kVolumeNotSupported, subject, cause, advice};
@@ -74,18 +83,53 @@ class Chooser {
     return chosen;
   }
 
+  std::vector<ChosenVolume> everyMounted() {
+    std::vector<ChosenVolume> found;
+    for (const Mount& mount : mTable.mounts()) {
+      const bool known = std::any_of(found.begin(), found.end(),
+                                     [&](const ChosenVolume& volume) { return volume.number == mount.device; });
+      if (mount.device != 0 && !known) found.push_back(volumeAt(mount));
+    }
+    return found;
+  }
+
  private:
+  static Failure unmappable(const std::string& name, const Mount& mount) {
+    return unsupported(name, "is " + mount.type + ", whose files cannot be mapped to blocks",
+                       "leave it out: it cannot be snapped");
+  }
+
+  // "/dev/sda1 on /srv" each: partitions of the disk that are mounted.
+  std::string mountedPartsOf(std::uint64_t disk) {
+    std::vector<std::string> texts;
+    std::error_code error;
+    const std::string folder = "/sys/dev/block/" + std::to_string(major(disk)) + ":" + std::to_string(minor(disk));
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+      std::ifstream numbers(entry->path() / "dev");
+      unsigned int partMajor = 0, partMinor = 0;
+      char colon = 0;
+      if (!fs::exists(entry->path() / "partition", error) || !(numbers >> partMajor >> colon >> partMinor)) continue;
+      for (const Mount& mount : mTable.of(makedev(partMajor, partMinor)))
+        texts.push_back(deviceName(mSystem, mount) + " on " + mount.folder);
+    }
+    std::sort(texts.begin(), texts.end());
+    return listed(texts);
+  }
+
   ChosenVolume volumeAt(const Mount& mount) {
     return {deviceName(mSystem, mount), mount.folder, mount.type, mount.device};
   }
 
   Chosen byDevice(const std::string& name, std::uint64_t number) {
-    if (const std::optional<Mount> whole = wholeMountOf(number)) return volumeAt(*whole);
+    if (const std::optional<Mount> whole = wholeMountOf(number))
+      return canBeMapped(whole->type) ? Chosen(volumeAt(*whole)) : unmappable(name, *whole);
     for (const Mount& mount : mTable.of(number)) {
       if (isWhole(mount)) continue;
       return unsupported(name, "is mounted in part only: " + mount.root + " at " + mount.folder,
                          "mount all of it: a snapshot is of a whole volume");
     }
+    if (const std::string parts = mountedPartsOf(number); !parts.empty())
+      return unsupported(name, "is a whole disk, of which partitions are mounted: " + parts, "name the partitions");
     return unsupported(name, "is not mounted", "mount it first: only mounted volumes can be snapped");
   }
 
@@ -119,6 +163,7 @@ class Chooser {
       return unsupported(name, "is a " + mount->type + " file system without a block device",
                          "only block devices can be snapped");
     }
+    if (!canBeMapped(mount->type)) return unmappable(name, *mount);
     return isWhole(*mount) ? Chosen(volumeAt(*mount)) : onlyPart(name, *mount);
   }
 
@@ -141,6 +186,20 @@ class Chooser {
 };
 
 }  // namespace
+
+bool canBeMapped(const std::string& type) {
+  return std::find(kUnmappableTypes.begin(), kUnmappableTypes.end(), type) == kUnmappableTypes.end();
+}
+
+std::vector<ChosenVolume> everyMounted(const MountTable& table) { return Chooser(table).everyMounted(); }
+
+std::variant<std::string, Failure> deviceNamed(const std::string& name, const MountTable& table) {
+  Chosen chosen = Chooser(table).byName(name);
+  if (const auto* volume = std::get_if<ChosenVolume>(&chosen)) return volume->device;
+  struct stat status {};
+  if (stat(name.c_str(), &status) == 0 && S_ISBLK(status.st_mode)) return resolved(name).value_or(name);
+  return std::get<Failure>(chosen);
+}
 
 std::variant<std::vector<ChosenVolume>, Failure> chooseVolumes(const std::vector<std::string>& names,
                                                                const MountTable& table) {

@@ -25,4 +25,11 @@ struct ChosenVolume {
 std::variant<std::vector<ChosenVolume>, Failure> chooseVolumes(const std::vector<std::string>& names,
                                                                const MountTable& table);
 
+// Every mounted block device once, in table order, under its first mount point.
+std::vector<ChosenVolume> everyMounted(const MountTable& table);
+// A block device, mounted or not, or the device of a mount point.
+std::variant<std::string, Failure> deviceNamed(const std::string& name, const MountTable& table);
+// Whether files of this type of file system can be mapped to blocks, which snapping a volume takes.
+bool canBeMapped(const std::string& type);
+
 }  // namespace cli

@@ -16,7 +16,10 @@
 namespace {
 
 using AddVerb = void (*)(CLI::App& program, cli::CommandLine& line);
-constexpr AddVerb kVerbs[] = {cli::addRun, cli::addShell};
+constexpr AddVerb kVerbs[] = {
+    cli::addRun,    cli::addShell, cli::addStatus,  cli::addDoctor,       cli::addPlan,     cli::addReconcile,
+    cli::addFreeze, cli::addThaw,  cli::addChanges, cli::addStopTracking, cli::addLogLevel, cli::addDumpState,
+};
 
 // The verb whose arguments behind the first "--" are a command of its own.
 constexpr char kRun[] = "run";

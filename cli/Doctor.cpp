@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `mirelsnap doctor`: what would stop a snapshot here, before anyone tries.
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include "Driver.h"
+#include "PlacementText.h"
+#include "Processes.h"
+#include "Remains.h"
+#include "Report.h"
+#include "Text.h"
+#include "Verbs.h"
+
+namespace cli {
+namespace {
+
+using nlohmann::json;
+
+struct DoctorOptions {
+  std::vector<std::string> volumes;
+  bool json = false;
+};
+
+class Findings {
+ public:
+  explicit Findings(Report& report) : mReport(report) { mReport.document()["findings"] = json::array(); }
+
+  void add(const char* kind, const std::string& subject, const std::string& cause, const std::string& advice) {
+    mReport.document()["findings"].push_back(
+        {{"kind", kind}, {"subject", subject}, {"cause", cause}, {"advice", advice}});
+    mReport.print(onOneLine(subject + ": " + cause + "; " + advice) + "\n");
+    ++mCount;
+  }
+  void add(const char* kind, const Failure& failure) { add(kind, failure.subject, failure.cause, failure.advice); }
+  std::size_t count() const { return mCount; }
+
+ private:
+  Report& mReport;
+  std::size_t mCount = 0;
+};
+
+// Returns whether there is root, without which nothing below can be known.
+bool checkRoot(Findings& findings) {
+  const Outcome failure = requireRoot("doctor", "snapshots do, and most of what would stop them shows only to root");
+  if (failure) findings.add("root", *failure);
+  return !failure;
+}
+
+void checkTables(Findings& findings) {
+  for (const char* path : {"/proc/mounts", "/proc/self/mountinfo"}) {
+    if (std::ifstream file(path); !file)
+      findings.add("mount-table", path, std::string("the mount table cannot be read: ") + std::strerror(errno),
+                   "mount proc on /proc");
+  }
+  if (std::ifstream file("/proc/meminfo"); !file)
+    findings.add("memory", "/proc/meminfo", std::string("the state of memory cannot be read: ") + std::strerror(errno),
+                 "mount proc on /proc");
+}
+
+bool checkDriver(Driver& driver, Findings& findings) {
+  const Outcome failure = driver.check();
+  if (failure) findings.add("driver", *failure);
+  return !failure;
+}
+
+// The volumes that can be chosen; why the others cannot is a finding each.
+std::vector<ChosenVolume> checkChoice(const std::vector<std::string>& names, const MountTable& table,
+                                      Findings& findings) {
+  std::vector<std::string> asked = names;
+  std::vector<ChosenVolume> chosen;
+  const auto take = [&](const std::vector<std::string>& some) {
+    const auto found = chooseVolumes(some, table);
+    if (const auto* failure = std::get_if<Failure>(&found)) return findings.add("volume", *failure);
+    for (const ChosenVolume& volume : std::get<std::vector<ChosenVolume>>(found)) chosen.push_back(volume);
+  };
+  if (names.empty()) {
+    take({});
+    // What is left out then, although its files change.
+    if (const std::optional<Mount> root = table.at("/"); root && root->device == 0) asked.emplace_back("/");
+    for (const ChosenVolume& volume : everyMounted(table)) {
+      if (!canBeMapped(volume.type)) asked.push_back(volume.mountPoint);
+    }
+  }
+  for (const std::string& name : asked) take({name});
+  return chosen;
+}
+
+void checkState(Driver& driver, const std::vector<ChosenVolume>& volumes, Findings& findings) {
+  for (const ChosenVolume& volume : volumes) {
+    // What a dead process left is a finding of its own.
+    const std::vector<int> owners = driver.owners(volume.device, volume.number);
+    if (driver.snapped(volume.device) && (owners.empty() || !isGone(owners.front())))
+      findings.add("snapped", alreadySnapped(driver, volume.device, volume.number));
+    if (driver.frozen(volume.device)) findings.add("frozen", alreadyFrozen(volume.device));
+  }
+}
+
+void checkPlaces(const std::vector<ChosenVolume>& volumes, Findings& findings) {
+  for (const Placement& placement : predictPlacements(volumes, {})) {
+    if (!placement.placed()) {
+      findings.add("no-room", notPlaced(placement));
+    } else if (placement.file.reasons.ownVolume == OwnVolume::kNearlyFull) {
+      findings.add("full", placement.volume.device,
+                   "is nine tenths full: its relocation file would " +
+                       (onOwnVolume(placement) ? "stay there all the same, as no other file system has more space free"
+                                               : "go to " + placement.file.file),
+                   "free some space on " + placement.volume.mountPoint);
+    }
+  }
+}
+
+void checkRemains(Driver& driver, Findings& findings) {
+  const std::string advice = "mirelsnap reconcile removes it";
+  const Remains remains = findRemains(driver);
+  for (const Remains::Snapshot& snapshot : remains.snapshots)
+    findings.add("leftover-snapshot", snapshot.device,
+                 "is snapped by process " + std::to_string(snapshot.process) + ", which is gone", advice);
+  for (const Remains::Mapping& mapping : remains.mappings)
+    findings.add(
+        "leftover-mapping", mapping.device,
+        "is mapped to " + mapping.relocationFile + " by process " + std::to_string(mapping.process) + ", which is gone",
+        advice);
+  for (const std::string& file : remains.relocationFiles)
+    findings.add("leftover-file", file, "is a relocation file of no living process", advice);
+  for (const Mount& mount : remains.mounts)
+    findings.add("leftover-mount", mount.folder, "is still mounted (" + mount.source + "), for a process that is gone",
+                 advice);
+  for (const std::string& base : remains.bases)
+    findings.add("leftover-folder", base, "is the base of a process that is gone", advice);
+}
+
+void examine(const DoctorOptions& options, Report& report, Findings& findings) {
+  const bool root = checkRoot(findings);
+  checkTables(findings);
+  const MountTable table;
+  const std::vector<ChosenVolume> volumes = checkChoice(options.volumes, table, findings);
+  if (root) {
+    Driver driver;
+    const bool answers = checkDriver(driver, findings);
+    if (answers) checkState(driver, volumes, findings);
+    checkPlaces(volumes, findings);
+    if (answers) checkRemains(driver, findings);
+  }
+  if (findings.count() != 0) {
+    report.setExitCode(kFindings);
+    return report.print(counted(findings.count(), "finding") + ".\n");
+  }
+  std::vector<std::string> devices;
+  for (const ChosenVolume& volume : volumes) devices.push_back(volume.device);
+  report.print("Nothing stands in the way of a snapshot of " + onOneLine(listed(devices)) + ".\n");
+}
+
+int doctor(const DoctorOptions& options) {
+  Report report(options.json);
+  Findings findings(report);
+  examine(options, report, findings);
+  return report.finish();
+}
+
+}  // namespace
+
+void addDoctor(CLI::App& program, CommandLine& line) {
+  CLI::App* verb = program.add_subcommand("doctor", "Look for what would stop a snapshot here, before anyone tries");
+  const auto options = std::make_shared<DoctorOptions>();
+  verb->add_option("VOLUME", options->volumes,
+                   "Volumes to look at: device, mount point, or DEVICE:MOUNTPOINT\n"
+                   "(default: every mounted volume that can be snapped, and what would be left out)")
+      ->check(checkNamed);
+  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  verb->footer(
+      "Each finding is one line: the device or path, the cause, what to do next. Nothing is changed, but the\n"
+      "driver is loaded when it is not.\n\n" +
+      exitCodeHelp({kSuccess, kFindings, kUsage}));
+  verb->callback([options, &line] { line.action = [options] { return doctor(*options); }; });
+}
+
+}  // namespace cli

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `mirelsnap dump-state`: the driver writes its state as text.
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "Driver.h"
+#include "Report.h"
+#include "Terminal.h"
+#include "Verbs.h"
+#include "Wide.h"
+#include "driver/ControlDevice.h"
+
+namespace fs = std::filesystem;
+
+namespace cli {
+namespace {
+
+constexpr signed char kIntoFile = 1;
+constexpr std::size_t kLongestName = 256;
+
+// Full, as the driver knows no working directory of this process.
+std::string fullPath(const std::string& file) {
+  std::error_code error;
+  const fs::path full = fs::absolute(file, error);
+  return error ? file : full.lexically_normal().string();
+}
+
+Outcome checkFile(const std::string& file) {
+  std::error_code error;
+  if (wide(file).size() > kLongestName || file.size() > kLongestName) {
+    return Failure{kUsage, file, "is too long for the driver, which takes 256 bytes at most", "name a shorter path"};
+  }
+  if (!fs::is_directory(fs::path(file).parent_path(), error))
+    return Failure{kUsage, fs::path(file).parent_path(), "is not a directory", "name a file in one that is there"};
+  if (fs::is_directory(file, error)) return Failure{kUsage, file, "is a directory", "name a file"};
+  return std::nullopt;
+}
+
+void dumpInto(const std::string& file, Report& report) {
+  if (const Outcome failure = requireRoot("dump-state", "it talks to the kernel driver"))
+    return report.failed(*failure);
+  if (const Outcome failure = checkFile(file)) return report.failed(*failure);
+  Driver driver;
+  if (const Outcome failure = driver.check()) return report.failed(*failure);
+  if (const unsigned int status = driver.get()->DumpState(0, kIntoFile, L"", wide(file)); status != 0)
+    return report.failed(refused(file, status));
+  std::error_code error;
+  const std::uintmax_t size = fs::file_size(file, error);
+  if (error) {
+    return report.failed({kRefused, file, "the driver answered, but the file is not there: " + error.message(),
+                          "look for MIRELSNAP_SDK in the system log"});
+  }
+  report.document()["file"] = file;
+  report.document()["size"] = size;
+  report.print("The driver's state is in " + file + " (" + sizeText(size) + ").\n");
+}
+
+int dumpState(const std::string& file, bool asJson) {
+  Report report(asJson);
+  report.document() = {{"file", nullptr}, {"size", nullptr}};
+  dumpInto(fullPath(file), report);
+  return report.finish();
+}
+
+}  // namespace
+
+void addDumpState(CLI::App& program, CommandLine& line) {
+  CLI::App* verb = program.add_subcommand("dump-state", "Have the driver write its state into a file, as text");
+  struct Options {
+    std::string file;
+    bool json = false;
+  };
+  const auto options = std::make_shared<Options>();
+  verb->add_option("FILE", options->file, "The file, which is made or replaced; its full path has 256 bytes at most")
+      ->required()
+      ->check(checkNamed);
+  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  verb->footer("What stands in it is for the driver's developers and may change.\n\n" +
+               exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kRefused}));
+  verb->callback([options, &line] { line.action = [options] { return dumpState(options->file, options->json); }; });
+}
+
+}  // namespace cli

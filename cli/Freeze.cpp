@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `mirelsnap freeze` and `mirelsnap thaw`: writers stand still, and go on.
+#include <list>
+#include <memory>
+
+#include "Driver.h"
+#include "Report.h"
+#include "Text.h"
+#include "Verbs.h"
+#include "VolumeChoice.h"
+#include "Wide.h"
+
+namespace cli {
+namespace {
+
+using nlohmann::json;
+
+struct FreezeOptions {
+  std::vector<std::string> devices;
+  bool json = false;
+};
+
+// What is different in the two verbs.
+struct Direction {
+  const char* verb;
+  const char* done;  // "Frozen"
+  unsigned int (SnapDriverInterface::*request)(std::list<std::wstring>*);
+  unsigned int wrongState;  // the answer that one volume is in that state already
+  bool frozenAfterwards;
+};
+constexpr Direction kFreeze = {"freeze", "Frozen", &SnapDriverInterface::FreezeVolume, 24, true};
+constexpr Direction kThaw = {"thaw", "Thawed", &SnapDriverInterface::ThawVolume, 25, false};
+
+std::vector<std::string> devicesOf(const std::vector<ChosenVolume>& volumes) {
+  std::vector<std::string> devices;
+  for (const ChosenVolume& volume : volumes) {
+    if (devices.empty() || devices.back() != volume.device) devices.push_back(volume.device);
+  }
+  return devices;
+}
+
+Failure inWrongState(const Direction& direction, const std::string& device) {
+  if (direction.frozenAfterwards) return alreadyFrozen(device);
+  return {kNotInState, device, "is not frozen", "mirelsnap status shows which volumes are"};
+}
+
+// The driver takes all of them or none.
+Outcome change(const Direction& direction, Driver& driver, const std::vector<std::string>& devices) {
+  std::list<std::wstring> names;
+  for (const std::string& device : devices) names.push_back(wide(device));
+  const unsigned int status = (driver.get()->*direction.request)(&names);
+  if (status == 0) return std::nullopt;
+  if (status == direction.wrongState) {
+    for (const std::string& device : devices) {
+      if (driver.frozen(device) == direction.frozenAfterwards) return inWrongState(direction, device);
+    }
+    return inWrongState(direction, listed(devices));
+  }
+  return refused(listed(devices), status == 3 ? 6 : status);
+}
+
+void changeInto(const Direction& direction, const FreezeOptions& options, Report& report) {
+  if (const Outcome failure = requireRoot(direction.verb, "it talks to the kernel driver"))
+    return report.failed(*failure);
+  const MountTable table;
+  const auto chosen = chooseVolumes(options.devices, table);
+  if (const auto* failure = std::get_if<Failure>(&chosen)) return report.failed(*failure);
+  Driver driver;
+  if (const Outcome failure = driver.check()) return report.failed(*failure);
+  const std::vector<std::string> devices = devicesOf(std::get<std::vector<ChosenVolume>>(chosen));
+  if (const Outcome failure = change(direction, driver, devices)) return report.failed(*failure);
+  for (const std::string& device : devices)
+    report.document()["devices"].push_back({{"device", device}, {"frozen", direction.frozenAfterwards}});
+  report.print(std::string(direction.done) + ": " + listed(devices) + "\n");
+}
+
+int changeState(const Direction& direction, const FreezeOptions& options) {
+  Report report(options.json);
+  report.document()["devices"] = json::array();
+  changeInto(direction, options, report);
+  return report.finish();
+}
+
+void add(CLI::App& program, CommandLine& line, const Direction& direction, const char* description,
+         const std::string& footer) {
+  CLI::App* verb = program.add_subcommand(direction.verb, description);
+  const auto options = std::make_shared<FreezeOptions>();
+  verb->add_option("DEVICE", options->devices, "Mounted volumes: device, mount point, or DEVICE:MOUNTPOINT")
+      ->required()
+      ->check(checkNamed);
+  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  verb->footer(footer);
+  verb->callback([options, &line, &direction] {
+    line.action = [options, &direction] { return changeState(direction, *options); };
+  });
+}
+
+}  // namespace
+
+void addFreeze(CLI::App& program, CommandLine& line) {
+  add(program, line, kFreeze, "Make the writers of volumes stand still until thaw",
+      "Take care: whoever writes to a frozen volume waits, without an end, until mirelsnap thaw; this command's\n"
+      "own output too, when it goes to a file there. Never freeze the root file system at a prompt: the next\n"
+      "thing that a shell writes there keeps you from typing thaw. No snapshot can be taken of a frozen volume.\n"
+      "Freezes do not add up: all of the volumes are frozen or, when one is frozen already, none (114), and one\n"
+      "thaw is enough.\n\n" +
+          exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kRefused}));
+}
+
+void addThaw(CLI::App& program, CommandLine& line) {
+  add(program, line, kThaw, "Let the writers of frozen volumes go on",
+      "All of the volumes are thawed or, when one is not frozen, none (120).\n\n" +
+          exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
+}
+
+}  // namespace cli

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `mirelsnap plan`: where each relocation file would go, how large, and why; nothing is made.
+#include <memory>
+
+#include "Driver.h"
+#include "PlacementText.h"
+#include "Processes.h"
+#include "Report.h"
+#include "Run.h"
+#include "Terminal.h"
+#include "Text.h"
+#include "Verbs.h"
+
+namespace cli {
+namespace {
+
+using nlohmann::json;
+
+struct PlanOptions {
+  std::vector<std::string> volumes;
+  RelocationOptions relocation;
+  bool json = false;
+};
+
+std::string bytesText(const Placement& placement) {
+  return sizeText(placement.bytes()) + " (" + std::to_string(placement.bytes()) +
+         " bytes: " + counted(placement.file.blocks, "block") + " of " + std::to_string(placement.blockSize) + ")";
+}
+
+// The file system that would hold the file.
+Mount holder(const Placement& placement, const MountTable& table) {
+  return table.at(placement.file.mountPoint)
+      .value_or(Mount{placement.file.mountPoint, "/", "", placement.file.device, 0});
+}
+
+// "/dev/sda1 on /srv (ext4, 1.5 GiB)"
+std::string headline(const Placement& placement) {
+  return onOneLine(placement.volume.device + " on " + placement.volume.mountPoint + " (" + placement.volume.type +
+                   ", " + sizeText(placement.volumeSize) + ")") +
+         "\n";
+}
+
+void tell(const Placement& placement, const MountTable& table, Report& report) {
+  json entry = {{"device", placement.volume.device},
+                {"mount_point", placement.volume.mountPoint},
+                {"type", placement.volume.type},
+                {"size", placement.volumeSize},
+                {"relocation_file", nullptr}};
+  std::string text = headline(placement);
+  if (!placement.placed()) {
+    text += "  relocation file  none\n";
+    report.print(text + "\n");
+    report.document()["volumes"].push_back(entry);
+    return report.failed(notPlaced(placement));
+  }
+  const Mount mount = holder(placement, table);
+  const std::vector<std::string> passedOver = passedOverTexts(placement);
+  entry["relocation_file"] = {
+      {"path", placement.file.file},
+      {"size", placement.bytes()},
+      {"blocks", placement.file.blocks},
+      {"block_size", placement.blockSize},
+      {"file_system",
+       {{"mount_point", placement.file.mountPoint}, {"device", placement.file.device}, {"type", mount.type}}},
+      {"on_volume_itself", onOwnVolume(placement)},
+      {"why_there", whereText(placement)},
+      {"why_this_size", sizeReasonText(placement)},
+      {"passed_over", passedOver}};
+  text += "  relocation file  " + onOneLine(placement.file.file) + "\n";
+  text += "  size             " + bytesText(placement) + ": " + sizeReasonText(placement) + "\n";
+  text += "  on               " +
+          onOneLine(placement.file.mountPoint + " (" + mount.type + ", " + placement.file.device) +
+          "): " + whereText(placement) + "\n";
+  if (!passedOver.empty()) text += "  passed over      " + onOneLine(listed(passedOver)) + "\n";
+  report.print(text + "\n");
+  report.document()["volumes"].push_back(entry);
+}
+
+// What would keep the driver from snapping the volume, wherever its file went.
+Outcome obstacle(Driver& driver, const ChosenVolume& volume) {
+  if (driver.snapped(volume.device)) return alreadySnapped(driver, volume.device, volume.number);
+  if (driver.frozen(volume.device)) return alreadyFrozen(volume.device);
+  return std::nullopt;
+}
+
+void planFor(const PlanOptions& options, Report& report) {
+  if (const Outcome failure = requireRoot("plan", "it reads devices and talks to the kernel driver"))
+    return report.failed(*failure);
+  const MountTable table;
+  const auto chosen = chooseVolumes(options.volumes, table);
+  if (const auto* failure = std::get_if<Failure>(&chosen)) return report.failed(*failure);
+  Driver driver;
+  const Outcome noAnswer = driver.check();
+  for (const Placement& placement :
+       predictPlacements(std::get<std::vector<ChosenVolume>>(chosen), options.relocation)) {
+    tell(placement, table, report);
+    if (noAnswer) continue;
+    if (const Outcome failure = obstacle(driver, placement.volume)) report.failed(*failure);
+  }
+  if (noAnswer) report.failed(*noAnswer);
+}
+
+int plan(const PlanOptions& options) {
+  Report report(options.json);
+  report.document()["volumes"] = json::array();
+  planFor(options, report);
+  return report.finish();
+}
+
+}  // namespace
+
+void addPlan(CLI::App& program, CommandLine& line) {
+  CLI::App* verb = program.add_subcommand("plan", "Show where relocation files would go, how large and why");
+  const auto options = std::make_shared<PlanOptions>();
+  verb->add_option("VOLUME", options->volumes,
+                   "The volumes of the set: device, mount point, or DEVICE:MOUNTPOINT\n"
+                   "(default: every mounted volume that can be snapped)");
+  addRelocationOptions(*verb, options->relocation);
+  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  verb->footer(
+      "Nothing is made or written. The volumes are taken as one set, in this order: they share the memory\n"
+      "that the driver can use. Free space, memory and what other programs snap may change until then.\n"
+      "The exit code is the one with which mirelsnap run would fail for the first reason found.\n\n" +
+      exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom}));
+  verb->callback([options, &line] { line.action = [options] { return plan(*options); }; });
+}
+
+}  // namespace cli

@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `mirelsnap reconcile`: removes what dead processes left, and tells what it was.
+#include <algorithm>
+#include <memory>
+
+#include <mirelsnap/SnapshotEngine.h>
+
+#include "Driver.h"
+#include "ExposureBase.h"
+#include "Processes.h"
+#include "Remains.h"
+#include "Report.h"
+#include "Text.h"
+#include "Verbs.h"
+#include "Wide.h"
+#include "driver/ControlDevice.h"
+
+namespace cli {
+namespace {
+
+using nlohmann::json;
+using UnixSnapshotCoordinator::IUscSnapshotEngine;
+
+struct ReconcileOptions {
+  std::string base;
+  bool json = false;
+};
+
+// What was found, and what of it is still there afterwards.
+class Removal {
+ public:
+  Removal(const Remains& before, const Remains& after, Report& report)
+      : mBefore(before), mAfter(after), mReport(report) {}
+
+  void tell() {
+    for (const Remains::Snapshot& snapshot : mBefore.snapshots) {
+      const bool left = isIn(mAfter.snapshots, [&](const auto& other) { return other.device == snapshot.device; });
+      note("snapshots",
+           {{"device", snapshot.device}, {"relocation_file", snapshot.relocationFile}, {"pid", snapshot.process}},
+           "snapshot of " + snapshot.device + ", taken by " + dead(snapshot.process), left, snapshot.device,
+           "is still snapped: the driver refused to discard the snapshot of " + dead(snapshot.process),
+           "look for MIRELSNAP_SDK in the system log");
+    }
+    for (const Remains::Mapping& mapping : mBefore.mappings) {
+      const bool left = isIn(mAfter.mappings, [&](const auto& other) {
+        return other.device == mapping.device && other.process == mapping.process;
+      });
+      note("mappings",
+           {{"device", mapping.device}, {"relocation_file", mapping.relocationFile}, {"pid", mapping.process}},
+           "mapping of " + mapping.device + " to " + mapping.relocationFile + ", made by " + dead(mapping.process),
+           left, mapping.device, "is still mapped to " + mapping.relocationFile + " for " + dead(mapping.process),
+           "look for MIRELSNAP_SDK in the system log");
+    }
+    for (const std::string& file : mBefore.relocationFiles) {
+      const bool left = isIn(mAfter.relocationFiles, [&](const auto& other) { return other == file; });
+      note("relocation_files", {{"path", file}}, "relocation file " + file, left, file,
+           "the relocation file could not be removed", "remove it by hand");
+    }
+    for (const Mount& mount : mBefore.mounts) {
+      const bool left = isIn(mAfter.mounts, [&](const auto& other) { return other.folder == mount.folder; });
+      note("mounts", {{"folder", mount.folder}, {"source", mount.source}},
+           "mount of " + mount.source + " on " + mount.folder, left, mount.folder,
+           "is still mounted: " + (left ? usersText(usersOf(mount.folder)) : ""),
+           "stop what uses it, then run this again");
+    }
+    for (const std::string& base : mBefore.bases) {
+      const bool left = isIn(mAfter.bases, [&](const auto& other) { return other == base; });
+      const bool explained = isIn(mAfter.mounts, [&](const auto& mount) { return liesWithin(mount.folder, base); });
+      if (left && explained) continue;
+      note("folders", {{"path", base}}, "folder " + base, left, base, "the folder could not be removed",
+           "look at what is in it");
+    }
+  }
+
+ private:
+  template <class Items, class Same>
+  static bool isIn(const Items& items, Same same) {
+    return std::any_of(items.begin(), items.end(), same);
+  }
+  static std::string dead(int process) { return "process " + std::to_string(process) + ", which is gone"; }
+
+  void note(const char* kind, json entry, const std::string& what, bool left, const std::string& subject,
+            const std::string& cause, const std::string& advice) {
+    entry["removed"] = !left;
+    mReport.document()[kind].push_back(entry);
+    if (left) return mReport.failed({kCannotCleanUp, subject, cause, advice});
+    mReport.print(onOneLine("Removed the " + what) + "\n");
+  }
+
+  const Remains& mBefore;
+  const Remains& mAfter;
+  Report& mReport;
+};
+
+// A base that is named holds the snapshots of a dead process and nothing of a living one: all that is mounted there is
+// unmounted.
+Outcome checkNamedBase(const std::string& base, Driver& driver) {
+  if (base == "/") return Failure{kUsage, base, "is no base: everything is mounted below it", "name the base itself"};
+  const std::vector<Mount> mounts = MountTable().under(base);
+  if (mounts.empty()) return std::nullopt;
+  const auto isSnapshot = [](const Mount& mount) { return isSnapshotDevice(mount.source); };
+  if (std::none_of(mounts.begin(), mounts.end(), isSnapshot))
+    return Failure{kUsage, base, "no snapshot is mounted there, but other volumes are", "name the base of an exposure"};
+  for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
+    const std::string device =
+        "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
+    const bool shown =
+        std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) { return mount.source == device; });
+    if (shown && !isGone(volume.getAppPid())) {
+      return Failure{kUsage, base, "shows a snapshot of " + processText(volume.getAppPid()) + ", which lives",
+                     "wait until it ends"};
+    }
+  }
+  return std::nullopt;
+}
+
+// The library's own sweep: of the driver and the relocation files, and of one base after the other.
+bool sweep(const Remains& remains, const std::string& base) {
+  struct Release {
+    void operator()(IUscSnapshotEngine* engine) const { engine->Release(); }
+  };
+  const std::unique_ptr<IUscSnapshotEngine, Release> engine((*GetCreatorFunction())());
+  if (engine == nullptr) return false;
+  const bool swept = engine->DoReconcile(base.empty() ? nullptr : wide(base).c_str()) >= 0;
+  if (!base.empty()) removeEmptyFoldersBelow(base);
+  for (const std::string& abandoned : remains.bases) {
+    engine->DoReconcile(wide(abandoned).c_str());
+    removeAbandonedBase(abandoned);
+  }
+  return swept;
+}
+
+void reconcileInto(const ReconcileOptions& options, Report& report) {
+  if (const Outcome failure = requireRoot("reconcile", "it unmounts, removes files and talks to the kernel driver"))
+    return report.failed(*failure);
+  Driver driver;
+  if (const Outcome failure = driver.check()) return report.failed(*failure);
+  const std::string base = options.base.empty() ? "" : cleanPath(options.base);
+  if (base.empty() && !options.base.empty())
+    return report.failed({kUsage, options.base, "the working directory is gone", "name a full path"});
+  if (const Outcome failure = checkNamedBase(base, driver); !base.empty() && failure) return report.failed(*failure);
+
+  const Remains before = findRemains(driver, base);
+  const bool swept = sweep(before, base);
+  const Remains after = findRemains(driver, base);
+  Removal(before, after, report).tell();
+  if (!swept && after.empty()) {
+    report.failed(
+        {kRefused, kControlNode, "the driver could not be reconciled", "look for MIRELSNAP_SDK in the system log"});
+  }
+  if (before.empty()) report.print("Nothing is left of dead processes.\n");
+}
+
+int reconcile(const ReconcileOptions& options) {
+  Report report(options.json);
+  for (const char* kind : {"snapshots", "mappings", "relocation_files", "mounts", "folders"})
+    report.document()[kind] = json::array();
+  reconcileInto(options, report);
+  return report.finish();
+}
+
+}  // namespace
+
+void addReconcile(CLI::App& program, CommandLine& line) {
+  CLI::App* verb = program.add_subcommand("reconcile", "Remove what dead processes left, and tell what it was");
+  const auto options = std::make_shared<ReconcileOptions>();
+  verb->add_option("--base", options->base,
+                   "A base that a dead process had its snapshots mounted below, besides those in /run/mirelsnap")
+      ->type_name("DIR")
+      ->check(checkNamed);
+  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  verb->footer(
+      "Snapshots, mappings, relocation files, mounts and folders of living processes are left alone. All that\n"
+      "is mounted below DIR is unmounted, the binds among it. A second run says that there is nothing.\n\n" +
+      exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
+  verb->callback([options, &line] { line.action = [options] { return reconcile(*options); }; });
+}
+
+}  // namespace cli

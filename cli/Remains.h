@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What processes left that died while they held snapshots.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Driver.h"
+#include "MountTable.h"
+
+namespace cli {
+
+struct Remains {
+  struct Snapshot {
+    std::string device;
+    std::string relocationFile;
+    int process;
+  };
+  struct Mapping {
+    std::string device;
+    std::string relocationFile;
+    int process;
+  };
+  std::vector<Snapshot> snapshots;
+  std::vector<Mapping> mappings;
+  std::vector<std::string> relocationFiles;  // on the mounted file systems, of no living process
+  std::vector<Mount> mounts;                 // in abandoned bases, deepest last
+  std::vector<std::string> bases;            // of dead processes, below the default directory
+
+  bool empty() const {
+    return snapshots.empty() && mappings.empty() && relocationFiles.empty() && mounts.empty() && bases.empty();
+  }
+};
+
+// What is there at this moment. `base`, unless it is empty, counts as abandoned.
+Remains findRemains(Driver& driver, const std::string& base = "");
+
+// Whether a path names a device that the driver offers a snapshot as.
+bool isSnapshotDevice(const std::string& path);
+
+}  // namespace cli

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `mirelsnap status`: what the driver holds, and who of it.
+#include <sys/sysmacros.h>
+
+#include <memory>
+
+#include "Driver.h"
+#include "MountTable.h"
+#include "Processes.h"
+#include "Remains.h"
+#include "Report.h"
+#include "Terminal.h"
+#include "Text.h"
+#include "Verbs.h"
+#include "VolumeChoice.h"
+#include "Wide.h"
+
+namespace cli {
+namespace {
+
+using nlohmann::json;
+
+json ownerJson(int process) { return {{"pid", process}, {"name", processName(process)}, {"alive", !isGone(process)}}; }
+
+std::string ownerText(int process) {
+  return isGone(process) ? "process " + std::to_string(process) + ", which is gone" : processText(process);
+}
+
+std::string numbersText(unsigned int major, unsigned int minor) {
+  return std::to_string(major) + ":" + std::to_string(minor);
+}
+
+// Where the snapshot that the driver offers for a volume is mounted.
+std::vector<std::string> exposures(const MountTable& table, const std::string& snapshotDevice) {
+  std::vector<std::string> folders;
+  for (const Mount& mount : table.mounts()) {
+    if (mount.source == snapshotDevice) folders.push_back(mount.folder);
+  }
+  return folders;
+}
+
+std::string tellSnapped(Driver& driver, const MountTable& table, json& document) {
+  Table shown({"NAME", "DEVICE", ">SIZE", "SNAPSHOT", "RELOCATION FILE", ">SIZE", "OWNER"});
+  document = json::array();
+  for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
+    const std::string name = narrow(volume.getSnappedVolumeName().c_str());
+    const std::string file = narrow(volume.getRelocFileName().c_str());
+    const std::string snapshot =
+        "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
+    const std::uint64_t size = volume.getNumBlocks() * volume.getBlockSize();
+    const std::uint64_t fileSize = std::uint64_t{volume.getRelocFileSize()} * volume.getBlockSize();
+    document.push_back({{"name", name},
+                        {"device", numbersText(volume.getMajorNum(), volume.getMinorNum())},
+                        {"size", size},
+                        {"blocks", volume.getNumBlocks()},
+                        {"block_size", volume.getBlockSize()},
+                        {"snapshot_device", snapshot},
+                        {"exposed_at", exposures(table, snapshot)},
+                        {"relocation_file", file},
+                        {"relocation_size", fileSize},
+                        {"relocation_blocks", volume.getRelocFileSize()},
+                        {"owner", ownerJson(volume.getAppPid())}});
+    shown.add({name, numbersText(volume.getMajorNum(), volume.getMinorNum()), sizeText(size), snapshot, file,
+               sizeText(fileSize), ownerText(volume.getAppPid())});
+  }
+  return shown.empty() ? "No volume is snapped.\n" : "Snapped volumes\n" + shown.text();
+}
+
+std::string tellMappings(Driver& driver, json& document) {
+  Table shown({"VOLUME", "RELOCATION FILE", "OWNER"});
+  document = json::array();
+  for (const RelocFileMappingInformation& mapping : driver.mappings()) {
+    document.push_back({{"volume", mapping.getSnappedVolumeName()},
+                        {"relocation_file", mapping.getRelocFileName()},
+                        {"owner", ownerJson(mapping.getAppPid())}});
+    shown.add({mapping.getSnappedVolumeName(), mapping.getRelocFileName(), ownerText(mapping.getAppPid())});
+  }
+  return shown.empty() ? "No relocation file is mapped.\n" : "Mapped relocation files\n" + shown.text();
+}
+
+std::string tellMounted(Driver& driver, const MountTable& table, json& document) {
+  Table shown({"DEVICE", "MOUNTED ON", "TYPE", "STATE"});
+  document = json::array();
+  for (const ChosenVolume& volume : everyMounted(table)) {
+    if (isSnapshotDevice(volume.device)) continue;
+    std::vector<std::string> folders;
+    for (const Mount& mount : table.of(volume.number)) folders.push_back(mount.folder);
+    const bool snapped = driver.snapped(volume.device);
+    const bool frozen = driver.frozen(volume.device);
+    const std::optional<Tracking> tracking = driver.tracking(volume.device);
+    document.push_back(
+        {{"device", volume.device},
+         {"mount_points", folders},
+         {"type", volume.type},
+         {"snapped", snapped},
+         {"frozen", frozen},
+         {"tracking", tracking ? json{{"id", tracking->id}, {"sequence", tracking->sequence}} : json(nullptr)}});
+    std::vector<std::string> states;
+    if (snapped) states.emplace_back("snapped");
+    if (frozen) states.emplace_back("frozen");
+    if (tracking) states.push_back("changes tracked (sequence " + std::to_string(tracking->sequence) + ")");
+    for (std::size_t i = 0; i < folders.size(); ++i) {
+      const std::string state = states.empty() ? "-" : listed(states);
+      shown.add({i == 0 ? volume.device : "", folders[i], i == 0 ? volume.type : "", i == 0 ? state : ""});
+    }
+  }
+  return shown.empty() ? "No block device is mounted.\n" : "Mounted volumes\n" + shown.text();
+}
+
+int status(bool asJson) {
+  Report report(asJson);
+  json& document = report.document();
+  document = {{"driver_version", nullptr},
+              {"snapped_volumes", json::array()},
+              {"mappings", json::array()},
+              {"mounted_volumes", json::array()}};
+  if (const Outcome failure = requireRoot("status", "it talks to the kernel driver")) {
+    report.failed(*failure);
+    return report.finish();
+  }
+  Driver driver;
+  std::string version;
+  if (const Outcome failure = driver.check(&version)) {
+    report.failed(*failure);
+    return report.finish();
+  }
+  const MountTable table;
+  document["driver_version"] = version;
+  report.print("Driver " + version + "\n\n");
+  report.print(tellSnapped(driver, table, document["snapped_volumes"]) + "\n");
+  report.print(tellMappings(driver, document["mappings"]) + "\n");
+  report.print(tellMounted(driver, table, document["mounted_volumes"]));
+  return report.finish();
+}
+
+}  // namespace
+
+void addStatus(CLI::App& program, CommandLine& line) {
+  CLI::App* verb = program.add_subcommand("status", "Show what the driver holds: snapshots, mappings, frozen volumes");
+  const auto asJson = std::make_shared<bool>(false);
+  verb->add_flag("--json", *asJson, "Print one JSON document instead");
+  verb->footer("An owner that is gone left what it held: mirelsnap reconcile removes it.\n\n" +
+               exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver}));
+  verb->callback([asJson, &line] { line.action = [asJson] { return status(*asJson); }; });
+}
+
+}  // namespace cli

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `mirelsnap stop-tracking`: the driver forgets which blocks of volumes changed.
+#include <list>
+#include <memory>
+
+#include "Driver.h"
+#include "Report.h"
+#include "Text.h"
+#include "Verbs.h"
+#include "VolumeChoice.h"
+#include "Wide.h"
+
+namespace cli {
+namespace {
+
+using nlohmann::json;
+
+struct StopOptions {
+  std::vector<std::string> devices;
+  bool json = false;
+};
+
+void stopInto(const StopOptions& options, Report& report) {
+  if (const Outcome failure = requireRoot("stop-tracking", "it talks to the kernel driver"))
+    return report.failed(*failure);
+  const MountTable table;
+  std::vector<std::string> devices;
+  for (const std::string& name : options.devices) {
+    const auto named = deviceNamed(name, table);
+    if (const auto* failure = std::get_if<Failure>(&named)) return report.failed(*failure);
+    devices.push_back(std::get<std::string>(named));
+  }
+  Driver driver;
+  if (const Outcome failure = driver.check()) return report.failed(*failure);
+  for (const std::string& device : devices) {
+    if (!driver.tracking(device)) return report.failed(notTracked(device));
+  }
+  std::list<std::wstring> names;
+  for (const std::string& device : devices) names.push_back(wide(device));
+  if (const unsigned int status = driver.get()->StopVtrack(&names); status != 0)
+    return report.failed(refused(listed(devices), status));
+  for (const std::string& device : devices) report.document()["devices"].push_back(device);
+  report.print("No longer tracked: " + listed(devices) + "\n");
+}
+
+int stopTracking(const StopOptions& options) {
+  Report report(options.json);
+  report.document()["devices"] = json::array();
+  stopInto(options, report);
+  return report.finish();
+}
+
+}  // namespace
+
+void addStopTracking(CLI::App& program, CommandLine& line) {
+  CLI::App* verb = program.add_subcommand("stop-tracking", "Have the driver forget which blocks of volumes changed");
+  const auto options = std::make_shared<StopOptions>();
+  verb->add_option("DEVICE", options->devices, "Volumes that are tracked: device or mount point")
+      ->required()
+      ->check(checkNamed);
+  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  verb->footer("Their snapshots stay. Nothing is stopped when one of them is not tracked.\n\n" +
+               exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
+  verb->callback([options, &line] { line.action = [options] { return stopTracking(*options); }; });
+}
+
+}  // namespace cli
