@@ -103,6 +103,8 @@ void checkState(Driver& driver, const std::vector<ChosenVolume>& volumes, Findin
 
 void checkPlaces(const std::vector<ChosenVolume>& volumes, Findings& findings) {
   for (const Placement& placement : predictPlacements(volumes, {})) {
+    // That it is snapped already has been found.
+    if (placement.file.reasons.ownVolume == OwnVolume::kSnapped) continue;
     if (!placement.placed()) {
       findings.add("no-room", notPlaced(placement));
     } else if (placement.file.reasons.ownVolume == OwnVolume::kNearlyFull) {

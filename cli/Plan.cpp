@@ -41,7 +41,7 @@ std::string headline(const Placement& placement) {
          "\n";
 }
 
-void tell(const Placement& placement, const MountTable& table, Report& report) {
+void tell(const Placement& placement, const MountTable& table, const Outcome& obstacle, Report& report) {
   json entry = {{"device", placement.volume.device},
                 {"mount_point", placement.volume.mountPoint},
                 {"type", placement.volume.type},
@@ -52,7 +52,7 @@ void tell(const Placement& placement, const MountTable& table, Report& report) {
     text += "  relocation file  none\n";
     report.print(text + "\n");
     report.document()["volumes"].push_back(entry);
-    return report.failed(notPlaced(placement));
+    return report.failed(obstacle ? *obstacle : notPlaced(placement));
   }
   const Mount mount = holder(placement, table);
   const std::vector<std::string> passedOver = passedOverTexts(placement);
@@ -75,6 +75,7 @@ void tell(const Placement& placement, const MountTable& table, Report& report) {
   if (!passedOver.empty()) text += "  passed over      " + onOneLine(listed(passedOver)) + "\n";
   report.print(text + "\n");
   report.document()["volumes"].push_back(entry);
+  if (obstacle) report.failed(*obstacle);
 }
 
 // What would keep the driver from snapping the volume, wherever its file went.
@@ -94,9 +95,7 @@ void planFor(const PlanOptions& options, Report& report) {
   const Outcome noAnswer = driver.check();
   for (const Placement& placement :
        predictPlacements(std::get<std::vector<ChosenVolume>>(chosen), options.relocation)) {
-    tell(placement, table, report);
-    if (noAnswer) continue;
-    if (const Outcome failure = obstacle(driver, placement.volume)) report.failed(*failure);
+    tell(placement, table, noAnswer ? std::nullopt : obstacle(driver, placement.volume), report);
   }
   if (noAnswer) report.failed(*noAnswer);
 }

@@ -122,13 +122,16 @@ bool sweep(const Remains& remains, const std::string& base) {
   };
   const std::unique_ptr<IUscSnapshotEngine, Release> engine((*GetCreatorFunction())());
   if (engine == nullptr) return false;
-  const bool swept = engine->DoReconcile(base.empty() ? nullptr : wide(base).c_str()) >= 0;
-  if (!base.empty()) removeEmptyFoldersBelow(base);
+  if (!base.empty()) {
+    engine->DoReconcile(wide(base).c_str());
+    removeEmptyFoldersBelow(base);
+  }
   for (const std::string& abandoned : remains.bases) {
     engine->DoReconcile(wide(abandoned).c_str());
     removeAbandonedBase(abandoned);
   }
-  return swept;
+  // Once more when nothing is mounted any longer: the driver keeps what was discarded while it was in use.
+  return engine->DoReconcile(nullptr) >= 0;
 }
 
 void reconcileInto(const ReconcileOptions& options, Report& report) {
