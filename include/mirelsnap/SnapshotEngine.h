@@ -252,7 +252,7 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // Delete the set before the engine's last release: the devices of a set that was not deleted cannot be added
   // to another set of this process.
   // S_OK, whatever the driver answered; USC_E_BAD_STATE unless the job succeeded; USC_E_OBJECT_NOT_FOUND;
-  // E_INVALIDARG for another type.
+  // E_INVALIDARG for another type; E_OUTOFMEMORY, after which it may be called again.
   virtual int DeleteSnapshots(const _SSGUIDPLAIN& id, _USC_OBJECT_TYPE type) = 0;
 };
 

@@ -22,9 +22,12 @@ class MirelMountVolumeParams {
   int MountError() const { return mMountError; }
   bool IsMounted() const { return mMounted; }
 
-  // Binds it at `base` (or, for null, at the bound mount point given before) joined with its own path; true when bound.
+  // Binds it at `base` joined with its own path; for a null base, and for one that the locale cannot narrow, at the
+  // bound mount point that it has, joined the same way. True when it is bound afterwards, also when it was before.
+  // False with MountError() set: 22 for a null base without a bound mount point, 12 for one that cannot be narrowed,
+  // else the errno of mount.
   bool DoMount(const wchar_t* base);
-  // Unbinds it; true when it is not bound afterwards.
+  // Unbinds it; true when it is not bound afterwards. False with the errno of umount as MountError().
   bool DoDismount();
 
  private:
