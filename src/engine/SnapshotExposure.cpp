@@ -64,7 +64,7 @@ int queueVolumes(MirelSnapshotEngine& engine) {
 
 // All mount points of the set, or none.
 int fillQueue(MirelSnapshotEngine& engine) {
-  const int result = AtBoundary([&] { return queueVolumes(engine); });
+  const int result = queueVolumes(engine);
   if (result < 0) engine.mMountPointQueue.clear();
   return result;
 }
@@ -79,14 +79,13 @@ bool mountQueue(MirelSnapshotEngine& engine) {
 // The argument goes on as the agent gave it: a base that came from the option is a null one here, which the alternate
 // set refuses even when it is empty. So an exposure without an argument never succeeds; that is the contract.
 bool mountAlternateSet(MirelSnapshotEngine& engine, const wchar_t* base) {
-  if (AtBoundary([&] { return engine.mSnapshotSetParams->DoMountAlternateSet(base); }) >= 0) return true;
+  if (engine.mSnapshotSetParams->DoMountAlternateSet(base) >= 0) return true;
   QX_Zprintf(0, L"%hs: Failed to mount one or more volumes in the alternate set", "ExposeSnapshotsInSnapshotSet");
   return false;
 }
 
 void dismountAlternateSet(MirelSnapshotEngine& engine) {
-  if (engine.mSnapshotSetParams == nullptr) return;
-  if (AtBoundary([&] { return engine.mSnapshotSetParams->DoDismountAlternateSet(); }) >= 0) return;
+  if (engine.mSnapshotSetParams == nullptr || engine.mSnapshotSetParams->DoDismountAlternateSet() >= 0) return;
   QX_Zprintf(0, L"%hs: Failed to dismount one or more mount points in the alternate set!",
              "UnExposeSnapshotsInSnapshotSet");
 }

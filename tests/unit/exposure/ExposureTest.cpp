@@ -10,15 +10,19 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "EngineLog.h"
 #include "FinishedSet.h"
+#include "KernelTable.h"
 #include "Locale.h"
 #include "LoopVolume.h"
 #include "SnapshotDevice.h"
 #include "SystemCalls.h"
 #include "engine/GetDoneWrapper.h"
+#include "interpose/Allocations.h"
 #include "interpose/FailingCopies.h"
+#include "interpose/FailingMalloc.h"
 #include "qxtools/Handle.h"
 
 using namespace MirelSnapSnapshotCoordinator;
@@ -83,13 +87,17 @@ class Exposure : public EmptyExposure {
     addMountPoint(L"/");
   }
   void addMountPoint(const wchar_t* mountPoint) {
-    ASSERT_GT(set->mSnapshotSetParams->Add(id, volume.wdevice().c_str(), mountPoint), 0u);
+    EXPECT_GT(set->mSnapshotSetParams->Add(id, volume.wdevice().c_str(), mountPoint), 0u);
   }
   void finish() {
     addVolume();
     set.finish();
   }
   std::string inner() const { return base + volume.folder(); }
+  std::wstring recorded(unsigned int volumeIndex, unsigned int mountPoint) {
+    const GetDoneWrapper<MirelSnapshotVolumeParams> params(set->mSnapshotSetParams->GetAt(volumeIndex));
+    return params->GetSnapVolumeMountPoint(mountPoint);
+  }
   int exposed() {
     int answer = -1;
     EXPECT_EQ(set->IsSnapshotExposed(id, &answer), S_OK);
@@ -104,6 +112,41 @@ class Exposure : public EmptyExposure {
   test::Volume volume{"ext4", 16 << 20};
   std::unique_ptr<test::SnapshotDevice> snapshot;
   _SSGUIDPLAIN id{};
+};
+
+// Exposures while memory is short: either everything is there, or nothing is.
+class ExposureShortOfMemory : public Exposure {
+ protected:
+  ExposureShortOfMemory() {
+    std::filesystem::create_directories(volume.folder() + live.folder());
+    EXPECT_EQ(set->AddToAlternateMountSet(wide(live.folder()).c_str()), S_OK);
+    finish();
+  }
+
+  // Exposes once, the n-th allocation failing as `Failing` has it; whether it did.
+  template <class Failing>
+  bool exposeFailing(std::size_t n) {
+    const std::wstring given = wbase();
+    int result;
+    bool failed;
+    {
+      const Failing noMemory(n);
+      result = set->ExposeSnapshotsInSnapshotSet(given.c_str());
+      failed = noMemory.failed();
+    }
+    ++results[result];
+    if (result == S_OK) {
+      EXPECT_EQ(mountsUnder(base), 3u) << n;
+      EXPECT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK) << n;
+    }
+    expectNothingLeft();
+    set->mMountPointBase.clear();
+    return failed;
+  }
+
+  test::TempDir liveDir;
+  test::Mounted live{"tests", liveDir.path(), "tmpfs"};
+  std::map<int, unsigned int> results;
 };
 
 }  // namespace
@@ -121,6 +164,14 @@ TEST_F(EmptyExposure, is_legal_only_when_the_job_is_done) {
   set->mState = StateSnapshotSetStarted;
   EXPECT_TRUE(set->mMountPointBase.empty());
   EXPECT_FALSE(exists(base));
+}
+
+TEST_F(EmptyExposure, without_a_set_is_a_bad_state) {
+  MirelSnapshotEngine fresh;
+  fresh.mState = StateSnapshotSetDone;
+  EXPECT_EQ(fresh.ExposeSnapshotsInSnapshotSet(wbase().c_str()), USC_E_BAD_STATE);
+  EXPECT_TRUE(fresh.mMountPointBase.empty());
+  fresh.mState = StateUninitialized;
 }
 
 TEST_F(EmptyExposure, without_any_base_is_an_invalid_argument) {
@@ -146,6 +197,13 @@ TEST_F(EmptyExposure, a_base_that_the_locale_cannot_narrow_is_out_of_memory_and_
   set.finish();
   EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(L"/mnt/\x00e9"), E_OUTOFMEMORY);
   EXPECT_TRUE(set->mMountPointBase.empty());
+}
+
+TEST_F(EmptyExposure, with_a_base_beside_the_option_it_does_not_matter_whether_the_locale_can_narrow_it) {
+  set.finish();
+  ASSERT_EQ(set->SetOption({}, L"MountPointBase", wbase().c_str()), S_OK);
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(L"/mnt/\x00e9"), E_INVALIDARG);
+  EXPECT_EQ(set->mMountPointBase, base);
 }
 
 TEST_F(EmptyExposure, the_base_is_made_for_owner_and_group) {
@@ -199,6 +257,25 @@ TEST_F(Exposure, a_volume_is_readable_as_it_was_at_the_base_joined_with_its_moun
   EXPECT_EQ(set->mMountPointQueue.size(), 2u);
   EXPECT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK);
   expectNothingLeft();
+}
+
+TEST_F(Exposure, an_entry_carries_its_own_volume_and_mount_point) {
+  const test::Volume other("ext4", 16 << 20);
+  std::filesystem::create_directories(volume.folder() + other.folder());
+  const test::SnapshotDevice otherSnapshot(other);
+  set.add(other.device(), other.folder(), otherSnapshot.path());  // volume 0; the fixture's is volume 1
+  finish();
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), S_OK);
+  ASSERT_EQ(set->mMountPointQueue.size(), 3u);
+  for (const auto& entry : set->mMountPointQueue) {
+    const bool isOther = entry.device == otherSnapshot.path();
+    EXPECT_EQ(entry.volumeIndex, isOther ? 0u : 1u) << entry.target;
+    EXPECT_EQ(entry.mountPointIndex, entry.target == base ? 1u : 0u) << entry.target;
+  }
+  EXPECT_EQ(recorded(0, 0), wide(base + other.folder()));
+  EXPECT_EQ(recorded(1, 0), wide(inner()));
+  EXPECT_EQ(recorded(1, 1), wbase());
+  EXPECT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK);
 }
 
 TEST(NestedExposure, root_home_and_data_are_mounted_in_that_order_and_unmounted_in_reverse) {
@@ -277,9 +354,8 @@ TEST_F(Exposure, unexposure_does_not_forget_where_the_snapshots_were_mounted) {
   ASSERT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), S_OK);
   ASSERT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK);
   EXPECT_EQ(exposed(), 0);
-  const GetDoneWrapper<MirelSnapshotVolumeParams> params(set->mSnapshotSetParams->GetFor(id));
-  EXPECT_EQ(std::wstring(params->GetSnapVolumeMountPoint(0)), wide(inner()));
-  EXPECT_EQ(std::wstring(params->GetSnapVolumeMountPoint(1)), wbase());
+  EXPECT_EQ(recorded(0, 0), wide(inner()));
+  EXPECT_EQ(recorded(0, 1), wbase());
 }
 
 TEST_F(Exposure, the_base_stays_the_engines_after_unexposure) {
@@ -356,6 +432,24 @@ TEST_F(Exposure, targets_that_cannot_be_queued_pass_unnoticed) {
   EXPECT_TRUE(calls.mounts.empty());
   EXPECT_EQ(log.lines(),
             Lines{L"ExposeSnapshotsInSnapshotSet: Failed to mount one or more volumes in the alternate set"});
+}
+
+TEST_F(Exposure, a_file_system_type_that_the_locale_cannot_narrow_passes_unnoticed_and_mounts_nothing) {
+  {
+    const test::Locale utf8(test::kUtf8);
+    const test::KernelTable table(test::tableLine(test::kNobody, "7:" + std::to_string(volume.loop().minor()),
+                                                  volume.folder(), "ext4\xc3\xa9", volume.device()));
+    addVolume();
+  }
+  set.finish();
+  test::EngineLog log;
+  test::SystemCalls calls;
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), S_OK);
+  EXPECT_TRUE(exists(base));
+  EXPECT_TRUE(set->mMountPointQueue.empty());
+  EXPECT_TRUE(calls.mounts.empty());
+  EXPECT_EQ(log.lines(), Lines{});
+  EXPECT_EQ(exposed(), 1);
 }
 
 TEST_F(Exposure, a_base_that_cannot_be_made_is_unexpected_and_clears_the_queue) {
@@ -437,7 +531,41 @@ TEST_F(Exposure, a_base_with_something_in_it_cannot_be_removed_and_is_unexpected
   EXPECT_TRUE(exists(base + "/file"));
 }
 
+TEST_F(ExposureShortOfMemory, one_failed_allocation_leaves_nothing_behind_or_only_a_mount_unrecorded) {
+  for (std::size_t n = 0; exposeFailing<test::FailingAllocation>(n); ++n) ASSERT_LT(n, 100u);
+  EXPECT_GT(results[E_OUTOFMEMORY], 0u);  // the base cannot be kept
+  EXPECT_GT(results[E_UNEXPECTED], 0u);   // an entry cannot be queued
+  EXPECT_GT(results[S_OK], 1u);           // a mount cannot be recorded; and once nothing failed
+  EXPECT_EQ(results.size(), 3u);
+}
+
+TEST_F(ExposureShortOfMemory, memory_that_has_run_out_leaves_nothing_behind_or_only_a_mount_unrecorded) {
+  for (std::size_t n = 0; exposeFailing<test::FailingMalloc>(n); ++n) ASSERT_LT(n, 100u);
+  EXPECT_GT(results[E_OUTOFMEMORY], 3u);  // base, target, device
+  EXPECT_GT(results[E_UNEXPECTED], 0u);   // the live mount cannot be bound
+  EXPECT_EQ(results.size(), 3u);
+}
+
 // --- The alternate set
+
+TEST_F(EmptyExposure, a_live_mount_point_is_bound_with_no_type_no_data_and_no_other_flag) {
+  std::filesystem::create_directory(dir / "live");
+  const test::Mounted live("tests", dir / "live", "tmpfs");
+  ASSERT_EQ(set->AddToAlternateMountSet(wide(live.folder()).c_str()), S_OK);
+  set.finish();
+  std::filesystem::create_directories(base + live.folder());
+  {
+    test::SystemCalls calls;
+    EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), S_OK);
+    ASSERT_EQ(calls.mounts.size(), 1u);
+    EXPECT_EQ(calls.mounts[0].source, live.folder());
+    EXPECT_EQ(calls.mounts[0].target, base + live.folder());
+    EXPECT_EQ(calls.mounts[0].type, "(null)");
+    EXPECT_EQ(calls.mounts[0].flags, 4096u);
+    EXPECT_EQ(calls.mounts[0].data, "(null)");
+  }
+  EXPECT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK);
+}
 
 TEST_F(Exposure, binds_the_alternate_set_last_and_unbinds_it_first) {
   std::filesystem::create_directory(dir / "live");
@@ -464,7 +592,11 @@ TEST_F(Exposure, an_alternate_mount_that_fails_undoes_everything) {
   finish();  // the snapshot has no folder to bind it on
   test::EngineLog log;
   EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), E_UNEXPECTED);
-  EXPECT_TRUE(log.has(L"ExposeSnapshotsInSnapshotSet: Failed to mount one or more volumes in the alternate set"));
+  const Lines lines = log.lines();
+  ASSERT_GE(lines.size(), 3u);
+  EXPECT_EQ(Lines(lines.end() - 3, lines.end()),
+            (Lines{L"ExposeSnapshotsInSnapshotSet: Failed to mount one or more volumes in the alternate set",
+                   unmounted(inner()), unmounted(base)}));
   expectNothingLeft();
 }
 
@@ -530,6 +662,7 @@ TEST_F(EmptyExposure, there_is_no_alternate_set_without_a_set_or_its_identifier)
   MirelSnapshotEngine fresh;
   fresh.mState = StateSnapshotSetStarted;
   EXPECT_EQ(fresh.AddToAlternateMountSet(L"/mnt"), USC_E_BAD_STATE);
+  EXPECT_EQ(fresh.AddToAlternateMountSet(nullptr), USC_E_BAD_STATE);
   fresh.mSnapshotSetParams = MirelSnapshotSetParams::CreateSnapshotSetParams({});
   EXPECT_EQ(fresh.AddToAlternateMountSet(L"/mnt"), USC_E_BAD_STATE);
   fresh.mState = StateUninitialized;
