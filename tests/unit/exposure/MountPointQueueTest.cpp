@@ -156,11 +156,12 @@ TEST_F(MountPointQueue, copies_of_an_entry_share_its_texts) {
 }
 
 TEST_F(MountPointQueue, cleaning_an_entry_up_frees_its_texts_and_unsets_depth_and_volume) {
-  insert("/mnt/a", 3);
+  ASSERT_EQ(engine.InsertIntoInternalShallowFirstSortedQueue("/mnt/a", "/dev/snap7_1", "ext4", 3, 5), 0);
   auto& entry = engine.mMountPointQueue.front();
   entry.cleanup();
   EXPECT_EQ(entry.depth, -1);
   EXPECT_EQ(entry.volumeIndex, 0xFFFFFFFFu);
+  EXPECT_EQ(entry.mountPointIndex, 5u);  // as it was
   EXPECT_EQ(entry.target, nullptr);
   EXPECT_EQ(entry.device, nullptr);
   EXPECT_EQ(entry.fsType, nullptr);

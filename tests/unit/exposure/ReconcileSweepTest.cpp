@@ -200,6 +200,16 @@ TEST(DismountAndDeleteAllUnder, the_deepest_of_three_goes_first_and_each_directo
   EXPECT_TRUE(exists(dir.path()));
 }
 
+TEST(DismountAndDeleteAllUnder, of_two_folders_at_one_depth_the_one_mounted_later_goes_first) {
+  const test::TempDir dir;
+  mountTmpfs(dir / "b");
+  mountTmpfs(dir / "a");
+  test::EngineLog log;
+  EXPECT_EQ(DismountAndDeleteAllUnder(dir.path().c_str()), 0);
+  EXPECT_EQ(log.lines(),
+            (Lines{unmounted(0, dir / "a"), deleted(0, dir / "a"), unmounted(1, dir / "b"), deleted(1, dir / "b")}));
+}
+
 TEST(DismountAndDeleteAllUnder, a_base_that_is_a_mount_itself_goes_last) {
   const test::TempDir dir;
   mountTmpfs(dir / "base");

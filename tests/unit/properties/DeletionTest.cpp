@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <map>
 
 #include "EngineLog.h"
 #include "FinishedSet.h"
@@ -23,6 +24,9 @@ using UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT;
 using UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT_SET;
 
 namespace {
+
+// The agent passes the numbers.
+static_assert(USC_OBJECT_SNAPSHOT_SET == 0 && USC_OBJECT_SNAPSHOT == 1 && sizeof(_USC_OBJECT_TYPE) == 4);
 
 constexpr _SSGUIDPLAIN kUnknown = {1, 2, 3, {4}};
 
@@ -233,6 +237,55 @@ TEST_F(Deletion, without_a_base_nothing_is_swept) {
     EXPECT_EQ(line.find(L"DismountAndDelete"), std::wstring::npos) << line.c_str();
 }
 
+TEST(DeletionShortOfMemory, deletes_the_set_or_leaves_it_to_a_second_call) {
+  const test::TempDir dir;
+  const std::string folder = dir / "a";
+  const test::Volume volume("ext4", 16 << 20);
+  std::map<int, unsigned int> results;
+  for (std::size_t n = 0;; ++n) {
+    ASSERT_LT(n, 1000u);
+    test::FinishedSet set;
+    set.add(volume.device(), volume.folder(), "/dev/snap7_100");
+    set.finish();
+    ASSERT_EQ(set->SetOption({}, L"MountPointBase", wide(dir.path()).c_str()), S_OK);
+    if (!exists(folder)) mountTmpfs(folder);
+    int result;
+    bool failed;
+    {
+      const test::FailingAllocation noMemory(n);
+      result = set->DeleteSnapshots(set.id(), USC_OBJECT_SNAPSHOT_SET);
+      failed = noMemory.failed();
+    }
+    ++results[result];
+    if (result == E_OUTOFMEMORY) {
+      EXPECT_TRUE(exists(folder)) << n;
+      EXPECT_EQ(set->mState, StateSnapshotSetDone) << n;
+      EXPECT_EQ(set->DeleteSnapshots(set.id(), USC_OBJECT_SNAPSHOT_SET), S_OK) << n;
+      EXPECT_FALSE(exists(folder)) << n;
+    }
+    EXPECT_FALSE(set.driver().calls(IOC_SNAP_DISCARD).empty() && set->mUnSnapResult == 0) << n;
+    EXPECT_EQ(set->mState, StateSnapshotSetUnDone) << n;
+    EXPECT_EQ(set->mSnapshotSetParams, nullptr) << n;
+    EXPECT_EQ(set->mThreadParams, nullptr) << n;
+    EXPECT_EQ(MirelSnapshotEngine::sSnapshotSetParamsArray.GetSnapshotSetCount(), 0u) << n;
+    if (!failed) break;
+  }
+  EXPECT_FALSE(exists(folder));
+  EXPECT_GT(results[E_OUTOFMEMORY], 0u);
+  EXPECT_GT(results[S_OK], 1u);  // without memory for the sweep the set goes all the same
+  EXPECT_EQ(results.size(), 2u);
+}
+
+TEST(DeletionShortOfMemory, a_single_snapshot_is_dropped_without_any) {
+  const test::Volume volume("ext4", 16 << 20);
+  test::FinishedSet set;
+  const _SSGUIDPLAIN id = set.add(volume.device(), volume.folder(), "/dev/snap7_100");
+  set.finish();
+  const test::FailingAllocation noMemory(0);
+  EXPECT_EQ(set->DeleteSnapshots(id, USC_OBJECT_SNAPSHOT), S_OK);
+  EXPECT_FALSE(noMemory.failed());
+}
+
 TEST(DeletionForgotten, leaves_the_set_listed_and_its_volume_taken_when_the_engine_is_gone) {
   auto& listed = MirelSnapshotEngine::sSnapshotSetParamsArray;
   const test::Volume volume("ext4", 16 << 20);
@@ -267,8 +320,10 @@ class Reconciliation : public testing::Test {
   MirelSnapshotEngine engine;
 };
 
-TEST_F(Reconciliation, asks_the_driver_and_needs_no_set) {
+TEST_F(Reconciliation, asks_the_driver_and_needs_neither_a_set_nor_a_base) {
+  test::EngineLog log;
   EXPECT_EQ(engine.DoReconcile(nullptr), S_OK);
+  EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
 }
 

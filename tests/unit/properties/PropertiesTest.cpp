@@ -231,8 +231,12 @@ TEST_F(Properties, without_memory_for_the_array_the_texts_copied_so_far_stay_for
     const test::FailingCopies noMemory(test::CopyCall::kCalloc);
     EXPECT_EQ(set->GetSnapshotProperties(firstId, &props), E_OUTOFMEMORY);
   }
+  EXPECT_TRUE(same(props.SnapshotId, firstId));
+  EXPECT_TRUE(same(props.SnapshotSetId, set.id()));
+  EXPECT_EQ(props.SnapshotsCount, 2);
   EXPECT_EQ(std::wstring(props.SnapshotDeviceName), L"/dev/snap7_100");
   EXPECT_EQ(std::wstring(props.OriginalVolumeName), first.wdevice());
+  EXPECT_EQ(props.MountPointCount, 2);
   EXPECT_EQ(props.MountPoints, nullptr);
   EXPECT_EQ(props.RelocationFileName, nullptr);
   UscFreeSnapshotProperties(&props);
