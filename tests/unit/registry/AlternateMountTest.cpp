@@ -202,6 +202,21 @@ TEST(AlternateMount, without_a_base_is_bound_below_the_bound_mount_point_it_was_
   EXPECT_TRUE(entry->DoDismount());
 }
 
+TEST(AlternateMount, a_given_base_comes_before_the_bound_mount_point_that_it_has) {
+  const LiveMount live;
+  const std::string other = directory(live.dir / "other");
+  directory(other + live.mounted.folder());
+  const Entry entry = create(live.point.c_str(), wide(other).c_str()).entry;
+  ASSERT_NE(entry, nullptr);
+  EXPECT_TRUE(entry->DoMount(wide(live.base).c_str()));
+  EXPECT_EQ(entry->NewBoundMountPoint(), live.target);
+  EXPECT_TRUE(entry->DoDismount());
+  EXPECT_TRUE(entry->DoMount(wide(other).c_str()));  // bound again, elsewhere
+  EXPECT_EQ(entry->NewBoundMountPoint(), other + live.mounted.folder());
+  EXPECT_FALSE(isBound(live.target));
+  EXPECT_TRUE(entry->DoDismount());
+}
+
 TEST(AlternateMount, without_any_base_is_refused_with_22) {
   const Entry entry = create(L"/mnt").entry;
   test::EngineLog log;
