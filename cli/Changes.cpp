@@ -106,6 +106,7 @@ void addChanges(CLI::App& program, CommandLine& line) {
   CLI::App* verb = program.add_subcommand("changes", "Show which blocks of a tracked volume changed");
   const auto options = std::make_shared<ChangesOptions>();
   verb->add_option("DEVICE", options->device, "A volume that is tracked: device or mount point")
+      ->type_name("")
       ->required()
       ->check(checkNamed);
   verb->add_flag("--map", options->map, "Draw the device as a bar instead, as wide as the terminal (else 80 cells)");
@@ -114,7 +115,7 @@ void addChanges(CLI::App& program, CommandLine& line) {
       "The driver tracks a volume from the instant of a snapshot that asks for it, until the snapshot is\n"
       "deleted or mirelsnap stop-tracking. What is written meanwhile may be shown or not: freeze the volume\n"
       "to see one instant.\n\n" +
-      exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
+      exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
   verb->callback([options, &line] { line.action = [options] { return changes(*options); }; });
 }
 

@@ -74,11 +74,12 @@ void addDumpState(CLI::App& program, CommandLine& line) {
   };
   const auto options = std::make_shared<Options>();
   verb->add_option("FILE", options->file, "The file, which is made or replaced; its full path has 256 bytes at most")
+      ->type_name("")
       ->required()
       ->check(checkNamed);
   verb->add_flag("--json", options->json, "Print one JSON document instead");
   verb->footer("What stands in it is for the driver's developers and may change.\n\n" +
-               exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kRefused}));
+               exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kRefused}));
   verb->callback([options, &line] { line.action = [options] { return dumpState(options->file, options->json); }; });
 }
 

@@ -39,7 +39,9 @@ constexpr std::array kMeanings = {
 std::string exitCodeHelp(std::initializer_list<ExitCode> codes) {
   std::string text = "Exit codes:\n";
   for (const Meaning& meaning : kMeanings) {
-    if (std::find(codes.begin(), codes.end(), meaning.code) == codes.end()) continue;
+    // What every verb may end with.
+    const bool common = meaning.code == kUsage || meaning.code == kOutputLost;
+    if (!common && std::find(codes.begin(), codes.end(), meaning.code) == codes.end()) continue;
     const std::string number = std::to_string(meaning.code);
     text += std::string(5 - number.size(), ' ') + number + "  " + meaning.text + "\n";
   }

@@ -33,7 +33,7 @@ enum ExitCode : int {
   kNotFound = 127,
 };
 
-// The lines of a help text that explain these exit codes.
+// The lines of a help text that explain these exit codes and those of every verb.
 std::string exitCodeHelp(std::initializer_list<ExitCode> codes);
 
 struct Failure {

@@ -87,6 +87,7 @@ void add(CLI::App& program, CommandLine& line, const Direction& direction, const
   CLI::App* verb = program.add_subcommand(direction.verb, description);
   const auto options = std::make_shared<FreezeOptions>();
   verb->add_option("DEVICE", options->devices, "Mounted volumes: device, mount point, or DEVICE:MOUNTPOINT")
+      ->type_name("")
       ->required()
       ->check(checkNamed);
   verb->add_flag("--json", options->json, "Print one JSON document instead");
@@ -105,13 +106,13 @@ void addFreeze(CLI::App& program, CommandLine& line) {
       "thing that a shell writes there keeps you from typing thaw. No snapshot can be taken of a frozen volume.\n"
       "Freezes do not add up: all of the volumes are frozen or, when one is frozen already, none (114), and one\n"
       "thaw is enough.\n\n" +
-          exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kRefused}));
+          exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kRefused}));
 }
 
 void addThaw(CLI::App& program, CommandLine& line) {
   add(program, line, kThaw, "Let the writers of frozen volumes go on",
       "All of the volumes are thawed or, when one is not frozen, none (120).\n\n" +
-          exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
+          exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
 }
 
 }  // namespace cli

@@ -61,11 +61,12 @@ void addLogLevel(CLI::App& program, CommandLine& line) {
   const auto options = std::make_shared<Options>();
   verb->add_option("LEVEL", options->level,
                    "0 to 7, or emerg, alert, crit, err, warning, notice, info, debug: each with all before it")
+      ->type_name("")
       ->required()
       ->check(checkLevel);
   verb->add_flag("--json", options->json, "Print one JSON document instead");
   verb->footer("It holds for the driver until it is set again or the driver is loaded anew.\n\n" +
-               exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kRefused}));
+               exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kRefused}));
   verb->callback([options, &line] { line.action = [options] { return setLevel(options->level, options->json); }; });
 }
 

@@ -177,7 +177,7 @@ void addReconcile(CLI::App& program, CommandLine& line) {
       "Snapshots, mappings, relocation files, mounts and folders of living processes are left alone. All that\n"
       "is mounted below DIR is unmounted, the binds among it; DIR itself stays. A second run says that there\n"
       "is nothing.\n\n" +
-      exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
+      exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
   verb->callback([options, &line] { line.action = [options] { return reconcile(*options); }; });
 }
 

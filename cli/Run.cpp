@@ -264,8 +264,8 @@ void addRun(CLI::App& program, CommandLine& line) {
   addSnapshotOptions(*verb, *options);
   verb->footer("COMMAND " + environmentHelp() +
                "The exit code is COMMAND's own, 128 + N when signal N ended it, or one of these.\n\n" +
-               exitCodeHelp({kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom,
-                             kSnapshotFailed, kCannotExpose, kCannotCleanUp, kOutputLost, kNotExecutable, kNotFound}));
+               exitCodeHelp({kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed,
+                             kCannotExpose, kCannotCleanUp, kNotExecutable, kNotFound}));
   verb->callback([options, &line] {
     if (line.command.empty())
       throw CLI::ParseError("run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND", kUsage);

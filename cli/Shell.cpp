@@ -41,8 +41,8 @@ void addShell(CLI::App& program, CommandLine& line) {
       "$MIRELSNAP_PROMPT holds a hint for its prompt, \"(mirelsnap) \"; on Debian, bash shows one\n"
       "by itself (from $debian_chroot). SIGTERM and the like hang the shell up.\n\n"
       "The exit code is the shell's own, 128 + N when signal N ended it, or one of these.\n\n" +
-      exitCodeHelp({kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed,
-                    kCannotExpose, kCannotCleanUp, kOutputLost, kNotExecutable, kNotFound}));
+      exitCodeHelp({kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed, kCannotExpose,
+                    kCannotCleanUp, kNotExecutable, kNotFound}));
   verb->callback([options, &line] { line.action = [options] { return shell(*options); }; });
 }
 

@@ -141,7 +141,7 @@ void addStatus(CLI::App& program, CommandLine& line) {
   const auto asJson = std::make_shared<bool>(false);
   verb->add_flag("--json", *asJson, "Print one JSON document instead");
   verb->footer("An owner that is gone left what it held: mirelsnap reconcile removes it.\n\n" +
-               exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver}));
+               exitCodeHelp({kSuccess, kNotRoot, kNoDriver}));
   verb->callback([asJson, &line] { line.action = [asJson] { return status(*asJson); }; });
 }
 

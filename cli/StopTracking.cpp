@@ -57,11 +57,12 @@ void addStopTracking(CLI::App& program, CommandLine& line) {
   CLI::App* verb = program.add_subcommand("stop-tracking", "Have the driver forget which blocks of volumes changed");
   const auto options = std::make_shared<StopOptions>();
   verb->add_option("DEVICE", options->devices, "Volumes that are tracked: device or mount point")
+      ->type_name("")
       ->required()
       ->check(checkNamed);
   verb->add_flag("--json", options->json, "Print one JSON document instead");
   verb->footer("Their snapshots stay. Nothing is stopped when one of them is not tracked.\n\n" +
-               exitCodeHelp({kSuccess, kUsage, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
+               exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
   verb->callback([options, &line] { line.action = [options] { return stopTracking(*options); }; });
 }
 

@@ -53,10 +53,10 @@ int runMain(int argc, char** argv) {
   app.set_version_flag("--version", std::string("mirelsnap ") + MIRELSNAP_VERSION);
   app.require_subcommand(1);
   app.get_formatter()->label("SUBCOMMAND", "VERB");
-  app.get_formatter()->label("Subcommands", "Verbs");
   app.footer("mirelsnap VERB --help tells of each.");
   cli::CommandLine line;
   for (const AddVerb add : kVerbs) add(app, line);
+  for (CLI::App* added : app.get_subcommands({})) added->group("Verbs");
 
   std::vector<std::string> arguments(argv + 1, argv + argc);
   const std::string verb = arguments.empty() ? "" : arguments.front();

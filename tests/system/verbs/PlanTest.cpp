@@ -161,6 +161,20 @@ TEST_F(Plan, of_a_snapped_or_frozen_volume_is_114) {
   ASSERT_EQ(driver.unsnap({snapped.device()}), 0u);
 }
 
+// MemFree 96 kB are 12 pages that the driver may use: 4096 entries, a block each.
+TEST_F(Plan, of_a_machine_short_of_memory_is_capped) {
+  const Volume volume("ext4", 500 << 20);
+  const test::TempDir dir;
+  test::writeFile(dir / "meminfo", "MemTotal: 100000 kB\nMemFree: 96 kB\nCached: 0 kB\nAnonPages: 0 kB\n");
+  const Ended ended =
+      session.shell("unshare -m --propagation private sh -c 'mount --bind " + (dir / "meminfo") +
+                    " /proc/meminfo && exec " + MIRELSNAP_PROGRAM + " plan --json " + volume.device() + "'");
+  EXPECT_EQ(ended.code, 0) << ended.errors;
+  const Json file = Json::parse(ended.output)["volumes"][0]["relocation_file"];
+  EXPECT_EQ(file["blocks"], 4096);
+  EXPECT_EQ(file["why_this_size"], "capped by memory: the driver can hold 4096 blocks for the whole set");
+}
+
 TEST(PlanWithoutDriver, still_plans_and_is_112) {
   const Volume volume("ext4", 32 << 20);
   Session session = Session::withoutDriver();
