@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
@@ -29,6 +30,16 @@ std::vector<std::string> librariesOf(const std::string& program) {
   return found;
 }
 
+// The file of leaks that are the contract, which programs built with the leak sanitizer read; empty without it.
+std::string suppressions() {
+  const char* options = std::getenv("LSAN_OPTIONS");
+  const std::string text = options == nullptr ? "" : options;
+  const std::string key = "suppressions=";
+  const std::size_t start = text.find(key);
+  if (start == std::string::npos) return "";
+  return text.substr(start + key.size(), text.find(':', start) - start - key.size());
+}
+
 }  // namespace
 
 Machine::Machine() {
@@ -40,15 +51,17 @@ Machine::Machine() {
   mMounts.push_back(std::make_unique<Mounted>("tests", *this / "/run", "tmpfs"));
   for (const char* program : {"/bin/sh", "/bin/cat", "/bin/ls"}) install(program);
   for (const char* program : {MIRELSNAP_PROGRAM, AGENT_PROGRAM, MIRELSNAP_LIBRARY}) install(program);
+  if (!suppressions().empty()) copy(suppressions());
 }
 
 void Machine::install(const std::string& program) {
-  std::vector<std::string> files = librariesOf(program);
-  files.push_back(program);
-  for (const std::string& file : files) {
-    fs::create_directories(*this / fs::path(file).parent_path().string());
-    fs::copy_file(file, *this / file, fs::copy_options::skip_existing);
-  }
+  for (const std::string& library : librariesOf(program)) copy(library);
+  copy(program);
+}
+
+void Machine::copy(const std::string& file) {
+  fs::create_directories(*this / fs::path(file).parent_path().string());
+  fs::copy_file(file, *this / file, fs::copy_options::skip_existing);
 }
 
 }  // namespace test

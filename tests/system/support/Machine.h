@@ -31,6 +31,8 @@ class Machine {
   }
 
  private:
+  void copy(const std::string& file);
+
   const Volume mDisk{"ext4", 400 << 20};
   std::vector<std::unique_ptr<Mounted>> mMounts;
 };
