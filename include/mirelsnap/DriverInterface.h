@@ -104,12 +104,13 @@ class MIRELSNAP_API SnapDriverInterface {
   //       bitmap.setNumOfRuns(kMaxBitmapRuns);
   //     }
   // What the file system has not written to the device yet is no change, and what changes between two calls may
-  // be in one answer and not in the other: freeze the volume to read one instant, whole. 0; 3, also without an array for a count above 0; 5; 6, also when nothing is tracked; 7, also when
-  // the device does not exist; 15 the count exceeds kMaxBitmapRuns. The record and its array stay as they were
-  // unless 0 comes back.
+  // be in one answer and not in the other: freeze the volume to read one instant, whole.
+  // 0; 3, also without an array for a count above 0; 5; 6, also when nothing is tracked; 7, also when the device
+  // does not exist; 15 the count exceeds kMaxBitmapRuns. The record and its array stay as they were unless 0 comes
+  // back.
   unsigned int GetVtrackBitmap(SectorBitmap& bitmap);
   // Tells the driver which blocks of a tracked volume are in use: the record's runs, kMaxBitmapRuns at most.
-  // Results as above; the record stays as it was.
+  // Results as above; the record stays as it was, also on 0.
   unsigned int UpdateUsedSectorBitmap(SectorBitmap& bitmap);
   // Stops the tracking of the named block devices; their snapshots stay. 0, also when the driver says that one
   // is not snapped; 3 also when a name is no block device; 5; 6.
