@@ -29,9 +29,9 @@ void putStatus(std::byte* buffer, std::int32_t status) {
   std::memcpy(buffer + offsetof(_ioctlCmd, driverStatus), &status, sizeof status);
 }
 
-// What a request call with this outcome returns, errno set.
+// What a request call with this outcome returns, errno set when that is -1.
 int finish(int error) {
-  if (error == 0) return 0;
+  if (error <= 0) return -error;
   errno = error;
   return -1;
 }

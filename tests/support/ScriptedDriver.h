@@ -38,7 +38,8 @@ struct DriverCall {
 // driver answers that holds nothing: not snapped, not frozen, counts of 0, version "scripted".
 class ScriptedDriver {
  public:
-  // Gets the whole buffer and may write to it; returns 0, or the errno that the request fails with.
+  // Gets the whole buffer and may write to it; returns 0, or the errno that the request fails with (the request call then
+  // returns -1), or -n: the request call returns n.
   using Script = std::function<int(std::byte* buffer, std::size_t length)>;
 
   // Lays /proc/mirelsnap/dev, which names the null device.

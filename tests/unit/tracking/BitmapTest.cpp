@@ -136,6 +136,17 @@ TEST_P(Bitmap, a_failed_request_gives_6_and_leaves_the_record) {
   EXPECT_TRUE(same(runs[0], {1, 2}) && same(runs[1], {3, 4}));
 }
 
+TEST_P(Bitmap, a_request_that_answers_anything_but_0_failed) {
+  kernel.on(GetParam().request, [](std::byte* buffer, std::size_t) {
+    test::answer<std::uint32_t>(buffer, 36, 0);
+    return -1;  // the request call returns 1
+  });
+  _run run{1, 2};
+  SectorBitmap bitmap(kType, volume, 1, &run);
+  EXPECT_EQ(call(bitmap), 6U);
+  EXPECT_EQ(bitmap.getNumOfRuns(), 1U);
+}
+
 INSTANTIATE_TEST_SUITE_P(Both, Bitmap,
                          testing::Values(Way{"read", &SnapDriverInterface::GetVtrackBitmap, 0xC01C5315,
                                              "Get VDIFF IOCTL failed, errno:"},

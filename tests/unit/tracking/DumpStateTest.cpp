@@ -43,6 +43,12 @@ TEST_F(DumpState, the_file_name_keeps_the_low_bytes_of_its_characters) {
   expectSent(0xC01C5308, Wire(0, 0, 299).u8(25, 1).text(36, "/a\xE9"));
 }
 
+TEST_F(DumpState, the_file_name_is_copied_whole_also_behind_a_nul) {
+  EXPECT_EQ(driver().DumpState(0, 1, unused, std::wstring(L"/a\0b", 4)), 0U);
+  expectSent(0xC01C5308, Wire(0, 0, 299).u8(25, 1).text(36, std::string("/a\0b", 4)));
+  EXPECT_EQ(lines(), std::vector<LogLine>{debug("DumpState: file : /a\n")});
+}
+
 TEST_F(DumpState, a_file_name_of_256_characters_fills_its_field_but_for_the_end) {
   EXPECT_EQ(driver().DumpState(0, 1, unused, std::wstring(256, L'n')), 0U);
   expectSent(0xC01C5308, Wire(0, 0, 299).u8(25, 1).text(36, std::string(256, 'n')));
@@ -66,6 +72,11 @@ TEST_F(DumpState, a_failed_request_gives_6_with_the_text_of_the_log_level) {
   kernel.fail(IOC_DUMP_STATE, EACCES, -4);
   EXPECT_EQ(driver().DumpState(0, 0, unused, file), 6U);
   EXPECT_EQ(lines().back(), error("Set Log Level ioctl failed, errno:13\n"));
+}
+
+TEST_F(DumpState, a_request_that_answers_anything_but_0_failed) {
+  kernel.fail(IOC_DUMP_STATE, -1);
+  EXPECT_EQ(driver().DumpState(0, 0, unused, file), 6U);
 }
 
 TEST_F(DumpState, without_a_driver_gives_5) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Whether a volume is tracked, and what identifies its tracking.
+#include <malloc.h>
+
 #include <cerrno>
 
 #include "TrackingFixture.h"
@@ -44,6 +46,12 @@ TEST_F(IsVtrackActive, any_other_status_is_unknown_and_false_also_the_negative_o
 
 TEST_F(IsVtrackActive, a_failed_request_is_false_whatever_its_status_and_is_logged_without_errno) {
   kernel.fail(IOC_IS_VTRACK_ACTIVE, EBUSY, 2);
+  EXPECT_FALSE(driver().IsVtrackActive(volume));
+  EXPECT_EQ(lines(), std::vector<LogLine>{error("Is_Vtrack_Active IOCTL failed\n")});
+}
+
+TEST_F(IsVtrackActive, a_request_that_answers_anything_but_0_failed) {
+  kernel.fail(IOC_IS_VTRACK_ACTIVE, -1, 2);
   EXPECT_FALSE(driver().IsVtrackActive(volume));
   EXPECT_EQ(lines(), std::vector<LogLine>{error("Is_Vtrack_Active IOCTL failed\n")});
 }
@@ -109,7 +117,10 @@ TEST_F(GetVtrackVars, hands_out_the_text_and_the_number) {
 }
 
 TEST_F(GetVtrackVars, a_text_without_an_end_ends_with_its_43_bytes) {
-  answerVars(1, std::string(43, 'g'));
+  kernel.on(IOC_GET_VTRACK_VARS, [](std::byte* buffer, std::size_t) {
+    std::memset(buffer + 36, 'g', malloc_usable_size(buffer) - 36);  // no zero follows that could end it
+    return 0;
+  });
   EXPECT_EQ(get(volume), 0U);
   EXPECT_EQ(guid, std::string(43, 'g'));
 }
@@ -119,6 +130,12 @@ TEST_F(GetVtrackVars, a_failed_request_gives_6_and_leaves_the_outputs) {
   EXPECT_EQ(get(volume), 6U);
   expectOutputsUnchanged();
   EXPECT_EQ(lines(), std::vector<LogLine>{error("IOC_GET_VTRACK_VARS IOCTL failed, errno:61\n")});
+}
+
+TEST_F(GetVtrackVars, a_request_that_answers_anything_but_0_failed) {
+  answerVars(5, "new", -1);
+  EXPECT_EQ(get(volume), 6U);
+  expectOutputsUnchanged();
 }
 
 TEST_F(GetVtrackVars, a_missing_device_gives_8_after_the_control_device_was_opened) {
@@ -200,6 +217,14 @@ TEST_F(StopVtrack, any_other_failure_gives_6_with_the_text_of_a_discard) {
     EXPECT_EQ(driver().StopVtrack(&both), 6U) << status;
     EXPECT_EQ(log.texts(LOG_ERR), std::vector<std::string>{"Snap Discard IOCTL failed, errno:5\n"}) << status;
   }
+}
+
+TEST_F(StopVtrack, a_request_that_answers_anything_but_0_failed) {
+  kernel.fail(IOC_STOP_VTRACK, -1);
+  EXPECT_EQ(driver().StopVtrack(&both), 6U);
+  kernel.fail(IOC_STOP_VTRACK, -1, -4);
+  EXPECT_EQ(driver().StopVtrack(&both), 0U);
+  EXPECT_TRUE(log.has(LOG_ERR, "The volume is not snapped\n"));
 }
 
 TEST_F(StopVtrack, the_status_of_a_request_that_succeeded_means_nothing) {
