@@ -37,6 +37,7 @@ Runs allChanges(DriverClient& client, const Volume& volume, unsigned int room) {
     all.insert(all.end(), part.runs.begin(), part.runs.end());
     if (part.result != 0 || part.type != 1) return all;
     EXPECT_EQ(part.runs.size(), room) << "more is to come, so the room is used";
+    if (part.runs.empty()) return all;
     part = client.changes(volume.device(), room, 1, all.back().start + all.back().blocks);
   }
 }

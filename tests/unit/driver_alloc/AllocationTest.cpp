@@ -338,6 +338,23 @@ TEST_F(Allocation, a_missing_driver_is_found_before_memory_is_short) {
   }
 }
 
+TEST_F(Allocation, checks_that_read_as_false_find_a_missing_driver_before_memory_is_short) {
+  std::remove("/proc/mirelsnap/dev");
+  const std::function<bool()> checks[] = {
+      [&] { return driver.IsVolumeSnapped("/dev/vol-1"); },
+      [&] { return driver.IsVolumeFrozen("/dev/vol-1"); },
+      [&] { return driver.IsVtrackActive(L"/dev/vol-1"); },
+  };
+  for (const auto& check : checks) {
+    for (Kind* kind : {&zeroed, &single}) {
+      none();
+      kind->failNext(1);
+      EXPECT_FALSE(check()) << &check - checks;
+      EXPECT_TRUE(kind->sizes().empty()) << &check - checks;
+    }
+  }
+}
+
 TEST_F(Allocation, a_command_leaves_its_helper_and_nothing_else) {
   answerCount(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 1);
   answerCount(IOC_GET_NUM_OF_SNAPPED_VOLUMES, 1);
