@@ -32,7 +32,7 @@ check_options() {
 page=$(text_of "$folder/mirelsnap.1")
 help=$("$mirelsnap" --help)
 check_options mirelsnap "$help" "$page"
-verbs=$(sed -n '/^Subcommands:/,$p' <<<"$help" | grep -oE '^  [a-z][a-z-]+' | sort -u)
+verbs=$(sed -n '/^Verbs:/,$p' <<<"$help" | grep -oE '^  [a-z][a-z-]+' | sort -u || true)
 [ -n "$verbs" ] || complain "mirelsnap --help names no verb"
 for verb in $verbs; do
   grep -qE "^ +mirelsnap $verb( |$)" <<<"$page" || complain "mirelsnap(1) does not show: mirelsnap $verb"
