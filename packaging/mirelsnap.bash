@@ -74,7 +74,7 @@ _mirelsnap() {
   fi
   case $verb in
     plan | freeze | thaw | changes | stop-tracking) _mirelsnap_volumes ;;
-    log-level) _mirelsnap_words '0 1 2 3 4 5 6 7' ;;
+    log-level) _mirelsnap_words '0 1 2 3 4 5 6 7 emerg alert crit err warning notice info debug' ;;
     dump-state) _mirelsnap_files ;;
   esac
 }

@@ -49,6 +49,7 @@ expect '/ /srv/my\ data' mirelsnap run --volume /dev/sdb1 :
 expect '/dev/sdb1' mirelsnap run --volume = /dev/sdb
 expect '/ /srv/my\ data' mirelsnap run --bind =
 expect '3' mirelsnap log-level 3
+expect 'emerg err' mirelsnap log-level e
 expect '' mirelsnap run --reloc-size ''
 expect_among true mirelsnap run --volume / -- tru
 exit $wrong
