@@ -67,6 +67,7 @@ int runMain(int argc, char** argv) {
     line.command.assign(separator + 1, arguments.end());
     arguments.erase(separator, arguments.end());
   }
+  if (arguments.empty()) return usageError("what is to be done? Name a verb, such as doctor");
   std::reverse(arguments.begin(), arguments.end());
   try {
     app.parse(arguments);

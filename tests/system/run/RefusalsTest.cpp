@@ -516,7 +516,7 @@ TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
     arguments.insert(arguments.begin(), MIRELSNAP_PROGRAM);
     expectFailure(session.run(arguments), 2, "mirelsnap: " + line + "; see mirelsnap --help");
   };
-  complains({}, "A subcommand is required");
+  complains({}, "what is to be done? Name a verb, such as doctor");
   complains({"run"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
   complains({"run", "--"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
   complains({"run", "--nothing", "--", "true"}, "The following argument was not expected: --nothing");
