@@ -36,7 +36,7 @@ std::string percentText(std::uint64_t part, std::uint64_t whole) {
 }
 
 std::string headline(const std::string& device, const ChangedRuns& changed) {
-  return device + ": " + counted(changed.blocks(), "block") + " of " + std::to_string(changed.blockSize) +
+  return onOneLine(device) + ": " + counted(changed.blocks(), "block") + " of " + std::to_string(changed.blockSize) +
          " bytes changed in " + counted(changed.runs.size(), "run") + " (" +
          sizeText(changed.blocks() * changed.blockSize) + ", " + percentText(changed.blocks(), changed.numBlocks) +
          " of " + sizeText(changed.numBlocks * changed.blockSize) + ")\n";

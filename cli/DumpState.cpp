@@ -8,6 +8,7 @@
 #include "Driver.h"
 #include "Report.h"
 #include "Terminal.h"
+#include "Text.h"
 #include "Verbs.h"
 #include "Wide.h"
 #include "driver/ControlDevice.h"
@@ -54,7 +55,7 @@ void dumpInto(const std::string& file, Report& report) {
   }
   report.document()["file"] = file;
   report.document()["size"] = size;
-  report.print("The driver's state is in " + file + " (" + sizeText(size) + ").\n");
+  report.print("The driver's state is in " + onOneLine(file) + " (" + sizeText(size) + ").\n");
 }
 
 int dumpState(const std::string& file, bool asJson) {

@@ -72,7 +72,7 @@ void changeInto(const Direction& direction, const FreezeOptions& options, Report
   if (const Outcome failure = change(direction, driver, devices)) return report.failed(*failure);
   for (const std::string& device : devices)
     report.document()["devices"].push_back({{"device", device}, {"frozen", direction.frozenAfterwards}});
-  report.print(std::string(direction.done) + ": " + listed(devices) + "\n");
+  report.print(std::string(direction.done) + ": " + onOneLine(listed(devices)) + "\n");
 }
 
 int changeState(const Direction& direction, const FreezeOptions& options) {

@@ -23,7 +23,9 @@
 #include "Report.h"
 #include "SnapshotSet.h"
 #include "Terminal.h"
+#include "Text.h"
 #include "VolumeChoice.h"
+#include "Wide.h"
 
 namespace fs = std::filesystem;
 
@@ -33,7 +35,7 @@ namespace {
 using nlohmann::json;
 
 void printEngineMessage(unsigned short, const wchar_t* message, void*) {
-  std::fprintf(stderr, "mirelsnap: %ls\n", message);
+  std::fprintf(stderr, "mirelsnap: %s\n", onOneLine(narrow(message)).c_str());
 }
 
 // Shows what the library says: the engine's messages and, until the end of the process, those of the layers below it.
@@ -120,7 +122,7 @@ void takeAndRun(const RunOptions& options, Command& command, SnapshotSet& set, R
   report.took(set);
   if (receivedSignal() != 0) return report.interrupted(receivedSignal());
   if (!command.greeting.empty() && isatty(STDERR_FILENO) == 1)
-    std::fprintf(stderr, "%s %s\n", command.greeting.c_str(), set.base().c_str());
+    std::fprintf(stderr, "%s %s\n", command.greeting.c_str(), onOneLine(set.base()).c_str());
   std::map<std::string, std::string> variables = variablesFor(set);
   variables.merge(command.variables);
   if (command.manner.inBase) command.manner.folder = set.base();

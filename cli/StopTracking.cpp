@@ -41,7 +41,7 @@ void stopInto(const StopOptions& options, Report& report) {
   if (const unsigned int status = driver.get()->StopVtrack(&names); status != 0)
     return report.failed(refused(listed(devices), status));
   for (const std::string& device : devices) report.document()["devices"].push_back(device);
-  report.print("No longer tracked: " + listed(devices) + "\n");
+  report.print("No longer tracked: " + onOneLine(listed(devices)) + "\n");
 }
 
 int stopTracking(const StopOptions& options) {

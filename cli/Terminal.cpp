@@ -10,25 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
 
 #include <langinfo.h>
 
+#include "Text.h"
+
 namespace cli {
 namespace {
-
-// `text` cut to `cells` characters; multibyte characters are kept whole.
-std::string fitted(const std::string& text, unsigned int cells) {
-  std::string result;
-  std::mbstate_t state{};
-  for (std::size_t i = 0; i < text.size() && cells > 0; --cells) {
-    const std::size_t length = std::mbrlen(text.data() + i, text.size() - i, &state);
-    const std::size_t taken = length == 0 || length > text.size() - i ? 1 : length;
-    result.append(text, i, taken);
-    i += taken;
-  }
-  return result;
-}
 
 std::string seconds(std::chrono::steady_clock::time_point since) {
   const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - since;
@@ -55,7 +43,7 @@ void Terminal::draw(const std::string& text) {
 
 void Terminal::begin(const std::string& what) {
   end();
-  mPhase = what;
+  mPhase = onOneLine(what);
   mStarted = std::chrono::steady_clock::now();
   tick();
 }
@@ -67,12 +55,12 @@ void Terminal::tick() {
 void Terminal::bar(const std::string& what, std::uint64_t done, std::uint64_t total) {
   if (!mInteractive || mPhase.empty()) return;
   if (total == 0) {
-    draw(mPhase + ": " + what + ", " + sizeText(done) + ", " + seconds(mStarted));
+    draw(mPhase + ": " + onOneLine(what) + ", " + sizeText(done) + ", " + seconds(mStarted));
     return;
   }
   const std::uint64_t shown = std::min(done, total);
   draw(barText(shown, total, 24) + " " + std::to_string(shown * 100 / total) + " % of " + sizeText(total) + ", " +
-       seconds(mStarted) + ": " + what);
+       seconds(mStarted) + ": " + onOneLine(what));
 }
 
 void Terminal::end() {
@@ -86,6 +74,8 @@ void Terminal::end() {
   }
   mPhase.clear();
 }
+
+std::size_t outputColumns() { return isatty(STDOUT_FILENO) == 1 ? columnsOf(STDOUT_FILENO) : 0; }
 
 unsigned int columnsOf(int descriptor) {
   winsize size{};

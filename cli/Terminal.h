@@ -45,6 +45,8 @@ std::string sizeText(std::uint64_t bytes);
 std::string barText(std::uint64_t done, std::uint64_t total, unsigned int width);
 // Columns of the terminal behind a descriptor; 80 when there is none.
 unsigned int columnsOf(int descriptor);
+// Columns that standard output has; 0, without a limit, when it is no terminal.
+std::size_t outputColumns();
 // Four cells, from nothing to all of it; plain characters when the locale has no others.
 const std::vector<std::string>& mapShades();
 

@@ -82,8 +82,8 @@ TEST(RunMountPointThatIsNoText, is_refused_in_one_line) {
   const Mounted mounted(loop.path(), folder, "ext4");
   Session session;
   test::expectFailure(run(session, {"--volume", loop.path()}, {"/bin/true"}), 113,
-                      "mirelsnap: " + loop.path() + ": cannot be added to the set as mounted at " + folder +
-                          "; check that the device is mounted there and that its size can be read");
+                      "mirelsnap: " + loop.path() + ": cannot be added to the set as mounted at " + dir.path() +
+                          "/latin-\\xe9; check that the device is mounted there and that its size can be read");
 }
 
 TEST(RunFailure, that_concerns_a_name_with_a_line_end_is_one_line) {
@@ -92,6 +92,20 @@ TEST(RunFailure, that_concerns_a_name_with_a_line_end_is_one_line) {
       run(session, {"--volume", "/no\nsuch\x1b[31mthing"}, {"/bin/true"}), 113,
       "mirelsnap: /no\\nsuch\\x1b[31mthing: No such file or directory; name a mounted block device or a "
       "mount point (lsblk shows them)");
+}
+
+// U+009B is what ESC [ is to a terminal.
+TEST(RunFailure, that_concerns_a_name_with_control_characters_beyond_ascii_shows_their_bytes) {
+  Session session;
+  test::expectFailure(run(session,
+                          {"--volume",
+                           "/\xc2\x9b"
+                           "31mno-gr\xc3\xbc\xc3\x9f"
+                           "e"},
+                          {"/bin/true"}),
+                      113,
+                      "mirelsnap: /\\xc2\\x9b31mno-gr\xc3\xbc\xc3\x9f"
+                      "e: No such file or directory; name a mounted block device or a mount point (lsblk shows them)");
 }
 
 // ---- what a volume may be called

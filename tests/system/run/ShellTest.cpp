@@ -56,6 +56,16 @@ TEST_F(ShellAtTerminal, starts_in_the_base_and_sees_the_snapshot_and_ends_with_i
   EXPECT_TRUE(terminal.waitFor("\r\n(mirelsnap) mirelsnap\r\n")) << terminal.written();
 }
 
+TEST_F(ShellAtTerminal, is_told_of_a_base_with_control_characters_escaped) {
+  const test::TempDir dir;
+  test::Terminal terminal;
+  Process process =
+      session.start({MIRELSNAP_PROGRAM, "shell", "--volume", volume.device(), "--base", dir / "red\033[31m"},
+                    at(terminal, "/bin/true"));
+  EXPECT_EQ(process.wait(), 0);
+  EXPECT_TRUE(terminal.waitFor("Ctrl-D): " + dir.path() + "/red\\x1b[31m\r\n")) << terminal.written();
+}
+
 TEST_F(ShellAtTerminal, has_job_control_and_gives_the_terminal_back) {
   test::Terminal terminal;
   // What stands behind is started by the outer shell, in the foreground again.

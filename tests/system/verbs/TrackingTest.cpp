@@ -178,6 +178,15 @@ TEST(DumpState, writes_a_file_named_by_any_path) {
   EXPECT_EQ(told["size"], fs::file_size(dir / "there"));
 }
 
+TEST(DumpState, tells_of_a_file_with_control_characters_escaped) {
+  const test::TempDir dir;
+  Session session;
+  const Ended ended = verb(session, {"dump-state", dir / "two\nlines\033[2J"});
+  EXPECT_EQ(ended.code, 0) << ended.errors;
+  EXPECT_TRUE(ended.output.starts_with("The driver's state is in " + (dir / "two\\nlines\\x1b[2J") + " ("))
+      << ended.output;
+}
+
 TEST(DumpState, into_no_file_is_2_and_nothing_is_sent) {
   const test::TempDir dir;
   Session session;
