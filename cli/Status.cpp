@@ -64,7 +64,7 @@ std::string tellSnapped(Driver& driver, const MountTable& table, json& document)
     shown.add({name, numbersText(volume.getMajorNum(), volume.getMinorNum()), sizeText(size), snapshot, file,
                sizeText(fileSize), ownerText(volume.getAppPid())});
   }
-  return shown.empty() ? "No volume is snapped.\n" : "Snapped volumes\n" + shown.text();
+  return shown.empty() ? "No volume is snapped.\n" : "Snapped volumes\n" + shown.text(outputColumns());
 }
 
 std::string tellMappings(Driver& driver, json& document) {
@@ -76,7 +76,7 @@ std::string tellMappings(Driver& driver, json& document) {
                         {"owner", ownerJson(mapping.getAppPid())}});
     shown.add({mapping.getSnappedVolumeName(), mapping.getRelocFileName(), ownerText(mapping.getAppPid())});
   }
-  return shown.empty() ? "No relocation file is mapped.\n" : "Mapped relocation files\n" + shown.text();
+  return shown.empty() ? "No relocation file is mapped.\n" : "Mapped relocation files\n" + shown.text(outputColumns());
 }
 
 std::string tellMounted(Driver& driver, const MountTable& table, json& document) {
@@ -105,7 +105,7 @@ std::string tellMounted(Driver& driver, const MountTable& table, json& document)
       shown.add({i == 0 ? volume.device : "", folders[i], i == 0 ? volume.type : "", i == 0 ? state : ""});
     }
   }
-  return shown.empty() ? "No block device is mounted.\n" : "Mounted volumes\n" + shown.text();
+  return shown.empty() ? "No block device is mounted.\n" : "Mounted volumes\n" + shown.text(outputColumns());
 }
 
 int status(bool asJson) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "Terminal.h"
 #include "Verbs.h"
 
 namespace fs = std::filesystem;
@@ -71,6 +72,36 @@ TEST_F(Status, shows_a_snapped_volume_with_its_file_and_its_owner) {
   EXPECT_EQ(lineOf(ended.output, volume.device() + " " + volume.folder() + " "),
             volume.device() + " " + volume.folder() + " ext4 snapped");
   EXPECT_EQ(ended.output.find("\n  /dev/snap"), std::string::npos) << "a snapshot is no volume of the machine";
+}
+
+// Rows that a terminal would break are shown a cell a line.
+TEST_F(Status, at_a_terminal_that_is_too_narrow_for_columns_shows_a_cell_a_line) {
+  test::Terminal terminal(80);
+  test::Process process = session.start({MIRELSNAP_PROGRAM, "run", "--volume", volume.device(), "--reloc-mount",
+                                         volume.folder(), "--reloc-size", "2048", "--", MIRELSNAP_PROGRAM, "status"},
+                                        {.environment = {{"TERM", "dumb"}}, .terminal = terminal.inner()});
+  EXPECT_EQ(process.wait(), 0);
+  const std::string file = volume.folder() + "/.verrelocarea/loop" + minor();
+  EXPECT_TRUE(
+      terminal.waitFor("Snapped volumes\r\n"
+                       "  NAME             " +
+                       volume.device() + "\r\n  DEVICE           7:" + minor() +
+                       "\r\n  SIZE             32.0 MiB\r\n"
+                       "  SNAPSHOT         /dev/snap7_" +
+                       minor() + "\r\n  RELOCATION FILE  " + file + "\r\n  SIZE             "))
+      << terminal.written();
+  EXPECT_TRUE(terminal.waitFor("\r\n  OWNER            process " + std::to_string(process.id()) + " (mirelsnap)\r\n"))
+      << terminal.written();
+  EXPECT_TRUE(terminal.waitFor("  DEVICE ")) << terminal.written();
+}
+
+TEST_F(Status, at_a_terminal_that_is_wide_enough_shows_columns) {
+  test::Terminal terminal(200);
+  test::Process process =
+      session.start({MIRELSNAP_PROGRAM, "run", "--volume", volume.device(), "--", MIRELSNAP_PROGRAM, "status"},
+                    {.environment = {{"TERM", "dumb"}}, .terminal = terminal.inner()});
+  EXPECT_EQ(process.wait(), 0);
+  EXPECT_TRUE(terminal.waitFor("  NAME        DEVICE ")) << terminal.written();
 }
 
 TEST_F(Status, tells_machines_where_a_snapshot_is_and_how_large_all_is) {
@@ -165,6 +196,21 @@ TEST_F(Freeze, lets_writers_wait_until_the_thaw) {
   expectText(verb(session, {"thaw", volume.device(), other.device()}),
              "Thawed: " + volume.device() + " and " + other.device() + "\n");
   EXPECT_EQ(writer.wait(), 0);
+}
+
+TEST_F(Freeze, tells_of_a_device_with_control_characters_escaped) {
+  const std::string device = "/dev/evil\033[2J";
+  struct stat status {};
+  ASSERT_EQ(stat(volume.device().c_str(), &status), 0);
+  ASSERT_EQ(mknod(device.c_str(), S_IFBLK | 0600, status.st_rdev), 0);
+  const test::TempDir dir;
+  const test::Mounted mounted(device, dir.path(), "ext4");
+  const std::string named = device + ":" + dir.path();
+  const Ended frozen = verb(session, {"freeze", named});
+  const Ended thawed = verb(session, {"thaw", named});
+  expectText(frozen, "Frozen: /dev/evil\\x1b[2J\n");
+  expectText(thawed, "Thawed: /dev/evil\\x1b[2J\n");
+  unlink(device.c_str());
 }
 
 TEST_F(Freeze, of_a_frozen_volume_among_others_freezes_none) {
