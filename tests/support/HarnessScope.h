@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Marks the time in which the tests' own code runs in the middle of the library's, as when it answers a request: what it
-// allocates then is not the library's.
+// Marks the time in which the tests' own code runs in the middle of the library's, as when it answers a request: what
+// it allocates then is not the library's.
 #pragma once
 
 namespace test {

@@ -28,7 +28,8 @@ std::set<std::string> everythingThatCanLeak() {
   for (const auto& entry : fs::directory_iterator(std::string(kRealProc) + "/self/fd", ignored)) {
     const fs::path target = fs::read_symlink(entry.path(), ignored);
     // The listing's own descriptor is not the test's.
-    if (!ignored && target.filename() != "fd") world.insert("descriptor " + entry.path().filename().string() + " -> " + target.string());
+    if (!ignored && target.filename() != "fd")
+      world.insert("descriptor " + entry.path().filename().string() + " -> " + target.string());
   }
   return world;
 }

@@ -20,8 +20,9 @@ struct LogLine {
   bool operator==(const LogLine& other) const { return priority == other.priority && text == other.text; }
 };
 
-// Listens from construction to destruction. The process's log mask is opened to all priorities at construction and put back
-// at destruction; a driver-interface singleton that is made meanwhile narrows it: call openMask() again after that.
+// Listens from construction to destruction. The process's log mask is opened to all priorities at construction and put
+// back at destruction; a driver-interface singleton that is made meanwhile narrows it: call openMask() again after
+// that.
 class LogCapture {
  public:
   LogCapture();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A driver that answers as a test says. The control device's path (/proc/mirelsnap/dev, the node, opening it) is real; only
-// ioctl requests of type 'S' are answered here, every other request goes to the kernel unless a test takes it.
+// A driver that answers as a test says. The control device's path (/proc/mirelsnap/dev, the node, opening it) is real;
+// only ioctl requests of type 'S' are answered here, every other request goes to the kernel unless a test takes it.
 #pragma once
 
 #include <cstddef>
@@ -34,12 +34,12 @@ struct DriverCall {
   _ioctlCmd header() const { return get<_ioctlCmd>(0); }
 };
 
-// Answers commands from construction to destruction; one at a time exists. Without a script a command succeeds with what a
-// driver answers that holds nothing: not snapped, not frozen, counts of 0, version "scripted".
+// Answers commands from construction to destruction; one at a time exists. Without a script a command succeeds with
+// what a driver answers that holds nothing: not snapped, not frozen, counts of 0, version "scripted".
 class ScriptedDriver {
  public:
-  // Gets the whole buffer and may write to it; returns 0, or the errno that the request fails with (the request call then
-  // returns -1), or -n: the request call returns n.
+  // Gets the whole buffer and may write to it; returns 0, or the errno that the request fails with (the request call
+  // then returns -1), or -n: the request call returns n.
   using Script = std::function<int(std::byte* buffer, std::size_t length)>;
 
   // Lays /proc/mirelsnap/dev, which names the null device.
@@ -55,8 +55,8 @@ class ScriptedDriver {
   // `request` succeeds with this status word.
   void status(unsigned long request, std::int32_t status);
 
-  // Takes a request that is not the driver's (FIBMAP, FIGETBSZ, BLKFLSBUF): the answer is 0 or an errno; nothing leaves it
-  // to the kernel.
+  // Takes a request that is not the driver's (FIBMAP, FIGETBSZ, BLKFLSBUF): the answer is 0 or an errno; nothing leaves
+  // it to the kernel.
   using Intercept = std::function<std::optional<int>(int descriptor, void* argument)>;
   void intercept(unsigned long request, Intercept intercept) { mIntercepts[request] = std::move(intercept); }
 

@@ -18,7 +18,8 @@ inline constexpr char kScratch[] = "/mnt";
 // The real procfs.
 inline constexpr char kRealProc[] = "/mnt/.proc";
 
-// What the world has for /proc: a directory over which tests lay files, or the real one, where processes find each other.
+// What the world has for /proc: a directory over which tests lay files, or the real one, where processes find each
+// other.
 enum class Proc { kOverlaid, kReal };
 
 // Lays the world; ends the program with a message when it cannot (not root, no mount namespaces).
@@ -27,9 +28,9 @@ void layPrivateWorld(Proc proc = Proc::kOverlaid);
 void writeFile(const std::filesystem::path& path, const std::string& content);
 std::string readFile(const std::filesystem::path& path);
 
-// A directory of its own under /mnt, removed with all that it holds. Its name begins with TempDir::prefix(), which no other
-// process of the machine uses. While something is still mounted in it nothing of it is removed: behind a bind mount that a
-// test could not undo lie the machine's own files.
+// A directory of its own under /mnt, removed with all that it holds. Its name begins with TempDir::prefix(), which no
+// other process of the machine uses. While something is still mounted in it nothing of it is removed: behind a bind
+// mount that a test could not undo lie the machine's own files.
 class TempDir {
  public:
   TempDir();

@@ -405,8 +405,8 @@ TEST(RunCannotCleanUp, while_a_process_sits_in_the_exposed_tree_is_118) {
   const std::string exposed = dir / "base" + volume.folder();
   const std::string sleeper = ended.output.substr(0, ended.output.size() - 1);
   EXPECT_EQ(ended.code, 118);
-  EXPECT_EQ(ended.errors, "mirelsnap: " + exposed + ": is still mounted: process " + sleeper +
-                              " (sleep) uses " + exposed + "; stop what uses it, then: umount " + exposed + "\n");
+  EXPECT_EQ(ended.errors, "mirelsnap: " + exposed + ": is still mounted: process " + sleeper + " (sleep) uses " +
+                              exposed + "; stop what uses it, then: umount " + exposed + "\n");
   kill(std::stoi(sleeper), SIGKILL);
   // What the line says is to be done is enough.
   for (int attempt = 0; attempt < 100 && umount(exposed.c_str()) != 0; ++attempt) usleep(20000);

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "Names.h"
 #include "World.h"
 #include "mirelsnap/SnapshotEngine.h"
 
@@ -15,10 +16,10 @@ namespace {
 
 using Results = std::map<std::string, unsigned int>;
 
-#define RESULT(name)                                                           \
+#define RESULT(name) \
   { #name, static_cast < unsigned int>(name) }
 
-const Results &compiledResults() {
+const Results& compiledResults() {
   static const Results results = {
       RESULT(S_OK),
       RESULT(USC_S_ASYNC_PENDING),
@@ -41,41 +42,26 @@ const Results &compiledResults() {
   return results;
 }
 
-std::set<std::string> found(const std::string &path,
-                            const std::string &pattern) {
-  const std::string text = test::readFile(path);
-  const std::regex expression(pattern);
-  std::set<std::string> names;
-  for (std::sregex_iterator match(text.begin(), text.end(), expression), end;
-       match != end; ++match)
-    names.insert((*match)[1]);
-  return names;
-}
-
 TEST(AgentGuide, has_every_result_with_its_value) {
   const std::string text = test::readFile(AGENT_GUIDE);
   const std::regex row("\\| `(\\w+)` \\| 0x([0-9A-F]{8}) \\|");
   Results written;
-  for (std::sregex_iterator match(text.begin(), text.end(), row), end;
-       match != end; ++match)
-    written.emplace((*match)[1], static_cast<unsigned int>(
-                                     std::stoul((*match)[2], nullptr, 16)));
+  for (std::sregex_iterator match(text.begin(), text.end(), row), end; match != end; ++match)
+    written.emplace((*match)[1], static_cast<unsigned int>(std::stoul((*match)[2], nullptr, 16)));
   EXPECT_EQ(written, compiledResults());
 }
 
 TEST(AgentGuide, knows_every_result_of_the_header) {
   std::set<std::string> names;
-  for (const auto &[name, value] : compiledResults())
-    names.insert(name);
-  EXPECT_EQ(names, found(ENGINE_HEADER, "constexpr int (\\w+) ="));
+  for (const auto& [name, value] : compiledResults()) names.insert(name);
+  EXPECT_EQ(names, test::namesIn(ENGINE_HEADER, "constexpr int (\\w+) ="));
 }
 
 // Every call of both interfaces stands in the guide.
 TEST(AgentGuide, names_every_operation_of_the_interfaces) {
   const std::string guide = test::readFile(AGENT_GUIDE);
-  for (const std::string &name :
-       found(ENGINE_HEADER, "virtual (?:int|unsigned int) (\\w+)\\("))
+  for (const std::string& name : test::namesIn(ENGINE_HEADER, "virtual (?:int|unsigned int) (\\w+)\\("))
     EXPECT_NE(guide.find(name), std::string::npos) << name;
 }
 
-} // namespace
+}  // namespace

@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The states, their texts, and the one place where they change at the end of a job or of an engine.
-#include <uuid/uuid.h>
-
-#include <cstring>
-
 #include "Interposed.h"
 #include "JobTest.h"
 
@@ -163,14 +159,6 @@ TEST_F(ResetState, is_done_under_the_engines_lock_from_the_first_message_to_the_
   engine->ResetState();
   EXPECT_EQ(locks.held(), 4);
   EXPECT_EQ(locks.free(), 0);
-}
-
-TEST_F(ResetState, the_set_is_written_as_the_uuid_library_writes_it) {
-  uuid_t bytes;
-  std::memcpy(bytes, &kSet, sizeof bytes);
-  char text[UUID_STR_LEN];
-  uuid_unparse(bytes, text);
-  EXPECT_STREQ(text, "11223344-5566-7788-99aa-bbccddeeff00");
 }
 
 }  // namespace

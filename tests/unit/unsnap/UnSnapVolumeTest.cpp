@@ -229,8 +229,7 @@ TEST_F(UnSnapVolume, a_path_that_the_driver_left_without_an_end_stays_in_its_fie
   const std::string path = "/mnt/" + std::string(1019, 'x');
   answer([&](std::size_t, DiscardEntry& entry) { name(entry, path); });
   EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
-  EXPECT_EQ(log.count(LOG_INFO, "RelocFile " + path + " deletion failed, errno: 36.\n"), 3u)
-      << log.dump();
+  EXPECT_EQ(log.count(LOG_INFO, "RelocFile " + path + " deletion failed, errno: 36.\n"), 3u) << log.dump();
 }
 
 TEST_F(UnSnapVolume, a_path_without_a_slash_is_its_own_directory_and_one_at_the_top_has_none) {
