@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The driver interface as the library's own rooms use it: SnapDriverInterface and the free operations around
-// the relocation files of a volume.
+// The driver interface as the library's own rooms use it: SnapDriverInterface, its control device, and the free
+// operations around the relocation files of a volume.
 #pragma once
 
 #include <mirelsnap/DriverInterface.h>
@@ -9,6 +9,7 @@
 #include <list>
 #include <string>
 
+#include "driver/ControlDevice.h"
 #include "driver/VolumeRecords.h"
 
 // True when the resolved `path`, or a folder above it, is a mount point of the block device `device`, also when a mount

@@ -15,7 +15,6 @@
 #include "LogCapture.h"
 #include "ScriptedDriver.h"
 #include "World.h"
-#include "driver/ControlDevice.h"
 #include "driver/LinuxSnapLib.h"
 
 namespace test {
