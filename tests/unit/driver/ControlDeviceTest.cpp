@@ -160,6 +160,14 @@ TEST_F(ControlDevice, a_node_with_the_right_numbers_is_kept_and_opened) {
   EXPECT_EQ(log.lines(), std::vector<LogLine>{debug("major-minor remained same.\n")});
 }
 
+TEST_F(ControlDevice, a_link_to_a_node_with_the_right_numbers_is_kept) {
+  const ProcFile numbers("mirelsnap/dev", "1 3\n");
+  fs::create_symlink("/dev/null", kControlNode);
+  const UniqueFd device(openControlDevice());
+  expectDescriptorOf(device, 1, 3);
+  EXPECT_TRUE(fs::is_symlink(kControlNode));
+}
+
 TEST_F(ControlDevice, a_node_with_other_numbers_is_made_again_without_permission_bits) {
   const ProcFile numbers("mirelsnap/dev", "1 3\n");
   for (const auto& [majorNum, minorNum] : {std::pair{1U, 5U}, std::pair{10U, 3U}}) {
@@ -353,14 +361,17 @@ TEST_F(ControlDevice, the_load_command_allows_unsupported_modules_where_the_syst
             std::vector<std::string>{"/sbin/modprobe mirelsnap --allow-unsupported-modules 2> /dev/null"});
 }
 
-TEST_F(ControlDevice, a_shell_that_does_not_run_is_logged_with_its_errno) {
+TEST_F(ControlDevice, a_shell_that_does_not_run_is_logged_with_its_errno_and_the_driver_looked_for_again) {
   const ProcFile missing("mirelsnap/dev");
   const FakeSystem shell(-1, EAGAIN);
+  const test::OpenedFiles files;
   LogCapture log;
   EXPECT_EQ(openControlDevice(), -1);
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{error("Driver is not loaded. Loading mirelsnap.\n"),
                                                error("Failed to run system command. err: 11\n"),
                                                error("Missing mirelsnap driver.\n")}));
+  ASSERT_EQ(files.all().size(), 2U);
+  EXPECT_EQ(files.all()[1].path, "/proc/mirelsnap/dev");
 }
 
 TEST_F(ControlDevice, a_loaded_driver_is_not_loaded_again) {

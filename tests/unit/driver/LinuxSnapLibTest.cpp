@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 
 #include "DriverFixture.h"
 #include "Interposed.h"
@@ -177,6 +178,52 @@ TEST_F(Transport, every_command_opens_the_control_device_anew_and_closes_it) {
   EXPECT_EQ(kernel.calls().size(), 4U);
   EXPECT_EQ(log.count(LOG_DEBUG, "major-minor remained same.\n"), 4U);
   EXPECT_EQ(openControlDevices(), 0);
+}
+
+// A positive result is no success either, whatever the status word says.
+TEST_F(Transport, a_request_that_returns_anything_but_0_has_failed) {
+  const test::Node device("/dev/vol-1", S_IFBLK, 8, 1);
+  const std::string name = "/dev/vol-1";
+  std::list<std::wstring> one = {L"/dev/vol-1"};
+  std::string text;
+  int count = 0;
+  unsigned int sequenceNumber = 0;
+  std::list<RelocFileMappingInformation> mappings;
+  std::list<SnappedVolumeInformation> volumes;
+  struct Operation {
+    unsigned long request;
+    std::int32_t status;  // what would read as true
+    std::function<unsigned int()> call;
+    unsigned int result;
+  };
+  const Operation operations[] = {
+      {IOC_GET_DRIVER_VERSION, 0, [&] { return driver().GetDriverVersionDetail(text); }, 6},
+      {IOC_SET_LOG_LEVEL, 0, [&] { return driver().SetLogLevel(7); }, 6},
+      {IOC_CHECK_VOLUME_SNAPPED, -2, [&] { return driver().IsVolumeSnapped(name); }, 0},
+      {IOC_CHECK_VOLUME_FROZEN, -6, [&] { return driver().IsVolumeFrozen(name); }, 0},
+      {IOC_FREEZE, 0, [&] { return driver().FreezeVolume(&one); }, 3},
+      {IOC_THAW, 0, [&] { return driver().ThawVolume(&one); }, 3},
+      {IOC_CREATE_RELOC_FILE_MAPPING, 0, [&] { return driver().CreateRelocationFileMapping(name, "/f", 1); }, 6},
+      {IOC_DELETE_RELOC_FILE_MAPPING, 0, [&] { return driver().DeleteRelocationFileMapping(name, 1); }, 6},
+      {IOC_GET_RELOC_FILE_MAPPING, 0, [&] { return driver().GetRelocFileMapping(mappings); }, 6},
+      {IOC_GET_NUM_OF_RELOC_FILE_MAPPING, 0, [&] { return driver().GetNumOfRelocFileMapping(); }, 6},
+      {IOC_GET_SNAPPED_VOL_DETAILS, 0, [&] { return driver().GetSnappedVolumeDetails(volumes); }, 6},
+      {IOC_GET_NUM_OF_SNAPPED_VOLUMES, 0, [&] { return driver().GetNumOfSnappedVolumes(&count); }, 6},
+      {IOC_IS_VTRACK_ACTIVE, 2, [&] { return driver().IsVtrackActive(L"/dev/vol-1"); }, 0},
+      {IOC_GET_VTRACK_VARS, 0, [&] { return driver().GetVtrackVars(L"/dev/vol-1", text, sequenceNumber); }, 6},
+      {IOC_STOP_VTRACK, 0, [&] { return driver().StopVtrack(&one); }, 6},
+      {IOC_DUMP_STATE, 0, [&] { return driver().DumpState(0, 0, L"", L""); }, 6},
+  };
+  answerOneOpen(IOC_GET_NUM_OF_RELOC_FILE_MAPPING);
+  answerOneOpen(IOC_GET_NUM_OF_SNAPPED_VOLUMES);
+  for (const Operation& operation : operations) {
+    kernel.on(operation.request, [&](std::byte* buffer, std::size_t) {
+      std::memcpy(buffer + 20, &operation.status, sizeof operation.status);
+      return -1;  // the request call returns 1
+    });
+    EXPECT_EQ(operation.call(), operation.result) << operation.request;
+    EXPECT_EQ(kernel.calls().back().request, operation.request);
+  }
 }
 
 class LogLevel : public DriverTest {};

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <filesystem>
 #include <type_traits>
 
 #include "DriverFixture.h"
@@ -253,6 +254,17 @@ TEST(GetDeviceNumbers, a_path_that_cannot_be_asked_for_is_missing_too) {
   EXPECT_EQ(getDeviceNumbers(&empty, &pair), 8U);
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{error("/dev/null/x: Device does not exist.\n"),
                                                error(": Device does not exist.\n")}));
+}
+
+TEST(GetDeviceNumbers, a_symbolic_link_has_the_number_of_the_device_that_it_leads_to) {
+  const TempDir dir;
+  const Node device("/dev/vol-a", S_IFBLK, 8, 1);
+  std::filesystem::create_symlink("/dev/vol-a", dir / "alias");
+  std::list<std::wstring> volumes = {wide(dir / "alias")};
+  DeviceNumberPair pair{};
+  EXPECT_EQ(getDeviceNumbers(&volumes, &pair), 0U);
+  EXPECT_EQ(pair.majorNum, 8U);
+  EXPECT_EQ(pair.minorNum, 1U);
 }
 
 TEST(GetDeviceNumbers, the_path_is_the_low_bytes_of_the_name) {
