@@ -21,15 +21,34 @@ constexpr std::array kHeldBack = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIG
 volatile std::sig_atomic_t firstSignal = 0;
 volatile std::sig_atomic_t commandPid = 0;
 volatile std::sig_atomic_t hangsUp = 0;  // the command heeds nothing else
+constexpr unsigned int kSecondsBetweenHangUps = 2;
 // Signals for a pipe without a reader and for a file that the limits do not let grow: what failed says so itself.
 constexpr std::array kForWriters = {SIGPIPE, SIGXFSZ};
 std::array<bool, kForWriters.size()> ignoredAtStart = {};  // by whoever started this process
+
+// Shells lose a hang-up that comes just before they begin to read: it is sent until the shell ends.
+void hangUp(int = SIGALRM) {
+  const int saved = errno;
+  if (commandPid > 0) {
+    kill(static_cast<pid_t>(commandPid), SIGHUP);
+    alarm(kSecondsBetweenHangUps);
+  }
+  errno = saved;
+}
+
+void passOn(int signal) {
+  if (hangsUp != 0) {
+    hangUp();
+  } else {
+    kill(static_cast<pid_t>(commandPid), signal);
+  }
+}
 
 // A signal that a terminal sends reaches the command by itself (si_pid is 0 then); what a process sends is passed on.
 void remember(int signal, siginfo_t* info, void*) {
   const int saved = errno;
   if (firstSignal == 0) firstSignal = signal;
-  if (commandPid > 0 && info->si_code <= 0) kill(static_cast<pid_t>(commandPid), hangsUp != 0 ? SIGHUP : signal);
+  if (commandPid > 0 && info->si_code <= 0) passOn(signal);
   errno = saved;
 }
 
@@ -156,13 +175,15 @@ CommandResult runCommand(const std::vector<std::string>& arguments, const std::m
   const LentTerminal terminal(manner.interactive);
   pid_t child = -1;
   hangsUp = manner.interactive ? 1 : 0;
+  if (manner.interactive) signal(SIGALRM, &hangUp);
   result.spawnError = spawn(child, arguments, environmentWith(variables), manner.folder);
   if (result.spawnError != 0) return result;
   commandPid = child;
   // One that came while the command was being started was passed to nobody.
-  if (firstSignal != 0) kill(child, hangsUp != 0 ? SIGHUP : firstSignal);
+  if (firstSignal != 0) passOn(firstSignal);
   waitForEnd(child, manner.interactive, terminal);
   commandPid = 0;
+  alarm(0);
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }

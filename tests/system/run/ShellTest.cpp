@@ -2,6 +2,7 @@
 //
 // `mirelsnap shell`: a person sits down in the snapshots.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -120,6 +121,21 @@ TEST_F(ShellAtTerminal, that_ignores_requests_to_end_is_hung_up) {
   ASSERT_TRUE(terminal.waitFor("in-2er\r\n")) << terminal.written();
   process.signal(SIGTERM);
   EXPECT_EQ(process.wait(), 128 + SIGHUP);
+}
+
+// bash does, when one comes just before it begins to read.
+TEST_F(ShellAtTerminal, that_loses_a_hang_up_is_hung_up_again) {
+  const test::TempDir dir;
+  const std::string shell = dir / "shell";
+  test::writeFile(shell,
+                  "#!/bin/sh\ntrap 'trap \"exit 9\" HUP; echo lost' HUP\necho begun\nwhile :; do sleep 0.1; done\n");
+  ASSERT_EQ(chmod(shell.c_str(), 0755), 0);
+  test::Terminal terminal;
+  Process process = session.start(arguments(), at(terminal, shell));
+  ASSERT_TRUE(terminal.waitFor("begun\r\n")) << terminal.written();
+  process.signal(SIGTERM);
+  EXPECT_EQ(process.wait(), 9);
+  EXPECT_TRUE(terminal.waitFor("lost\r\n")) << terminal.written();
 }
 
 TEST_F(Shell, reads_commands_where_there_is_no_terminal) {
