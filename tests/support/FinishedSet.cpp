@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FinishedSet.h"
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include "engine/GetDoneWrapper.h"
 
@@ -58,6 +60,23 @@ void FinishedSet::finish(int snapResult) {
   if (snapResult == 0) MirelSnapshotEngine::sSnapshotSetParamsArray.Add(mEngine->mSnapshotSetParams);
   mEngine->mState = StateSnapshotSetInProgress;
   mEngine->ResetState();
+}
+
+int askedUnderLock(const std::function<int()>& ask, const std::function<void()>& change) {
+  int answer = -1;
+  pthread_mutex_lock(&MirelSnapshotEngine::sLock);
+  std::thread asking([&] { answer = ask(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  change();
+  pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
+  asking.join();
+  return answer;
+}
+
+bool lockIsFree() {
+  if (pthread_mutex_trylock(&MirelSnapshotEngine::sLock) != 0) return false;
+  pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
+  return true;
 }
 
 }  // namespace test

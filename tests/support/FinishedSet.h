@@ -4,6 +4,7 @@
 // its results are put where the worker would have left them.
 #pragma once
 
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
@@ -38,6 +39,12 @@ class FinishedSet {
   MirelSnapSnapshotCoordinator::MirelSnapshotEngine* mEngine;
   _SSGUIDPLAIN mId{};
 };
+
+// What `ask` answers in a thread of its own that begins while the engines' lock is held, when `change` is made before
+// the lock is let go.
+int askedUnderLock(const std::function<int()>& ask, const std::function<void()>& change);
+// Whether nobody holds the engines' lock.
+bool lockIsFree();
 
 inline std::wstring wide(const std::string& text) { return {text.begin(), text.end()}; }
 

@@ -174,6 +174,14 @@ TEST_F(EmptyExposure, without_a_set_is_a_bad_state) {
   fresh.mState = StateUninitialized;
 }
 
+TEST_F(EmptyExposure, looks_at_the_state_under_the_engines_lock) {
+  set->mState = StateSnapshotSetInProgress;
+  EXPECT_EQ(test::askedUnderLock([&] { return set->ExposeSnapshotsInSnapshotSet(nullptr); },
+                                 [&] { set->mState = StateSnapshotSetDone; }),
+            E_INVALIDARG);
+  set->mState = StateSnapshotSetStarted;
+}
+
 TEST_F(EmptyExposure, without_any_base_is_an_invalid_argument) {
   set.finish();
   EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(nullptr), E_INVALIDARG);
@@ -655,6 +663,13 @@ TEST_F(EmptyExposure, the_alternate_set_is_open_only_while_the_set_is) {
     EXPECT_EQ(set->AddToAlternateMountSet(L"/mnt"), USC_E_BAD_STATE);
     EXPECT_EQ(set->AddToAlternateMountSet(nullptr), USC_E_BAD_STATE);
   }
+  set->mState = StateSnapshotSetStarted;
+}
+
+TEST_F(EmptyExposure, whether_the_alternate_set_is_open_is_seen_under_the_engines_lock) {
+  EXPECT_EQ(test::askedUnderLock([&] { return set->AddToAlternateMountSet(L"/mnt"); },
+                                 [&] { set->mState = StateSnapshotSetInProgress; }),
+            USC_E_BAD_STATE);
   set->mState = StateSnapshotSetStarted;
 }
 

@@ -87,13 +87,29 @@ TEST_F(Deletion, is_legal_only_when_the_job_is_done_and_succeeded) {
   EXPECT_TRUE(discarded().empty());
 }
 
-TEST_F(Deletion, without_a_set_is_a_bad_state) {
+TEST_F(Deletion, without_a_set_or_its_identifier_is_a_bad_state) {
   MirelSnapshotEngine fresh;
-  fresh.mSnapResult = 0;
-  fresh.mState = StateSnapshotSetDone;
-  EXPECT_EQ(fresh.DeleteSnapshots({}, USC_OBJECT_SNAPSHOT_SET), USC_E_BAD_STATE);
-  EXPECT_EQ(fresh.DeleteSnapshots({}, static_cast<_USC_OBJECT_TYPE>(2)), USC_E_BAD_STATE);
-  fresh.mState = StateUninitialized;
+  MirelSnapshotEngine nameless;
+  nameless.mSnapshotSetParams = MirelSnapshotSetParams::CreateSnapshotSetParams({});
+  for (MirelSnapshotEngine* engine : {&fresh, &nameless}) {
+    engine->mSnapResult = 0;
+    engine->mState = StateSnapshotSetDone;
+    EXPECT_EQ(engine->DeleteSnapshots({}, USC_OBJECT_SNAPSHOT_SET), USC_E_BAD_STATE);
+    EXPECT_EQ(engine->DeleteSnapshots({}, USC_OBJECT_SNAPSHOT), USC_E_BAD_STATE);
+    EXPECT_EQ(engine->DeleteSnapshots({}, static_cast<_USC_OBJECT_TYPE>(2)), USC_E_BAD_STATE);
+    engine->mState = StateUninitialized;
+  }
+}
+
+TEST_F(Deletion, looks_at_the_job_under_the_engines_lock) {
+  set->mState = StateSnapshotSetInProgress;
+  EXPECT_EQ(test::askedUnderLock([&] { return set->DeleteSnapshots(set.id(), static_cast<_USC_OBJECT_TYPE>(2)); },
+                                 [&] {
+                                   set->mState = StateSnapshotSetDone;
+                                   set->mSnapResult = 0;
+                                 }),
+            E_INVALIDARG);
+  set->mState = StateSnapshotSetStarted;
 }
 
 TEST_F(Deletion, another_type_is_an_invalid_argument) {
@@ -123,6 +139,19 @@ TEST_F(Deletion, a_set_is_discarded_in_order_and_forgotten_and_the_next_one_may_
   MirelSnapshotEngine next;
   _SSGUIDPLAIN id{};
   EXPECT_EQ(next.StartSnapshotSet(&id), S_OK);
+}
+
+TEST_F(Deletion, a_set_stays_listed_and_in_progress_until_the_driver_has_discarded_it) {
+  set.finish();
+  bool whole = false;
+  set.driver().on(IOC_SNAP_DISCARD, [&](std::byte*, std::size_t) {
+    whole = test::lockIsFree() && set->mState == StateSnapshotSetDone &&
+            UnixInterfaces::IsEqualGUID(MirelSnapshotEngine::sUUID, set.id()) &&
+            MirelSnapshotEngine::sSnapshotSetParamsArray.GetVolumeCountInSnapshotSet(set.id()) == 2;
+    return 0;
+  });
+  EXPECT_EQ(set->DeleteSnapshots(set.id(), USC_OBJECT_SNAPSHOT_SET), S_OK);
+  EXPECT_TRUE(whole);
 }
 
 TEST_F(Deletion, a_deleted_set_cannot_be_deleted_again) {
@@ -167,6 +196,10 @@ TEST_F(Deletion, a_single_snapshot_leaves_the_list_but_its_volume_stays_snapped)
   _SSGUIDPLAIN left{};
   EXPECT_EQ(set->GetVolumeSnapshotGUID(0, &left), S_OK);
   EXPECT_TRUE(UnixInterfaces::IsEqualGUID(left, secondId));
+  UnixSnapshotCoordinator::_USC_SNAPSHOT_PROP props{};
+  EXPECT_EQ(set->GetSnapshotProperties(secondId, &props), S_OK);
+  EXPECT_EQ(props.SnapshotsCount, 1);
+  UnixSnapshotCoordinator::UscFreeSnapshotProperties(&props);
   EXPECT_TRUE(discarded().empty());
   EXPECT_EQ(set->mState, StateSnapshotSetDone);
   EXPECT_EQ(set->DeleteSnapshots(firstId, USC_OBJECT_SNAPSHOT), USC_E_OBJECT_NOT_FOUND);
@@ -342,6 +375,21 @@ TEST_F(Reconciliation, a_failure_of_the_drivers_is_answered_and_the_base_is_swep
   EXPECT_EQ(engine.DoReconcile(nullptr), E_FAIL);
   EXPECT_TRUE(exists(dir / "a"));
   EXPECT_EQ(engine.DoReconcile(wide(dir.path()).c_str()), E_FAIL);
+  EXPECT_FALSE(exists(dir / "a"));
+}
+
+TEST_F(Reconciliation, asks_the_driver_before_it_sweeps_and_without_the_engines_lock) {
+  mountTmpfs(dir / "a");
+  bool mounted = false;
+  bool lockIsFree = false;
+  driver.on(IOC_VERIFY_AND_CLEAN_VOLUMES, [&](std::byte*, std::size_t) {
+    mounted = exists(dir / "a");
+    lockIsFree = test::lockIsFree();
+    return 0;
+  });
+  EXPECT_EQ(engine.DoReconcile(wide(dir.path()).c_str()), S_OK);
+  EXPECT_TRUE(mounted);
+  EXPECT_TRUE(lockIsFree);
   EXPECT_FALSE(exists(dir / "a"));
 }
 

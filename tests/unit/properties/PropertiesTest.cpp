@@ -136,6 +136,9 @@ TEST_F(Properties, a_volume_is_found_by_its_snapshot_when_the_output_was_set_bef
   wchar_t* name = something;
   EXPECT_EQ(set->GetVolumeInSnapshotSetByGUID(secondId, &name), S_OK);
   EXPECT_EQ(std::wstring(name), second.wdevice());
+  wchar_t* engines = nullptr;
+  EXPECT_EQ(set->GetVolumeInSnapshotSet(1, &engines), S_OK);
+  EXPECT_EQ(name, engines);
 }
 
 TEST_F(Properties, an_output_pre_set_to_null_stays_null) {
@@ -208,6 +211,15 @@ TEST_F(Properties, the_record_is_filled_only_when_the_job_is_done) {
     EXPECT_EQ(set->GetSnapshotProperties(kUnknown, &props), USC_E_BAD_STATE);
   }
   EXPECT_TRUE(untouched(props));
+}
+
+TEST_F(Properties, the_record_waits_for_the_engines_lock_to_see_the_state) {
+  set->mState = StateSnapshotSetInProgress;
+  _USC_SNAPSHOT_PROP props = dirtyRecord();
+  EXPECT_EQ(test::askedUnderLock([&] { return set->GetSnapshotProperties(kUnknown, &props); },
+                                 [&] { set->mState = StateSnapshotSetDone; }),
+            USC_E_OBJECT_NOT_FOUND);
+  set->mState = StateSnapshotSetStarted;
 }
 
 TEST_F(Properties, a_snapshot_outside_the_set_is_not_found) {
