@@ -185,8 +185,9 @@ int MirelSnapshotSetParams::DoDismountAlternateSet() {
   const AutoLock hold(mMutex);
   if (mAlternateMounts == nullptr) return S_OK;
   int result = S_OK;
-  for (MirelMountVolumeParams* entry : *mAlternateMounts) {
-    if (!entry->DoDismount()) result = E_FAIL;
+  // The last one first: it may lie inside an earlier one.
+  for (auto entry = mAlternateMounts->rbegin(); entry != mAlternateMounts->rend(); ++entry) {
+    if (!(*entry)->DoDismount()) result = E_FAIL;
   }
   return result;
 }

@@ -51,7 +51,7 @@ class MirelSnapshotSetParams {
   unsigned int AddToAlternateMountSet(const wchar_t* mountPoint);
   // Binds every entry under `base`, in order, up to the first failure. S_OK, E_INVALIDARG for null, E_FAIL.
   int DoMountAlternateSet(const wchar_t* base);
-  // Unbinds every entry. S_OK, or E_FAIL when one stayed.
+  // Unbinds every entry, the last one first. S_OK, or E_FAIL when one stayed.
   int DoDismountAlternateSet();
   // Not locked.
   unsigned int GetAlternateMountCount() const;

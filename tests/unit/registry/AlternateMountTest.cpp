@@ -399,6 +399,17 @@ TEST(AlternateMountSet, stops_at_the_first_entry_that_fails_and_leaves_the_earli
   EXPECT_EQ(set->DoDismountAlternateSet(), S_OK);
 }
 
+TEST(AlternateMountSet, unbinds_an_entry_before_the_earlier_one_that_it_lies_in) {
+  const LiveMount outer;
+  const test::Mounted inner("inner", directory(outer.mounted.folder() + "/inner"), "tmpfs");
+  const HeldSet set = newSet();
+  ASSERT_EQ(set->AddToAlternateMountSet(outer.point.c_str()), 1u);
+  ASSERT_EQ(set->AddToAlternateMountSet(wide(inner.folder()).c_str()), 2u);
+  ASSERT_EQ(set->DoMountAlternateSet(wide(outer.base).c_str()), S_OK);
+  EXPECT_EQ(set->DoDismountAlternateSet(), S_OK);
+  EXPECT_FALSE(isBound(outer.target));
+}
+
 TEST(AlternateMountSet, unbinds_all_it_can_when_one_entry_is_in_use) {
   const LiveMount busy;
   const LiveMount idle;
