@@ -46,7 +46,8 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // Places the file on the other file system with the most free space. 0; 21 when there is none, or, with
   // `onlyIfLarger`, none with more free space than the volume's own.
   unsigned int SetRelocFileLocation(bool onlyIfLarger);
-  // Places a file of the given size on the other file system with the most free space. 0, 21.
+  // Places a file of the given size on the other file system with the most free space. 0; 21 when none has more than
+  // the volume itself and than the file needs.
   unsigned int checkOtherMountVolumeForReloc();
   // Finds out whether and where `volume` is mounted, and its sizes. Always 0: `mIsMounted` tells.
   unsigned int GetVolumeDetails(const std::string& volume);
@@ -69,8 +70,6 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   std::string GetRelocDeviceName();
   std::string GetRelocFileName();
   std::string GetRelocFileLocation();
-  // Why the decision is as it is.
-  const RelocationReasons& reasons() const { return mReasons; }
 
   // True when a file of `mRelocNumBlks` reaches the largest that a file system of this magic takes, which is written to
   // `*limitBlocks`; file systems without a known limit leave it untouched.
@@ -104,7 +103,7 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   std::uint32_t mBlockSize;          // bytes
   std::uint64_t mNumBlocksOfVolume;  // size of the volume in blocks
   std::uint64_t mFSType = 0;         // magic of the file system that holds the file
-  RelocationReasons mReasons;
+  RelocationReasons mReasons;        // why the decision is as it is
 
  private:
   // A mounted file system that can take the file.

@@ -137,6 +137,7 @@ TEST_F(ForecastTest, a_read_only_volume_gives_its_file_away_and_read_only_snappe
   EXPECT_EQ(answer.device, taker);
   EXPECT_EQ(answer.reasons.ownVolume, OwnVolume::kNotWritable);
   EXPECT_EQ(answer.reasons.size, RelocSize::kTenthOfVolume);
+  EXPECT_EQ(answer.blocks, 10000u);
   ASSERT_EQ(answer.reasons.passedOver.size(), 3u);
   EXPECT_EQ(answer.reasons.passedOver[0].mountPoint, readOnlyFolder);
   EXPECT_EQ(answer.reasons.passedOver[0].why, PassedOver::kNotWritable);

@@ -357,15 +357,19 @@ TEST_F(SizeOption, as_much_as_the_driver_can_hold_stays_on_a_volume_with_room_wi
   EXPECT_EQ(driver.calls().size(), 0u);
 }
 
-TEST_F(SizeOption, a_file_of_exactly_the_free_space_goes_elsewhere_without_the_full_message) {
-  machine.mount(volume, {1000, 500});
+TEST_F(SizeOption, a_file_of_exactly_the_free_space_goes_elsewhere_without_the_total_and_the_full_message) {
+  const std::string folder = machine.mount(volume, {1000, 500});
   const std::string other = machine.device("other");
-  machine.mount(other, {1001, 0});
+  const std::string onOther = machine.mount(other, {1001, 0});
   LinuxSnapshotreloc reloc = of(1000);
   log.clear();
   EXPECT_EQ(reloc.initializeRelocSizeOption(), 0u);
   EXPECT_EQ(reloc.mRelocDeviceName, other);
-  EXPECT_FALSE(log.has(3, "Volume " + volume + " is full, checking for other volumes.\n"));
+  EXPECT_EQ(reloc.mTotalSizeKOfVolume, 0u);
+  EXPECT_EQ(messages(), (Lines{"[7] VolumeName to be checked: " + volume + ".\n",
+                               "[7] Volume " + volume + " is mounted on : " + folder + ".\n",
+                               "[3] Found appropriate volume for SnapVol: " + volume + " , RVName: " + other +
+                                   ", RMName: " + onOther + ".\n"}));
 }
 
 TEST_F(SizeOption, from_a_volume_90_percent_full_goes_elsewhere_with_the_full_message) {

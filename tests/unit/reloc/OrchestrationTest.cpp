@@ -198,6 +198,32 @@ TEST_F(Deduce, with_both_that_cannot_be_placed_fails) {
   EXPECT_EQ(mappingCommands(), Lines());
 }
 
+TEST_F(Deduce, logs_sizes_as_signed_numbers_of_32_bits) {
+  const unsigned int blocks = 0x80000000;
+  const std::string a = machine.device("a");
+  const std::string folder = machine.mount(a, {gib(20480), gib(20480)});
+  const std::string file = folder + "/.verrelocarea/a";
+  const std::string placed = "SVName: " + a + ", RFName: " + file + ", RVName: " + a + ", RVSize: -2147483648.\n";
+  driver.fail(IOC_CREATE_RELOC_FILE_MAPPING, EBUSY);  // so that no file is made
+  const auto logged = [&](unsigned int size, const std::string& mountPoint) {
+    volumes.clear();
+    request(a, size, mountPoint);
+    EXPECT_EQ(deduce(blocks), 10);
+    EXPECT_EQ(volumes.front().getRelocFileSize(), blocks);
+    Lines lines = ownMessages();
+    EXPECT_EQ(lines.back(), "[3] Unable to create relocation file mapping.\n");
+    lines.pop_back();
+    return lines;
+  };
+  EXPECT_EQ(logged(0, ""), (Lines{"[6] " + placed}));
+  EXPECT_EQ(logged(0, folder), (Lines{"[7] SnapVolue: " + a + ", RMountName: " + folder + "\n", "[3] " + placed}));
+  EXPECT_EQ(logged(blocks, ""), (Lines{"[7] SnapVolume: " + a + " , RFSize: -2147483648.\n", "[3] " + placed}));
+  EXPECT_EQ(logged(blocks, folder),
+            (Lines{"[6] User Options -- SnapVolName: " + a + ", RMountName: " + folder + ", RVSize: -2147483648.\n",
+                   "[7] Final options -- SnapVolName: " + a + ", RMountName: " + folder + ", RVolName: " + a +
+                       ", RVSize: -2147483648.\n"}));
+}
+
 // --- Memory, mapping, file.
 
 TEST_F(Deduce, without_memory_fails_after_the_placement_and_before_any_mapping_or_file) {

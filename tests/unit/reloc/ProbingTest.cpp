@@ -148,6 +148,18 @@ TEST_F(CheckIfVolumeIsMounted, takes_the_first_mount_point_when_it_is_a_folder) 
                                "[7] Volume " + device + " is mounted on : " + folder + ".\n"}));
 }
 
+TEST_F(CheckIfVolumeIsMounted, takes_the_first_of_two_mount_points_of_the_volume_that_it_is_asked_for) {
+  const std::string device = machine.device("a");
+  machine.mount(device, {100, 100});
+  machine.mount(device, {100, 100});
+  LinuxSnapshotreloc reloc("/dev/other", 4096, 1000UL, 1000UL);
+  const std::vector<std::string> mountPoints = reloc.GetMountPoints(device);
+  ASSERT_EQ(mountPoints.size(), 2u);
+  reloc.CheckIfVolumeIsMounted(device);
+  EXPECT_TRUE(reloc.mIsMounted);
+  EXPECT_EQ(reloc.mVolMountPoint, mountPoints.front());
+}
+
 TEST_F(CheckIfVolumeIsMounted, is_not_mounted_on_what_is_no_folder) {
   const std::string device = machine.device("a");
   const TempDir folder;
@@ -167,7 +179,7 @@ TEST_F(CheckIfVolumeIsMounted, is_not_mounted_on_what_is_no_folder) {
 TEST_F(GetVolumeDetails, reads_the_sizes_of_a_mounted_volume_and_keeps_its_block_size) {
   const std::string device = machine.device("a");
   machine.mount(device, {700, 300, kExt});
-  LinuxSnapshotreloc reloc(device, 4096, 1000UL, 1000UL);
+  LinuxSnapshotreloc reloc("/dev/other", 4096, 1000UL, 1000UL);
   EXPECT_EQ(reloc.GetVolumeDetails(device), 0u);
   EXPECT_TRUE(reloc.mIsMounted);
   EXPECT_EQ(reloc.mAvailSizeKOfVolume, 700u);

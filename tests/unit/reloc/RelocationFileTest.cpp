@@ -463,6 +463,12 @@ TEST_F(CreateRelocFile, then_it_exists_until_it_is_deleted_and_the_directory_sta
   EXPECT_EQ(messages(), Lines());
 }
 
+TEST_F(CreateRelocFile, that_is_an_empty_folder_instead_is_deleted_all_the_same) {
+  fs::create_directories(reloc.mRelocFileName);
+  EXPECT_TRUE(reloc.DeleteRelocFile());
+  EXPECT_FALSE(fileExists());
+}
+
 TEST_F(CreateRelocFile, without_a_name_there_is_nothing_to_delete_and_nothing_exists) {
   reloc.mRelocFileName.clear();
   EXPECT_TRUE(reloc.DeleteRelocFile());
@@ -531,6 +537,15 @@ TEST_F(Listing, of_a_volume_appends_what_its_directory_holds_behind_two_slashes)
   EXPECT_EQ(files, (std::list<std::string>{a + "/.verrelocarea//sda"}));
   EXPECT_EQ(messages(), (Lines{"[7] Checking for mounts: /dev/a.\n", "[7] volMountPoint: " + a + ".\n",
                                "[7] relocDir is : " + a + "/.verrelocarea/.\n"}));
+}
+
+TEST_F(Listing, of_a_volume_mounted_twice_looks_at_its_first_mount_point_only) {
+  const std::string device = machine.device("a");
+  for (int i = 0; i < 2; ++i) fill(machine.mount(device, {1, 1}), "sda");
+  const std::vector<std::string> mountPoints = reloc.GetMountPoints(device);
+  ASSERT_EQ(mountPoints.size(), 2u);
+  EXPECT_EQ(reloc.GetAllRelocationFilesInVolume(device, files), 0u);
+  EXPECT_EQ(files, (std::list<std::string>{mountPoints.front() + "/.verrelocarea//sda"}));
 }
 
 TEST_F(Listing, of_a_volume_without_a_directory_answers_0) {

@@ -79,6 +79,14 @@ TEST_F(SetRelocFileLocation, skips_every_mount_of_the_volume_itself_without_a_wo
   EXPECT_EQ(referencesLeft(), 0u);
 }
 
+TEST_F(SetRelocFileLocation, takes_a_device_whose_name_only_begins_like_the_volumes) {
+  machine.mount(machine.device("vol"), {1000, 0});
+  machine.mount(machine.device("volume1"), {2000, 0});
+  EXPECT_EQ(reloc.SetRelocFileLocation(false), 0u);
+  EXPECT_EQ(reloc.mRelocDeviceName, "/dev/volume1");
+  EXPECT_EQ(log.count(7, "AvailS: 1000, UsedS: 0, blockSize: 1024.\n"), 1u) << "the shorter name is looked at too";
+}
+
 TEST_F(SetRelocFileLocation, skips_snapped_frozen_and_read_only_file_systems) {
   const std::string a = machine.device("a");
   const std::string b = machine.device("b");
@@ -332,6 +340,15 @@ TEST_F(CheckOtherMountVolumeForReloc, skips_every_mount_of_the_volume_itself) {
   EXPECT_EQ(reloc.checkOtherMountVolumeForReloc(), 0u);
   EXPECT_EQ(reloc.mRelocDeviceName, other);
   EXPECT_EQ(driver.calls(IOC_CHECK_VOLUME_SNAPPED).size(), 1u);
+}
+
+TEST_F(CheckOtherMountVolumeForReloc, takes_a_device_whose_name_only_begins_like_the_volumes) {
+  machine.mount(machine.device("vol"), {5000, 0});
+  EXPECT_EQ(reloc.checkOtherMountVolumeForReloc(), 0u);
+  EXPECT_EQ(reloc.mRelocDeviceName, "/dev/vol");
+  machine.mount(machine.device("volume1"), {6000, 0});
+  EXPECT_EQ(reloc.checkOtherMountVolumeForReloc(), 0u);
+  EXPECT_EQ(reloc.mRelocDeviceName, "/dev/volume1");
 }
 
 TEST_F(CheckOtherMountVolumeForReloc, takes_the_sizes_before_it_where_they_cannot_be_read) {

@@ -106,6 +106,18 @@ TEST(GetMountSizeDetails, calculates_in_64_bits) {
   EXPECT_EQ(sizes.usedKB, std::uint64_t{1} << 45);
 }
 
+TEST(GetMountSizeDetails, gives_the_block_size_in_32_bits_and_logs_it_signed) {
+  test::Interposed calls;
+  answer(calls, 3, 1, 0x180000000);
+  test::LogCapture log;
+  Sizes sizes;
+  EXPECT_EQ(ask("/mnt/fake", sizes), 0u);
+  EXPECT_EQ(sizes.blockSize, 0x80000000u);
+  EXPECT_EQ(sizes.availKB, 0x600000u) << "the sizes are calculated with all of it";
+  EXPECT_EQ(sizes.usedKB, 0xC00000u);
+  EXPECT_TRUE(log.has(LOG_DEBUG, "BlockSize: -2147483648.\n")) << log.dump();
+}
+
 TEST(GetMountSizeDetails, logs_its_figures_as_detail) {
   test::Interposed calls;
   answer(calls, 1000, 300, 4096);
