@@ -121,7 +121,7 @@ TEST_F(Initialize, refuses_a_volume_90_percent_full_that_is_snapped_when_no_othe
 }
 
 TEST_F(Initialize, on_a_volume_almost_90_percent_full_keeps_the_file) {
-  machine.mount(volume, {1001, 8999});
+  machine.mount(volume, {1002, 9007});  // of 10009; nine times a tenth in whole KB would be 9000
   machine.mount(machine.device("other"), {gib(9), 0});
   EXPECT_EQ(reloc.initialize(), 0u);
   EXPECT_EQ(reloc.mRelocDeviceName, volume);
@@ -532,6 +532,13 @@ TEST_F(Validate, asks_for_the_limit_then_the_drivers_memory_then_the_free_space)
   EXPECT_EQ(withinLimit.validate(), 17u);
   EXPECT_EQ(messages().back(),
             "[3] System can not reserve enough memory for relocation blocks, try freeing some memory\n");
+}
+
+TEST_F(Validate, counts_the_needed_space_in_whole_KB) {
+  LinuxSnapshotreloc fits(volume, 512, 2001, folder, kManyEntries);  // 1000.5
+  EXPECT_EQ(fits.validate(), 0u);
+  LinuxSnapshotreloc exceeds(volume, 512, 2002, folder, kManyEntries);
+  EXPECT_EQ(exceeds.validate(), 17u);
 }
 
 TEST_F(Validate, accepts_exactly_the_free_space_and_the_drivers_memory) {

@@ -266,12 +266,12 @@ INSTANTIATE_TEST_SUITE_P(Volumes, PredictSizeOfFile,
                                          Prediction{9, 524287, 0}, Prediction{0, 0, 0}));
 
 TEST_F(RelocTest, the_prediction_is_bounded_by_the_drivers_memory_and_logged_in_three_lines) {
-  LinuxSnapshotreloc reloc("/dev/a", 4096, 1000UL, 50UL);
+  LinuxSnapshotreloc reloc("/dev/a", 512, 1000UL, 50UL);
   reloc.mAvailSizeKOfVolume = 10007;
   reloc.mUsedSizeKofVolume = 33;
   log.clear();
   EXPECT_EQ(reloc.PredictSizeOfFile(), 50u);
-  EXPECT_EQ(messages(), (Lines{"[7] AvSize: 10007, UsedSize: 33, threshHold: 250.\n", "[7] threshold size: 250.\n",
+  EXPECT_EQ(messages(), (Lines{"[7] AvSize: 10007, UsedSize: 33, threshHold: 2000.\n", "[7] threshold size: 2000.\n",
                                "[6] threshold size: 50mRelocEntriesInMemory : 50.\n"}));
 }
 

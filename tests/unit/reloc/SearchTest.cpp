@@ -43,10 +43,11 @@ TEST_F(SetRelocFileLocation, takes_the_file_system_with_the_most_free_space) {
   EXPECT_EQ(referencesLeft(), 0u);
 }
 
-TEST_F(SetRelocFileLocation, sizes_the_file_by_a_tenth_of_the_free_space) {
+TEST_F(SetRelocFileLocation, sizes_the_file_by_a_tenth_of_the_free_space_in_whole_KB) {
   machine.mount(machine.device("a"), {1009, 0});
+  reloc.mBlockSize = 512;
   EXPECT_EQ(reloc.SetRelocFileLocation(false), 0u);
-  EXPECT_EQ(reloc.mRelocNumBlks, 100u);
+  EXPECT_EQ(reloc.mRelocNumBlks, 200u);
 }
 
 TEST_F(SetRelocFileLocation, sizes_the_file_by_a_tenth_of_the_volume) {
