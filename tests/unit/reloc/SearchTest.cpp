@@ -294,7 +294,9 @@ TEST_F(CheckOtherMountVolumeForReloc, has_no_prejudice_against_fat) {
   EXPECT_EQ(reloc.mRelocDeviceName, fat);
 }
 
-TEST_F(CheckOtherMountVolumeForReloc, wants_strictly_more_than_the_file_needs) {
+TEST_F(CheckOtherMountVolumeForReloc, wants_strictly_more_than_the_file_needs_in_whole_KB) {
+  reloc.mBlockSize = 512;
+  reloc.mRelocNumBlks = 2001;  // 1000.5 KB
   machine.mount(machine.device("a"), {1000, 0});
   EXPECT_EQ(reloc.checkOtherMountVolumeForReloc(), 21u);
   machine.mount(machine.device("b"), {1001, 0});
