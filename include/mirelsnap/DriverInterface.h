@@ -67,13 +67,16 @@ class MIRELSNAP_API SnapDriverInterface {
   bool IsSnapInProgress(std::string& volume);
 
   // Takes the snapshots of all volumes at one instant. Fills each record's relocation fields and appends one
-  // snapshot device name a volume, in list order. 0; 3, 5, 6, 7, 8; 11 the only volume is already snapped, or
-  // one is frozen; 12 one of several is already snapped; 20 a relocation file could not be placed; 26 a
-  // device's size changed.
+  // snapshot device name a volume, in list order; names may have been appended although it failed. 0; 3 also when
+  // the list is empty, a device is in it twice, the memory's state cannot be read or leaves no room, a relocation
+  // file cannot be mapped or no tracking GUID can be made; 5; 6; 7; 8; 11 the only volume is already snapped, or
+  // one is frozen; 12 one of several is already snapped; 20 a relocation file could not be placed; 26 a device's
+  // size changed.
   int SnapVolume(std::list<SnapVolumeInformation>* volumes, std::list<std::wstring>* snapDeviceNames);
 
   // Discards the snapshots of the named block devices and removes their relocation files. `flag` is handed to
-  // the driver. 0, 3, 5, 6; 13 or 14 when a volume is not snapped.
+  // the driver. 0; 3 also when the list is empty or a name is no block device; 5; 6; 13 or 14 when a volume is
+  // not snapped.
   unsigned int UnSnapVolume(std::list<std::wstring>* volumes, bool flag);
   // Removes what dead processes left: snapshots, mappings, relocation files. 0, or 3 when the driver cannot
   // be asked.
@@ -125,8 +128,9 @@ class MIRELSNAP_API SnapDriverInterface {
   // Steps of SnapVolume.
 
   // Adds the byte size of every volume's entry to `*size` and fills `runs` with the runs of the relocation
-  // files that lie on each volume, by position in the list; the caller owns what is in the map. 0; 3; 10 when
-  // a relocation file cannot be mapped. On failure the map is left empty.
+  // files that lie on each volume (those of snapshots that the driver holds, and its own), by position in the
+  // list; the caller owns what is in the map. 0; 3; 10 when a relocation file cannot be mapped. On failure the
+  // map is left empty.
   int getIoctlCmdSize(std::list<SnapVolumeInformation>* volumes, std::map<unsigned int, std::list<_run*>*>* runs,
                       unsigned int* size);
   // Places, registers and creates a relocation file for every volume; `relocEntriesInMemory` blocks at most
