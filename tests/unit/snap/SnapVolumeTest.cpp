@@ -43,6 +43,9 @@ constexpr unsigned int kRelocBlocks = 5;
 
 std::string lineOf(const test::Volume& volume) { return volume.device() + " " + volume.folder() + " ext4 rw 0 0\n"; }
 
+test::LogLine info(const std::string& text) { return {LOG_INFO, 0, "", text}; }
+test::LogLine debug(const std::string& text) { return {LOG_DEBUG, 0, "", text}; }
+
 std::wstring widen(const std::string& text) { return {text.begin(), text.end()}; }
 
 class SnapVolume : public testing::Test {
@@ -163,6 +166,7 @@ TEST_F(SnapVolume, a_file_that_is_not_a_block_device_gives_7) {
 TEST_F(SnapVolume, one_device_named_twice_gives_3_before_any_command) {
   requestFirst();
   requestFirst();
+  volumes.emplace_back(4096u, 1UL, L"/dev/missing", false, true, 0u);  // not looked at any more
   EXPECT_EQ(snap(), 3);
   EXPECT_THAT(log.texts(LOG_ERR), ElementsAre("Multiple entries for the Device: " + first.device() + ".\n"));
   EXPECT_THAT(driver.calls(), IsEmpty());
@@ -175,6 +179,14 @@ TEST_F(SnapVolume, one_device_under_two_names_gives_3_before_any_command) {
   EXPECT_EQ(snap(), 3);
   EXPECT_THAT(log.texts(LOG_ERR), ElementsAre("Multiple entries for the Device: /dev/other.\n"));
   EXPECT_THAT(driver.calls(), IsEmpty());
+}
+
+TEST_F(SnapVolume, devices_that_share_only_a_minor_number_are_two) {
+  const test::Node other("/dev/other", S_IFBLK, 259, first.loop().minor());
+  requestFirst();
+  volumes.emplace_back(4096u, 1UL, L"/dev/other", false, true, 0u);
+  driver.status(IOC_CHECK_VOLUME_SNAPPED, -2);
+  EXPECT_EQ(snap(), 12);
 }
 
 // --- The volumes' states.
@@ -211,6 +223,14 @@ TEST_F(SnapVolume, a_control_device_that_cannot_be_opened_gives_5) {
   EXPECT_EQ(snap(), 5);
   EXPECT_EQ(log.texts(LOG_ERR).back(), "Failed to open device: /dev/mirelsnapctl, errno: 19.\n");
   expectUntouched();
+}
+
+TEST_F(SnapVolume, the_control_device_is_opened_before_the_memory_state_is_read) {
+  requestFirst();
+  const test::ProcFile missing("meminfo");
+  test::writeFile("/proc/mirelsnap/dev", "no numbers");
+  EXPECT_EQ(snap(), 5);
+  EXPECT_FALSE(log.has(LOG_ERR, "Unable to get the System State\n")) << log.dump();
 }
 
 TEST_F(SnapVolume, a_utility_object_that_memory_is_short_for_gives_3) {
@@ -310,8 +330,7 @@ TEST_F(SnapVolume, the_command_carries_every_field_at_its_place) {
   request(second, second, true, true, 0x89ABCDEF);
   ASSERT_EQ(snap(), 0) << log.dump();
 
-  // The first volume's file lies on the second, so that both runs are told there; but each volume is searched only for
-  // its own new file.
+  // Both files lie on the second volume, but each volume is searched only for its own new one.
   ASSERT_EQ(snaps().size(), 1u);
   const DriverCall command = snaps()[0];
   const std::size_t entry1 = 24;
@@ -447,19 +466,28 @@ TEST_F(SnapVolume, a_success_names_the_snapshot_devices_in_request_order_and_kee
   EXPECT_THAT(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING), IsEmpty());
 }
 
-TEST_F(SnapVolume, every_step_is_logged) {
-  requestFirst();
-  ASSERT_EQ(snap(), 0);
-  const std::string device = first.device();
-  const std::string file = relocFile(first, first);
-  const std::string size = std::to_string(snaps().at(0).sent.size());
-  EXPECT_THAT(log.texts(LOG_INFO),
-              IsSupersetOf({"SnapvolName: " + device + ", RelocVolName: " + device + ", RelocFileName: " + file + ".\n",
-                            "SnapVolName: " + device + ", SnapAccessVolName: " + snapName(first) + ".\n",
-                            "flushing " + device + ".\n"}));
-  EXPECT_THAT(log.texts(LOG_DEBUG), IsSupersetOf({std::string("BS: 4096, numSectors: 2048 , rSize: 5.\n"),
-                                                  "SnapVolName: " + device + ", relocFileName: " + file + ".\n"}));
-  EXPECT_EQ(log.count(LOG_DEBUG, "Size of the IOCTL Command: " + size + ".\n"), 2u);
+TEST_F(SnapVolume, every_step_is_logged_one_volume_after_the_other) {
+  request(first, first, true, false);
+  request(second, second);
+  ASSERT_EQ(snap(), 0) << log.dump();
+  const DriverCall command = snaps().at(0);
+  const test::LogLine size = debug("Size of the IOCTL Command: " + std::to_string(command.sent.size()) + ".\n");
+  std::vector<test::LogLine> expected{size};
+  for (const test::Volume* volume : {&first, &second}) {
+    const std::string device = volume->device();
+    const std::string file = relocFile(*volume, *volume);
+    expected.push_back(
+        info("SnapvolName: " + device + ", RelocVolName: " + device + ", RelocFileName: " + file + ".\n"));
+    expected.push_back(info("SnapVolName: " + device + ", SnapAccessVolName: " + snapName(*volume) + ".\n"));
+    if (volume == &first) expected.push_back(debug("Guid generated : " + command.text(24 + 2104) + "\n"));
+    expected.push_back(debug("BS: 4096, numSectors: 2048 , rSize: 5.\n"));
+    expected.push_back(debug("SnapVolName: " + device + ", relocFileName: " + file + ".\n"));
+    expected.push_back(info("flushing " + device + ".\n"));
+  }
+  expected.push_back(size);
+  const std::vector<test::LogLine> lines = log.lines();
+  EXPECT_EQ(std::vector<test::LogLine>(std::find(lines.begin(), lines.end(), size), lines.end()), expected)
+      << log.dump();
 }
 
 TEST_F(SnapVolume, a_status_word_is_not_looked_at_when_the_request_succeeds) {
@@ -642,6 +670,13 @@ INSTANTIATE_TEST_SUITE_P(Status, RefusedSnap,
                                          Refusal{-1, 6, "Device Snap ioctl failed, errno: 16\n"},
                                          Refusal{0, 6, "Device Snap ioctl failed, errno: 16\n"}),
                          [](const auto& refusal) { return "minus_" + std::to_string(-refusal.param.status); });
+
+TEST_F(SnapVolume, a_request_that_answers_anything_but_0_failed) {
+  requestBoth();
+  driver.fail(IOC_SNAP, -1, -3);
+  EXPECT_EQ(snap(), 12);
+  expectCleaned();
+}
 
 TEST_F(SnapVolume, the_control_device_is_closed_before_the_files_are_removed) {
   requestFirst();

@@ -308,6 +308,17 @@ TEST_F(Reconcile, a_mapping_that_cannot_be_dropped_is_logged_and_the_next_follow
   EXPECT_FALSE(fs::exists(two));
 }
 
+TEST_F(Reconcile, a_machine_without_mounted_devices_has_no_files_to_remove_and_that_stops_nothing) {
+  const std::string file = makeFile("sdb1");
+  test::writeFile("/proc/mounts", "none / tmpfs rw 0 0\n");
+  mappings = {{deadProcess(), "/dev/sdb1", file}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 0 files.\n")) << log.dump();
+  EXPECT_THAT(mappings, IsEmpty());
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
+}
+
 TEST_F(Reconcile, a_failed_listing_of_mappings_keeps_every_file_and_stops_nothing) {
   const std::string file = makeFile("sdb1");
   mappings = {{getpid(), "/dev/sdb1", file}};
@@ -509,11 +520,22 @@ TEST_F(Reconcile, a_failed_verify_is_only_logged) {
   EXPECT_EQ(log.texts(LOG_ERR).back(), "verify and clean volumes ioctl failed, errno:5\n");
 }
 
+TEST_F(Reconcile, a_verify_that_answers_anything_but_0_failed) {
+  driver.fail(IOC_VERIFY_AND_CLEAN_VOLUMES, -1);
+  EXPECT_EQ(reconcile(), 0u);
+  ASSERT_EQ(log.texts(LOG_ERR).size(), 1u) << log.dump();
+  EXPECT_TRUE(log.texts(LOG_ERR)[0].starts_with("verify and clean volumes ioctl failed, errno:"));
+}
+
 TEST_F(Reconcile, a_control_device_that_cannot_be_opened_for_the_verify_is_only_logged) {
-  beforeCount = [this] {
-    if (counted == 2) test::writeFile("/proc/mirelsnap/dev", "no numbers");
+  std::optional<test::FailingAllocation> shortage;  // comes too late to be met
+  beforeCount = [&] {
+    if (counted != 2) return;
+    test::writeFile("/proc/mirelsnap/dev", "no numbers");
+    shortage.emplace(0u, sizeof(SnapDriverInterfaceUtility));
   };
   EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(shortage->failed());
   EXPECT_EQ(log.texts(LOG_ERR).back(), "Failed to open device: /dev/mirelsnapctl, errno: 19.\n");
   EXPECT_THAT(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES), IsEmpty());
 }

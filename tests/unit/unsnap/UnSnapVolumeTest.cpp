@@ -202,6 +202,11 @@ TEST_F(UnSnapVolume, a_status_word_is_not_looked_at_when_the_request_succeeds) {
   EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
 }
 
+TEST_F(UnSnapVolume, a_request_that_answers_anything_but_0_failed) {
+  driver.fail(IOC_SNAP_DISCARD, -1, -5);
+  EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 14u);
+}
+
 // The contract: the records are walked after a failed request too, their result words still zero.
 TEST_F(UnSnapVolume, after_a_failed_request_the_removal_of_a_nameless_file_is_reported_for_each_volume) {
   driver.fail(IOC_SNAP_DISCARD, EIO);
