@@ -11,6 +11,9 @@
 //    5 the control device could not be opened   6 the driver refused the request
 //    7 a name is not a block device             8 a device does not exist
 //   15 more runs than a bitmap command can carry
+// Memory that is short for a name or a record leaves an operation as std::bad_alloc. SnapVolume and
+// ReconcileAndCleanup let std::out_of_range leave as well: for a line of /proc/meminfo without a figure (no kernel
+// writes one), and SnapVolume for a device path shorter than "/dev/".
 #pragma once
 
 #include <list>
