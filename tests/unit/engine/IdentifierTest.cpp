@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "AtOnce.h"
 #include "engine/MirelSnapshotEngine.h"
 #include "engine/UnknownImpl.h"
 
@@ -78,6 +79,17 @@ TEST(Interlocked, operations_return_the_new_value) {
   EXPECT_EQ(value, 0xFFFFFFFFu);
 }
 
+constexpr unsigned int kThreads = 4;
+constexpr unsigned int kTimes = 200'000;
+
+TEST(Interlocked, no_operation_of_any_thread_is_lost) {
+  volatile unsigned int value = 5;
+  test::atOnce(kThreads, kTimes, [&] { InterlockedIncrement(&value); });
+  EXPECT_EQ(value, 5 + kThreads * kTimes);
+  test::atOnce(kThreads, kTimes, [&] { InterlockedDecrement(&value); });
+  EXPECT_EQ(value, 5u);
+}
+
 TEST(ResultCodes, have_their_values) {
   EXPECT_EQ(static_cast<unsigned int>(S_OK), 0u);
   EXPECT_EQ(static_cast<unsigned int>(E_NOTIMPL), 0x80000001u);
@@ -130,6 +142,13 @@ TEST_F(UnknownImpl, starts_with_one_reference_and_goes_with_the_last) {
   EXPECT_TRUE(alive);
   EXPECT_EQ(job->Release(), 0u);
   EXPECT_FALSE(alive);
+}
+
+TEST_F(UnknownImpl, counts_the_references_of_every_thread) {
+  test::atOnce(kThreads, kTimes, [&] { job->AddRef(); });
+  EXPECT_EQ(job->AddRef(), kThreads * kTimes + 2);
+  test::atOnce(kThreads, kTimes, [&] { job->Release(); });
+  EXPECT_EQ(job->Release(), 1u);
 }
 
 TEST_F(UnknownImpl, answers_the_unknown_identifier_and_its_own) {

@@ -2,6 +2,7 @@
 //
 // The binary interface: which operation stands in which slot. The slots are called by number, past the compiler.
 #include <string>
+#include <type_traits>
 
 #include "EngineTest.h"
 
@@ -130,6 +131,14 @@ class EngineSlots : public EngineTest {
   EngineSlots() { create(); }
   void* face() { return static_cast<IUscSnapshotEngine*>(engine); }
 };
+
+TEST_F(EngineSlots, begin_where_the_engine_begins) {
+  EXPECT_EQ(face(), static_cast<void*>(engine));
+  static_assert(!std::has_virtual_destructor_v<IUscSnapshotEngine> && !std::has_virtual_destructor_v<IUscAsync>);
+  // The job is a base that only QueryInterface leads to.
+  static_assert(std::is_base_of_v<IAsyncDoSnapshot, MirelSnapshotEngine>);
+  static_assert(!std::is_convertible_v<MirelSnapshotEngine*, IUscAsync*>);
+}
 
 TEST_F(EngineSlots, hold_the_engines_operations) {
   EXPECT_EQ(slot(face(), 1)(face()), 2);

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Starting the job.
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
+#include <future>
 #include <memory>
 
 #include "Interposed.h"
@@ -154,6 +158,20 @@ TEST_F(DoSnapshotSet, a_relocation_size_without_a_place_is_a_bad_state) {
   EXPECT_EQ(engine.references(), 1u);
 }
 
+TEST_F(DoSnapshotSet, the_first_volume_with_only_one_relocation_option_ends_the_call) {
+  const Volume sized("ext4", 16 << 20);
+  const Volume placed("ext4", 16 << 20);
+  const Engine engine;
+  engine.start();
+  ASSERT_EQ(engine->SetOption(engine.add(sized), L"RelocationFileSize", L"16"), S_OK);
+  ASSERT_EQ(engine->SetOption(engine.add(placed), L"RelocationFileMountPoint", placed.wfolder().c_str()), S_OK);
+  log.clear();
+  EXPECT_EQ(engine->DoSnapshotSet(&job), USC_E_BAD_STATE);
+  EXPECT_EQ(log.lines(),
+            (Lines{L"DoSnapshotSet: ERROR: (UnExpected) VolParams->GetRelocationFileSizeInBlocks() != 0 && "
+                   L"VolParams->GetRelocationFileMountName().empty(), returning USC_E_BAD_STATE"}));
+}
+
 TEST_F(DoSnapshotSet, each_volume_becomes_one_request_in_the_sets_order) {
   const Volume first("ext4", 16 << 20, {"-b", "1024"});
   const Volume second("ext4", 20 << 20, {"-b", "4096"});
@@ -254,6 +272,33 @@ TEST_F(DoSnapshotSet, hands_out_the_engines_job_face_with_a_reference) {
   forget(MirelSnapshotEngine::sUUID);
   ASSERT_TRUE(detachedThreadsEnded());
   EXPECT_EQ(engine.references(), 1u);
+}
+
+TEST_F(DoSnapshotSet, from_the_first_volume_to_the_last_result_nobody_needs_the_engines_lock) {
+  const Volume volume("ext4", 16 << 20);
+  const Engine engine;
+  const _SSGUIDPLAIN setId = engine.start();
+  pthread_mutex_lock(&MirelSnapshotEngine::sLock);
+  auto started = std::async(std::launch::async, [&] {
+    engine.addWithRelocation(volume);
+    return engine->DoSnapshotSet(&job);
+  });
+  const bool answered = started.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  // The worker needs it only to end the job.
+  for (int attempt = 0; answered && !isListed(setId) && attempt < 20'000; ++attempt) usleep(1000);
+  const bool listed = isListed(setId);
+  const SnapshotState state = engine->mState;
+  const int snapResult = engine->mSnapResult;
+  pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
+  EXPECT_TRUE(answered);
+  EXPECT_TRUE(listed);
+  EXPECT_EQ(state, StateSnapshotSetInProgress);
+  EXPECT_EQ(snapResult, 0);
+  ASSERT_EQ(started.get(), S_OK);
+  EXPECT_EQ(job->Wait(20'000), USC_S_ASYNC_FINISHED);
+  job->Release();
+  ASSERT_TRUE(detachedThreadsEnded());
+  forget(setId);
 }
 
 TEST_F(DoSnapshotSet, no_shortage_of_memory_leaves_the_engine) {

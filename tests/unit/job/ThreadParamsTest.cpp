@@ -75,6 +75,21 @@ TEST_F(SnapshotThreadParams, a_wait_behind_the_signal_ends_at_once) {
   engine->Release();
 }
 
+TEST_F(SnapshotThreadParams, a_signal_is_given_under_the_mutex) {
+  Params* params = create();
+  bool unlocked = false;
+  const AfterUnlock given(0, [&] {
+    unlocked = true;
+    const SpuriousWakeUp wakeUp;
+    EXPECT_EQ(params->Wait(), 0);
+    EXPECT_EQ(wakeUp.waits(), 0);  // the flag is set already
+  });
+  params->Signal();
+  EXPECT_TRUE(unlocked);
+  params->Done();
+  engine->Release();
+}
+
 TEST_F(SnapshotThreadParams, a_wait_before_the_signal_ends_with_it) {
   Params* params = create();
   auto waiter = std::async(std::launch::async, [&] { return params->Wait(); });

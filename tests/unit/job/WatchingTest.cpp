@@ -75,6 +75,25 @@ TEST_F(Wait, waits_once_for_the_jobs_condition_under_the_engines_lock) {
   EXPECT_EQ(waits, 1);
 }
 
+TEST_F(Wait, which_condition_it_is_and_whether_the_state_counts_are_two_questions) {
+  pthread_cond_t* waited = nullptr;
+  const TimedWait wait([&](pthread_cond_t* condition, pthread_mutex_t*, const timespec&) {
+    waited = condition;
+    return ETIMEDOUT;
+  });
+  in(StateSnapshotSetStarted);
+  EXPECT_EQ(engine->WaitInternal(0, true, false), E_UNEXPECTED);
+  EXPECT_EQ(waited, nullptr);
+  EXPECT_EQ(engine->WaitInternal(0, false, true), USC_S_ASYNC_PENDING);
+  EXPECT_EQ(waited, &MirelSnapshotEngine::sCond);
+  in(StateSnapshotSetInProgress);
+  EXPECT_EQ(engine->WaitInternal(0, true, false), USC_S_ASYNC_PENDING);
+  EXPECT_EQ(waited, &MirelSnapshotEngine::sCondNewSnapshotSet);
+  in(StateSnapshotSetDone);
+  EXPECT_EQ(engine->WaitInternal(0, true, false), USC_S_ASYNC_FINISHED);
+  EXPECT_EQ(engine->WaitInternal(0, false, true), USC_S_ASYNC_PENDING);
+}
+
 TEST_F(Wait, the_deadline_is_the_time_in_milliseconds_from_now) {
   in(StateSnapshotSetInProgress);
   const struct {

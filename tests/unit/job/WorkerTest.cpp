@@ -316,6 +316,30 @@ TEST_F(DoSnapshotRoutine, without_a_list_signals_and_resets_the_engine) {
   broken->Done();
 }
 
+// Does nothing but answer.
+class Answering : public MirelSnapshotEngine {
+ public:
+  int DoSnapshotOnSeparateThread(void* threadParams) override {
+    handedOver = threadParams;
+    return 42;
+  }
+  IAsyncDoSnapshot* face() { return this; }
+  void* handedOver = nullptr;
+};
+
+TEST_F(DoSnapshotRoutine, takes_the_parameters_over_and_ends_with_what_the_job_answers) {
+  auto* const answering = new Answering;
+  Params* const whole = Params::CreateSnapshotThreadParams(answering->face(), &requests);
+  EXPECT_EQ(exitCode(MirelSnapshotEngine::DoSnapshotRoutine(whole)), 42);
+  EXPECT_EQ(answering->handedOver, whole);
+  EXPECT_EQ(answering->mThreadParams, whole);
+  EXPECT_EQ(answering->mState, StateSnapshotSetInProgress);
+  answering->mThreadParams = nullptr;
+  whole->Done();
+  answering->Release();
+  answering->Release();
+}
+
 class DoSnapshotOnSeparateThread : public DoSnapshotRoutine {
  protected:
   void expectRefused() {

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The holders that the registry is built with.
+// Counted references, and the holders that the registry is built with.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 
+#include "AtOnce.h"
+#include "Builders.h"
 #include "engine/AutoFreeVector.h"
 #include "engine/GetDoneWrapper.h"
 
@@ -26,7 +28,38 @@ struct Noted {
   int& mDestroyed;
 };
 
+constexpr unsigned int kThreads = 4;
+constexpr unsigned int kTimes = 100'000;
+
+// Takes over the two references of `object`.
+template <class T>
+void expectEveryReferenceToCount(T* object) {
+  test::atOnce(kThreads, kTimes, [&] { object->Get(); });
+  for (unsigned int i = 0; i < kThreads * kTimes; ++i) {
+    if (object->Done()) FAIL() << "a reference was lost: gone at drop " << i;
+  }
+  for (unsigned int i = 0; i < kThreads * kTimes; ++i) object->Get();
+  test::atOnce(kThreads, kTimes, [&] { object->Done(); });
+  EXPECT_FALSE(object->Done());
+  EXPECT_TRUE(object->Done());
+}
+
 }  // namespace
+
+TEST(References, on_a_set_count_whichever_thread_takes_or_drops_them) {
+  test::MirelSnapshotSetParams* const set = test::newSet().release();
+  set->Get();
+  expectEveryReferenceToCount(set);
+}
+
+TEST(References, on_a_volume_count_whichever_thread_takes_or_drops_them) {
+  const test::SmallVolume device;
+  auto* const volume = test::MirelSnapshotVolumeParams::CreateSnapshotVolumeParameters(
+      test::guid(1), device.wdevice().c_str(), device.wfolder().c_str());
+  ASSERT_NE(volume, nullptr);
+  volume->Get();
+  expectEveryReferenceToCount(volume);
+}
 
 TEST(GetDoneWrapper, drops_one_reference_at_the_end) {
   Counted object;

@@ -276,6 +276,8 @@ TEST(MirelSnapshotSetParams, takes_its_mutex_once_in_every_operation) {
   expectOneLock("AddToAlternateMountSet", [&] { set->AddToAlternateMountSet(L"/mnt"); });
   expectOneLock("DoMountAlternateSet", [&] { set->DoMountAlternateSet(L"/mnt/missing"); });
   expectOneLock("DoDismountAlternateSet", [&] { set->DoDismountAlternateSet(); });
+  MirelSnapshotSetParams* const last = newSet(2).release();
+  expectOneLock("the destructor", [&] { last->Done(); });
 }
 
 TEST(MirelSnapshotSetParams, counts_and_hands_out_alternate_mounts_without_its_mutex) {
