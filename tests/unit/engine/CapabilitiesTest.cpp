@@ -135,6 +135,12 @@ TEST_F(IsVolumeSupported, a_drive_without_a_medium_is_0_whatever_size_it_tells) 
   EXPECT_EQ(supported(loop.wpath()), 0);
 }
 
+TEST_F(IsVolumeSupported, a_write_protected_drive_is_1) {
+  const LoopDevice loop(1 << 20);
+  const WriteProtected drive(loop.path());
+  EXPECT_EQ(supported(loop.wpath()), 1);
+}
+
 TEST_F(IsVolumeSupported, what_is_no_block_device_is_0) {
   const TempDir folder;
   const std::string file = folder / "file";

@@ -14,6 +14,7 @@ namespace {
 bool recording = false;
 std::vector<std::string> accessed;
 std::string emptyDrive;
+std::string protectedDrive;
 bool noCalloc = false;
 std::size_t askedBytes = 0;
 
@@ -30,6 +31,9 @@ const std::vector<std::string>& AccessedNames::all() const { return accessed; }
 
 NoMedium::NoMedium(std::string device) { emptyDrive = std::move(device); }
 NoMedium::~NoMedium() { emptyDrive.clear(); }
+
+WriteProtected::WriteProtected(std::string device) { protectedDrive = std::move(device); }
+WriteProtected::~WriteProtected() { protectedDrive.clear(); }
 
 NoCalloc::NoCalloc() {
   askedBytes = 0;
@@ -60,6 +64,10 @@ int __wrap_open(const char* name, int flags, ...) {
   }
   if (!emptyDrive.empty() && name == emptyDrive && (flags & O_NONBLOCK) == 0) {
     errno = ENOMEDIUM;
+    return -1;
+  }
+  if (!protectedDrive.empty() && name == protectedDrive && (flags & O_ACCMODE) != O_RDONLY) {
+    errno = EROFS;
     return -1;
   }
   return __real_open(name, flags, mode);

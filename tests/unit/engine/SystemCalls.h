@@ -28,6 +28,15 @@ class NoMedium {
   NoMedium& operator=(const NoMedium&) = delete;
 };
 
+// A write-protected drive in the block device's place, while it lives: an open that means to write fails.
+class WriteProtected {
+ public:
+  explicit WriteProtected(std::string device);
+  ~WriteProtected();
+  WriteProtected(const WriteProtected&) = delete;
+  WriteProtected& operator=(const WriteProtected&) = delete;
+};
+
 // While it lives, calloc finds no memory, and its last request is kept.
 class NoCalloc {
  public:

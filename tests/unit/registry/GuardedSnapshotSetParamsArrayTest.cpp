@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <optional>
 #include <thread>
 
 #include "Builders.h"
@@ -69,6 +70,21 @@ TEST(GuardedSnapshotSets, the_array_is_the_last_owner_of_a_set_that_nobody_else_
   EXPECT_TRUE(sets.Add(set.get()));
   set.reset();
   EXPECT_EQ(sets.GetSnapshotSetCount(), 1u);  // freed with the array: the leak check sees it
+}
+
+TEST(GuardedSnapshotSets, the_array_destroys_its_mutex_before_it_drops_its_sets_and_a_set_its_own_at_last) {
+  std::optional<LinuxGuardedSnapshotSetParamsArray> sets(std::in_place);
+  HeldSet set = newSet(1);
+  ASSERT_TRUE(sets->Add(set.get()));
+  set.reset();
+  const unsigned int before = test::mutexesDestroyed();
+  unsigned int whenTheSetGoes = 0;
+  {
+    const test::BeforeNextLock lockOfTheSet([&] { whenTheSetGoes = test::mutexesDestroyed(); });
+    sets.reset();
+  }
+  EXPECT_EQ(whenTheSetGoes, before + 1);
+  EXPECT_EQ(test::mutexesDestroyed(), before + 2);
 }
 
 TEST(GuardedSnapshotSets, null_a_listed_set_and_a_listed_identifier_are_refused) {

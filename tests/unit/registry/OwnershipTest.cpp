@@ -29,7 +29,7 @@ struct Noted {
 };
 
 constexpr unsigned int kThreads = 4;
-constexpr unsigned int kTimes = 100'000;
+constexpr unsigned int kTimes = 500'000;
 
 // Takes over the two references of `object`.
 template <class T>

@@ -18,6 +18,7 @@ thread_local std::timespec waitDeadline{};
 thread_local bool mutexInitFails = false;
 thread_local bool conditionInitFails = false;
 thread_local unsigned int locks = 0;
+thread_local unsigned int destroyed = 0;
 thread_local std::function<void()> beforeNextLock;
 
 }  // namespace
@@ -38,6 +39,7 @@ ScriptedWait::~ScriptedWait() { waitResult.reset(); }
 std::timespec ScriptedWait::deadline() const { return waitDeadline; }
 
 unsigned int locksTaken() { return locks; }
+unsigned int mutexesDestroyed() { return destroyed; }
 
 BeforeNextLock::BeforeNextLock(std::function<void()> work) { beforeNextLock = std::move(work); }
 BeforeNextLock::~BeforeNextLock() { beforeNextLock = nullptr; }
@@ -58,6 +60,12 @@ int __wrap_clock_gettime(clockid_t clock, std::timespec* now) {
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
   return mutexInitFails ? ENOMEM : __real_pthread_mutex_init(mutex, attributes);
+}
+
+int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
+  ++destroyed;
+  return __real_pthread_mutex_destroy(mutex);
 }
 
 int __real_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes);

@@ -41,6 +41,8 @@ class ScriptedWait {
 
 // How many mutexes this thread has locked so far.
 unsigned int locksTaken();
+// How many it has destroyed.
+unsigned int mutexesDestroyed();
 
 // Runs `work` once, right before this thread locks its next mutex.
 class BeforeNextLock {
