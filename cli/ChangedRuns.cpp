@@ -5,6 +5,7 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <span>
 
 #include "Wide.h"
 
@@ -22,6 +23,21 @@ bool readGeometry(Driver& driver, const std::string& device, ChangedRuns& change
     return true;
   }
   return false;
+}
+
+// Whether the runs rise, none of them empty, from block `first` on and within the volume.
+bool rise(std::span<const _run> runs, std::uint64_t first, std::uint64_t numBlocks) {
+  for (const _run& run : runs) {
+    if (run.startBlock < first || run.startBlock >= numBlocks) return false;
+    if (run.numBlocks == 0 || run.numBlocks > numBlocks - run.startBlock) return false;
+    first = run.startBlock + run.numBlocks;
+  }
+  return true;
+}
+
+Failure senseless(const std::string& device, const std::string& why) {
+  return {kRefused, device, "the driver's answer makes no sense: " + why,
+          "do not rely on its tracking of this volume: copy all of it"};
 }
 
 }  // namespace
@@ -44,12 +60,15 @@ std::variant<ChangedRuns, Failure> readChangedRuns(Driver& driver, const std::st
   std::wstring name = wide(device);
   std::vector<_run> room(kMaxBitmapRuns);
   SectorBitmap bitmap(UPDATE_BITMAP_WHOLE, name, kMaxBitmapRuns, room.data());
-  for (;;) {
+  for (std::uint64_t next = 0;;) {
     if (const unsigned int status = driver.get()->GetVtrackBitmap(bitmap); status != 0) return refused(device, status);
-    changed.runs.insert(changed.runs.end(), room.begin(), room.begin() + bitmap.getNumOfRuns());
-    if (bitmap.getUpdateType() != UPDATE_BITMAP_CONTINUE || bitmap.getNumOfRuns() == 0) return changed;
-    const _run& last = changed.runs.back();
-    room[0].startBlock = last.startBlock + last.numBlocks;
+    const std::span<const _run> answered(room.data(), bitmap.getNumOfRuns());
+    if (!rise(answered, next, changed.numBlocks)) return senseless(device, "its runs of changed blocks do not rise");
+    changed.runs.insert(changed.runs.end(), answered.begin(), answered.end());
+    if (bitmap.getUpdateType() != UPDATE_BITMAP_CONTINUE) return changed;
+    if (answered.empty()) return senseless(device, "it says that more changes follow, but tells none");
+    next = answered.back().startBlock + answered.back().numBlocks;
+    room[0].startBlock = next;
     bitmap.setNumOfRuns(kMaxBitmapRuns);
   }
 }

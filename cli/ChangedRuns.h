@@ -22,7 +22,7 @@ struct ChangedRuns {
   std::uint64_t blocksIn(std::uint64_t first, std::uint64_t end) const;
 };
 
-// Asks the driver as often as it has more to tell.
+// Asks the driver as often as it has more to tell. An answer that does not get on is a failure: there would be no end.
 std::variant<ChangedRuns, Failure> readChangedRuns(Driver& driver, const std::string& device);
 
 }  // namespace cli

@@ -24,6 +24,7 @@
 #include <cstring>
 #include <list>
 #include <memory>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -201,12 +202,19 @@ std::vector<_run> changedRuns(const Driver& driver, const Volume& volume) {
   std::wstring name = wide(volume.path);
   std::vector<_run> runs(kMaxBitmapRuns);
   SectorBitmap bitmap(name, kMaxBitmapRuns, runs.data());
-  while (true) {
+  for (std::uint64_t next = 0;;) {
     const unsigned int result = driver->GetVtrackBitmap(bitmap);
     if (result != 0) fail("cannot read what changed: driver interface " + std::to_string(result));
-    all.insert(all.end(), runs.begin(), runs.begin() + bitmap.getNumOfRuns());
-    if (bitmap.getUpdateType() != UPDATE_BITMAP_CONTINUE || bitmap.getNumOfRuns() == 0) return all;
-    runs[0].startBlock = all.back().startBlock + all.back().numBlocks;
+    for (const _run& run : std::span(runs).first(bitmap.getNumOfRuns())) {
+      // An answer that does not get on would be asked for without an end.
+      if (run.startBlock < next || run.numBlocks == 0)
+        fail("the driver's changed runs of " + volume.path + " do not rise");
+      next = run.startBlock + run.numBlocks;
+      all.push_back(run);
+    }
+    if (bitmap.getUpdateType() != UPDATE_BITMAP_CONTINUE) return all;
+    if (bitmap.getNumOfRuns() == 0) fail("the driver has more changed runs of " + volume.path + " but tells none");
+    runs[0].startBlock = next;
     bitmap.setNumOfRuns(kMaxBitmapRuns);
   }
 }

@@ -97,6 +97,13 @@ bool becomesTrue(Condition condition, std::chrono::milliseconds limit) {
 
 }  // namespace
 
+std::map<std::string, std::string> withMischief(const std::string& mischief) {
+  // A program with the address sanitizer wants to be the first, and to be the only one that allocates.
+  return {{"MISCHIEF", mischief},
+          {"LD_PRELOAD", MISCHIEF_LIBRARY},
+          {"ASAN_OPTIONS", "verify_asan_link_order=0:alloc_dealloc_mismatch=0"}};
+}
+
 // ---- a process
 
 Process::~Process() {

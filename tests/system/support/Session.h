@@ -29,6 +29,9 @@ struct StartOptions {
   std::vector<int> ignoredSignals = {};
 };
 
+// The environment of a program that is to meet with something that the machine does not do of itself (mischief.cpp).
+std::map<std::string, std::string> withMischief(const std::string& mischief);
+
 // A process that a session started. One that runs at its end is killed.
 class Process {
  public:

@@ -112,6 +112,22 @@ TEST(ChangedBlocksAlone, removes_its_snapshot_when_the_command_fails) {
   EXPECT_TRUE(session.trace("freeze").empty());
 }
 
+TEST(ChangedBlocksAlone, ends_when_the_driver_never_comes_to_an_end) {
+  const Volume volume("ext4", 32 << 20);
+  const test::TempDir folder;
+  Session session;
+  const auto errorsOf = [&](const std::string& mischief) {
+    const test::Ended ended =
+        session.run({CHANGED_BLOCKS_PROGRAM, volume.device(), folder / "image", "--", "/bin/true"},
+                    {.environment = test::withMischief(mischief)});
+    EXPECT_EQ(ended.code, 1);
+    return ended.errors;
+  };
+  EXPECT_EQ(errorsOf("no-more-runs"),
+            "changed-blocks: the driver has more changed runs of " + volume.device() + " but tells none\n");
+  EXPECT_EQ(errorsOf("same-run"), "changed-blocks: the driver's changed runs of " + volume.device() + " do not rise\n");
+}
+
 TEST(ChangedBlocksAlone, refuses_an_image_on_the_volume_and_a_device_that_is_not_mounted_before_any_snapshot) {
   const Volume volume("ext4", 32 << 20);
   const test::LoopDevice unmounted(32 << 20);

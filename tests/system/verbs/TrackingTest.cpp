@@ -137,6 +137,15 @@ TEST_F(Changes, that_are_no_longer_tracked_are_120) {
   EXPECT_EQ(driver.snapped().size(), 1u) << "the snapshot stays";
 }
 
+TEST_F(Changes, that_the_driver_never_comes_to_the_end_of_are_119) {
+  const std::string subject = volume.device() + ": the driver's answer makes no sense: ";
+  const std::string advice = "; do not rely on its tracking of this volume: copy all of it";
+  expectFailure(verb(session, {"changes", volume.device()}, {.environment = test::withMischief("no-more-runs")}), 119,
+                subject + "it says that more changes follow, but tells none" + advice);
+  expectFailure(verb(session, {"changes", volume.device()}, {.environment = test::withMischief("same-run")}), 119,
+                subject + "its runs of changed blocks do not rise" + advice);
+}
+
 TEST_F(Changes, of_what_is_no_device_are_113) {
   expectFailure(verb(session, {"changes", "/nothing"}), 113,
                 "/nothing: No such file or directory; name a mounted block device or a mount point (lsblk shows them)");
