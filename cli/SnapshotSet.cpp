@@ -28,6 +28,8 @@ using UnixSnapshotCoordinator::IUscAsync;
 // How often the terminal is redrawn while the job runs.
 constexpr unsigned int kTickMs = 200;
 
+constexpr char kReconcileAdvice[] = "run mirelsnap reconcile: that removes what is left";
+
 std::string idText(const _SSGUIDPLAIN& id) {
   std::array<char, 37> text{};
   uuid_t bytes;
@@ -302,9 +304,12 @@ std::vector<Failure> SnapshotSet::finish() {
   // The engine removes the base itself, which the folders made here keep it from: what counts is what is left in the
   // end.
   if (mExposed) mEngine->UnExposeSnapshotsInSnapshotSet();
-  if (mTaken) mEngine->DeleteSnapshots(mSetId, UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT_SET);
+  const int deletion =
+      mTaken ? mEngine->DeleteSnapshots(mSetId, UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT_SET) : S_OK;
   mEngine.reset();
-  std::vector<Failure> left = leftovers();
+  std::vector<Failure> left = stillMounted();
+  for (Failure& snapshot : deletion < 0 ? std::vector{notDeleted(deletion)} : stillSnapped())
+    left.push_back(std::move(snapshot));
   for (Failure& folder : mBase.remove()) {
     const bool explained = std::any_of(left.begin(), left.end(),
                                        [&](const Failure& mount) { return liesWithin(mount.subject, folder.subject); });
@@ -314,14 +319,24 @@ std::vector<Failure> SnapshotSet::finish() {
   return left;
 }
 
-std::vector<Failure> SnapshotSet::leftovers() const {
+std::vector<Failure> SnapshotSet::stillMounted() const {
   std::vector<Failure> left;
-  if (mExposed) {
-    for (const Mount& mount : MountTable().under(mBase.path())) {
-      left.push_back({kCannotCleanUp, mount.folder, "is still mounted: " + usersText(usersOf(mount.folder)),
-                      "stop what uses it, then: umount " + mount.folder});
-    }
+  if (!mExposed) return left;
+  for (const Mount& mount : MountTable().under(mBase.path())) {
+    left.push_back({kCannotCleanUp, mount.folder, "is still mounted: " + usersText(usersOf(mount.folder)),
+                    "stop what uses it, then: umount " + mount.folder});
   }
+  return left;
+}
+
+Failure SnapshotSet::notDeleted(int result) const {
+  return {kCannotCleanUp, devicesOf(mVolumes),
+          std::string("the deletion of the snapshots failed") + (result == E_OUTOFMEMORY ? ": memory is short" : ""),
+          kReconcileAdvice};
+}
+
+std::vector<Failure> SnapshotSet::stillSnapped() const {
+  std::vector<Failure> left;
   if (!mTaken) return left;
   Driver driver;
   for (const SnappedVolume& volume : mSnapped) {
@@ -330,7 +345,7 @@ std::vector<Failure> SnapshotSet::leftovers() const {
       left.push_back({kCannotCleanUp, volume.device,
                       "is still snapped: the driver refused to discard the snapshot" +
                           (holders.empty() ? "" : ", " + usersText(holders)),
-                      "run mirelsnap reconcile: that removes what is left"});
+                      kReconcileAdvice});
     } else if (!volume.relocationFile.empty() && access(volume.relocationFile.c_str(), F_OK) == 0) {
       left.push_back(
           {kCannotCleanUp, volume.relocationFile, "the relocation file could not be removed", "remove it by hand"});

@@ -66,7 +66,9 @@ class SnapshotSet {
   Failure snapFailure(int snapResult);
   Failure refusal(const ChosenVolume& volume, int result) const;
   std::vector<std::string> allMountPoints() const;
-  std::vector<Failure> leftovers() const;
+  std::vector<Failure> stillMounted() const;
+  std::vector<Failure> stillSnapped() const;
+  Failure notDeleted(int result) const;
 
   Terminal& mTerminal;
   std::vector<ChosenVolume> mVolumes;

@@ -508,6 +508,22 @@ TEST(RunAfterAKilledRun, leaves_what_a_living_one_holds_alone) {
   EXPECT_EQ(living.output(), "ready\nlost+found\n");
 }
 
+// The snapshot is discarded then, its relocation file is left.
+TEST(RunCannotCleanUp, when_memory_ends_at_the_deletion_is_118) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  const Ended ended = run(session, {"--json", "--volume", volume.device()}, kTrue,
+                          {.environment = test::withMischief("no-memory-for-removal")});
+  EXPECT_EQ(ended.code, 118);
+  EXPECT_EQ(ended.errors, "mirelsnap: " + volume.device() +
+                              ": the deletion of the snapshots failed: memory is short; run mirelsnap reconcile: that "
+                              "removes what is left\n");
+  const std::string file = test::Json::parse(ended.output)["volumes"][0]["relocation_file"];
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_EQ(session.run({MIRELSNAP_PROGRAM, "reconcile"}).output, "Removed the relocation file " + file + "\n");
+  EXPECT_FALSE(fs::exists(file));
+}
+
 // ---- wrong options
 
 TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
