@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <span>
 
-#include "Wide.h"
+#include "driver/VolumeRecords.h"
 
 namespace cli {
 namespace {
@@ -57,7 +57,7 @@ std::uint64_t ChangedRuns::blocksIn(std::uint64_t first, std::uint64_t end) cons
 std::variant<ChangedRuns, Failure> readChangedRuns(Driver& driver, const std::string& device) {
   ChangedRuns changed;
   if (!readGeometry(driver, device, changed)) return notTracked(device);
-  std::wstring name = wide(device);
+  std::wstring name = StringToWString(device);
   std::vector<_run> room(kMaxBitmapRuns);
   SectorBitmap bitmap(UPDATE_BITMAP_WHOLE, name, kMaxBitmapRuns, room.data());
   for (std::uint64_t next = 0;;) {

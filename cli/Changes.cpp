@@ -15,7 +15,6 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeChoice.h"
-#include "Wide.h"
 
 namespace cli {
 namespace {

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include "Processes.h"
-#include "Wide.h"
 #include "driver/ControlDevice.h"
+#include "driver/VolumeRecords.h"
 
 namespace cli {
 
@@ -18,7 +18,7 @@ Outcome Driver::check(std::string* version) {
 }
 
 std::optional<Tracking> Driver::tracking(const std::string& device) {
-  const std::wstring name = wide(device);
+  const std::wstring name = StringToWString(device);
   Tracking found{};
   if (mDriver == nullptr || !mDriver->IsVtrackActive(name)) return std::nullopt;
   if (mDriver->GetVtrackVars(name, found.id, found.sequence) != 0) return std::nullopt;

@@ -10,8 +10,7 @@
 #include "Terminal.h"
 #include "Text.h"
 #include "Verbs.h"
-#include "Wide.h"
-#include "driver/ControlDevice.h"
+#include "driver/VolumeRecords.h"
 
 namespace fs = std::filesystem;
 
@@ -30,7 +29,7 @@ std::string fullPath(const std::string& file) {
 
 Outcome checkFile(const std::string& file) {
   std::error_code error;
-  if (wide(file).size() > kLongestName || file.size() > kLongestName) {
+  if (file.size() > kLongestName) {
     return Failure{kUsage, file, "is too long for the driver, which takes 256 bytes at most", "name a shorter path"};
   }
   if (!fs::is_directory(fs::path(file).parent_path(), error))
@@ -45,7 +44,7 @@ void dumpInto(const std::string& file, Report& report) {
   if (const Outcome failure = checkFile(file)) return report.failed(*failure);
   Driver driver;
   if (const Outcome failure = driver.check()) return report.failed(*failure);
-  if (const unsigned int status = driver.get()->DumpState(0, kIntoFile, L"", wide(file)); status != 0)
+  if (const unsigned int status = driver.get()->DumpState(0, kIntoFile, L"", StringToWString(file)); status != 0)
     return report.failed(refused(file, status));
   std::error_code error;
   const std::uintmax_t size = fs::file_size(file, error);

@@ -9,7 +9,7 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeChoice.h"
-#include "Wide.h"
+#include "driver/VolumeRecords.h"
 
 namespace cli {
 namespace {
@@ -48,7 +48,7 @@ Failure inWrongState(const Direction& direction, const std::string& device) {
 // The driver takes all of them or none.
 Outcome change(const Direction& direction, Driver& driver, const std::vector<std::string>& devices) {
   std::list<std::wstring> names;
-  for (const std::string& device : devices) names.push_back(wide(device));
+  for (const std::string& device : devices) names.push_back(StringToWString(device));
   const unsigned int status = (driver.get()->*direction.request)(&names);
   if (status == 0) return std::nullopt;
   if (status == direction.wrongState) {

@@ -11,7 +11,7 @@
 
 #include "ExposureBase.h"
 #include "Processes.h"
-#include "Wide.h"
+#include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
 
 namespace cli {
@@ -51,9 +51,9 @@ Remains findRemains(Driver& driver, const std::string& base) {
   Remains remains;
   std::set<FileId> held;
   for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
-    const std::string file = narrow(volume.getRelocFileName().c_str());
+    const std::string file = WStringToString(volume.getRelocFileName());
     if (isGone(volume.getAppPid())) {
-      remains.snapshots.push_back({narrow(volume.getSnappedVolumeName().c_str()), file, volume.getAppPid()});
+      remains.snapshots.push_back({WStringToString(volume.getSnappedVolumeName()), file, volume.getAppPid()});
     } else {
       held.insert(idOf(file));
     }

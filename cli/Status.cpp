@@ -14,7 +14,7 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeChoice.h"
-#include "Wide.h"
+#include "driver/VolumeRecords.h"
 
 namespace cli {
 namespace {
@@ -44,8 +44,8 @@ std::string tellSnapped(Driver& driver, const MountTable& table, json& document)
   Table shown({"NAME", "DEVICE", ">SIZE", "SNAPSHOT", "RELOCATION FILE", ">SIZE", "OWNER"});
   document = json::array();
   for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
-    const std::string name = narrow(volume.getSnappedVolumeName().c_str());
-    const std::string file = narrow(volume.getRelocFileName().c_str());
+    const std::string name = WStringToString(volume.getSnappedVolumeName());
+    const std::string file = WStringToString(volume.getRelocFileName());
     const std::string snapshot =
         "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
     const std::uint64_t size = volume.getNumBlocks() * volume.getBlockSize();

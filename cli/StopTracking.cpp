@@ -9,7 +9,7 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeChoice.h"
-#include "Wide.h"
+#include "driver/VolumeRecords.h"
 
 namespace cli {
 namespace {
@@ -37,7 +37,7 @@ void stopInto(const StopOptions& options, Report& report) {
     if (!driver.tracking(device)) return report.failed(notTracked(device));
   }
   std::list<std::wstring> names;
-  for (const std::string& device : devices) names.push_back(wide(device));
+  for (const std::string& device : devices) names.push_back(StringToWString(device));
   if (const unsigned int status = driver.get()->StopVtrack(&names); status != 0)
     return report.failed(refused(listed(devices), status));
   for (const std::string& device : devices) report.document()["devices"].push_back(device);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Text for the engine's wide interface and back, in the process's locale.
+// Text for the engine's wide interface and back, in the process's locale. The driver interface's names are wide too, but
+// hold a byte a character, whatever it means: StringToWString and WStringToString (driver/VolumeRecords.h).
 #pragma once
 
 #include <string>

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "NamedVolume.h"
 #include "Terminal.h"
 #include "Verbs.h"
 
@@ -102,6 +103,20 @@ TEST_F(Status, at_a_terminal_that_is_wide_enough_shows_columns) {
                     {.environment = {{"TERM", "dumb"}}, .terminal = terminal.inner()});
   EXPECT_EQ(process.wait(), 0);
   EXPECT_TRUE(terminal.waitFor("  NAME        DEVICE ")) << terminal.written();
+}
+
+TEST_F(Status, names_files_and_devices_that_are_not_ascii) {
+  const test::NamedVolume place(volume.device() +
+                                    "-gr\xc3\xbc\xc3\x9f"
+                                    "e",
+                                "gr\xc3\xb6\xc3\x9f"
+                                "e");
+  DriverClient driver(session);
+  ASSERT_EQ(driver.snap({{.device = place.device(), .folder = place.folder()}}).result, 0);
+  const Json snapped = document(session, {"status"})["snapped_volumes"][0];
+  EXPECT_EQ(driver.unsnap({place.device()}), 0u);
+  EXPECT_EQ(snapped["name"], place.device());
+  EXPECT_EQ(fs::path(snapped["relocation_file"].get<std::string>()).parent_path(), place.folder() + "/.verrelocarea");
 }
 
 TEST_F(Status, tells_machines_where_a_snapshot_is_and_how_large_all_is) {
@@ -199,18 +214,19 @@ TEST_F(Freeze, lets_writers_wait_until_the_thaw) {
 }
 
 TEST_F(Freeze, tells_of_a_device_with_control_characters_escaped) {
-  const std::string device = "/dev/evil\033[2J";
-  struct stat status {};
-  ASSERT_EQ(stat(volume.device().c_str(), &status), 0);
-  ASSERT_EQ(mknod(device.c_str(), S_IFBLK | 0600, status.st_rdev), 0);
-  const test::TempDir dir;
-  const test::Mounted mounted(device, dir.path(), "ext4");
-  const std::string named = device + ":" + dir.path();
-  const Ended frozen = verb(session, {"freeze", named});
-  const Ended thawed = verb(session, {"thaw", named});
-  expectText(frozen, "Frozen: /dev/evil\\x1b[2J\n");
-  expectText(thawed, "Thawed: /dev/evil\\x1b[2J\n");
-  unlink(device.c_str());
+  const test::NamedVolume evil("/dev/evil\033[2J");
+  expectText(verb(session, {"freeze", evil.device()}), "Frozen: /dev/evil\\x1b[2J\n");
+  expectText(verb(session, {"thaw", evil.device()}), "Thawed: /dev/evil\\x1b[2J\n");
+}
+
+TEST_F(Freeze, takes_a_device_whose_name_is_not_ascii_or_no_text) {
+  for (const std::string name : {"/dev/gr\xc3\xbc\xc3\x9f"
+                                 "e",
+                                 "/dev/latin-\xe9"}) {
+    const test::NamedVolume named(name);
+    EXPECT_EQ(verb(session, {"freeze", named.folder()}).errors, "");
+    EXPECT_EQ(verb(session, {"thaw", named.folder()}).errors, "");
+  }
 }
 
 TEST_F(Freeze, of_a_frozen_volume_among_others_freezes_none) {

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "NamedVolume.h"
 #include "Terminal.h"
 #include "Verbs.h"
 
@@ -151,6 +152,18 @@ TEST_F(Changes, of_what_is_no_device_are_113) {
                 "/nothing: No such file or directory; name a mounted block device or a mount point (lsblk shows them)");
 }
 
+TEST(ChangesOfADeviceWhoseNameIsNotAscii, are_told_and_no_longer_tracked) {
+  const test::NamedVolume volume(
+      "/dev/gr\xc3\xbc\xc3\x9f"
+      "e");
+  Session session;
+  DriverClient driver(session);
+  ASSERT_EQ(driver.snap({{.device = volume.device(), .folder = volume.folder(), .tracked = true}}).result, 0);
+  EXPECT_EQ(document(session, {"changes", volume.device()})["device"], volume.device());
+  expectText(verb(session, {"stop-tracking", volume.device()}), "No longer tracked: " + volume.device() + "\n");
+  EXPECT_EQ(driver.unsnap({volume.device()}), 0u);
+}
+
 // ---- diagnostics
 
 TEST(LogLevel, is_set_by_number_or_name) {
@@ -194,6 +207,17 @@ TEST(DumpState, tells_of_a_file_with_control_characters_escaped) {
   EXPECT_EQ(ended.code, 0) << ended.errors;
   EXPECT_TRUE(ended.output.starts_with("The driver's state is in " + (dir / "two\\nlines\\x1b[2J") + " ("))
       << ended.output;
+}
+
+TEST(DumpState, writes_a_file_whose_name_is_not_ascii_or_no_text) {
+  const test::TempDir dir;
+  Session session;
+  for (const std::string name : {"gr\\303\\266\\303\\237e", "latin-\\351"}) {
+    const Ended ended = session.shell(
+        "name=$(printf '" + name + "'); " + MIRELSNAP_PROGRAM + " dump-state \"$name\" && test -s \"$name\"",
+        {.folder = dir.path()});
+    EXPECT_EQ(ended.code, 0) << ended.errors;
+  }
 }
 
 TEST(DumpState, into_no_file_is_2_and_nothing_is_sent) {
