@@ -16,6 +16,7 @@
 #include "Report.h"
 #include "Text.h"
 #include "Verbs.h"
+#include "VolumeCheck.h"
 
 namespace cli {
 namespace {
@@ -69,7 +70,7 @@ bool checkDriver(Driver& driver, Findings& findings) {
   return !failure;
 }
 
-// The volumes that can be chosen; why the others cannot is a finding each.
+// The volumes that can be snapped as far as they themselves show; why the others cannot is a finding each.
 std::vector<ChosenVolume> checkChoice(const std::vector<std::string>& names, const MountTable& table,
                                       Findings& findings) {
   std::vector<std::string> asked = names;
@@ -77,7 +78,13 @@ std::vector<ChosenVolume> checkChoice(const std::vector<std::string>& names, con
   const auto take = [&](const std::vector<std::string>& some) {
     const auto found = chooseVolumes(some, table);
     if (const auto* failure = std::get_if<Failure>(&found)) return findings.add("volume", *failure);
-    for (const ChosenVolume& volume : std::get<std::vector<ChosenVolume>>(found)) chosen.push_back(volume);
+    for (const ChosenVolume& volume : std::get<std::vector<ChosenVolume>>(found)) {
+      if (const Outcome failure = checkVolume(volume)) {
+        findings.add("volume", *failure);
+      } else {
+        chosen.push_back(volume);
+      }
+    }
   };
   if (names.empty()) {
     take({});

@@ -13,6 +13,7 @@
 #include <filesystem>
 
 #include "Processes.h"
+#include "Wide.h"
 
 namespace fs = std::filesystem;
 
@@ -115,6 +116,7 @@ Outcome checkBase(const std::string& wanted) {
   if (wanted.empty()) return std::nullopt;
   const std::string path = cleanPath(wanted);
   if (path.empty()) return cannotExpose(wanted, "cannot be found: the working directory is gone", "give its full path");
+  if (!isDecodable(path)) return cannotExpose(path, std::string("is ") + kUndecodable, kUndecodableAdvice);
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (!fs::exists(status)) {

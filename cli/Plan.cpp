@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // `mirelsnap plan`: where each relocation file would go, how large, and why; nothing is made.
+#include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include "Driver.h"
@@ -11,6 +13,7 @@
 #include "Terminal.h"
 #include "Text.h"
 #include "Verbs.h"
+#include "VolumeCheck.h"
 
 namespace cli {
 namespace {
@@ -36,66 +39,90 @@ Mount holder(const Placement& placement, const MountTable& table) {
 
 // "/dev/sda1 on /srv (ext4, 1.5 GiB)"
 std::string headline(const Placement& placement) {
+  const std::string size = placement.volumeSize == 0 ? "size unknown" : sizeText(placement.volumeSize);
   return onOneLine(placement.volume.device + " on " + placement.volume.mountPoint + " (" + placement.volume.type +
-                   ", " + sizeText(placement.volumeSize) + ")") +
+                   ", " + size + ")") +
          "\n";
 }
 
-void tell(const Placement& placement, const MountTable& table, const Outcome& obstacle, Report& report) {
-  json entry = {{"device", placement.volume.device},
-                {"mount_point", placement.volume.mountPoint},
-                {"type", placement.volume.type},
-                {"size", placement.volumeSize},
-                {"relocation_file", nullptr}};
-  std::string text = headline(placement);
-  if (!placement.placed()) {
-    text += "  relocation file  none\n";
-    report.print(text + "\n");
-    report.document()["volumes"].push_back(entry);
-    return report.failed(obstacle ? *obstacle : notPlaced(placement));
-  }
-  const Mount mount = holder(placement, table);
+json fileJson(const Placement& placement, const Mount& mount) {
+  return {{"path", placement.file.file},
+          {"size", placement.bytes()},
+          {"blocks", placement.file.blocks},
+          {"block_size", placement.blockSize},
+          {"file_system",
+           {{"mount_point", placement.file.mountPoint}, {"device", placement.file.device}, {"type", mount.type}}},
+          {"on_volume_itself", onOwnVolume(placement)},
+          {"why_there", whereText(placement)},
+          {"why_this_size", sizeReasonText(placement)},
+          {"passed_over", passedOverTexts(placement)}};
+}
+
+std::string fileText(const Placement& placement, const Mount& mount) {
   const std::vector<std::string> passedOver = passedOverTexts(placement);
-  entry["relocation_file"] = {
-      {"path", placement.file.file},
-      {"size", placement.bytes()},
-      {"blocks", placement.file.blocks},
-      {"block_size", placement.blockSize},
-      {"file_system",
-       {{"mount_point", placement.file.mountPoint}, {"device", placement.file.device}, {"type", mount.type}}},
-      {"on_volume_itself", onOwnVolume(placement)},
-      {"why_there", whereText(placement)},
-      {"why_this_size", sizeReasonText(placement)},
-      {"passed_over", passedOver}};
-  text += "  relocation file  " + onOneLine(placement.file.file) + "\n";
+  std::string text = "  relocation file  " + onOneLine(placement.file.file) + "\n";
   text += "  size             " + bytesText(placement) + ": " + sizeReasonText(placement) + "\n";
   text += "  on               " +
           onOneLine(placement.file.mountPoint + " (" + mount.type + ", " + placement.file.device) +
           "): " + whereText(placement) + "\n";
   if (!passedOver.empty()) text += "  passed over      " + onOneLine(listed(passedOver)) + "\n";
-  report.print(text + "\n");
-  report.document()["volumes"].push_back(entry);
-  if (obstacle) report.failed(*obstacle);
+  return text;
 }
 
-// What would keep the driver from snapping the volume, wherever its file went.
-Outcome obstacle(Driver& driver, const ChosenVolume& volume) {
+// One volume: `obstacle` keeps it from being snapped, wherever its file went; one that is `refused` gets none.
+void tell(const Placement& placement, const MountTable& table, bool refused, const Outcome& obstacle, Report& report) {
+  json entry = {{"device", placement.volume.device},
+                {"mount_point", placement.volume.mountPoint},
+                {"type", placement.volume.type},
+                {"size", placement.volumeSize == 0 ? json(nullptr) : json(placement.volumeSize)},
+                {"relocation_file", nullptr}};
+  std::string text = headline(placement);
+  if (refused || !placement.placed()) {
+    text += "  relocation file  none\n";
+  } else {
+    const Mount mount = holder(placement, table);
+    entry["relocation_file"] = fileJson(placement, mount);
+    text += fileText(placement, mount);
+  }
+  report.print(text + "\n");
+  report.document()["volumes"].push_back(entry);
+  if (obstacle) {
+    report.failed(*obstacle);
+  } else if (!placement.placed()) {
+    report.failed(notPlaced(placement));
+  }
+}
+
+// What would keep the driver from snapping the volume.
+Outcome stateOf(Driver& driver, const ChosenVolume& volume) {
   if (driver.snapped(volume.device)) return alreadySnapped(driver, volume.device, volume.number);
   if (driver.frozen(volume.device)) return alreadyFrozen(volume.device);
   return std::nullopt;
+}
+
+// What would keep a run from taking the volume at one of its mount points.
+Outcome refusalOf(const ChosenVolume& volume, const std::vector<ChosenVolume>& chosen) {
+  std::vector<ChosenVolume> same;
+  std::copy_if(chosen.begin(), chosen.end(), std::back_inserter(same),
+               [&](const ChosenVolume& other) { return other.number == volume.number; });
+  return checkVolumes(same);
 }
 
 void planFor(const PlanOptions& options, Report& report) {
   if (const Outcome failure = requireRoot("plan", "it reads devices and talks to the kernel driver"))
     return report.failed(*failure);
   const MountTable table;
-  const auto chosen = chooseVolumes(options.volumes, table);
-  if (const auto* failure = std::get_if<Failure>(&chosen)) return report.failed(*failure);
+  const auto named = chooseVolumes(options.volumes, table);
+  if (const auto* failure = std::get_if<Failure>(&named)) return report.failed(*failure);
+  if (const Outcome failure = checkRelocationMount(options.relocation)) return report.failed(*failure);
+  const auto& chosen = std::get<std::vector<ChosenVolume>>(named);
   Driver driver;
   const Outcome noAnswer = driver.check();
-  for (const Placement& placement :
-       predictPlacements(std::get<std::vector<ChosenVolume>>(chosen), options.relocation)) {
-    tell(placement, table, noAnswer ? std::nullopt : obstacle(driver, placement.volume), report);
+  for (const Placement& placement : predictPlacements(chosen, options.relocation)) {
+    Outcome obstacle = refusalOf(placement.volume, chosen);
+    const bool refused = obstacle.has_value();
+    if (!refused && !noAnswer) obstacle = stateOf(driver, placement.volume);
+    tell(placement, table, refused, obstacle, report);
   }
   if (noAnswer) report.failed(*noAnswer);
 }

@@ -24,6 +24,7 @@
 #include "SnapshotSet.h"
 #include "Terminal.h"
 #include "Text.h"
+#include "VolumeCheck.h"
 #include "VolumeChoice.h"
 #include "Wide.h"
 
@@ -153,6 +154,7 @@ Outcome checkBinds(const std::vector<std::string>& binds, const MountTable& tabl
     if (!table.at(bind)) return Failure{kCannotExpose, bind, "is not a mount point", "name a mount point with --bind"};
     if (!fs::is_directory(bind, error))
       return Failure{kCannotExpose, bind, "is not a directory", "bind the mount point of a whole file system"};
+    if (!isDecodable(bind)) return Failure{kCannotExpose, bind, std::string("is ") + kUndecodable, kUndecodableAdvice};
   }
   return std::nullopt;
 }
@@ -184,6 +186,8 @@ void runWith(const RunOptions& options, Command& command, RunReport& report) {
   auto chosen = chooseVolumes(options.volumes, table);
   if (const auto* failure = std::get_if<Failure>(&chosen)) return report.failed(*failure);
   auto& volumes = std::get<std::vector<ChosenVolume>>(chosen);
+  if (const Outcome failure = checkVolumes(volumes)) return report.failed(*failure);
+  if (const Outcome failure = checkRelocationMount(options.relocation)) return report.failed(*failure);
   if (const Outcome failure = checkPlaces(volumes, options.binds, table)) return report.failed(*failure);
   if (const Outcome failure = checkBase(options.base)) return report.failed(*failure);
 

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "NamedVolume.h"
 #include "Run.h"
 
 namespace fs = std::filesystem;
@@ -17,11 +18,19 @@ using test::Ended;
 using test::Json;
 using test::LoopDevice;
 using test::Mounted;
+using test::NamedVolume;
 using test::run;
 using test::runScript;
 using test::Session;
 using test::TempDir;
 using test::Volume;
+
+constexpr char kNotAscii[] =
+    "/dev/gr\xc3\xbc\xc3\x9f"
+    "e";
+const std::string kUndecodable =
+    "a name that cannot be decoded in this locale; use another name, or the locale that this one is written in "
+    "(LC_ALL)";
 
 // ---- mount points
 
@@ -74,16 +83,76 @@ INSTANTIATE_TEST_SUITE_P(Names, RunMountPoint,
 
 // The agent's interface takes wide text: a name that is none cannot be handed over.
 TEST(RunMountPointThatIsNoText, is_refused_in_one_line) {
-  const TempDir dir;
-  const std::string folder = dir / "latin-\xe9";
-  const LoopDevice loop(16 << 20);
-  loop.mkfs("ext4");
-  fs::create_directory(folder);
-  const Mounted mounted(loop.path(), folder, "ext4");
+  const NamedVolume volume("/dev/plain", "latin-\xe9");
   Session session;
-  test::expectFailure(run(session, {"--volume", loop.path()}, {"/bin/true"}), 113,
-                      "mirelsnap: " + loop.path() + ": cannot be added to the set as mounted at " + dir.path() +
-                          "/latin-\\xe9; check that the device is mounted there and that its size can be read");
+  test::expectFailure(run(session, {"--volume", "/dev/plain"}, {"/bin/true"}), 113,
+                      "mirelsnap: /dev/plain: is mounted at " + fs::path(volume.folder()).parent_path().string() +
+                          "/latin-\\xe9, " + kUndecodable);
+  EXPECT_TRUE(session.trace().empty()) << "the driver was asked";
+}
+
+// Each is given by a script: what it is called with is no text either.
+TEST(RunPlaceThatIsNoText, is_refused_before_any_snapshot) {
+  const NamedVolume volume("/dev/plain", "volume");
+  const NamedVolume bound("/dev/bound", "latin-\xe9");
+  const std::string shown = fs::path(bound.folder()).parent_path().string() + "/latin-\\xe9";
+  Session session;
+  for (const std::string option : {"--bind", "--base"}) {
+    const std::string folder = fs::path(bound.folder()).parent_path().string() + "/latin-\\351";
+    test::expectFailure(session.shell("exec " MIRELSNAP_PROGRAM " run --volume /dev/plain " + option + " \"$(printf '" +
+                                      folder + "')\" -- /bin/true"),
+                        117, "mirelsnap: " + shown + ": is " + kUndecodable);
+  }
+  EXPECT_TRUE(session.trace().empty()) << "the driver was asked";
+}
+
+// The engine's names are wide, the driver takes a byte of each character.
+TEST(RunDeviceThatIsNotAscii, is_refused_at_once_and_another_node_helps) {
+  const NamedVolume volume(kNotAscii);
+  const TempDir again;
+  Session session;
+  test::expectFailure(
+      run(session, {"--volume", volume.folder()}, {"/bin/true"}), 113,
+      "mirelsnap: " + volume.device() +
+          ": the driver cannot be given this name, which is not ASCII; make a device node with an ASCII "
+          "name (mknod /dev/NAME b 7 " +
+          std::to_string(volume.loop().minor()) + ") and mount the volume by that");
+  EXPECT_TRUE(session.trace().empty()) << "the driver was asked";
+  const Mounted mounted(volume.loop().path(), again.path(), "ext4");
+  EXPECT_EQ(run(session, {"--volume", again.path()}, {"/bin/true"}).errors, "");
+}
+
+TEST(RunRelocationMountThatIsNotAscii, is_refused_at_once_and_a_bind_mount_helps) {
+  const Volume volume("ext4", 32 << 20);
+  const NamedVolume place("/dev/place",
+                          "gr\xc3\xb6\xc3\x9f"
+                          "e");
+  const TempDir again;
+  Session session;
+  test::expectFailure(
+      run(session, {"--volume", volume.device(), "--reloc-mount", place.folder(), "--reloc-size", "100"},
+          {"/bin/true"}),
+      115,
+      "mirelsnap: " + place.folder() +
+          ": the driver cannot be given this name, which is not ASCII; name another --reloc-mount: a bind mount at a "
+          "folder with an ASCII name will do");
+  EXPECT_TRUE(session.trace().empty()) << "the driver was asked";
+  const Mounted bound(place.folder(), again.path(), "", MS_BIND);
+  EXPECT_EQ(
+      run(session, {"--volume", volume.device(), "--reloc-mount", again.path(), "--reloc-size", "100"}, {"/bin/true"})
+          .errors,
+      "");
+}
+
+TEST(RunDeviceWhoseNodeIsGone, is_refused_and_says_why) {
+  const Volume volume("ext4", 32 << 20);
+  Session session;
+  fs::rename(volume.device(), "/dev/moved");
+  const Ended ended = run(session, {"--volume", volume.folder()}, {"/bin/true"});
+  fs::rename("/dev/moved", volume.device());
+  test::expectFailure(
+      ended, 113,
+      "mirelsnap: " + volume.device() + ": its size cannot be read: No such file or directory; check the device");
 }
 
 TEST(RunFailure, that_concerns_a_name_with_a_line_end_is_one_line) {

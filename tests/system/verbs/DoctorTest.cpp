@@ -14,6 +14,7 @@
 #include <fstream>
 
 #include "MountList.h"
+#include "NamedVolume.h"
 #include "Verbs.h"
 
 namespace fs = std::filesystem;
@@ -86,6 +87,31 @@ TEST_F(Doctor, finds_what_is_no_volume) {
              "volume " + unmounted.path() + ": is not mounted; mount it first: only mounted volumes can be snapped",
              "volume /nothing: No such file or directory; name a mounted block device or a mount point (lsblk "
              "shows them)"}));
+}
+
+TEST_F(Doctor, finds_a_device_that_is_not_ascii_and_a_size_that_cannot_be_read) {
+  const test::NamedVolume device(
+      "/dev/gr\xc3\xbc\xc3\x9f"
+      "e");
+  const Volume gone("ext4", 32 << 20);
+  fs::rename(gone.device(), "/dev/moved");
+  const Lines found = findings({device.device(), gone.folder()});
+  fs::rename("/dev/moved", gone.device());
+  EXPECT_EQ(found, (Lines{"volume " + device.device() +
+                              ": the driver cannot be given this name, which is not ASCII; make a device node with an "
+                              "ASCII name (mknod /dev/NAME b 7 " +
+                              std::to_string(device.loop().minor()) + ") and mount the volume by that",
+                          "volume " + gone.device() +
+                              ": its size cannot be read: No such file or directory; check the device"}));
+}
+
+TEST_F(Doctor, finds_a_mount_point_whose_name_cannot_be_decoded) {
+  const test::NamedVolume volume("/dev/plain", "latin-\xe9");
+  const Ended ended = verb(session, {"doctor", "/dev/plain"});
+  EXPECT_EQ(ended.code, 1);
+  EXPECT_EQ(ended.output, "/dev/plain: is mounted at " + fs::path(volume.folder()).parent_path().string() +
+                              "/latin-\\xe9, a name that cannot be decoded in this locale; use another name, or the "
+                              "locale that this one is written in (LC_ALL)\n1 finding.\n");
 }
 
 TEST_F(Doctor, finds_a_whole_disk_whose_partitions_are_mounted) {

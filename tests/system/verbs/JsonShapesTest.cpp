@@ -130,6 +130,9 @@ TEST_F(JsonShapes, of_plan) {
   const Volume alsoReadOnly("ext4", 32 << 20);
   ASSERT_EQ(mount(nullptr, alsoReadOnly.folder().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   answer({"plan", readOnly.device()});
+  std::filesystem::rename(volume.device(), "/dev/moved");
+  answer({"plan", volume.folder()});
+  std::filesystem::rename("/dev/moved", volume.device());
   answer({"plan", readOnly.device(), "--reloc-mount", "/nothing", "--reloc-size", "1"});
   expectIs("plan");
 }

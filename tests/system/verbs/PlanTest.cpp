@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "NamedVolume.h"
 #include "Verbs.h"
 
 namespace fs = std::filesystem;
@@ -126,6 +127,47 @@ TEST_F(Plan, without_a_place_fails_as_a_run_would) {
                 volume.device() +
                     ": no mounted file system has room for its relocation file (nothing can be written to the volume); "
                     "free some space or name a place with --reloc-mount and --reloc-size");
+}
+
+TEST_F(Plan, of_a_device_whose_size_cannot_be_read_says_why) {
+  const Volume volume("ext4", 32 << 20);
+  fs::rename(volume.device(), "/dev/moved");
+  const Ended ended = verb(session, {"plan", volume.folder()});
+  const Json planned = document(session, {"plan", volume.folder()})["volumes"][0];
+  fs::rename("/dev/moved", volume.device());
+  EXPECT_EQ(ended.output,
+            volume.device() + " on " + volume.folder() + " (ext4, size unknown)\n  relocation file  none\n\n");
+  expectFailure(ended, 113, volume.device() + ": its size cannot be read: No such file or directory; check the device");
+  EXPECT_EQ(planned["size"], nullptr);
+  EXPECT_EQ(planned["relocation_file"], nullptr);
+}
+
+TEST_F(Plan, of_names_that_a_run_cannot_use_fails_as_a_run_would) {
+  const test::NamedVolume device(
+      "/dev/gr\xc3\xbc\xc3\x9f"
+      "e");
+  const test::NamedVolume folder("/dev/plain", "latin-\xe9");
+  const test::NamedVolume place("/dev/place",
+                                "gr\xc3\xb6\xc3\x9f"
+                                "e");
+  const auto sameFailure = [&](const Texts& volume, int code) {
+    Texts planning = {"plan"}, running = {"run"};
+    planning.insert(planning.end(), volume.begin(), volume.end());
+    running.insert(running.end(), volume.begin(), volume.end());
+    running[1] = "--volume=" + volume[0];
+    running.insert(running.end(), {"--", "/bin/true"});
+    const Ended planned = verb(session, planning);
+    const Ended ran = verb(session, running);
+    EXPECT_EQ(planned.code, code);
+    EXPECT_EQ(ran.code, code);
+    EXPECT_EQ(planned.errors, ran.errors);
+    return planned.output;
+  };
+  const std::string none = " (ext4, 32.0 MiB)\n  relocation file  none\n\n";
+  EXPECT_EQ(sameFailure({device.device()}, 113), device.device() + " on " + device.folder() + none);
+  EXPECT_EQ(sameFailure({"/dev/plain"}, 113),
+            "/dev/plain on " + fs::path(folder.folder()).parent_path().string() + "/latin-\\xe9" + none);
+  EXPECT_EQ(sameFailure({"/dev/place", "--reloc-mount", place.folder(), "--reloc-size", "100"}, 115), "");
 }
 
 TEST_F(Plan, of_a_place_that_cannot_be_used_says_why) {
