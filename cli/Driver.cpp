@@ -70,7 +70,8 @@ Failure alreadySnapped(Driver& driver, const std::string& device, std::uint64_t 
 Failure alreadyFrozen(const std::string& device) { return {kAlreadySnapped, device, "is frozen", "thaw it first"}; }
 
 Failure notTracked(const std::string& device) {
-  return {kNotInState, device, "its changes are not tracked", "take a snapshot that asks for change tracking"};
+  return {kNotInState, device, "its changes are not tracked",
+          "a snapshot that asks for change tracking starts it (mirelsnap status shows which volumes are tracked)"};
 }
 
 Failure refused(const std::string& subject, unsigned int status) {

@@ -57,7 +57,7 @@ Failure noDriver();
 // Why a volume cannot be snapped now.
 Failure alreadySnapped(Driver& driver, const std::string& device, std::uint64_t number);
 Failure alreadyFrozen(const std::string& device);
-// Why there are no changes to be told.
+// Why there are no changes to be told, and nothing to be stopped.
 Failure notTracked(const std::string& device);
 // A request that the driver answered with `status`, concerning `subject`.
 Failure refused(const std::string& subject, unsigned int status);

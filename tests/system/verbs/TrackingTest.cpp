@@ -131,8 +131,8 @@ TEST_F(Changes, as_a_map_without_a_terminal_are_80_cells) {
 TEST_F(Changes, that_are_no_longer_tracked_are_120) {
   expectText(verb(session, {"stop-tracking", volume.folder()}), "No longer tracked: " + volume.device() + "\n");
   const std::string line = volume.device() +
-                           ": its changes are not tracked; take a snapshot that asks for change "
-                           "tracking";
+                           ": its changes are not tracked; a snapshot that asks for change tracking starts it (mirelsnap "
+                           "status shows which volumes are tracked)";
   expectFailure(verb(session, {"changes", volume.device()}), 120, line);
   expectFailure(verb(session, {"stop-tracking", volume.device()}), 120, line);
   EXPECT_EQ(driver.snapped().size(), 1u) << "the snapshot stays";
