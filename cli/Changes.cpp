@@ -108,12 +108,12 @@ void addChanges(CLI::App& program, CommandLine& line) {
       ->type_name("")
       ->required()
       ->check(checkNamed);
-  verb->add_flag("--map", options->map, "Draw the device as a bar instead, as wide as the terminal (else 80 cells)");
+  verb->add_flag("--map", options->map, "Draw the device as a bar instead, as wide as the terminal\n(else 80 cells)");
   verb->add_flag("--json", options->json, "Print one JSON document instead");
   verb->footer(
-      "The driver tracks a volume from the instant of a snapshot that asks for it, until the snapshot is\n"
-      "deleted or mirelsnap stop-tracking. What is written meanwhile may be shown or not: freeze the volume\n"
-      "to see one instant.\n\n" +
+      "The driver tracks a volume from the instant of a snapshot that asks for it,\n"
+      "until the snapshot is deleted or mirelsnap stop-tracking. What is written\n"
+      "meanwhile may be shown or not: freeze the volume to see one instant.\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
   verb->callback([options, &line] { line.action = [options] { return changes(*options); }; });
 }

@@ -179,13 +179,13 @@ void addDoctor(CLI::App& program, CommandLine& line) {
   const auto options = std::make_shared<DoctorOptions>();
   verb->add_option("VOLUME", options->volumes,
                    "Volumes to look at: device, mount point, or DEVICE:MOUNTPOINT\n"
-                   "(default: every mounted volume that can be snapped, and what would be left out)")
+                   "(default: every mounted volume that can be snapped, and what\nwould be left out)")
       ->type_name("")
       ->check(checkNamed);
   verb->add_flag("--json", options->json, "Print one JSON document instead");
   verb->footer(
-      "Each finding is one line: the device or path, the cause, what to do next. Nothing is changed, but the\n"
-      "driver is loaded when it is not.\n\n" +
+      "Each finding is one line: the device or path, the cause, what to do next.\n"
+      "Nothing is changed, but the driver is loaded when it is not.\n\n" +
       exitCodeHelp({kSuccess, kFindings}));
   verb->callback([options, &line] { line.action = [options] { return doctor(*options); }; });
 }

@@ -73,7 +73,7 @@ void addDumpState(CLI::App& program, CommandLine& line) {
     bool json = false;
   };
   const auto options = std::make_shared<Options>();
-  verb->add_option("FILE", options->file, "The file, which is made or replaced; its full path has 256 bytes at most")
+  verb->add_option("FILE", options->file, "The file, which is made or replaced; its full path has\n256 bytes at most")
       ->type_name("")
       ->required()
       ->check(checkNamed);

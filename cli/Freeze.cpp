@@ -101,11 +101,12 @@ void add(CLI::App& program, CommandLine& line, const Direction& direction, const
 
 void addFreeze(CLI::App& program, CommandLine& line) {
   add(program, line, kFreeze, "Make the writers of volumes stand still until thaw",
-      "Take care: whoever writes to a frozen volume waits, without an end, until mirelsnap thaw; this command's\n"
-      "own output too, when it goes to a file there. Never freeze the root file system at a prompt: the next\n"
-      "thing that a shell writes there keeps you from typing thaw. No snapshot can be taken of a frozen volume.\n"
-      "Freezes do not add up: all of the volumes are frozen or, when one is frozen already, none (114), and one\n"
-      "thaw is enough.\n\n" +
+      "Take care: whoever writes to a frozen volume waits, without an end, until\n"
+      "mirelsnap thaw; this command's own output too, when it goes to a file there.\n"
+      "Never freeze the root file system at a prompt: the next thing that a shell\n"
+      "writes there keeps you from typing thaw. No snapshot can be taken of a frozen\n"
+      "volume. Freezes do not add up: all of the volumes are frozen or, when one is\n"
+      "frozen already, none (114), and one thaw is enough.\n\n" +
           exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kRefused}));
 }
 

@@ -60,7 +60,7 @@ void addLogLevel(CLI::App& program, CommandLine& line) {
   };
   const auto options = std::make_shared<Options>();
   verb->add_option("LEVEL", options->level,
-                   "0 to 7, or emerg, alert, crit, err, warning, notice, info, debug: each with all before it")
+                   "0 to 7, or emerg, alert, crit, err, warning, notice, info,\ndebug: each with all before it")
       ->type_name("")
       ->required()
       ->check(checkLevel);

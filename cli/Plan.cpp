@@ -140,15 +140,16 @@ void addPlan(CLI::App& program, CommandLine& line) {
   CLI::App* verb = program.add_subcommand("plan", "Show where relocation files would go, how large and why");
   const auto options = std::make_shared<PlanOptions>();
   verb->add_option("VOLUME", options->volumes,
-                   "The volumes of the set: device, mount point, or DEVICE:MOUNTPOINT\n"
+                   "The volumes of the set: device, mount point, or\nDEVICE:MOUNTPOINT\n"
                    "(default: every mounted volume that can be snapped)")
       ->type_name("");
   addRelocationOptions(*verb, options->relocation);
   verb->add_flag("--json", options->json, "Print one JSON document instead");
   verb->footer(
-      "Nothing is made or written. The volumes are taken as one set, in this order: they share the memory\n"
-      "that the driver can use. Free space, memory and what other programs snap may change until then.\n"
-      "The exit code is the one with which mirelsnap run would fail for the first reason found.\n\n" +
+      "Nothing is made or written. The volumes are taken as one set, in this order:\n"
+      "they share the memory that the driver can use. Free space, memory and what\n"
+      "other programs snap may change until then. The exit code is the one with which\n"
+      "mirelsnap run would fail for the first reason found.\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom}));
   verb->callback([options, &line] { line.action = [options] { return plan(*options); }; });
 }

@@ -169,14 +169,14 @@ void addReconcile(CLI::App& program, CommandLine& line) {
   CLI::App* verb = program.add_subcommand("reconcile", "Remove what dead processes left, and tell what it was");
   const auto options = std::make_shared<ReconcileOptions>();
   verb->add_option("--base", options->base,
-                   "A base that a dead process had its snapshots mounted below, besides those in /run/mirelsnap")
+                   "A base that a dead process had its snapshots mounted below,\nbesides those in /run/mirelsnap")
       ->type_name("DIR")
       ->check(checkNamed);
   verb->add_flag("--json", options->json, "Print one JSON document instead");
   verb->footer(
-      "Snapshots, mappings, relocation files, mounts and folders of living processes are left alone. All that\n"
-      "is mounted below DIR is unmounted, the binds among it; DIR itself stays. A second run says that there\n"
-      "is nothing.\n\n" +
+      "Snapshots, mappings, relocation files, mounts and folders of living processes\n"
+      "are left alone. All that is mounted below DIR is unmounted, the binds among it;\n"
+      "DIR itself stays. A second run says that there is nothing.\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
   verb->callback([options, &line] { line.action = [options] { return reconcile(*options); }; });
 }

@@ -210,6 +210,7 @@ std::string checkBlocks(const std::string& text) {
 // The usage line with what stands behind "--", which the option parser does not see.
 class RunFormatter : public CLI::Formatter {
  public:
+  RunFormatter() { column_width(kHelpColumn); }
   std::string make_usage(const CLI::App*, std::string) const override {
     return "Usage: mirelsnap run [OPTIONS] -- COMMAND [ARG...]\n";
   }
@@ -237,7 +238,8 @@ void addRelocationOptions(CLI::App& verb, RelocationOptions& options) {
 
 void addSnapshotOptions(CLI::App& verb, RunOptions& options) {
   verb.add_option("--volume", options.volumes,
-                  "A volume to snapshot: its device, its mount point, or DEVICE:MOUNTPOINT; may be repeated\n"
+                  "A volume to snapshot: its device, its mount point, or\n"
+                  "DEVICE:MOUNTPOINT; may be repeated\n"
                   "(default: every mounted volume that can be snapped)")
       ->type_name("DEVICE[:MOUNTPOINT]")
       ->check(checkNamed)
@@ -246,7 +248,7 @@ void addSnapshotOptions(CLI::App& verb, RunOptions& options) {
                   "Where the snapshots are mounted: a new or an empty directory\n(default: /run/mirelsnap/PID)")
       ->type_name("DIR")
       ->check(checkNamed);
-  verb.add_option("--bind", options.binds, "A live mount point to show below the base as well; may be repeated")
+  verb.add_option("--bind", options.binds, "A live mount point to show below the base as well;\nmay be repeated")
       ->type_name("MOUNTPOINT")
       ->check(checkNamed)
       ->allow_extra_args(false);
@@ -258,9 +260,9 @@ void addSnapshotOptions(CLI::App& verb, RunOptions& options) {
 std::string checkNamed(const std::string& text) { return text.empty() ? "the value is empty" : ""; }
 
 std::string environmentHelp() {
-  return "finds the snapshots below $MIRELSNAP_BASE, each volume's first mount point in\n"
-         "$MIRELSNAP_VOLUME_1, _2, ... in the order named, and the set's identifier in\n"
-         "$MIRELSNAP_SET_ID.\n\n";
+  return "finds the snapshots below $MIRELSNAP_BASE, each volume's first\n"
+         "mount point in $MIRELSNAP_VOLUME_1, _2, ... in the order named, and the set's\n"
+         "identifier in $MIRELSNAP_SET_ID.\n\n";
 }
 
 void addRun(CLI::App& program, CommandLine& line) {
@@ -269,7 +271,7 @@ void addRun(CLI::App& program, CommandLine& line) {
   verb->formatter(std::make_shared<RunFormatter>());
   addSnapshotOptions(*verb, *options);
   verb->footer("COMMAND " + environmentHelp() +
-               "The exit code is COMMAND's own, 128 + N when signal N ended it, or one of these.\n\n" +
+               "The exit code is COMMAND's own, 128 + N when signal N ended it, or one of\nthese.\n\n" +
                exitCodeHelp({kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed,
                              kCannotExpose, kCannotCleanUp, kNotExecutable, kNotFound}));
   verb->callback([options, &line] {

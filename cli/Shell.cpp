@@ -35,12 +35,14 @@ void addShell(CLI::App& program, CommandLine& line) {
   const auto options = std::make_shared<RunOptions>();
   addSnapshotOptions(*verb, *options);
   verb->footer(
-      "The shell is $SHELL, else /bin/sh. It starts in the directory below which the snapshots are\n"
-      "mounted, and " +
+      "The shell is $SHELL, else /bin/sh. It starts in the directory below which the\n"
+      "snapshots are mounted, and\n" +
       environmentHelp() +
-      "$MIRELSNAP_PROMPT holds a hint for its prompt, \"(mirelsnap) \"; on Debian, bash shows one\n"
-      "by itself (from $debian_chroot). SIGTERM and the like hang the shell up.\n\n"
-      "The exit code is the shell's own, 128 + N when signal N ended it, or one of these.\n\n" +
+      "$MIRELSNAP_PROMPT holds a hint for its prompt, \"(mirelsnap) \"; on Debian, bash\n"
+      "shows one by itself (from $debian_chroot). SIGTERM and the like hang the shell\n"
+      "up.\n\n"
+      "The exit code is the shell's own, 128 + N when signal N ended it, or one of\n"
+      "these.\n\n" +
       exitCodeHelp({kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed, kCannotExpose,
                     kCannotCleanUp, kNotExecutable, kNotFound}));
   verb->callback([options, &line] { line.action = [options] { return shell(*options); }; });

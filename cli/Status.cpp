@@ -137,7 +137,7 @@ int status(bool asJson) {
 }  // namespace
 
 void addStatus(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("status", "Show what the driver holds: snapshots, mappings, frozen volumes");
+  CLI::App* verb = program.add_subcommand("status", "Show the snapshots, mappings and frozen volumes of the driver");
   const auto asJson = std::make_shared<bool>(false);
   verb->add_flag("--json", *asJson, "Print one JSON document instead");
   verb->footer("An owner that is gone left what it held: mirelsnap reconcile removes it.\n\n" +

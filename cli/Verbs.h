@@ -18,6 +18,9 @@ struct CommandLine {
   std::function<int()> action;
 };
 
+// The column in which help texts explain: no line of a help is wider than 80.
+constexpr std::size_t kHelpColumn = 18;
+
 // An empty name is a variable of a script that is not set: a default in its place would be another run than was meant.
 std::string checkNamed(const std::string& text);
 

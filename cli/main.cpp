@@ -53,6 +53,7 @@ int runMain(int argc, char** argv) {
   app.set_version_flag("--version", std::string("mirelsnap ") + MIRELSNAP_VERSION);
   app.require_subcommand(1);
   app.get_formatter()->label("SUBCOMMAND", "VERB");
+  app.get_formatter()->column_width(cli::kHelpColumn);
   app.footer("mirelsnap VERB --help tells of each.");
   cli::CommandLine line;
   for (const AddVerb add : kVerbs) add(app, line);

@@ -19,31 +19,35 @@ std::string commandNames() {
   for (const Command& command : kCommands) {
     names += column == 0 ? "\n  " : ", ";
     names += command.name;
-    column = (column + 1) % 6;
+    column = (column + 1) % 4;
   }
   return names;
 }
 
 std::string footer() {
-  return "COMMAND, and everything that it starts, finds /proc/mirelsnap/dev, can make and open /dev/mirelsnapctl, and "
-         "has its\n"
-         "requests answered: snapshots are real, of real devices, and appear as /dev/snap<major>_<minor>. When COMMAND "
-         "ends,\n"
-         "what is left of it is ended too and everything is undone.\n\n"
+  return "COMMAND, and everything that it starts, finds /proc/mirelsnap/dev, can make and\n"
+         "open /dev/mirelsnapctl, and has its requests answered: snapshots are real, of\n"
+         "real devices, and appear as /dev/snap<major>_<minor>. When COMMAND ends, what is\n"
+         "left of it is ended too and everything is undone.\n\n"
          "The commands that --inject can name:" +
          commandNames() +
-         "\nExamples: --inject snap:1:EIO:-8 (the first snap fails with EIO, driver status -8), --inject "
-         "check-snapped:2:0:99\n"
-         "(the second such command is carried out and answers the status 99).\n\n"
-         "SIGTERM, SIGINT, SIGHUP and SIGQUIT are passed on to COMMAND, which has 10 seconds to end. An interrupt from "
-         "the\n"
-         "terminal reaches COMMAND by itself: the emulator ends when COMMAND does.\n\n"
-         "Exit code: COMMAND's; 128 + the signal that ended it; 127 COMMAND not found; 126 not executable; 2 wrong "
-         "usage, not\n"
-         "root, no seccomp user notification, no loop devices: then nothing was touched.";
+         "\nExamples: --inject snap:1:EIO:-8 (the first snap fails with EIO, driver status\n"
+         "-8), --inject check-snapped:2:0:99 (the second such command is carried out and\n"
+         "answers the status 99).\n\n"
+         "SIGTERM, SIGINT, SIGHUP and SIGQUIT are passed on to COMMAND, which has 10\n"
+         "seconds to end. An interrupt from the terminal reaches COMMAND by itself: the\n"
+         "emulator ends when COMMAND does.\n\n"
+         "Exit code: COMMAND's; 128 + the signal that ended it; 127 COMMAND not found;\n"
+         "126 not executable; 2 wrong usage, not root, no seccomp user notification, no\n"
+         "loop devices: then nothing was touched.";
 }
 
+// No line is wider than 80 columns.
 class HelpText : public CLI::Formatter {
+ public:
+  HelpText() { column_width(18); }
+
+ private:
   std::string make_usage(const CLI::App*, std::string) const override {
     return "Usage: mirelsnap-emulator [OPTIONS] -- COMMAND [ARG...]\n";
   }
@@ -77,7 +81,7 @@ ParsedOptions parseOptions(int argc, char** argv) {
   app.formatter(std::make_shared<HelpText>());
   app.footer(footer());
   app.add_option("--trace", options.trace, "Write one JSON line a driver command to FILE")->type_name("FILE");
-  app.add_option("--inject", injections, "Make the N-th command of a kind fail or answer so; may be repeated")
+  app.add_option("--inject", injections, "Make the N-th command of a kind fail or answer so; may be\nrepeated")
       ->type_name("COMMAND:N:ERRNO[:STATUS]")
       ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
@@ -89,7 +93,7 @@ ParsedOptions parseOptions(int argc, char** argv) {
       ->check(checkVersion);
   app.add_option(
          "--store", options.store,
-         "Folder for the images of snapshots (default: /var/tmp, or /dev/shm when that lies on a snapped volume)")
+         "Folder for the images of snapshots (default: /var/tmp, or\n/dev/shm when that lies on a snapped volume)")
       ->type_name("DIR")
       ->check(checkStore);
   app.add_option("--freeze-limit", freezeLimit, "How long a snap may hold its volumes still, in seconds")

@@ -66,6 +66,7 @@ _mirelsnap() {
     case $verb in
       run) _mirelsnap_words '--volume --base --bind --reloc-mount --reloc-size --json --verbose --help --' ;;
       shell) _mirelsnap_words '--volume --base --bind --reloc-mount --reloc-size --json --verbose --help' ;;
+      plan) _mirelsnap_words '--reloc-mount --reloc-size --json --help' ;;
       reconcile) _mirelsnap_words '--base --json --help' ;;
       changes) _mirelsnap_words '--map --json --help' ;;
       *) _mirelsnap_words '--json --help' ;;
@@ -73,7 +74,7 @@ _mirelsnap() {
     return
   fi
   case $verb in
-    plan | freeze | thaw | changes | stop-tracking) _mirelsnap_volumes ;;
+    doctor | plan | freeze | thaw | changes | stop-tracking) _mirelsnap_volumes ;;
     log-level) _mirelsnap_words '0 1 2 3 4 5 6 7 emerg alert crit err warning notice info debug' ;;
     dump-state) _mirelsnap_files ;;
   esac

@@ -32,7 +32,9 @@ expect_among() {
   offered "$@" | grep -xF -e "$wanted" >/dev/null || { echo "FAILED: '$*' does not offer $wanted" >&2; wrong=1; }
 }
 
-for verb in $("$mirelsnap" --help | sed -n '/^Subcommands:/,$p' | grep -oE '^  [a-z][a-z-]+'); do
+verbs=$("$mirelsnap" --help | sed -n '/^Verbs:/,$p' | grep -oE '^  [a-z][a-z-]+')
+[ -n "$verbs" ] || { echo 'FAILED: mirelsnap --help names no verb' >&2; wrong=1; }
+for verb in $verbs; do
   expect_among "$verb" mirelsnap ''
   for option in $("$mirelsnap" "$verb" --help | grep -oE '^ *(-[a-zA-Z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'); do
     expect_among "$option" mirelsnap "$verb" -
@@ -41,6 +43,7 @@ done
 
 expect 'run' mirelsnap ru
 expect '/ /dev/sda1 /dev/sdb1 /srv/my\ data' mirelsnap plan ''
+expect '/srv/my\ data' mirelsnap doctor /s
 expect '/srv/my\ data' mirelsnap run --volume /s
 expect '/dev/sdb1' mirelsnap changes /dev/sdb
 expect '/ /srv/my\ data' mirelsnap run --bind ''
