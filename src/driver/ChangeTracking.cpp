@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "driver/LinuxSnapLib.h"
+#include "driver/VolumeCommands.h"
 
 namespace {
 
@@ -19,6 +21,9 @@ enum TrackingStatus : std::int32_t {
   kNotSnapped = -4,
   kNotSnappedEither = -5,
 };
+
+// The contract: without its errno.
+void logCheckFailure(int) { syslog(LOG_ERR, "Is_Vtrack_Active IOCTL failed\n"); }
 
 // Whether the record has what a bitmap command needs, and the number of its device. 0, 3, 7, 15.
 unsigned int checkBitmap(const SectorBitmap& bitmap, DeviceNumberPair* number) {
@@ -71,48 +76,31 @@ void readBitmap(DriverCommand& command, SectorBitmap& bitmap) {
   syslog(LOG_DEBUG, "Vdiff Bitmap returned successfully.\n");
 }
 
-// A stop command for `count` volumes; empty, logged, when memory is short.
-DriverCommand makeStopCommand(const DeviceNumberPair* pairs, std::size_t count) {
-  DriverCommand command(sizeof(_ioctlCmd) + count * sizeof(VolumeListEntry) + kDriverTrailerSize,
-                        static_cast<std::uint32_t>(count));
-  if (!command) {
-    syslog(LOG_ERR, "Error Allocating memory.\n");
-    return command;
-  }
+// Makes the command with the record's runs, and opens the control device to issue it on. 0, 3, 5, 7, 15.
+unsigned int prepareBitmap(const SectorBitmap& bitmap, UniqueFd& device, DriverCommand& command) {
+  DeviceNumberPair number{};
+  if (const unsigned int result = checkBitmap(bitmap, &number); result != 0) return result;
+  command = makeBitmapCommand(bitmap, number);
+  if (!command) return 3;
+  device = openDriver();  // the contract: only now
+  return device ? 0 : 5;
+}
+
+void logStoppedVolumes(DriverCommand& command, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
-    auto* entry = command.record<VolumeListEntry>(i);
-    entry->majorNum = pairs[i].majorNum;
-    entry->minorNum = pairs[i].minorNum;
-    syslog(LOG_DEBUG, "STOP VTRACK VOL ID: (MAJ, MIN): (%d, %d).\n", static_cast<int>(pairs[i].majorNum),
-           static_cast<int>(pairs[i].minorNum));
+    const auto* entry = command.record<VolumeListEntry>(i);
+    syslog(LOG_DEBUG, "STOP VTRACK VOL ID: (MAJ, MIN): (%d, %d).\n", static_cast<int>(entry->majorNum),
+           static_cast<int>(entry->minorNum));
   }
-  return command;
 }
 
 }  // namespace
 
 bool SnapDriverInterface::IsVtrackActive(const std::wstring& volume) {
-  const std::string name = WStringToString(volume);
-  DeviceNumberPair number{};
-  if (getDeviceNumber(name.c_str(), &number) != 0) {
-    syslog(LOG_ERR, "Invalid block device: %s.\n", name.c_str());
-    return false;
-  }
-  const UniqueFd device = openDriver();
-  if (!device) return false;
-  DriverCommand command(sizeof(_ioctlCmd) + sizeof(VolumeCheckPayload) + kDriverTrailerSize, 1);
-  if (!command) {
-    syslog(LOG_ERR, "Error Allocating memory.\n");
-    return false;
-  }
-  auto* payload = command.record<VolumeCheckPayload>();
-  payload->majorNum = number.majorNum;
-  payload->minorNum = number.minorNum;
-  if (command.issue(device.get(), IOC_IS_VTRACK_ACTIVE) != 0) {
-    syslog(LOG_ERR, "Is_Vtrack_Active IOCTL failed\n");  // the contract: without its errno
-    return false;
-  }
-  switch (command.header().driverStatus) {
+  const std::optional<std::int32_t> status =
+      askVolumeStatus(WStringToString(volume), IOC_IS_VTRACK_ACTIVE, &logCheckFailure);
+  if (!status) return false;
+  switch (*status) {
     case kTracked:
       syslog(LOG_DEBUG, "Vtrack is Active.\n");
       return true;
@@ -156,12 +144,9 @@ unsigned int SnapDriverInterface::GetVtrackVars(const std::wstring& volume, std:
 }
 
 unsigned int SnapDriverInterface::GetVtrackBitmap(SectorBitmap& bitmap) {
-  DeviceNumberPair number{};
-  if (const unsigned int result = checkBitmap(bitmap, &number); result != 0) return result;
-  DriverCommand command = makeBitmapCommand(bitmap, number);
-  if (!command) return 3;
-  const UniqueFd device = openDriver();  // the contract: only now
-  if (!device) return 5;
+  UniqueFd device;
+  DriverCommand command;
+  if (const unsigned int result = prepareBitmap(bitmap, device, command); result != 0) return result;
   if (command.issue(device.get(), IOC_GET_VDIFF) != 0) {
     syslog(LOG_ERR, "Get VDIFF IOCTL failed, errno:%d\n", errno);
     return 6;
@@ -171,12 +156,9 @@ unsigned int SnapDriverInterface::GetVtrackBitmap(SectorBitmap& bitmap) {
 }
 
 unsigned int SnapDriverInterface::UpdateUsedSectorBitmap(SectorBitmap& bitmap) {
-  DeviceNumberPair number{};
-  if (const unsigned int result = checkBitmap(bitmap, &number); result != 0) return result;
-  DriverCommand command = makeBitmapCommand(bitmap, number);
-  if (!command) return 3;
-  const UniqueFd device = openDriver();  // the contract: only now
-  if (!device) return 5;
+  UniqueFd device;
+  DriverCommand command;
+  if (const unsigned int result = prepareBitmap(bitmap, device, command); result != 0) return result;
   if (command.issue(device.get(), IOC_UPDATE_BITMAP) != 0) {
     syslog(LOG_ERR, "Update Bitmap IOCTL failed, errno:%d\n", errno);
     return 6;
@@ -186,20 +168,10 @@ unsigned int SnapDriverInterface::UpdateUsedSectorBitmap(SectorBitmap& bitmap) {
 }
 
 unsigned int SnapDriverInterface::StopVtrack(std::list<std::wstring>* volumes) {
-  if (volumes == nullptr) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 1328, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  if (volumes->empty()) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 1329, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  const auto pairs = resolveVolumes(volumes);
-  if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
-  const UniqueFd device = openDriver();
-  if (!device) return 5;
-  DriverCommand command = makeStopCommand(pairs.get(), volumes->size());
-  if (!command) return 3;
+  UniqueFd device;
+  DriverCommand command;
+  if (const unsigned int result = prepareVolumeList(volumes, 1328, device, command); result != 0) return result;
+  logStoppedVolumes(command, volumes->size());
   if (command.issue(device.get(), IOC_STOP_VTRACK) == 0) return 0;
   const int error = errno;
   switch (command.header().driverStatus) {

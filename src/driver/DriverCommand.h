@@ -15,6 +15,8 @@
 
 class DriverCommand {
  public:
+  // An empty command.
+  DriverCommand() = default;
   // A command of `length` bytes (at least the header's), header included, with length, request value and handshake set.
   // A fresh helper for the handshake is stored, after the buffer was allocated. An empty command (operator! is true)
   // when memory is short for either, or when the header cannot express the length.
@@ -54,7 +56,7 @@ class DriverCommand {
     void operator()(std::byte* buffer) const { std::free(buffer); }
   };
   std::unique_ptr<std::byte[], Free> mBuffer;
-  std::size_t mLength;
+  std::size_t mLength = 0;
 };
 
 // The steps of a command for one that lives in a buffer of its own: fills the header of a zero-filled command, and

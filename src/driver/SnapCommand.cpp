@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
-#include <optional>
 #include <set>
 #include <utility>
 
@@ -104,7 +103,7 @@ class SnapSet {
   std::uint64_t mMaxRelocBlocks = 0;
   RunMap mRuns;
   unsigned int mSize = 0;
-  std::optional<DriverCommand> mCommand;
+  DriverCommand mCommand;
   DeviceNumberPair mDevice{};  // of the volume whose entry is being filled, or of the one before
 };
 
@@ -184,8 +183,8 @@ int SnapSet::collectRuns() { return mDriver.getIoctlCmdSize(&mVolumes, &mRuns, &
 
 int SnapSet::allocateCommand() {
   const std::size_t length = sizeof(_ioctlCmd) + mSize + kDriverTrailerSize;
-  mCommand.emplace(length, static_cast<std::uint32_t>(mVolumes.size()), *mUtility);
-  if (!*mCommand) {
+  mCommand = DriverCommand(length, static_cast<std::uint32_t>(mVolumes.size()), *mUtility);
+  if (!mCommand) {
     syslog(LOG_ERR, "Memory Allocation Failure.\n");
     return 3;
   }
@@ -214,7 +213,7 @@ int SnapSet::fillEntries() {
 int SnapSet::fillEntry(SnapVolumeInformation& volume, unsigned int index, std::size_t offset) {
   syslog(LOG_INFO, "SnapvolName: %s, RelocVolName: %s, RelocFileName: %s.\n", volume.getcStrSnapVolumeName(),
          volume.getcStrRelocVolumeName(), volume.getcStrRelocFileName());
-  auto& entry = *mCommand->at<SnapVolumeEntry>(offset);
+  auto& entry = *mCommand.at<SnapVolumeEntry>(offset);
   fillSizes(volume, entry);
   fillDevice(volume, entry);
   nameSnapshotDevice(volume);
@@ -284,13 +283,13 @@ int SnapSet::fillRequests(const SnapVolumeInformation& volume, SnapVolumeEntry& 
 void SnapSet::fillRuns(const RunList* runs, SnapVolumeEntry& entry, std::size_t offset) {
   if (runs == nullptr) return;
   entry.numRuns = static_cast<std::uint32_t>(runs->size());
-  auto* field = mCommand->at<_run>(offset);
+  auto* field = mCommand.at<_run>(offset);
   for (const _run* run : *runs) *field++ = *run;
 }
 
 int SnapSet::issue() {
   logSize();
-  return mCommand->issue(mControl.get(), IOC_SNAP);
+  return mCommand.issue(mControl.get(), IOC_SNAP);
 }
 
 // Gives back what the set holds and removes the relocation files.
@@ -302,7 +301,7 @@ void SnapSet::abandon() {
 
 // What the driver's refusal means; `error` is that of the request.
 int SnapSet::refusal(int error) {
-  switch (mCommand->header().driverStatus) {
+  switch (mCommand.header().driverStatus) {
     case kDeviceSnapped:
       syslog(LOG_ERR, "The Device is already snapped.\n");
       return 11;

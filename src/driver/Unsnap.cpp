@@ -92,15 +92,7 @@ unsigned int discardSnappedVolumes(unsigned int count, const DeviceNumberPair* v
 }
 
 unsigned int SnapDriverInterface::UnSnapVolume(std::list<std::wstring>* volumes, bool flag) {
-  if (volumes == nullptr) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 1288, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  if (volumes->empty()) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 1289, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  const auto pairs = resolveVolumes(volumes);
+  const auto pairs = resolveVolumes(volumes, 1288);
   if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
   return discardSnappedVolumes(static_cast<unsigned int>(volumes->size()), pairs.get(), flag);
 }

@@ -108,7 +108,15 @@ unsigned int getDeviceNumbers(std::list<std::wstring>* volumes, DeviceNumberPair
   return 0;
 }
 
-std::unique_ptr<DeviceNumberPair[]> resolveVolumes(std::list<std::wstring>* volumes) {
+std::unique_ptr<DeviceNumberPair[]> resolveVolumes(std::list<std::wstring>* volumes, int line) {
+  if (volumes == nullptr) {
+    syslog(LOG_ERR, "assert at %d in %s failed.\n", line, "LinuxSnapLib.cpp");
+    return nullptr;
+  }
+  if (volumes->empty()) {
+    syslog(LOG_ERR, "assert at %d in %s failed.\n", line + 1, "LinuxSnapLib.cpp");
+    return nullptr;
+  }
   std::unique_ptr<DeviceNumberPair[]> pairs(new (std::nothrow) DeviceNumberPair[volumes->size()]);
   if (pairs == nullptr) {
     syslog(LOG_ERR, "Error Allocating memory.\n");

@@ -30,5 +30,6 @@ unsigned int getDeviceNumber(const char* path, DeviceNumberPair* pair);
 // filled before a failure stay filled.
 unsigned int getDeviceNumbers(std::list<std::wstring>* volumes, DeviceNumberPair* pairs);
 
-// The numbers of all names, in list order; null, logged, when memory is short or a name is no block device.
-std::unique_ptr<DeviceNumberPair[]> resolveVolumes(std::list<std::wstring>* volumes);
+// The numbers of all names, in list order. Null, logged, when there is no list (with the number `line`) or nothing in
+// it (with the number after it), when memory is short and when a name is no block device.
+std::unique_ptr<DeviceNumberPair[]> resolveVolumes(std::list<std::wstring>* volumes, int line);

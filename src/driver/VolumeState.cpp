@@ -6,9 +6,8 @@
 #include <cerrno>
 #include <optional>
 
-#include "driver/ControlDevice.h"
-#include "driver/DriverCommand.h"
 #include "driver/LinuxSnapLib.h"
+#include "driver/VolumeCommands.h"
 
 namespace {
 
@@ -19,52 +18,21 @@ enum VolumeStatus : std::int32_t {
   kNotFrozen = -7,
 };
 
-// The driver's status word for `volume` after `request`; nothing, logged, when the driver could not be asked.
-std::optional<std::int32_t> askVolumeStatus(const std::string& volume, unsigned long request) {
-  DeviceNumberPair number{};
-  if (getDeviceNumber(volume.c_str(), &number) != 0) {
-    syslog(LOG_ERR, "Invalid block device: %s.\n", volume.c_str());
-    return std::nullopt;
-  }
-  const UniqueFd device = openDriver();
-  if (!device) return std::nullopt;
-  DriverCommand command(sizeof(_ioctlCmd) + sizeof(VolumeCheckPayload) + kDriverTrailerSize, 1);
-  if (!command) {
-    syslog(LOG_ERR, "Error Allocating memory.\n");
-    return std::nullopt;
-  }
-  auto* payload = command.record<VolumeCheckPayload>();
-  payload->majorNum = number.majorNum;
-  payload->minorNum = number.minorNum;
-  if (command.issue(device.get(), request) != 0) {
-    syslog(LOG_ERR, "CheckVolume IOCTL failed, errno:%d\n", errno);
-    return std::nullopt;
-  }
-  return command.header().driverStatus;
-}
+void logCheckFailure(int error) { syslog(LOG_ERR, "CheckVolume IOCTL failed, errno:%d\n", error); }
 
-// A freeze or thaw command for `count` volumes; empty, logged, when memory is short.
-DriverCommand makeVolumeListCommand(const DeviceNumberPair* pairs, std::size_t count) {
-  DriverCommand command(sizeof(_ioctlCmd) + count * sizeof(VolumeListEntry) + kDriverTrailerSize,
-                        static_cast<std::uint32_t>(count));
-  if (!command) {
-    syslog(LOG_ERR, "Error Allocating memory.\n");
-    return command;
-  }
+void logVolumes(DriverCommand& command, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
-    auto* entry = command.record<VolumeListEntry>(i);
-    entry->majorNum = pairs[i].majorNum;
-    entry->minorNum = pairs[i].minorNum;
+    const auto* entry = command.record<VolumeListEntry>(i);
     // The contract: thawing logs this text too.
-    syslog(LOG_DEBUG, "FREEZE VOL ID: (MAJ, MIN): (%d, %d).\n", pairs[i].majorNum, pairs[i].minorNum);
+    syslog(LOG_DEBUG, "FREEZE VOL ID: (MAJ, MIN): (%d, %d).\n", static_cast<int>(entry->majorNum),
+           static_cast<int>(entry->minorNum));
   }
-  return command;
 }
 
 }  // namespace
 
 bool SnapDriverInterface::IsVolumeSnapped(const std::string& volume) {
-  const std::optional<std::int32_t> status = askVolumeStatus(volume, IOC_CHECK_VOLUME_SNAPPED);
+  const std::optional<std::int32_t> status = askVolumeStatus(volume, IOC_CHECK_VOLUME_SNAPPED, &logCheckFailure);
   if (!status) return false;
   switch (*status) {
     case kNotSnapped:
@@ -80,7 +48,7 @@ bool SnapDriverInterface::IsVolumeSnapped(const std::string& volume) {
 }
 
 bool SnapDriverInterface::IsVolumeFrozen(const std::string& volume) {
-  const std::optional<std::int32_t> status = askVolumeStatus(volume, IOC_CHECK_VOLUME_FROZEN);
+  const std::optional<std::int32_t> status = askVolumeStatus(volume, IOC_CHECK_VOLUME_FROZEN, &logCheckFailure);
   if (!status) return false;
   switch (*status) {
     case kNotFrozen:
@@ -115,20 +83,10 @@ unsigned int SnapDriverInterface::checkIfVolFrozen(std::list<SnapVolumeInformati
 }
 
 unsigned int SnapDriverInterface::FreezeVolume(std::list<std::wstring>* volumes) {
-  if (volumes == nullptr) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 2502, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  if (volumes->empty()) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 2503, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  const auto pairs = resolveVolumes(volumes);
-  if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
-  const UniqueFd device = openDriver();
-  if (!device) return 5;
-  DriverCommand command = makeVolumeListCommand(pairs.get(), volumes->size());
-  if (!command) return 3;
+  UniqueFd device;
+  DriverCommand command;
+  if (const unsigned int result = prepareVolumeList(volumes, 2502, device, command); result != 0) return result;
+  logVolumes(command, volumes->size());
 
   unsigned int result = 0;
   if (command.issue(device.get(), IOC_FREEZE) != 0) {
@@ -141,20 +99,10 @@ unsigned int SnapDriverInterface::FreezeVolume(std::list<std::wstring>* volumes)
 }
 
 unsigned int SnapDriverInterface::ThawVolume(std::list<std::wstring>* volumes) {
-  if (volumes == nullptr) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 2606, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  if (volumes->empty()) {
-    syslog(LOG_ERR, "assert at %d in %s failed.\n", 2607, "LinuxSnapLib.cpp");
-    return 3;
-  }
-  const auto pairs = resolveVolumes(volumes);
-  if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
-  const UniqueFd device = openDriver();
-  if (!device) return 5;
-  DriverCommand command = makeVolumeListCommand(pairs.get(), volumes->size());
-  if (!command) return 3;
+  UniqueFd device;
+  DriverCommand command;
+  if (const unsigned int result = prepareVolumeList(volumes, 2606, device, command); result != 0) return result;
+  logVolumes(command, volumes->size());
 
   unsigned int result = 0;
   if (command.issue(device.get(), IOC_THAW) != 0) {
