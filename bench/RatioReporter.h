@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Prints pairs of benchmarks as ratios: "NAME/library" against "NAME/bare", by the medians of their repetitions, and
+// Prints pairs of benchmarks as ratios: "NAME/library" against "NAME/bare", by the fastest of their repetitions, and
 // tells whether each keeps its bound.
 #pragma once
 

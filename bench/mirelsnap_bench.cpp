@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <malloc.h>
+#include <mirelsnap/DriverInterface.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -21,7 +22,6 @@
 #include <cstdio>
 #include <cstring>
 #include <list>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,7 +30,7 @@
 #include "RatioReporter.h"
 #include "World.h"
 #include "driver/DriverProtocol.h"
-#include "driver/LinuxSnapLib.h"
+#include "driver/RunMap.h"
 #include "qxtools/Handle.h"
 #include "reloc/LinuxSnapshotreloc.h"
 
@@ -92,27 +92,19 @@ struct MappedVolume {
 
 std::unique_ptr<MappedVolume> mapped;
 
-void freeRuns(std::map<unsigned int, std::list<_run*>*>& runs) {
-  for (auto& [index, list] : runs) {
-    for (_run* run : *list) delete run;
-    delete list;
-  }
-  runs.clear();
-}
-
 void mapLibrary(benchmark::State& state) {
   for (auto _ : state) {
     std::list<SnapVolumeInformation> volumes;
     volumes.emplace_back(kBlock, 3 * kGiB / kBlock, mapped->volume.wdevice(), false, true, 0U);
     volumes.front().setRelocFileName(mapped->file.GetRelocFileName());
-    std::map<unsigned int, std::list<_run*>*> runs;
+    RunMap runs;
     unsigned int size = 0;
     const auto start = Clock::now();
     if (SnapDriverInterface::mInstance->getIoctlCmdSize(&volumes, &runs, &size) != 0 || runs.size() != 1) {
       state.SkipWithError("the file could not be mapped");
     }
     state.SetIterationTime(secondsSince(start));
-    freeRuns(runs);
+    freeRunMap(runs);
   }
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Change tracking: whether it is active, what identifies it, which blocks changed, which are in use, stopping it.
+#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -10,8 +11,8 @@
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
-#include "driver/LinuxSnapLib.h"
 #include "driver/VolumeCommands.h"
+#include "driver/VolumeRecords.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The driver's own state, as it tells it.
+#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <cerrno>
@@ -8,7 +9,7 @@
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
-#include "driver/LinuxSnapLib.h"
+#include "driver/VolumeRecords.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "driver/LinuxSnapLib.h"
-
+//
+// The one object of a process that talks to the driver: its life, the driver's version and its log level.
+#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <cerrno>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Repairing what processes left that died while they held snapshots.
+#include <mirelsnap/DriverInterface.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -15,9 +16,10 @@
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
-#include "driver/LinuxSnapLib.h"
-#include "driver/RelocFileRemoval.h"
+#include "driver/Unsnap.h"
+#include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationFileRemoval.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 namespace {

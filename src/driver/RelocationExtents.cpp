@@ -3,6 +3,7 @@
 // Relocation files as physical block runs, and the size of the snap command that carries them.
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <mirelsnap/DriverInterface.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -13,7 +14,7 @@
 #include <new>
 
 #include "driver/DriverProtocol.h"
-#include "driver/LinuxSnapLib.h"
+#include "driver/RelocationFileLocation.h"
 #include "driver/RunMap.h"
 #include "qxtools/Handle.h"
 

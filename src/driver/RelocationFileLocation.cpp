@@ -1,40 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Which relocation files lie on a volume.
+#include "driver/RelocationFileLocation.h"
+
 #include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
-#include <array>
+#include <cstdlib>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "driver/LinuxSnapLib.h"
+#include "driver/VolumeRecords.h"
 #include "qxtools/Handle.h"
 #include "reloc/DriverReference.h"
 #include "sysinfo/LinuxSystemInfo.h"
+#include "sysinfo/MountTable.h"
 
 namespace {
 
-// One line of the mount table.
-struct MountedDevice {
-  std::string device;
-  std::string folder;
-};
+using mirelsnapsdk_linuxcomputer::MountEntry;
+using MountTable = std::vector<MountEntry>;
 
-std::vector<MountedDevice> readMountTable() {
-  std::vector<MountedDevice> table;
-  const UniqueMountTable file(setmntent("/proc/mounts", "r"));
-  if (!file) return table;
-  // Room for two paths of the longest kind with every character escaped.
-  std::array<char, 65536> line{};
-  mntent entry{};
-  while (getmntent_r(file.get(), &entry, line.data(), static_cast<int>(line.size())) != nullptr) {
-    table.push_back({entry.mnt_fsname, entry.mnt_dir});
-  }
-  return table;
-}
+// A table that cannot be read lists nothing.
+MountTable currentMounts() { return mirelsnapsdk_linuxcomputer::readMountTable().value_or(MountTable()); }
 
 std::optional<std::string> resolve(const std::string& path) {
   const std::unique_ptr<char, FreeMemory> resolved(realpath(path.c_str(), nullptr));
@@ -62,9 +51,9 @@ class SoughtDevice {
   std::optional<dev_t> mNumber;
 };
 
-bool isMountedOn(const std::vector<MountedDevice>& table, const SoughtDevice& device, const std::string& folder) {
-  for (const MountedDevice& entry : table) {
-    if (entry.folder == folder && device.isNamed(entry.device)) return true;
+bool isMountedOn(const MountTable& table, const SoughtDevice& device, const std::string& folder) {
+  for (const MountEntry& entry : table) {
+    if (entry.dir == folder && device.isNamed(entry.fsname)) return true;
   }
   return false;
 }
@@ -81,11 +70,11 @@ std::string parentOf(const std::string& path) {
 std::string deviceHolding(const std::string& path) {
   const std::optional<std::string> resolved = resolve(path);
   if (!resolved) return {};
-  const std::vector<MountedDevice> table = readMountTable();
+  const MountTable table = currentMounts();
   for (std::string current = *resolved; !current.empty(); current = parentOf(current)) {
     const auto top =
-        std::find_if(table.rbegin(), table.rend(), [&](const MountedDevice& entry) { return entry.folder == current; });
-    if (top != table.rend()) return top->device;
+        std::find_if(table.rbegin(), table.rend(), [&](const MountEntry& entry) { return entry.dir == current; });
+    if (top != table.rend()) return top->fsname;
   }
   return {};
 }
@@ -107,7 +96,7 @@ bool liesOn(const std::string& file, const std::string& volume, const std::strin
 bool inPartitionRelocFile(const std::string& path, const std::string& device) {
   const std::optional<std::string> resolved = resolve(path);
   if (!resolved) return false;
-  const std::vector<MountedDevice> table = readMountTable();
+  const MountTable table = currentMounts();
   const SoughtDevice sought(device);
   // The contract: a mount of another device does not end the search, so a file also lies on the device that its file
   // system's mount point lies on.

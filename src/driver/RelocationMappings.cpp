@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The driver's mappings from snapped volumes to their relocation files.
+#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <cerrno>
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
-#include "driver/LinuxSnapLib.h"
 
 namespace {
 

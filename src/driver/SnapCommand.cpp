@@ -3,6 +3,7 @@
 // Taking the snapshots of a set of volumes with one driver command.
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <mirelsnap/DriverInterface.h>
 #include <sys/ioctl.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -17,10 +18,10 @@
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
-#include "driver/LinuxSnapLib.h"
 #include "driver/LinuxSnapLibUtil.h"
 #include "driver/RunMap.h"
 #include "driver/TrackingGuid.h"
+#include "driver/VolumeRecords.h"
 
 namespace {
 

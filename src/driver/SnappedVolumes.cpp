@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Which volumes the driver holds snapshots of.
+#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -8,7 +9,7 @@
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
-#include "driver/LinuxSnapLib.h"
+#include "driver/VolumeRecords.h"
 
 namespace {
 

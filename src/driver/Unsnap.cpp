@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Discarding snapshots, with their relocation files.
+#include "driver/Unsnap.h"
+
+#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <cerrno>
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
-#include "driver/LinuxSnapLib.h"
-#include "driver/RelocFileRemoval.h"
+#include "reloc/RelocationFileRemoval.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 namespace {

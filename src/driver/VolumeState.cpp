@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Whether volumes are snapped or frozen, and freezing and thawing them.
+#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <cerrno>
 #include <optional>
 
-#include "driver/LinuxSnapLib.h"
 #include "driver/VolumeCommands.h"
 
 namespace {

@@ -128,11 +128,8 @@ unsigned int LinuxSnapshotreloc::initializeRelocLocationOption(unsigned long fal
     syslog(LOG_ERR, "User provided Mount point is not writable.\n");
     return refuseChosenMount(ChosenMount::kNotWritable);
   }
-  std::uint64_t availKB = 0;
-  std::uint64_t usedKB = 0;
-  std::uint32_t blockSize = 0;
-  std::uint64_t fsType = 0;
-  if (GetMountSizeDetails(mRelocMountName, &availKB, &usedKB, &blockSize, &fsType) != 0) {
+  Sizes sizes;
+  if (readSizes(mRelocMountName, sizes) != 0) {
     syslog(LOG_ERR, "User provided Mount point not valid.\n");
     driver.neverGiveBack();
     return refuseChosenMount(ChosenMount::kNotReadable);
@@ -142,9 +139,9 @@ unsigned int LinuxSnapshotreloc::initializeRelocLocationOption(unsigned long fal
     driver.neverGiveBack();
     return refuseChosenMount(ChosenMount::kNotReadable);
   }
-  mRelocNumBlks = sizeOnChosenMount(availKB, fallbackSize);
+  mRelocNumBlks = sizeOnChosenMount(sizes.availKB, fallbackSize);
   nameFileOn(mRelocMountName);
-  mFSType = fsType;
+  mFSType = sizes.fsType;
   return kRelocSuccess;
 }
 

@@ -21,6 +21,8 @@ inline const std::string RELOC_FILE_LOCATION = ".verrelocarea";
 // `name` with every "/" replaced by "_".
 std::string prepareRelocFileName(std::string name);
 
+class DriverReference;
+
 class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
  public:
   // With the caller's options: a size (0: not given), a mount point (empty: not given). `relocEntriesInMemory` bounds
@@ -138,8 +140,21 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // Notes why the caller's mount point is refused; 17.
   unsigned int refuseChosenMount(ChosenMount why);
 
+  // What a file system tells of itself.
+  struct Sizes {
+    std::uint64_t availKB = 0;
+    std::uint64_t usedKB = 0;
+    std::uint32_t blockSize = 0;
+    std::uint64_t fsType = 0;
+  };
+  // GetMountSizeDetails into a record, which a failure leaves as it was.
+  unsigned int readSizes(const std::string& mountPoint, Sizes& sizes);
+
   // Steps of the searches.
 
+  // Why the file system cannot take the file; nothing when it can.
+  std::optional<PassedOver> obstacleOn(const mirelsnapsdk_linuxcomputer::MountEntry& mount,
+                                       const DriverReference& driver);
   // The other file system with the most free space; FAT only as a last resort.
   Candidate findLargestFileSystem();
   // Size of a file on a file system other than the volume's own, with `availKB` free.

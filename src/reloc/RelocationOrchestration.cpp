@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationFileRemoval.h"
 #include "reloc/RelocationForecast.h"
 #include "reloc/RelocationStatus.h"
 
@@ -33,6 +34,21 @@ std::unique_ptr<Reloc> makeFor(SnapVolumeInformation& volume, unsigned long entr
                                  volume.getRelocFileSize(), volume.getcStrRelocMountName(), entriesInMemory);
 }
 
+// The placement's decision, into the record.
+void takeOverFile(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
+  volume.setRelocFileName(reloc.GetRelocFileName());
+  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
+}
+
+void takeOverSize(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
+  volume.setRelocFileSize(static_cast<unsigned int>(reloc.GetRelocNumBlks()));
+}
+
+void logPlacement(int priority, const SnapVolumeInformation& volume) {
+  syslog(priority, "SVName: %s, RFName: %s, RVName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
+         volume.getcStrRelocFileName(), volume.getcStrRelocVolumeName(), static_cast<int>(volume.getRelocFileSize()));
+}
+
 // Each of the four ways fills the record's relocation fields; a failure is logged.
 
 unsigned int placeFreely(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
@@ -40,11 +56,9 @@ unsigned int placeFreely(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volum
     syslog(LOG_ERR, "Reloc options are not correct.\n");
     return status;
   }
-  volume.setRelocFileName(reloc.GetRelocFileName());
-  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
-  volume.setRelocFileSize(static_cast<unsigned int>(reloc.GetRelocNumBlks()));
-  syslog(LOG_INFO, "SVName: %s, RFName: %s, RVName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
-         volume.getcStrRelocFileName(), volume.getcStrRelocVolumeName(), static_cast<int>(volume.getRelocFileSize()));
+  takeOverFile(reloc, volume);
+  takeOverSize(reloc, volume);
+  logPlacement(LOG_INFO, volume);
   return kRelocSuccess;
 }
 
@@ -54,12 +68,9 @@ unsigned int placeOnMount(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volu
     syslog(LOG_ERR, "Unable to initialize user selected reloc option.\n");
     return status;
   }
-  volume.setRelocFileName(reloc.GetRelocFileName());
-  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
-  volume.setRelocFileSize(static_cast<unsigned int>(reloc.GetRelocNumBlks()));
-  // The contract: at error priority, although it reports success.
-  syslog(LOG_ERR, "SVName: %s, RFName: %s, RVName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
-         volume.getcStrRelocFileName(), volume.getcStrRelocVolumeName(), static_cast<int>(volume.getRelocFileSize()));
+  takeOverFile(reloc, volume);
+  takeOverSize(reloc, volume);
+  logPlacement(LOG_ERR, volume);  // the contract: at error priority, although it reports success
   return kRelocSuccess;
 }
 
@@ -70,11 +81,8 @@ unsigned int placeWithSize(LinuxSnapshotreloc& reloc, SnapVolumeInformation& vol
     syslog(LOG_ERR, "Not able to find appropriate volume for reloc file.\n");
     return status;
   }
-  volume.setRelocFileName(reloc.GetRelocFileName());
-  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
-  // The contract: at error priority, although it reports success.
-  syslog(LOG_ERR, "SVName: %s, RFName: %s, RVName: %s, RVSize: %d.\n", volume.getcStrSnapVolumeName(),
-         volume.getcStrRelocFileName(), volume.getcStrRelocVolumeName(), static_cast<int>(volume.getRelocFileSize()));
+  takeOverFile(reloc, volume);
+  logPlacement(LOG_ERR, volume);  // the contract: at error priority, although it reports success
   return kRelocSuccess;
 }
 
@@ -89,8 +97,7 @@ unsigned int placeAsGiven(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volu
     syslog(LOG_ERR, "Unable to initialize user selected options.\n");
     return status;
   }
-  volume.setRelocFileName(reloc.GetRelocFileName());
-  volume.setRelocVolumeName(reloc.GetRelocDeviceName());
+  takeOverFile(reloc, volume);
   syslog(LOG_DEBUG, "Final options -- SnapVolName: %s, RMountName: %s, RVolName: %s, RVSize: %d.\n",
          volume.getcStrSnapVolumeName(), volume.getcStrRelocMountName(), volume.getcStrRelocVolumeName(),
          static_cast<int>(volume.getRelocFileSize()));
@@ -124,7 +131,7 @@ bool makeRelocationFile(SnapDriverInterface& driver, SnapVolumeInformation& volu
     syslog(LOG_ERR, "Reloc File couldnt be created.\n");
     return false;
   }
-  volume.setRelocFileSize(static_cast<unsigned int>(reloc->GetRelocNumBlks()));
+  takeOverSize(*reloc, volume);
   remaining -= reloc->GetRelocNumBlks();
   return true;
 }
@@ -232,7 +239,7 @@ void SnapDriverInterface::cleanRelocFiles(std::list<SnapVolumeInformation>* volu
     const std::string& fileName = volume.getRelocFileName();
     unlink(fileName.c_str());
     deleteMapping(*this, volume);
-    const std::string directory = fileName.substr(0, fileName.rfind('/'));
+    const std::string directory = relocFileDirectory(fileName);
     system.DeleteDirectoryIfEmpty(directory);
     syslog(LOG_DEBUG, "Deleted directory: %s.\n", directory.c_str());
     syslog(LOG_DEBUG, "Deleted precreated RelocFile: %s.\n", fileName.c_str());

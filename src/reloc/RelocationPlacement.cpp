@@ -27,6 +27,20 @@ constexpr std::uint64_t kSmallUseKB = 0x7FFFF;
 // With this much free space (40 GiB) a file system is never passed over in favour of FAT.
 constexpr std::uint64_t kFatLastResortKB = 0x2800000;
 
+void logPassedOver(const MountEntry& mount, PassedOver why) {
+  switch (why) {
+    case PassedOver::kSnapped:
+      syslog(LOG_DEBUG, "Volume %s is already snapped.\n", mount.fsname.c_str());
+      break;
+    case PassedOver::kFrozen:
+      syslog(LOG_DEBUG, "Volume %s is already frozen.\n", mount.fsname.c_str());
+      break;
+    case PassedOver::kNotWritable:
+      syslog(LOG_DEBUG, "Volume %s is read only.\n", mount.dir.c_str());
+      break;
+  }
+}
+
 }  // namespace
 
 bool LinuxSnapshotreloc::IsMountPointWritable(const std::string& mountPoint) {
@@ -86,6 +100,17 @@ unsigned int LinuxSnapshotreloc::GetMountSizeDetails(const std::string& mountPoi
   return LinuxSystemInfo::GetMountSizeDetails(mountPoint, availKB, usedKB, blockSize, fsType);
 }
 
+unsigned int LinuxSnapshotreloc::readSizes(const std::string& mountPoint, Sizes& sizes) {
+  return GetMountSizeDetails(mountPoint, &sizes.availKB, &sizes.usedKB, &sizes.blockSize, &sizes.fsType);
+}
+
+std::optional<PassedOver> LinuxSnapshotreloc::obstacleOn(const MountEntry& mount, const DriverReference& driver) {
+  if (driver.isSnapped(mount.fsname)) return PassedOver::kSnapped;
+  if (driver.isFrozen(mount.fsname)) return PassedOver::kFrozen;
+  if (!IsMountPointWritable(mount.dir)) return PassedOver::kNotWritable;
+  return std::nullopt;
+}
+
 void LinuxSnapshotreloc::passOver(const MountEntry& mount, PassedOver why) {
   mReasons.passedOver.push_back({mount.fsname, mount.dir, why});
 }
@@ -113,37 +138,23 @@ LinuxSnapshotreloc::Candidate LinuxSnapshotreloc::findLargestFileSystem() {
   const DriverReference driver;
   Candidate best;
   Candidate bestFat;
-  // A failed query leaves them as they were: the contract.
-  std::uint64_t availKB = 0;
-  std::uint64_t usedKB = 0;
-  std::uint32_t blockSize = 0;
-  std::uint64_t fsType = 0;
+  Sizes sizes;  // a failed query leaves them as they were: the contract
   for (const MountEntry& mount : mounts) {
     if (mount.fsname == mSnappedDeviceName) continue;
     syslog(LOG_DEBUG, "Volume being checked: %s.\n", mount.dir.c_str());
-    if (driver.isSnapped(mount.fsname)) {
-      syslog(LOG_DEBUG, "Volume %s is already snapped.\n", mount.fsname.c_str());
-      passOver(mount, PassedOver::kSnapped);
+    if (const std::optional<PassedOver> why = obstacleOn(mount, driver)) {
+      logPassedOver(mount, *why);
+      passOver(mount, *why);
       continue;
     }
-    if (driver.isFrozen(mount.fsname)) {
-      syslog(LOG_DEBUG, "Volume %s is already frozen.\n", mount.fsname.c_str());
-      passOver(mount, PassedOver::kFrozen);
-      continue;
-    }
-    if (!IsMountPointWritable(mount.dir)) {
-      syslog(LOG_DEBUG, "Volume %s is read only.\n", mount.dir.c_str());
-      passOver(mount, PassedOver::kNotWritable);
-      continue;
-    }
-    static_cast<void>(GetMountSizeDetails(mount.dir, &availKB, &usedKB, &blockSize, &fsType));
-    if (fsType == kFatMagic) {
-      if (availKB <= bestFat.availKB) continue;
+    static_cast<void>(readSizes(mount.dir, sizes));
+    if (sizes.fsType == kFatMagic) {
+      if (sizes.availKB <= bestFat.availKB) continue;
       syslog(LOG_DEBUG, "Volume being checked is FAT \n");
-      bestFat = {availKB, fsType, mount};
+      bestFat = {sizes.availKB, sizes.fsType, mount};
     } else {
-      syslog(LOG_DEBUG, "AvailS: %lu, UsedS: %lu, blockSize: %u.\n", availKB, usedKB, blockSize);
-      if (availKB > best.availKB) best = {availKB, fsType, mount};
+      syslog(LOG_DEBUG, "AvailS: %lu, UsedS: %lu, blockSize: %u.\n", sizes.availKB, sizes.usedKB, sizes.blockSize);
+      if (sizes.availKB > best.availKB) best = {sizes.availKB, sizes.fsType, mount};
     }
   }
   if (best.availKB < bestFat.availKB && best.availKB < kFatLastResortKB) {
@@ -174,27 +185,16 @@ unsigned int LinuxSnapshotreloc::checkOtherMountVolumeForReloc() {
   const std::vector<MountEntry> mounts = GetProcMounts();
   DriverReference driver;
   Candidate best;
-  std::uint64_t availKB = 0;
-  std::uint64_t usedKB = 0;
-  std::uint32_t blockSize = 0;
-  std::uint64_t fsType = 0;
+  Sizes sizes;  // a failed query leaves them as they were: the contract
   for (const MountEntry& mount : mounts) {
     if (mount.fsname == mSnappedDeviceName) continue;
-    if (driver.isSnapped(mount.fsname)) {
-      passOver(mount, PassedOver::kSnapped);
+    if (const std::optional<PassedOver> why = obstacleOn(mount, driver)) {
+      passOver(mount, *why);
       continue;
     }
-    if (driver.isFrozen(mount.fsname)) {
-      passOver(mount, PassedOver::kFrozen);
-      continue;
-    }
-    if (!IsMountPointWritable(mount.dir)) {
-      passOver(mount, PassedOver::kNotWritable);
-      continue;
-    }
-    static_cast<void>(GetMountSizeDetails(mount.dir, &availKB, &usedKB, &blockSize, &fsType));
-    if (availKB > mAvailSizeKOfVolume && availKB > toKB(mRelocNumBlks) && availKB > best.availKB) {
-      best = {availKB, fsType, mount};
+    static_cast<void>(readSizes(mount.dir, sizes));
+    if (sizes.availKB > mAvailSizeKOfVolume && sizes.availKB > toKB(mRelocNumBlks) && sizes.availKB > best.availKB) {
+      best = {sizes.availKB, sizes.fsType, mount};
     }
   }
   if (best.availKB == 0) {
@@ -207,6 +207,6 @@ unsigned int LinuxSnapshotreloc::checkOtherMountVolumeForReloc() {
   mVolMountPoint = best.mount.dir;
   nameFileOn(mVolMountPoint);
   mRelocDeviceName = best.mount.fsname;
-  mFSType = fsType;  // the contract: of the last file system looked at, which need not be the chosen one
+  mFSType = sizes.fsType;  // the contract: of the last file system looked at, which need not be the chosen one
   return kRelocSuccess;
 }

@@ -94,8 +94,8 @@ class LinuxSystemInfo {
   std::map<std::string, std::uint64_t> memInfo;                    // /proc/meminfo, in kB
 
  private:
-  // One entry of the mount table with its device's real path.
-  MountEntry resolveMountedDevice(const mntent& record);
+  // The real path of a device as the mount table names it.
+  std::string realDeviceOf(const std::string& device);
   // Registers every symbolic link of the tree at `path`, a directory.
   void linkAliasesInDirectory(const std::string& path);
   // Registers the symbolic link `path`; a relative text starts at `parentDir`.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Which block devices are mounted where. Every query reads the kernel's table afresh.
+#include "sysinfo/MountTable.h"
+
 #include <mntent.h>
 #include <sys/vfs.h>
 #include <syslog.h>
@@ -9,6 +11,7 @@
 #include <cerrno>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 #include "qxtools/Handle.h"
 #include "sysinfo/LinuxSystemInfo.h"
@@ -38,30 +41,36 @@ void printSizes(const struct statfs& sizes) {
 
 }  // namespace
 
-std::vector<MountEntry> LinuxSystemInfo::GetProcMounts() {
-  std::vector<MountEntry> mounts;
+std::optional<std::vector<MountEntry>> readMountTable() {
   const UniqueMountTable table(setmntent("/proc/mounts", "r"));
-  if (!table) {
-    syslog(LOG_ERR, "GetProcMounts Could not open /proc/mounts : %d.\n", errno);
-    return mounts;
-  }
+  if (!table) return std::nullopt;
+  std::vector<MountEntry> entries;
   std::vector<char> line(kLineLength);
   mntent record;
   while (getmntent_r(table.get(), &record, line.data(), static_cast<int>(line.size())) != nullptr) {
-    if (isListedDevice(record.mnt_fsname)) mounts.push_back(resolveMountedDevice(record));
+    entries.emplace_back(record);
   }
-  std::sort(mounts.begin(), mounts.end(), MountEntryDeviceLess());
-  return mounts;
+  return entries;
 }
 
-MountEntry LinuxSystemInfo::resolveMountedDevice(const mntent& record) {
-  MountEntry entry(record);
+std::vector<MountEntry> LinuxSystemInfo::GetProcMounts() {
+  std::optional<std::vector<MountEntry>> mounts = readMountTable();
+  if (!mounts) {
+    syslog(LOG_ERR, "GetProcMounts Could not open /proc/mounts : %d.\n", errno);
+    return {};
+  }
+  std::erase_if(*mounts, [](const MountEntry& entry) { return !isListedDevice(entry.fsname); });
+  for (MountEntry& entry : *mounts) entry.fsname = realDeviceOf(entry.fsname);
+  std::sort(mounts->begin(), mounts->end(), MountEntryDeviceLess());
+  return std::move(*mounts);
+}
+
+std::string LinuxSystemInfo::realDeviceOf(const std::string& device) {
   // Every device that is looked up stays in the map, those without an alias with an empty value. That is the contract.
-  const std::string& realDevice = volumeAliases[record.mnt_fsname];
-  if (!realDevice.empty()) entry.fsname = realDevice;
+  const std::string& realDevice = volumeAliases[device];
   // Asked of the name as read, so that it wins over an alias.
-  if (std::string_view(record.mnt_fsname) == "/dev/root") entry.fsname = bootDeviceName;
-  return entry;
+  if (device == "/dev/root") return bootDeviceName;
+  return realDevice.empty() ? device : realDevice;
 }
 
 std::vector<std::string> LinuxSystemInfo::GetMountPoints(const std::string& volume) {

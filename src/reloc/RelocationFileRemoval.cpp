@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "driver/RelocFileRemoval.h"
+#include "reloc/RelocationFileRemoval.h"
 
 #include <syslog.h>
 #include <unistd.h>
