@@ -11,7 +11,7 @@
 #include "Failure.h"
 #include "Text.h"
 #include "Verbs.h"
-#include "qxtools/Handle.h"
+#include "qxtools/StandardStreams.h"
 
 namespace {
 

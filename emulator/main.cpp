@@ -7,7 +7,7 @@
 #include "Kernel.h"
 #include "Options.h"
 #include "Session.h"
-#include "qxtools/Handle.h"
+#include "qxtools/StandardStreams.h"
 
 int main(int argc, char** argv) {
   using namespace emulator;

@@ -17,6 +17,7 @@
 #include "engine/Boundary.h"
 #include "qxtools/Handle.h"
 #include "qxtools/Log.h"
+#include "qxtools/UnixUtils.h"
 
 namespace MirelSnapSnapshotCoordinator {
 

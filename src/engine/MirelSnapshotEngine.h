@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The engine object behind the agent's two interfaces. Only CreateSnapshotEngine leaves the library, through
-// GetCreatorFunction; the members are open to the job's worker and to the library's own tests.
+// GetCreatorFunction; the members are open to the job's worker and to the library's own tests. Who includes this header
+// has all of the engine's operations, those on paths, deadlines and leftover mounts too.
 #pragma once
 
 #include <pthread.h>
@@ -191,7 +192,9 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   // Construction: the driver's version, into the log and mVersionString.
   void readDriverVersion();
 
-  // Steps of AddToSnapshotSet.
+  // Steps of AddToSnapshotSet: S_OK, or the call's result.
+  int checkOpenForVolumes() const;
+  int checkVolume(const wchar_t* volume);
   int addNewVolume(const wchar_t* volume, const wchar_t* mountPoint, _SSGUIDPLAIN* snapshotId);
   int addFurtherMountPoint(const MirelSnapshotVolumeParams& known, const wchar_t* volume, const wchar_t* mountPoint,
                            _SSGUIDPLAIN* snapshotId);

@@ -6,6 +6,8 @@
 #include <new>
 
 #include "engine/MirelSnapshotEngine.h"
+#include "engine/MountPath.h"
+#include "qxtools/UnixUtils.h"
 
 namespace MirelSnapSnapshotCoordinator {
 namespace {

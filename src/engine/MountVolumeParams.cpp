@@ -2,7 +2,6 @@
 #include "engine/MountVolumeParams.h"
 
 #include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -16,11 +15,6 @@ namespace MirelSnapSnapshotCoordinator {
 namespace {
 
 bool IsAbsolute(const wchar_t* path) { return path != nullptr && path[0] == L'/'; }
-
-bool IsDirectory(const char* path) {
-  struct stat status;
-  return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
-}
 
 }  // namespace
 
@@ -36,7 +30,7 @@ MirelMountVolumeParams* MirelMountVolumeParams::CreateMountVolumeParams(const wc
 
   error = EINVAL;
   if (!IsLocalMountPoint(narrowOriginal.get())) return nullptr;
-  if (narrowBound != nullptr && !IsDirectory(narrowBound.get())) return nullptr;
+  if (narrowBound != nullptr && !UnixUtils::IsDirectory(narrowBound.get())) return nullptr;
 
   error = ENOMEM;
   auto* entry = new (std::nothrow) MirelMountVolumeParams;

@@ -10,6 +10,7 @@
 #include "engine/MirelSnapshotEngine.h"
 #include "engine/ReconcileSweep.h"
 #include "qxtools/Log.h"
+#include "qxtools/UnixUtils.h"
 
 namespace MirelSnapSnapshotCoordinator {
 namespace {

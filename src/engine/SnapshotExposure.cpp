@@ -13,7 +13,9 @@
 #include "engine/Boundary.h"
 #include "engine/GetDoneWrapper.h"
 #include "engine/MirelSnapshotEngine.h"
+#include "engine/MountPath.h"
 #include "qxtools/Log.h"
+#include "qxtools/UnixUtils.h"
 
 namespace MirelSnapSnapshotCoordinator {
 namespace {

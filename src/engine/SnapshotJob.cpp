@@ -7,6 +7,7 @@
 #include "engine/GetDoneWrapper.h"
 #include "engine/MirelSnapshotEngine.h"
 #include "qxtools/Log.h"
+#include "qxtools/UnixUtils.h"
 
 namespace MirelSnapSnapshotCoordinator {
 namespace {

@@ -76,47 +76,56 @@ int MirelSnapshotEngine::WaitForNewSnapshotSet(unsigned int timeoutMs) {
 
 int MirelSnapshotEngine::AddToSnapshotSet(const wchar_t* volume, const wchar_t* mountPoint, _SSGUIDPLAIN* snapshotId) {
   return AtBoundary([&] {
-    if (!hasSet()) {
-      QX_Zprintf(0,
-                 L"%hs: ERROR: ISNULL( mSnapshotSetParams )   ||  UnixInterfaces::InlineIsNULLGUID( "
-                 L"mSnapshotSetParams->GetSnapshotSetGUID() ), returning USC_E_BAD_STATE",
-                 kAddToSnapshotSet);
-      return USC_E_BAD_STATE;
-    }
-    if (mState != StateSnapshotSetStarted) {
-      QX_Zprintf(0,
-                 L"%hs: ERROR: Bad state of state machine: %hs, Expected: StateSnapshotSetStarted, returning "
-                 L"USC_E_BAD_STATE",
-                 kAddToSnapshotSet, SnapshotStateAsString(mState));
-      return USC_E_BAD_STATE;
-    }
-    if (volume == nullptr) {
-      QX_Zprintf(0, L"%hs: ERROR: NULL cwstrVolumeName, returning E_INVALIDARG", kAddToSnapshotSet);
-      return E_INVALIDARG;
-    }
-    const GetDoneWrapper<MirelSnapshotVolumeParams> snapped(sSnapshotSetParamsArray.FindVolume(volume));
-    if (!!snapped) {
-      QX_Zprintf(0, L"%hs: ERROR: Volume %ls already being snapped, returning USC_E_OBJECT_ALREADY_EXISTS!!!",
-                 kAddToSnapshotSet, volume);
-      return USC_E_OBJECT_ALREADY_EXISTS;
-    }
-    int supported = 0;
-    auto& engine = static_cast<UnixSnapshotCoordinator::IUscSnapshotEngine&>(*this);
-    if (engine.IsVolumeSupported(volume, &supported) < 0 || supported == 0) {
-      QX_Zprintf(0, L"%hs: ERROR: Volume %ls is not supported, returning USC_E_VOLUME_NOT_SUPPORTED!!!",
-                 kAddToSnapshotSet, volume);
-      return USC_E_VOLUME_NOT_SUPPORTED;
-    }
+    int result = checkOpenForVolumes();
+    if (result == S_OK) result = checkVolume(volume);
+    if (result != S_OK) return result;
     // Tested only now: a volume that cannot be snapped is told first.
     if (snapshotId == nullptr) {
       QX_Zprintf(0, L"%hs: ERROR: ptrGuidSnapshotID is NULL, returning E_POINTER!!!", kAddToSnapshotSet);
       return E_POINTER;
     }
-
     const GetDoneWrapper<MirelSnapshotVolumeParams> known(mSnapshotSetParams->GetFor(volume));
     return !known ? addNewVolume(volume, mountPoint, snapshotId)
                   : addFurtherMountPoint(*known.get(), volume, mountPoint, snapshotId);
   });
+}
+
+int MirelSnapshotEngine::checkOpenForVolumes() const {
+  if (!hasSet()) {
+    QX_Zprintf(0,
+               L"%hs: ERROR: ISNULL( mSnapshotSetParams )   ||  UnixInterfaces::InlineIsNULLGUID( "
+               L"mSnapshotSetParams->GetSnapshotSetGUID() ), returning USC_E_BAD_STATE",
+               kAddToSnapshotSet);
+    return USC_E_BAD_STATE;
+  }
+  if (mState != StateSnapshotSetStarted) {
+    QX_Zprintf(0,
+               L"%hs: ERROR: Bad state of state machine: %hs, Expected: StateSnapshotSetStarted, returning "
+               L"USC_E_BAD_STATE",
+               kAddToSnapshotSet, SnapshotStateAsString(mState));
+    return USC_E_BAD_STATE;
+  }
+  return S_OK;
+}
+
+int MirelSnapshotEngine::checkVolume(const wchar_t* volume) {
+  if (volume == nullptr) {
+    QX_Zprintf(0, L"%hs: ERROR: NULL cwstrVolumeName, returning E_INVALIDARG", kAddToSnapshotSet);
+    return E_INVALIDARG;
+  }
+  const GetDoneWrapper<MirelSnapshotVolumeParams> snapped(sSnapshotSetParamsArray.FindVolume(volume));
+  if (!!snapped) {
+    QX_Zprintf(0, L"%hs: ERROR: Volume %ls already being snapped, returning USC_E_OBJECT_ALREADY_EXISTS!!!",
+               kAddToSnapshotSet, volume);
+    return USC_E_OBJECT_ALREADY_EXISTS;
+  }
+  int supported = 0;
+  if (IsVolumeSupported(volume, &supported) < 0 || supported == 0) {
+    QX_Zprintf(0, L"%hs: ERROR: Volume %ls is not supported, returning USC_E_VOLUME_NOT_SUPPORTED!!!",
+               kAddToSnapshotSet, volume);
+    return USC_E_VOLUME_NOT_SUPPORTED;
+  }
+  return S_OK;
 }
 
 int MirelSnapshotEngine::addNewVolume(const wchar_t* volume, const wchar_t* mountPoint, _SSGUIDPLAIN* snapshotId) {

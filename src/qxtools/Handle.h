@@ -12,10 +12,6 @@
 #include <memory>
 #include <utility>
 
-// Opens /dev/null as each standard stream that is closed: the next file that is opened would stand in for it, and take
-// what is meant for the stream. False when it cannot be opened.
-bool openClosedStreams() noexcept;
-
 // An open descriptor, closed when its owner goes. Closing keeps errno, so that a failure can be reported afterwards.
 class UniqueFd {
  public:

@@ -15,46 +15,39 @@ namespace {
 
 constexpr std::size_t kNotConvertible = static_cast<std::size_t>(-1);
 
-bool IsDirectory(const char* path) {
-  struct stat status;
-  return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+// Converts with `step`, one of the C library's two: first to learn the length, then into memory of that length.
+template <class To, class From>
+std::unique_ptr<To[], FreeMemory> Convert(const From* text,
+                                          std::size_t (*step)(To*, const From**, std::size_t, std::mbstate_t*)) {
+  if (text == nullptr) return nullptr;
+  std::mbstate_t state{};
+  const From* source = text;
+  const std::size_t length = step(nullptr, &source, 0, &state);
+  if (length == kNotConvertible) return nullptr;
+  std::unique_ptr<To[], FreeMemory> converted(static_cast<To*>(std::malloc((length + 1) * sizeof(To))));
+  if (converted == nullptr) return nullptr;
+  state = std::mbstate_t{};
+  source = text;
+  if (step(converted.get(), &source, length + 1, &state) != length) return nullptr;
+  return converted;
 }
 
 }  // namespace
 
-NarrowText ConvertToANSI(const wchar_t* text) noexcept {
-  if (text == nullptr) return nullptr;
-  std::mbstate_t state{};
-  const wchar_t* source = text;
-  const std::size_t length = std::wcsrtombs(nullptr, &source, 0, &state);
-  if (length == kNotConvertible) return nullptr;
-  NarrowText narrow(static_cast<char*>(std::malloc(length + 1)));
-  if (narrow == nullptr) return nullptr;
-  state = std::mbstate_t{};
-  source = text;
-  if (std::wcsrtombs(narrow.get(), &source, length + 1, &state) != length) return nullptr;
-  return narrow;
-}
+NarrowText ConvertToANSI(const wchar_t* text) noexcept { return Convert<char, wchar_t>(text, &std::wcsrtombs); }
 
-WideText ConvertToWide(const char* text) noexcept {
-  if (text == nullptr) return nullptr;
-  std::mbstate_t state{};
-  const char* source = text;
-  const std::size_t length = std::mbsrtowcs(nullptr, &source, 0, &state);
-  if (length == kNotConvertible) return nullptr;
-  WideText wide(static_cast<wchar_t*>(std::malloc((length + 1) * sizeof(wchar_t))));
-  if (wide == nullptr) return nullptr;
-  state = std::mbstate_t{};
-  source = text;
-  if (std::mbsrtowcs(wide.get(), &source, length + 1, &state) != length) return nullptr;
-  return wide;
-}
+WideText ConvertToWide(const char* text) noexcept { return Convert<wchar_t, char>(text, &std::mbsrtowcs); }
 
 NarrowText ValidatePathAndConvertToANSI(const wchar_t* path) noexcept {
   if (path == nullptr || path[0] != L'/') return nullptr;
   NarrowText narrow = ConvertToANSI(path);
   if (narrow != nullptr && std::strlen(narrow.get()) >= PATH_MAX) return nullptr;
   return narrow;
+}
+
+bool IsDirectory(const char* path) noexcept {
+  struct stat status;
+  return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 int CreateDirectory(const char* path, mode_t mode) noexcept {

@@ -23,6 +23,8 @@ WideText ConvertToWide(const char* text) noexcept;
 // Narrow copy of a path. Null also for an empty or relative path and for one that PATH_MAX bytes cannot hold.
 NarrowText ValidatePathAndConvertToANSI(const wchar_t* path) noexcept;
 
+// Whether `path` leads to a directory.
+bool IsDirectory(const char* path) noexcept;
 // Makes one directory. 0, also when a directory is there already; else an errno.
 int CreateDirectory(const char* path, mode_t mode) noexcept;
 // Removes one empty directory. 0, or an errno.

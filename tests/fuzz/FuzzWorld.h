@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What every fuzz program starts with: the tests' private world, a silent system log, and no way to remove a file.
+// What every fuzz program starts with: the tests' private world and a silent system log.
 #pragma once
 
 #include <syslog.h>
@@ -13,12 +13,6 @@
 #include <string>
 
 #include "World.h"
-
-// Names that come from the fuzzer must not remove anything.
-#define MIRELSNAP_FUZZ_KEEPS_FILES                           \
-  extern "C" int unlink(const char*) noexcept { return -1; } \
-  extern "C" int rmdir(const char*) noexcept { return -1; }  \
-  extern "C" int remove(const char*) noexcept { return -1; }
 
 inline int layFuzzWorld() {
   test::layPrivateWorld();

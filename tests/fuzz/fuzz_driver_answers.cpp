@@ -15,8 +15,6 @@
 #include "FuzzWorld.h"
 #include "driver/DriverProtocol.h"
 
-MIRELSNAP_FUZZ_KEEPS_FILES
-
 namespace {
 
 const std::uint8_t* answer = nullptr;
@@ -66,6 +64,11 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   if (((request >> 8) & 0xFF) == 'S' && (request >> 30) == 3) return answerWithInput(argument);
   return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
 }
+
+// Names that the fuzzer made up must not remove anything.
+extern "C" int unlink(const char*) noexcept { return -1; }
+extern "C" int rmdir(const char*) noexcept { return -1; }
+extern "C" int remove(const char*) noexcept { return -1; }
 
 // No process of another is looked for by a number that the fuzzer made up.
 extern "C" int kill(pid_t pid, int) noexcept { return pid % 2 == 0 ? 0 : -1; }

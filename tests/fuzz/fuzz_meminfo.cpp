@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Any text as /proc/meminfo: it is read, or a line without a digit is refused with std::out_of_range.
-#include <dirent.h>
 #include <stdexcept>
 
 #include "FuzzWorld.h"

@@ -2,7 +2,6 @@
 //
 // Any bytes as names and paths: conversions answer null or the same text back, messages are never lost.
 #include <cstdlib>
-#include <cstring>
 
 #include <mirelsnap/SnapshotEngine.h>
 

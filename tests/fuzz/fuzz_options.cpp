@@ -2,7 +2,6 @@
 //
 // Any option and any value: SetOption answers one of its results and the engine lives on.
 #include <cstdlib>
-#include <cstring>
 
 #include <mirelsnap/SnapshotEngine.h>
 
