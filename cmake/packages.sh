@@ -4,7 +4,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libmount-dev uuid-dev libcli11-
   libgtest-dev libgmock-dev libbenchmark-dev)
 RUN_PACKAGES=(kmod mount util-linux e2fsprogs xfsprogs)
 TEST_PACKAGES=("${RUN_PACKAGES[@]}" procps sqlite3 clang libclang-rt-dev
-  binutils bsdextrautils debian-archive-keyring debootstrap dpkg-dev file groff-base man-db python3 systemd
+  binutils bsdextrautils dpkg-dev file groff-base make man-db python3 systemd
   rsync restic borgbackup postgresql)
 
 # Installs those of the named packages that are not there.
