@@ -80,9 +80,7 @@ TEST_F(RunInTerminal, shows_control_characters_of_names_escaped) {
   const test::LoopDevice loop(700 << 20);
   loop.mkfs("xfs");
   const std::string device = "/dev/evil\033]0;title\a";
-  struct stat status {};
-  ASSERT_EQ(stat(loop.path().c_str(), &status), 0);
-  ASSERT_EQ(mknod(device.c_str(), S_IFBLK | 0600, status.st_rdev), 0);
+  const test::Node node(device, S_IFBLK, loop.major(), loop.minor());
   const test::TempDir dir;
   const std::string folder = dir / "two\nlines\033[2J";
   std::filesystem::create_directory(folder);
@@ -101,29 +99,6 @@ TEST_F(RunInTerminal, shows_control_characters_of_names_escaped) {
       << written;
   EXPECT_EQ(written.find("\033]"), std::string::npos);
   EXPECT_EQ(written.find("\033[2J"), std::string::npos);
-  unlink(device.c_str());
-}
-
-// A character of two cells counts as such.
-TEST_F(RunInTerminal, that_is_narrow_cuts_wide_characters_where_it_ends) {
-  const Volume volume("ext4", 16 << 20);
-  const std::string device = "/dev/\xe3\x81\x8b\xe3\x81\xaa\xe3\x81\x8b\xe3\x81\xaa";  // four of two cells
-  struct stat status {};
-  ASSERT_EQ(stat(volume.device().c_str(), &status), 0);
-  ASSERT_EQ(mknod(device.c_str(), S_IFBLK | 0600, status.st_rdev), 0);
-  const test::TempDir dir;
-  const test::Mounted mounted(device, dir.path(), "ext4");
-  test::Terminal terminal(36);
-  Session session;
-  Process process = session.start(runArguments({"--volume", device + ":" + dir.path()}, {"/bin/true"}),
-                                  {.environment = {{"TERM", "xterm"}}, .terminal = terminal.inner()});
-  while (process.running()) terminal.written();
-  process.wait();  // what the driver says of such a name does not matter here
-  // "Taking the snapshot of /dev/" is 28 cells: three more characters fit into 35.
-  EXPECT_TRUE(std::regex_search(terminal.written(), std::regex("\rTaking the snapshot of "
-                                                               "/dev/\xe3\x81\x8b\xe3\x81\xaa\xe3\x81\x8b\033")))
-      << terminal.written();
-  unlink(device.c_str());
 }
 
 TEST_F(RunInTerminal, that_can_do_nothing_shows_the_commands_output_alone) {
