@@ -69,7 +69,17 @@ def relocation():
         p.arrow([(x, 128), (x, 168)])
         p.text(x + 8, 154, label, size=13, anchor="start", weight="bold")
 
-    # Nothing given.
+    nothing_given(p)
+    a_size_only(p)
+    a_mount_point_only(p)
+    mount_point_and_size(p)
+    notes(p)
+    what_follows(p)
+    return p
+
+
+def nothing_given(p):
+    """No option: on the volume itself, or where the most room is."""
     p.box(175, 170, 310, 68, ["Is V mounted and writable, and would", "its file there be a block or more?", "(see: size on V itself)"],
           "question", 20)
     p.arrow([(330, 238), (330, 300)], "yes", (340, 274))
@@ -92,7 +102,9 @@ def relocation():
     p.box(430, 698, 190, 84, ["On V itself.", "Size: see", "size on V itself"], "good")
     p.box(30, 792, 186, 56, ["No place: the snap", "ends with 20"], "bad")
 
-    # A size only.
+
+def a_size_only(p):
+    """The size alone."""
     p.box(650, 170, 220, 68, ["Is the size more than", "memory can hold?"], "question", 20)
     p.arrow([(760, 238), (760, 300)], "no", (770, 274))
     p.arrow([(650, 204), (634, 204), (634, 820), (668, 820)], "yes", (628, 226), "end")
@@ -106,7 +118,9 @@ def relocation():
     p.box(775, 698, 120, 70, ["The one with", "most room.", "Size: as given"], "good")
     p.box(670, 792, 186, 56, ["No place: the snap", "ends with 20"], "bad")
 
-    # A mount point only.
+
+def a_mount_point_only(p):
+    """The mount point alone."""
     p.box(925, 170, 240, 85, ["Is M there, not snapped,", "not frozen, and writable?", "(Any folder will do: its file", "system counts.)"], "question", 20)
     p.arrow([(1045, 255), (1045, 696)], "yes", (1055, 480))
     p.arrow([(925, 212), (908, 212), (908, 820), (945, 820)], "no", (904, 240), "end")
@@ -114,7 +128,9 @@ def relocation():
           size=11.5)
     p.box(947, 792, 196, 56, ["Refused: the snap", "ends with 20"], "bad")
 
-    # Both.
+
+def mount_point_and_size(p):
+    """Both options."""
     p.box(1205, 170, 240, 136, ["Is M a mount point, not snapped,", "not frozen, and writable,", "the size below the limit of its", "file system and not more than", "memory can hold, and is there", "so much free room?"],
           "question", 20)
     p.arrow([(1320, 306), (1320, 696)], "yes", (1330, 500))
@@ -122,29 +138,30 @@ def relocation():
     p.box(1215, 698, 210, 84, ["There.", "Size: as given"], "good")
     p.box(1228, 792, 184, 56, ["Refused: the snap", "ends with 20"], "bad")
 
-    # Notes.
-    p.box(20, 872, 465, 124, [], "plain")
-    note(p, 36, 892, "Size on V itself", [
+
+def notes(p):
+    """What the questions mean."""
+    note(p, 20, 872, "Size on V itself", [
         "Less than 512 MiB used: a tenth of the free room, at most 512 MiB.",
         "Else: a tenth of the smaller of free room and used room.",
         "In blocks of V, rounded down; at most what memory can hold.",
     ])
-    p.box(505, 872, 465, 124, [], "plain")
-    note(p, 521, 892, "The search", [
+    note(p, 505, 872, "The search", [
         "All mounted file systems on other devices, but none that is snapped,",
         "frozen or not writable. The one with the most free room; FAT only when",
         "it has more than the others, and none of these has 40 GiB. Size: the",
         "smallest of a tenth of its room, a tenth of V, what memory can hold.",
     ])
-    p.box(990, 872, 465, 124, [], "plain")
-    note(p, 1006, 892, "What memory can hold", [
+    note(p, 990, 872, "What memory can hold", [
         "The driver keeps an entry a block in memory. All files of a set share",
         "what is left: (MemFree / 2 + Cached / 2 + AnonPages / 4) in pages of",
         "4 KiB, divided by 12, times 4096 blocks; less what the volumes before",
         "this one took. Nothing left: the snap ends with 20.",
     ])
 
-    # What follows.
+
+def what_follows(p):
+    """What is done once a place is found."""
     y = 1030
     p.text(20, y - 6, "Then, where a place was found:", size=13, anchor="start", weight="bold")
     steps = [["The driver learns the mapping", "V → file, with the process"],
@@ -158,13 +175,14 @@ def relocation():
         if 0 < number < 4:
             p.arrow([(x - 28, y + 35), (x - 2, y + 35)])
     p.text(20, 1130, "Free room: what statfs says is available. The names in the picture: V the volume to be snapped, M a mount point.", size=12, anchor="start", fill=FAINT)
-    return p
 
 
 def note(p, x, y, title, lines):
-    p.text(x, y + 2, title, size=13, anchor="start", weight="bold")
+    """A framed text with a title of its own."""
+    p.box(x, y, 465, 124, [], "plain")
+    p.text(x + 16, y + 22, title, size=13, anchor="start", weight="bold")
     for number, line in enumerate(lines):
-        p.text(x, y + 24 + number * 19, line, size=12, anchor="start")
+        p.text(x + 16, y + 44 + number * 19, line, size=12, anchor="start")
 
 
 def life_of_a_set():
