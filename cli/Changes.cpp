@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <memory>
 
 #include <unistd.h>
 
@@ -65,7 +64,9 @@ std::string mapText(const ChangedRuns& changed) {
          shades[3] + " all changed; a cell is " + sizeText(changed.numBlocks * changed.blockSize / cells) + "\n";
 }
 
-void changesInto(const ChangesOptions& options, Report& report) {
+void changes(const ChangesOptions& options, Report& report) {
+  report.document() = {{"device", nullptr}, {"tracking", nullptr},       {"block_size", nullptr},
+                       {"blocks", nullptr}, {"changed_blocks", nullptr}, {"runs", json::array()}};
   if (const Outcome failure = requireRoot("changes", "it talks to the kernel driver")) return report.failed(*failure);
   const auto named = deviceNamed(options.device, MountTable());
   if (const auto* failure = std::get_if<Failure>(&named)) return report.failed(*failure);
@@ -91,31 +92,19 @@ void changesInto(const ChangesOptions& options, Report& report) {
   report.print(options.map ? mapText(changed) : runsText(changed));
 }
 
-int changes(const ChangesOptions& options) {
-  Report report(options.json);
-  report.document() = {{"device", nullptr}, {"tracking", nullptr},       {"block_size", nullptr},
-                       {"blocks", nullptr}, {"changed_blocks", nullptr}, {"runs", json::array()}};
-  changesInto(options, report);
-  return report.finish();
-}
-
 }  // namespace
 
 void addChanges(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("changes", "Show which blocks of a tracked volume changed");
-  const auto options = std::make_shared<ChangesOptions>();
-  verb->add_option("DEVICE", options->device, "A volume that is tracked: device or mount point")
-      ->type_name("")
-      ->required()
-      ->check(checkNamed);
+  const auto [verb, options] =
+      addVerb<ChangesOptions>(program, line, "changes", "Show which blocks of a tracked volume changed", &changes);
+  addPositional(*verb, "DEVICE", options->device, "A volume that is tracked: device or mount point")->required();
   verb->add_flag("--map", options->map, "Draw the device as a bar instead, as wide as the terminal\n(else 80 cells)");
-  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  addJsonOption(*verb, options->json);
   verb->footer(
       "The driver tracks a volume from the instant of a snapshot that asks for it,\n"
       "until the snapshot is deleted or mirelsnap stop-tracking. What is written\n"
       "meanwhile may be shown or not: freeze the volume to see one instant.\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
-  verb->callback([options, &line] { line.action = [options] { return changes(*options); }; });
 }
 
 }  // namespace cli

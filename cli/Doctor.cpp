@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <memory>
 
 #include "Driver.h"
 #include "PlacementText.h"
@@ -144,7 +143,8 @@ void checkRemains(Driver& driver, Findings& findings) {
     findings.add("leftover-folder", base, "is the base of a process that is gone", advice);
 }
 
-void examine(const DoctorOptions& options, Report& report, Findings& findings) {
+void doctor(const DoctorOptions& options, Report& report) {
+  Findings findings(report);
   const bool root = checkRoot(findings);
   checkTables(findings);
   const MountTable table;
@@ -160,34 +160,22 @@ void examine(const DoctorOptions& options, Report& report, Findings& findings) {
     report.setExitCode(kFindings);
     return report.print(counted(findings.count(), "finding") + ".\n");
   }
-  std::vector<std::string> devices;
-  for (const ChosenVolume& volume : volumes) devices.push_back(volume.device);
-  report.print("Nothing stands in the way of a snapshot of " + onOneLine(listed(devices)) + ".\n");
-}
-
-int doctor(const DoctorOptions& options) {
-  Report report(options.json);
-  Findings findings(report);
-  examine(options, report, findings);
-  return report.finish();
+  report.print("Nothing stands in the way of a snapshot of " + onOneLine(listed(devicesOf(volumes))) + ".\n");
 }
 
 }  // namespace
 
 void addDoctor(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("doctor", "Look for what would stop a snapshot here, before anyone tries");
-  const auto options = std::make_shared<DoctorOptions>();
-  verb->add_option("VOLUME", options->volumes,
-                   "Volumes to look at: device, mount point, or DEVICE:MOUNTPOINT\n"
-                   "(default: every mounted volume that can be snapped, and what\nwould be left out)")
-      ->type_name("")
-      ->check(checkNamed);
-  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  const auto [verb, options] = addVerb<DoctorOptions>(
+      program, line, "doctor", "Look for what would stop a snapshot here, before anyone tries", &doctor);
+  addPositional(*verb, "VOLUME", options->volumes,
+                "Volumes to look at: device, mount point, or DEVICE:MOUNTPOINT\n"
+                "(default: every mounted volume that can be snapped, and what\nwould be left out)");
+  addJsonOption(*verb, options->json);
   verb->footer(
       "Each finding is one line: the device or path, the cause, what to do next.\n"
       "Nothing is changed, but the driver is loaded when it is not.\n\n" +
       exitCodeHelp({kSuccess, kFindings}));
-  verb->callback([options, &line] { line.action = [options] { return doctor(*options); }; });
 }
 
 }  // namespace cli

@@ -17,6 +17,12 @@ Outcome Driver::check(std::string* version) {
   return std::nullopt;
 }
 
+Outcome Driver::busy(const std::string& device, std::uint64_t number) {
+  if (snapped(device)) return alreadySnapped(*this, device, number);
+  if (frozen(device)) return alreadyFrozen(device);
+  return std::nullopt;
+}
+
 std::optional<Tracking> Driver::tracking(const std::string& device) {
   const std::wstring name = StringToWString(device);
   Tracking found{};

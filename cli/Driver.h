@@ -37,6 +37,8 @@ class Driver {
 
   bool snapped(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeSnapped(device); }
   bool frozen(const std::string& device) { return mDriver != nullptr && mDriver->IsVolumeFrozen(device); }
+  // Why a volume cannot be snapped now: it is snapped already, or frozen; nothing when neither.
+  Outcome busy(const std::string& device, std::uint64_t number);
   // Nothing when the volume's changes are not tracked.
   std::optional<Tracking> tracking(const std::string& device);
   // Empty when it cannot be asked.

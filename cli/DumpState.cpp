@@ -3,11 +3,9 @@
 // `mirelsnap dump-state`: the driver writes its state as text.
 #include <cstring>
 #include <filesystem>
-#include <memory>
 
 #include "Driver.h"
 #include "Report.h"
-#include "Terminal.h"
 #include "Text.h"
 #include "Verbs.h"
 #include "driver/VolumeRecords.h"
@@ -16,6 +14,11 @@ namespace fs = std::filesystem;
 
 namespace cli {
 namespace {
+
+struct DumpOptions {
+  std::string file;
+  bool json = false;
+};
 
 constexpr signed char kIntoFile = 1;
 constexpr std::size_t kLongestName = 256;
@@ -38,7 +41,9 @@ Outcome checkFile(const std::string& file) {
   return std::nullopt;
 }
 
-void dumpInto(const std::string& file, Report& report) {
+void dumpState(const DumpOptions& options, Report& report) {
+  const std::string file = fullPath(options.file);
+  report.document() = {{"file", nullptr}, {"size", nullptr}};
   if (const Outcome failure = requireRoot("dump-state", "it talks to the kernel driver"))
     return report.failed(*failure);
   if (const Outcome failure = checkFile(file)) return report.failed(*failure);
@@ -57,30 +62,17 @@ void dumpInto(const std::string& file, Report& report) {
   report.print("The driver's state is in " + onOneLine(file) + " (" + sizeText(size) + ").\n");
 }
 
-int dumpState(const std::string& file, bool asJson) {
-  Report report(asJson);
-  report.document() = {{"file", nullptr}, {"size", nullptr}};
-  dumpInto(fullPath(file), report);
-  return report.finish();
-}
-
 }  // namespace
 
 void addDumpState(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("dump-state", "Have the driver write its state into a file, as text");
-  struct Options {
-    std::string file;
-    bool json = false;
-  };
-  const auto options = std::make_shared<Options>();
-  verb->add_option("FILE", options->file, "The file, which is made or replaced; its full path has\n256 bytes at most")
-      ->type_name("")
-      ->required()
-      ->check(checkNamed);
-  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  const auto [verb, options] = addVerb<DumpOptions>(program, line, "dump-state",
+                                                    "Have the driver write its state into a file, as text", &dumpState);
+  addPositional(*verb, "FILE", options->file,
+                "The file, which is made or replaced; its full path has\n256 bytes at most")
+      ->required();
+  addJsonOption(*verb, options->json);
   verb->footer("What stands in it is for the driver's developers and may change.\n\n" +
                exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kRefused}));
-  verb->callback([options, &line] { line.action = [options] { return dumpState(options->file, options->json); }; });
 }
 
 }  // namespace cli

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 
@@ -194,12 +193,9 @@ std::vector<std::string> abandonedBases() {
   std::vector<std::string> found;
   std::error_code error;
   for (fs::directory_iterator entry(kDefaultParent, error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = entry->path().filename();
-    pid_t owner = 0;
-    const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), owner);
-    const bool isOwner = problem == std::errc() && rest == name.data() + name.size() && owner > 0;
+    const std::optional<int> owner = processNamedBy(entry->path());
     // Where processes are counted anew (in a container that shares /run) the lock tells that the owner lives.
-    if (isOwner && isGone(owner) && locked(entry->path())) found.push_back(entry->path());
+    if (owner && isGone(*owner) && locked(entry->path())) found.push_back(entry->path());
   }
   return found;
 }

@@ -2,7 +2,6 @@
 //
 // `mirelsnap freeze` and `mirelsnap thaw`: writers stand still, and go on.
 #include <list>
-#include <memory>
 
 #include "Driver.h"
 #include "Report.h"
@@ -32,14 +31,6 @@ struct Direction {
 constexpr Direction kFreeze = {"freeze", "Frozen", &SnapDriverInterface::FreezeVolume, 24, true};
 constexpr Direction kThaw = {"thaw", "Thawed", &SnapDriverInterface::ThawVolume, 25, false};
 
-std::vector<std::string> devicesOf(const std::vector<ChosenVolume>& volumes) {
-  std::vector<std::string> devices;
-  for (const ChosenVolume& volume : volumes) {
-    if (devices.empty() || devices.back() != volume.device) devices.push_back(volume.device);
-  }
-  return devices;
-}
-
 Failure inWrongState(const Direction& direction, const std::string& device) {
   if (direction.frozenAfterwards) return alreadyFrozen(device);
   return {kNotInState, device, "is not frozen", "mirelsnap status shows which volumes are"};
@@ -60,7 +51,8 @@ Outcome change(const Direction& direction, Driver& driver, const std::vector<std
   return refused(listed(devices), status == 3 ? 6 : status);
 }
 
-void changeInto(const Direction& direction, const FreezeOptions& options, Report& report) {
+void changeState(const Direction& direction, const FreezeOptions& options, Report& report) {
+  report.document()["devices"] = json::array();
   if (const Outcome failure = requireRoot(direction.verb, "it talks to the kernel driver"))
     return report.failed(*failure);
   const MountTable table;
@@ -75,26 +67,15 @@ void changeInto(const Direction& direction, const FreezeOptions& options, Report
   report.print(std::string(direction.done) + ": " + onOneLine(listed(devices)) + "\n");
 }
 
-int changeState(const Direction& direction, const FreezeOptions& options) {
-  Report report(options.json);
-  report.document()["devices"] = json::array();
-  changeInto(direction, options, report);
-  return report.finish();
-}
-
 void add(CLI::App& program, CommandLine& line, const Direction& direction, const char* description,
          const std::string& footer) {
-  CLI::App* verb = program.add_subcommand(direction.verb, description);
-  const auto options = std::make_shared<FreezeOptions>();
-  verb->add_option("DEVICE", options->devices, "Mounted volumes: device, mount point, or DEVICE:MOUNTPOINT")
-      ->type_name("")
-      ->required()
-      ->check(checkNamed);
-  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  const auto [verb, options] = addVerb<FreezeOptions>(
+      program, line, direction.verb, description,
+      [&direction](const FreezeOptions& chosen, Report& report) { changeState(direction, chosen, report); });
+  addPositional(*verb, "DEVICE", options->devices, "Mounted volumes: device, mount point, or DEVICE:MOUNTPOINT")
+      ->required();
+  addJsonOption(*verb, options->json);
   verb->footer(footer);
-  verb->callback([options, &line, &direction] {
-    line.action = [options, &direction] { return changeState(direction, *options); };
-  });
 }
 
 }  // namespace

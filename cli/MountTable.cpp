@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MountTable.h"
 
+#include <cstdlib>
+#include <memory>
+
 #include "engine/GetDoneWrapper.h"
+#include "qxtools/Handle.h"
 #include "qxtools/MountPointCollection.h"
 
 namespace cli {
@@ -58,6 +62,11 @@ bool isWhole(const Mount& mount) { return mount.root == "/"; }
 bool liesWithin(const std::string& path, const std::string& folder) {
   if (folder == "/") return !path.empty() && path.front() == '/';
   return path.compare(0, folder.size(), folder) == 0 && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+std::string resolved(const std::string& path) {
+  const std::unique_ptr<char, FreeMemory> real(realpath(path.c_str(), nullptr));
+  return real == nullptr ? path : std::string(real.get());
 }
 
 std::string joined(const std::string& base, const std::string& path) {

@@ -3,14 +3,12 @@
 // `mirelsnap plan`: where each relocation file would go, how large, and why; nothing is made.
 #include <algorithm>
 #include <iterator>
-#include <memory>
 
 #include "Driver.h"
 #include "PlacementText.h"
 #include "Processes.h"
 #include "Report.h"
 #include "Run.h"
-#include "Terminal.h"
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeCheck.h"
@@ -93,13 +91,6 @@ void tell(const Placement& placement, const MountTable& table, bool refused, con
   }
 }
 
-// What would keep the driver from snapping the volume.
-Outcome stateOf(Driver& driver, const ChosenVolume& volume) {
-  if (driver.snapped(volume.device)) return alreadySnapped(driver, volume.device, volume.number);
-  if (driver.frozen(volume.device)) return alreadyFrozen(volume.device);
-  return std::nullopt;
-}
-
 // What would keep a run from taking the volume at one of its mount points.
 Outcome refusalOf(const ChosenVolume& volume, const std::vector<ChosenVolume>& chosen) {
   std::vector<ChosenVolume> same;
@@ -108,7 +99,8 @@ Outcome refusalOf(const ChosenVolume& volume, const std::vector<ChosenVolume>& c
   return checkVolumes(same);
 }
 
-void planFor(const PlanOptions& options, Report& report) {
+void plan(const PlanOptions& options, Report& report) {
+  report.document()["volumes"] = json::array();
   if (const Outcome failure = requireRoot("plan", "it reads devices and talks to the kernel driver"))
     return report.failed(*failure);
   const MountTable table;
@@ -121,37 +113,28 @@ void planFor(const PlanOptions& options, Report& report) {
   for (const Placement& placement : predictPlacements(chosen, options.relocation)) {
     Outcome obstacle = refusalOf(placement.volume, chosen);
     const bool refused = obstacle.has_value();
-    if (!refused && !noAnswer) obstacle = stateOf(driver, placement.volume);
+    if (!refused && !noAnswer) obstacle = driver.busy(placement.volume.device, placement.volume.number);
     tell(placement, table, refused, obstacle, report);
   }
   if (noAnswer) report.failed(*noAnswer);
 }
 
-int plan(const PlanOptions& options) {
-  Report report(options.json);
-  report.document()["volumes"] = json::array();
-  planFor(options, report);
-  return report.finish();
-}
-
 }  // namespace
 
 void addPlan(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("plan", "Show where relocation files would go, how large and why");
-  const auto options = std::make_shared<PlanOptions>();
-  verb->add_option("VOLUME", options->volumes,
-                   "The volumes of the set: device, mount point, or\nDEVICE:MOUNTPOINT\n"
-                   "(default: every mounted volume that can be snapped)")
-      ->type_name("");
+  const auto [verb, options] =
+      addVerb<PlanOptions>(program, line, "plan", "Show where relocation files would go, how large and why", &plan);
+  addPositional(*verb, "VOLUME", options->volumes,
+                "The volumes of the set: device, mount point, or\nDEVICE:MOUNTPOINT\n"
+                "(default: every mounted volume that can be snapped)");
   addRelocationOptions(*verb, options->relocation);
-  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  addJsonOption(*verb, options->json);
   verb->footer(
       "Nothing is made or written. The volumes are taken as one set, in this order:\n"
       "they share the memory that the driver can use. Free space, memory and what\n"
       "other programs snap may change until then. The exit code is the one with which\n"
       "mirelsnap run would fail for the first reason found.\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom}));
-  verb->callback([options, &line] { line.action = [options] { return plan(*options); }; });
 }
 
 }  // namespace cli

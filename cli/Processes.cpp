@@ -34,13 +34,6 @@ std::string targetOf(const fs::path& link) {
   return fs::read_symlink(link, error).string();
 }
 
-std::optional<int> numberOf(const fs::path& process) {
-  const std::string name = process.filename();
-  int number = 0;
-  const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), number);
-  return problem == std::errc() && rest == name.data() + name.size() ? std::optional(number) : std::nullopt;
-}
-
 // The first path in `folder` that the process holds.
 std::optional<std::string> pathInUse(const fs::path& process, const std::string& folder) {
   for (const char* link : {"cwd", "root", "exe"}) {
@@ -78,6 +71,14 @@ std::vector<User> loopDevicesOver(const std::string& folder) {
 
 }  // namespace
 
+std::optional<int> processNamedBy(const fs::path& path) {
+  const std::string name = path.filename();
+  int number = 0;
+  const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), number);
+  return problem == std::errc() && rest == name.data() + name.size() && number > 0 ? std::optional(number)
+                                                                                   : std::nullopt;
+}
+
 bool isGone(int process) {
   if (kill(process, 0) != 0) return errno == ESRCH;
   // "12 (name) Z ...", where the name may hold anything.
@@ -100,10 +101,14 @@ std::string processText(int process) {
   return "process " + std::to_string(process) + (name.empty() ? "" : " (" + name + ")");
 }
 
+std::string ownerText(int process) {
+  return isGone(process) ? "process " + std::to_string(process) + ", which is gone" : processText(process);
+}
+
 std::vector<User> usersOf(const std::string& folder) {
   std::vector<User> found;
   for (const fs::path& process : entriesOf("/proc")) {
-    const std::optional<int> number = numberOf(process);
+    const std::optional<int> number = processNamedBy(process);
     if (!number) continue;
     if (const auto path = pathInUse(process, folder)) found.push_back({processText(*number), *path});
   }
@@ -115,7 +120,7 @@ std::vector<User> holdersOf(const std::string& device) {
   std::vector<User> found;
   const std::string own = targetOf("/proc/self/ns/mnt");
   for (const fs::path& process : entriesOf("/proc")) {
-    const std::optional<int> number = numberOf(process);
+    const std::optional<int> number = processNamedBy(process);
     if (!number) continue;
     if (const auto path = pathInUse(process, device)) {
       found.push_back({processText(*number), *path});

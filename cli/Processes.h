@@ -3,18 +3,24 @@
 // Other processes, as far as a message names them.
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace cli {
 
+// The process whose number a file or folder is named by; nothing for another name.
+std::optional<int> processNamedBy(const std::filesystem::path& path);
 // Whether no process has this number any more, or one that has ended and is only still to be asked for its end.
 bool isGone(int process);
 // Its program's name; empty when it is gone.
 std::string processName(int process);
 // "process 12 (tar)"
 std::string processText(int process);
+
+// The same; "process 12, which is gone" for one that is.
+std::string ownerText(int process);
 
 // Who keeps something from being unmounted, and by what.
 struct User {

@@ -34,6 +34,15 @@ class Removal {
       : mBefore(before), mAfter(after), mReport(report) {}
 
   void tell() {
+    tellSnapshots();
+    tellMappings();
+    tellRelocationFiles();
+    tellMounts();
+    tellFolders();
+  }
+
+ private:
+  void tellSnapshots() {
     for (const Remains::Snapshot& snapshot : mBefore.snapshots) {
       const bool left = isIn(mAfter.snapshots, [&](const auto& other) { return other.device == snapshot.device; });
       note("snapshots",
@@ -42,6 +51,8 @@ class Removal {
            "is still snapped: the driver refused to discard the snapshot of " + dead(snapshot.process),
            "look for MIRELSNAP_SDK in the system log");
     }
+  }
+  void tellMappings() {
     for (const Remains::Mapping& mapping : mBefore.mappings) {
       const bool left = isIn(mAfter.mappings, [&](const auto& other) {
         return other.device == mapping.device && other.process == mapping.process;
@@ -52,11 +63,15 @@ class Removal {
            left, mapping.device, "is still mapped to " + mapping.relocationFile + " for " + dead(mapping.process),
            "look for MIRELSNAP_SDK in the system log");
     }
+  }
+  void tellRelocationFiles() {
     for (const std::string& file : mBefore.relocationFiles) {
       const bool left = isIn(mAfter.relocationFiles, [&](const auto& other) { return other == file; });
       note("relocation_files", {{"path", file}}, "relocation file " + file, left, file,
            "the relocation file could not be removed", "remove it by hand");
     }
+  }
+  void tellMounts() {
     for (const Mount& mount : mBefore.mounts) {
       const bool left = isIn(mAfter.mounts, [&](const auto& other) { return other.folder == mount.folder; });
       note("mounts", {{"folder", mount.folder}, {"source", mount.source}},
@@ -64,6 +79,8 @@ class Removal {
            "is still mounted: " + (left ? usersText(usersOf(mount.folder)) : ""),
            "stop what uses it, then run this again");
     }
+  }
+  void tellFolders() {
     for (const std::string& base : mBefore.bases) {
       const bool left = isIn(mAfter.bases, [&](const auto& other) { return other == base; });
       const bool explained = isIn(mAfter.mounts, [&](const auto& mount) { return liesWithin(mount.folder, base); });
@@ -73,7 +90,6 @@ class Removal {
     }
   }
 
- private:
   template <class Items, class Same>
   static bool isIn(const Items& items, Same same) {
     return std::any_of(items.begin(), items.end(), same);
@@ -103,8 +119,7 @@ Outcome checkNamedBase(const std::string& base, Driver& driver) {
   if (std::none_of(mounts.begin(), mounts.end(), isSnapshot))
     return Failure{kUsage, base, "no snapshot is mounted there, but other volumes are", "name the base of an exposure"};
   for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
-    const std::string device =
-        "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
+    const std::string device = snapshotDeviceOf(volume);
     const bool shown =
         std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) { return mount.source == device; });
     if (shown && !isGone(volume.getAppPid())) {
@@ -134,7 +149,9 @@ bool sweep(const Remains& remains, const std::string& base) {
   return engine->DoReconcile(nullptr) >= 0;
 }
 
-void reconcileInto(const ReconcileOptions& options, Report& report) {
+void reconcile(const ReconcileOptions& options, Report& report) {
+  for (const char* kind : {"snapshots", "mappings", "relocation_files", "mounts", "folders"})
+    report.document()[kind] = json::array();
   if (const Outcome failure = requireRoot("reconcile", "it unmounts, removes files and talks to the kernel driver"))
     return report.failed(*failure);
   Driver driver;
@@ -155,30 +172,21 @@ void reconcileInto(const ReconcileOptions& options, Report& report) {
   if (before.empty()) report.print("Nothing is left of dead processes.\n");
 }
 
-int reconcile(const ReconcileOptions& options) {
-  Report report(options.json);
-  for (const char* kind : {"snapshots", "mappings", "relocation_files", "mounts", "folders"})
-    report.document()[kind] = json::array();
-  reconcileInto(options, report);
-  return report.finish();
-}
-
 }  // namespace
 
 void addReconcile(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("reconcile", "Remove what dead processes left, and tell what it was");
-  const auto options = std::make_shared<ReconcileOptions>();
+  const auto [verb, options] = addVerb<ReconcileOptions>(
+      program, line, "reconcile", "Remove what dead processes left, and tell what it was", &reconcile);
   verb->add_option("--base", options->base,
                    "A base that a dead process had its snapshots mounted below,\nbesides those in /run/mirelsnap")
       ->type_name("DIR")
       ->check(checkNamed);
-  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  addJsonOption(*verb, options->json);
   verb->footer(
       "Snapshots, mappings, relocation files, mounts and folders of living processes\n"
       "are left alone. All that is mounted below DIR is unmounted, the binds among it;\n"
       "DIR itself stays. A second run says that there is nothing.\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
-  verb->callback([options, &line] { line.action = [options] { return reconcile(*options); }; });
 }
 
 }  // namespace cli

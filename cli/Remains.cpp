@@ -42,6 +42,10 @@ std::vector<std::string> abandonedFiles(const std::set<FileId>& held, const Moun
 
 }  // namespace
 
+std::string snapshotDeviceOf(const SnappedVolumeInformation& volume) {
+  return "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
+}
+
 bool isSnapshotDevice(const std::string& path) {
   static const std::regex pattern("/dev/snap[0-9]+_[0-9]+");
   return std::regex_match(path, pattern);

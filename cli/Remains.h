@@ -36,6 +36,8 @@ struct Remains {
 // What is there at this moment. `base`, unless it is empty, counts as abandoned.
 Remains findRemains(Driver& driver, const std::string& base = "");
 
+// The path of the device that the driver offers the snapshot of a volume as.
+std::string snapshotDeviceOf(const SnappedVolumeInformation& volume);
 // Whether a path names a device that the driver offers a snapshot as.
 bool isSnapshotDevice(const std::string& path);
 

@@ -132,13 +132,6 @@ void takeAndRun(const RunOptions& options, Command& command, SnapshotSet& set, R
   report.ran(result);
 }
 
-// As the mount table spells it; as it is when it leads nowhere.
-std::string resolved(const std::string& path) {
-  std::error_code error;
-  const fs::path real = fs::canonical(path, error);
-  return error ? path : real.string();
-}
-
 // The named places as the library compares them. Each bind once, and one inside another after it.
 RunOptions withResolvedPlaces(RunOptions options) {
   if (!options.relocation.mountPoint.empty()) options.relocation.mountPoint = resolved(options.relocation.mountPoint);
@@ -256,8 +249,6 @@ void addSnapshotOptions(CLI::App& verb, RunOptions& options) {
   verb.add_flag("--json", options.json, "Print the result as one JSON document to standard output");
   verb.add_flag("--verbose", options.verbose, "Show each phase and the library's own messages");
 }
-
-std::string checkNamed(const std::string& text) { return text.empty() ? "the value is empty" : ""; }
 
 std::string environmentHelp() {
   return "finds the snapshots below $MIRELSNAP_BASE, each volume's first\n"

@@ -15,6 +15,7 @@
 #include "PlacementText.h"
 #include "Processes.h"
 #include "RelocationProgress.h"
+#include "Text.h"
 #include "Wide.h"
 
 namespace fs = std::filesystem;
@@ -36,14 +37,6 @@ std::string idText(const _SSGUIDPLAIN& id) {
   std::memcpy(bytes, &id, sizeof bytes);
   uuid_unparse_lower(bytes, text.data());
   return text.data();
-}
-
-std::string devicesOf(const std::vector<ChosenVolume>& volumes) {
-  std::string text;
-  for (const ChosenVolume& volume : volumes) {
-    if (text.find(volume.device) == std::string::npos) text += (text.empty() ? "" : ", ") + volume.device;
-  }
-  return text;
 }
 
 bool isFull(const std::string& folder, std::uint64_t needed) {
@@ -153,13 +146,14 @@ Outcome SnapshotSet::addBinds() {
 
 Outcome SnapshotSet::runJob() {
   if (mTerminal.interactive()) mPlacements = predictPlacements(mVolumes, mRelocation);
-  mTerminal.begin("Taking the snapshot of " + devicesOf(mVolumes));
+  mTerminal.begin("Taking the snapshot of " + listed(devicesOf(mVolumes)));
   IUscAsync* started = nullptr;
   const int result = mEngine->DoSnapshotSet(&started);
   if (result < 0)
     return result == E_OUTOFMEMORY
                ? noDriver()
-               : Failure{kSnapshotFailed, devicesOf(mVolumes), "the job could not be started: no thread can be had",
+               : Failure{kSnapshotFailed, listed(devicesOf(mVolumes)),
+                         "the job could not be started: no thread can be had",
                          "memory, address space or processes are limited too tightly (ulimit -v, -u)"};
   const std::unique_ptr<IUscAsync, Release> job(started);
   waitForJob(*job);
@@ -206,46 +200,56 @@ void SnapshotSet::showRelocationFile() {
 }
 
 Failure SnapshotSet::snapFailure(int snapResult) {
-  const std::string all = devicesOf(mVolumes);
-  Driver driver;
+  const std::string all = listed(devicesOf(mVolumes));
   switch (snapResult) {
-    case 11:
-    case 12:
-      for (const ChosenVolume& volume : mVolumes) {
-        if (driver.snapped(volume.device)) return alreadySnapped(driver, volume.device, volume.number);
-        if (driver.frozen(volume.device)) return alreadyFrozen(volume.device);
-      }
-      return {kAlreadySnapped, all, "a volume was snapped or frozen at that moment", "try again"};
-    case 20:
-    case 21:
-      for (const ChosenVolume& volume : mVolumes) {
-        for (const int owner : driver.owners(volume.device, volume.number)) {
-          if (owner == getpid()) continue;
-          return {kAlreadySnapped, volume.device, "is being snapped by " + processText(owner),
-                  "wait until that snapshot is deleted"};
-        }
-      }
-      for (const Placement& placement : predictPlacements(mVolumes, mRelocation)) {
-        if (!placement.placed()) return notPlaced(placement);
-        if (!isFull(placement.file.mountPoint, placement.bytes())) continue;
-        return {kNoRoom, placement.file.mountPoint,
-                "has no room for the relocation file of " + placement.volume.device + " (" +
-                    sizeText(placement.bytes()) + ")",
-                "free some space or name a place with --reloc-mount and --reloc-size"};
-      }
-      return {kNoRoom, all, "a relocation file could not be made",
-              "look for MIRELSNAP_SDK in the system log, or use --verbose"};
-    case 26:
-      return {kSnapshotFailed, all, "the size of a device changed", "try again when it no longer changes"};
     case 5:
       return noDriver();
     case 6:
       return {kSnapshotFailed, all, "the driver refused the snapshot",
               "look for MIRELSNAP_SDK in the system log, or use --verbose"};
+    case 11:
+    case 12:
+      return busyFailure();
+    case 20:
+    case 21:
+      return noRoomFailure();
+    case 26:
+      return {kSnapshotFailed, all, "the size of a device changed", "try again when it no longer changes"};
     default:
       return {kSnapshotFailed, all, "the snapshot could not be prepared (code " + std::to_string(snapResult) + ")",
               "memory may be short, or a relocation file cannot be mapped to blocks (btrfs cannot); use --verbose"};
   }
+}
+
+// A volume was snapped or frozen.
+Failure SnapshotSet::busyFailure() const {
+  Driver driver;
+  for (const ChosenVolume& volume : mVolumes) {
+    if (const Outcome busy = driver.busy(volume.device, volume.number)) return *busy;
+  }
+  return {kAlreadySnapped, listed(devicesOf(mVolumes)), "a volume was snapped or frozen at that moment", "try again"};
+}
+
+// A relocation file could not be placed or made, or the mapping of one stood there already.
+Failure SnapshotSet::noRoomFailure() const {
+  Driver driver;
+  for (const ChosenVolume& volume : mVolumes) {
+    for (const int owner : driver.owners(volume.device, volume.number)) {
+      if (owner == getpid()) continue;
+      return {kAlreadySnapped, volume.device, "is being snapped by " + processText(owner),
+              "wait until that snapshot is deleted"};
+    }
+  }
+  for (const Placement& placement : predictPlacements(mVolumes, mRelocation)) {
+    if (!placement.placed()) return notPlaced(placement);
+    if (!isFull(placement.file.mountPoint, placement.bytes())) continue;
+    return {
+        kNoRoom, placement.file.mountPoint,
+        "has no room for the relocation file of " + placement.volume.device + " (" + sizeText(placement.bytes()) + ")",
+        "free some space or name a place with --reloc-mount and --reloc-size"};
+  }
+  return {kNoRoom, listed(devicesOf(mVolumes)), "a relocation file could not be made",
+          "look for MIRELSNAP_SDK in the system log, or use --verbose"};
 }
 
 void SnapshotSet::readProperties() {
@@ -330,7 +334,7 @@ std::vector<Failure> SnapshotSet::stillMounted() const {
 }
 
 Failure SnapshotSet::notDeleted(int result) const {
-  return {kCannotCleanUp, devicesOf(mVolumes),
+  return {kCannotCleanUp, listed(devicesOf(mVolumes)),
           std::string("the deletion of the snapshots failed") + (result == E_OUTOFMEMORY ? ": memory is short" : ""),
           kReconcileAdvice};
 }

@@ -64,6 +64,8 @@ class SnapshotSet {
   void readProperties();
   void dropMappings();
   Failure snapFailure(int snapResult);
+  Failure busyFailure() const;
+  Failure noRoomFailure() const;
   Failure refusal(const ChosenVolume& volume, int result) const;
   std::vector<std::string> allMountPoints() const;
   std::vector<Failure> stillMounted() const;

@@ -3,8 +3,6 @@
 // `mirelsnap status`: what the driver holds, and who of it.
 #include <sys/sysmacros.h>
 
-#include <memory>
-
 #include "Driver.h"
 #include "MountTable.h"
 #include "Processes.h"
@@ -21,11 +19,11 @@ namespace {
 
 using nlohmann::json;
 
-json ownerJson(int process) { return {{"pid", process}, {"name", processName(process)}, {"alive", !isGone(process)}}; }
+struct StatusOptions {
+  bool json = false;
+};
 
-std::string ownerText(int process) {
-  return isGone(process) ? "process " + std::to_string(process) + ", which is gone" : processText(process);
-}
+json ownerJson(int process) { return {{"pid", process}, {"name", processName(process)}, {"alive", !isGone(process)}}; }
 
 std::string numbersText(unsigned int major, unsigned int minor) {
   return std::to_string(major) + ":" + std::to_string(minor);
@@ -46,8 +44,7 @@ std::string tellSnapped(Driver& driver, const MountTable& table, json& document)
   for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
     const std::string name = WStringToString(volume.getSnappedVolumeName());
     const std::string file = WStringToString(volume.getRelocFileName());
-    const std::string snapshot =
-        "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
+    const std::string snapshot = snapshotDeviceOf(volume);
     const std::uint64_t size = volume.getNumBlocks() * volume.getBlockSize();
     const std::uint64_t fileSize = std::uint64_t{volume.getRelocFileSize()} * volume.getBlockSize();
     document.push_back({{"name", name},
@@ -108,41 +105,32 @@ std::string tellMounted(Driver& driver, const MountTable& table, json& document)
   return shown.empty() ? "No block device is mounted.\n" : "Mounted volumes\n" + shown.text(outputColumns());
 }
 
-int status(bool asJson) {
-  Report report(asJson);
+void status(const StatusOptions&, Report& report) {
   json& document = report.document();
   document = {{"driver_version", nullptr},
               {"snapped_volumes", json::array()},
               {"mappings", json::array()},
               {"mounted_volumes", json::array()}};
-  if (const Outcome failure = requireRoot("status", "it talks to the kernel driver")) {
-    report.failed(*failure);
-    return report.finish();
-  }
+  if (const Outcome failure = requireRoot("status", "it talks to the kernel driver")) return report.failed(*failure);
   Driver driver;
   std::string version;
-  if (const Outcome failure = driver.check(&version)) {
-    report.failed(*failure);
-    return report.finish();
-  }
+  if (const Outcome failure = driver.check(&version)) return report.failed(*failure);
   const MountTable table;
   document["driver_version"] = version;
   report.print("Driver " + version + "\n\n");
   report.print(tellSnapped(driver, table, document["snapped_volumes"]) + "\n");
   report.print(tellMappings(driver, document["mappings"]) + "\n");
   report.print(tellMounted(driver, table, document["mounted_volumes"]));
-  return report.finish();
 }
 
 }  // namespace
 
 void addStatus(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("status", "Show the snapshots, mappings and frozen volumes of the driver");
-  const auto asJson = std::make_shared<bool>(false);
-  verb->add_flag("--json", *asJson, "Print one JSON document instead");
+  const auto [verb, options] = addVerb<StatusOptions>(
+      program, line, "status", "Show the snapshots, mappings and frozen volumes of the driver", &status);
+  addJsonOption(*verb, options->json);
   verb->footer("An owner that is gone left what it held: mirelsnap reconcile removes it.\n\n" +
                exitCodeHelp({kSuccess, kNotRoot, kNoDriver}));
-  verb->callback([asJson, &line] { line.action = [asJson] { return status(*asJson); }; });
 }
 
 }  // namespace cli

@@ -2,7 +2,6 @@
 //
 // `mirelsnap stop-tracking`: the driver forgets which blocks of volumes changed.
 #include <list>
-#include <memory>
 
 #include "Driver.h"
 #include "Report.h"
@@ -21,7 +20,8 @@ struct StopOptions {
   bool json = false;
 };
 
-void stopInto(const StopOptions& options, Report& report) {
+void stopTracking(const StopOptions& options, Report& report) {
+  report.document()["devices"] = json::array();
   if (const Outcome failure = requireRoot("stop-tracking", "it talks to the kernel driver"))
     return report.failed(*failure);
   const MountTable table;
@@ -44,26 +44,15 @@ void stopInto(const StopOptions& options, Report& report) {
   report.print("No longer tracked: " + onOneLine(listed(devices)) + "\n");
 }
 
-int stopTracking(const StopOptions& options) {
-  Report report(options.json);
-  report.document()["devices"] = json::array();
-  stopInto(options, report);
-  return report.finish();
-}
-
 }  // namespace
 
 void addStopTracking(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("stop-tracking", "Have the driver forget which blocks of volumes changed");
-  const auto options = std::make_shared<StopOptions>();
-  verb->add_option("DEVICE", options->devices, "Volumes that are tracked: device or mount point")
-      ->type_name("")
-      ->required()
-      ->check(checkNamed);
-  verb->add_flag("--json", options->json, "Print one JSON document instead");
+  const auto [verb, options] = addVerb<StopOptions>(
+      program, line, "stop-tracking", "Have the driver forget which blocks of volumes changed", &stopTracking);
+  addPositional(*verb, "DEVICE", options->devices, "Volumes that are tracked: device or mount point")->required();
+  addJsonOption(*verb, options->json);
   verb->footer("Their snapshots stay. Nothing is stopped when one of them is not tracked.\n\n" +
                exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
-  verb->callback([options, &line] { line.action = [options] { return stopTracking(*options); }; });
 }
 
 }  // namespace cli

@@ -88,19 +88,6 @@ const std::vector<std::string>& mapShades() {
   return hasBlocks() ? blocks : plain;
 }
 
-std::string sizeText(std::uint64_t bytes) {
-  constexpr std::array units = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  double value = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  while (value >= 1024 && unit + 1 < units.size()) {
-    value /= 1024;
-    ++unit;
-  }
-  std::array<char, 40> text{};
-  std::snprintf(text.data(), text.size(), unit == 0 || value >= 100 ? "%.0f %s" : "%.1f %s", value, units.at(unit));
-  return text.data();
-}
-
 std::string barText(std::uint64_t done, std::uint64_t total, unsigned int width) {
   const std::uint64_t filled = total == 0 ? 0 : done * width / total;
   const bool blocks = hasBlocks();

@@ -39,8 +39,6 @@ class Terminal {
   std::chrono::steady_clock::time_point mStarted;
 };
 
-// "1.5 GiB"
-std::string sizeText(std::uint64_t bytes);
 // "████░░░░", `width` cells wide; plain characters when the locale has no others.
 std::string barText(std::uint64_t done, std::uint64_t total, unsigned int width);
 // Columns of the terminal behind a descriptor; 80 when there is none.

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,8 @@ std::size_t cellsOf(const std::string& text);
 std::string fitted(const std::string& text, std::size_t cells);
 // "a, b and c"
 std::string listed(const std::vector<std::string>& texts);
+// "1.5 GiB"
+std::string sizeText(std::uint64_t bytes);
 // "1 volume", "2 volumes"
 std::string counted(std::size_t count, const std::string& what);
 

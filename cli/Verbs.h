@@ -4,10 +4,13 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
+
+#include "Report.h"
 
 namespace cli {
 
@@ -23,6 +26,37 @@ constexpr std::size_t kHelpColumn = 18;
 
 // An empty name is a variable of a script that is not set: a default in its place would be another run than was meant.
 std::string checkNamed(const std::string& text);
+
+// A verb of the command line and what its options are read into, which lives as long as the verb.
+template <class Options>
+struct Verb {
+  CLI::App* app;
+  Options* options;
+};
+
+// Puts a verb on the command line that does `work` and ends with what it reports, as JSON if `options.json` says so.
+template <class Options>
+Verb<Options> addVerb(CLI::App& program, CommandLine& line, const std::string& name, const std::string& description,
+                      std::function<void(const Options&, Report&)> work) {
+  CLI::App* verb = program.add_subcommand(name, description);
+  const auto options = std::make_shared<Options>();
+  verb->callback([=, &line] {
+    line.action = [=] {
+      Report report(options->json);
+      work(*options, report);
+      return report.finish();
+    };
+  });
+  return {verb, options.get()};
+}
+
+// An argument that is known by its place, or several of them.
+template <class Values>
+CLI::Option* addPositional(CLI::App& verb, const std::string& name, Values& values, const std::string& description) {
+  return verb.add_option(name, values, description)->type_name("")->check(checkNamed);
+}
+
+void addJsonOption(CLI::App& verb, bool& json);
 
 void addRun(CLI::App& program, CommandLine& line);
 void addShell(CLI::App& program, CommandLine& line);

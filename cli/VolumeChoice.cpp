@@ -6,16 +6,12 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <optional>
 
 #include "Text.h"
-#include "qxtools/Handle.h"
 #include "qxtools/UnixUtils.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
@@ -34,11 +30,6 @@ constexpr std::array kUnmappableTypes = {"btrfs", "bcachefs"};
 
 Failure unsupported(const std::string& subject, const std::string& cause, const std::string& advice) {
   return {kVolumeNotSupported, subject, cause, advice};
-}
-
-std::optional<std::string> resolved(const std::string& path) {
-  const std::unique_ptr<char, FreeMemory> real(realpath(path.c_str(), nullptr));
-  return real == nullptr ? std::nullopt : std::optional<std::string>(real.get());
 }
 
 // The path of a device as relocation placement compares it: the mount table's, aliases resolved.
@@ -152,7 +143,7 @@ class Chooser {
   }
 
   Chosen byMountPoint(const std::string& name) {
-    const std::string folder = resolved(name).value_or(name);
+    const std::string folder = resolved(name);
     const std::optional<Mount> mount = mTable.at(folder);
     if (!mount) {
       const std::optional<Mount> holder = mTable.holding(folder);
@@ -191,13 +182,21 @@ bool canBeMapped(const std::string& type) {
   return std::find(kUnmappableTypes.begin(), kUnmappableTypes.end(), type) == kUnmappableTypes.end();
 }
 
+std::vector<std::string> devicesOf(const std::vector<ChosenVolume>& volumes) {
+  std::vector<std::string> devices;
+  for (const ChosenVolume& volume : volumes) {
+    if (std::find(devices.begin(), devices.end(), volume.device) == devices.end()) devices.push_back(volume.device);
+  }
+  return devices;
+}
+
 std::vector<ChosenVolume> everyMounted(const MountTable& table) { return Chooser(table).everyMounted(); }
 
 std::variant<std::string, Failure> deviceNamed(const std::string& name, const MountTable& table) {
   Chosen chosen = Chooser(table).byName(name);
   if (const auto* volume = std::get_if<ChosenVolume>(&chosen)) return volume->device;
   struct stat status {};
-  if (stat(name.c_str(), &status) == 0 && S_ISBLK(status.st_mode)) return resolved(name).value_or(name);
+  if (stat(name.c_str(), &status) == 0 && S_ISBLK(status.st_mode)) return resolved(name);
   return std::get<Failure>(chosen);
 }
 

@@ -25,6 +25,8 @@ struct ChosenVolume {
 std::variant<std::vector<ChosenVolume>, Failure> chooseVolumes(const std::vector<std::string>& names,
                                                                const MountTable& table);
 
+// Their devices in order, each once.
+std::vector<std::string> devicesOf(const std::vector<ChosenVolume>& volumes);
 // Every mounted block device once, in table order, under its first mount point.
 std::vector<ChosenVolume> everyMounted(const MountTable& table);
 // A block device, mounted or not, or the device of a mount point.

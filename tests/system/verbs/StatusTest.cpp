@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // `mirelsnap status`, `freeze` and `thaw`.
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -238,6 +237,17 @@ TEST_F(Freeze, of_a_frozen_volume_among_others_freezes_none) {
                 other.device() + ": is not frozen; mirelsnap status shows which volumes are");
   EXPECT_EQ(verb(session, {"thaw", volume.device()}).code, 0) << "one is enough";
   EXPECT_EQ(session.takeComplaints(2).size(), 2u);
+}
+
+TEST_F(Freeze, of_a_volume_that_is_named_under_two_mount_points_is_one) {
+  const test::TempDir second;
+  const test::Mounted bound(volume.folder(), second.path(), "", MS_BIND);
+  const test::Texts named = {volume.folder(), other.device(), volume.device() + ":" + second.path()};
+  const std::string both = volume.device() + " and " + other.device() + "\n";
+  expectText(verb(session, {"freeze", named[0], named[1], named[2]}), "Frozen: " + both);
+  expectText(verb(session, {"thaw", named[0], named[1], named[2]}), "Thawed: " + both);
+  expectText(verb(session, {"doctor", named[0], named[1], named[2]}),
+             "Nothing stands in the way of a snapshot of " + volume.device() + " and " + other.device() + ".\n");
 }
 
 TEST_F(Freeze, tells_machines_what_became_of_each) {

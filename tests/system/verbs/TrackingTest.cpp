@@ -130,9 +130,10 @@ TEST_F(Changes, as_a_map_without_a_terminal_are_80_cells) {
 
 TEST_F(Changes, that_are_no_longer_tracked_are_120) {
   expectText(verb(session, {"stop-tracking", volume.folder()}), "No longer tracked: " + volume.device() + "\n");
-  const std::string line = volume.device() +
-                           ": its changes are not tracked; a snapshot that asks for change tracking starts it (mirelsnap "
-                           "status shows which volumes are tracked)";
+  const std::string line =
+      volume.device() +
+      ": its changes are not tracked; a snapshot that asks for change tracking starts it (mirelsnap "
+      "status shows which volumes are tracked)";
   expectFailure(verb(session, {"changes", volume.device()}), 120, line);
   expectFailure(verb(session, {"stop-tracking", volume.device()}), 120, line);
   EXPECT_EQ(driver.snapped().size(), 1u) << "the snapshot stays";
@@ -180,12 +181,27 @@ TEST(LogLevel, is_set_by_number_or_name) {
 
 TEST(LogLevel, that_is_none_is_2) {
   Session session;
-  for (const std::string level : {"8", "-", "loud", ""}) {
+  for (const std::string level : {"8", "-", "loud"}) {
     const Ended ended = verb(session, {"log-level", level});
     EXPECT_EQ(ended.code, 2);
     EXPECT_EQ(ended.errors,
               "mirelsnap: LEVEL: " + level + " is no level (0 to 7, or emerg to debug); see mirelsnap --help\n");
   }
+}
+
+TEST(Verbs, refuse_a_name_that_is_empty) {
+  Session session;
+  for (const auto& [name, argument] : {std::pair{"log-level", "LEVEL"},
+                                       {"dump-state", "FILE"},
+                                       {"changes", "DEVICE"},
+                                       {"stop-tracking", "DEVICE"},
+                                       {"freeze", "DEVICE"},
+                                       {"thaw", "DEVICE"},
+                                       {"doctor", "VOLUME"},
+                                       {"plan", "VOLUME"}}) {
+    expectFailure(verb(session, {name, ""}), 2, std::string(argument) + ": the value is empty; see mirelsnap --help");
+  }
+  EXPECT_TRUE(session.trace().empty());
 }
 
 TEST(DumpState, writes_a_file_named_by_any_path) {
