@@ -35,34 +35,34 @@ static_assert(offsetof(_SSGUIDPLAIN, Data2) == 4 && offsetof(_SSGUIDPLAIN, Data3
               offsetof(_SSGUIDPLAIN, Data4) == 8);
 
 // Result codes: zero or positive is success, negative is failure.
-inline constexpr int S_OK = 0x00000000;                                        // success
-inline constexpr int E_NOTIMPL = static_cast<int>(0x80000001);                 // never provided
-inline constexpr int E_OUTOFMEMORY = static_cast<int>(0x80000002);             // allocation failed
-inline constexpr int E_INVALIDARG = static_cast<int>(0x80000003);              // bad or unknown argument
-inline constexpr int E_NOINTERFACE = static_cast<int>(0x80000004);             // unknown interface identifier
-inline constexpr int E_POINTER = static_cast<int>(0x80000005);                 // null output pointer
-inline constexpr int E_FAIL = static_cast<int>(0x80000008);                    // driver reconcile failed
-inline constexpr int E_UNEXPECTED = static_cast<int>(0x8000FFFF);              // internal failure
-inline constexpr int USC_E_BAD_STATE = static_cast<int>(0x80042301);           // not legal in this state
-inline constexpr int USC_E_OBJECT_NOT_FOUND = static_cast<int>(0x80042308);    // identifier not in the set
-inline constexpr int USC_S_ASYNC_PENDING = 0x00042309;                         // still running, or wait timed out
-inline constexpr int USC_S_ASYNC_FINISHED = 0x0004230A;                        // finished, or nothing to wait for
-inline constexpr int USC_E_VOLUME_NOT_SUPPORTED = static_cast<int>(0x8004230C);     // cannot be snapped
-inline constexpr int USC_E_OBJECT_ALREADY_EXISTS = static_cast<int>(0x8004230D);    // already in a set here
-inline constexpr int USC_E_SNAPSHOT_SET_IN_PROGRESS = static_cast<int>(0x80042316); // another set is open
-inline constexpr int USC_E_VOLUME_ALREADY_SNAPPED = static_cast<int>(0x8004231D);   // snap result 11 or 12
-inline constexpr int USC_E_INSUFFICIENT_STORAGE = static_cast<int>(0x8004231F);     // snap result 21
+inline constexpr int S_OK = 0x00000000;                                              // success
+inline constexpr int E_NOTIMPL = static_cast<int>(0x80000001);                       // never provided
+inline constexpr int E_OUTOFMEMORY = static_cast<int>(0x80000002);                   // allocation failed
+inline constexpr int E_INVALIDARG = static_cast<int>(0x80000003);                    // bad or unknown argument
+inline constexpr int E_NOINTERFACE = static_cast<int>(0x80000004);                   // unknown interface identifier
+inline constexpr int E_POINTER = static_cast<int>(0x80000005);                       // null output pointer
+inline constexpr int E_FAIL = static_cast<int>(0x80000008);                          // driver reconcile failed
+inline constexpr int E_UNEXPECTED = static_cast<int>(0x8000FFFF);                    // internal failure
+inline constexpr int USC_E_BAD_STATE = static_cast<int>(0x80042301);                 // not legal in this state
+inline constexpr int USC_E_OBJECT_NOT_FOUND = static_cast<int>(0x80042308);          // identifier not in the set
+inline constexpr int USC_S_ASYNC_PENDING = 0x00042309;                               // still running, or wait timed out
+inline constexpr int USC_S_ASYNC_FINISHED = 0x0004230A;                              // finished, or nothing to wait for
+inline constexpr int USC_E_VOLUME_NOT_SUPPORTED = static_cast<int>(0x8004230C);      // cannot be snapped
+inline constexpr int USC_E_OBJECT_ALREADY_EXISTS = static_cast<int>(0x8004230D);     // already in a set here
+inline constexpr int USC_E_SNAPSHOT_SET_IN_PROGRESS = static_cast<int>(0x80042316);  // another set is open
+inline constexpr int USC_E_VOLUME_ALREADY_SNAPPED = static_cast<int>(0x8004231D);    // snap result 11 or 12
+inline constexpr int USC_E_INSUFFICIENT_STORAGE = static_cast<int>(0x8004231F);      // snap result 21
 
 namespace UnixInterfaces {
 
 // One type per identifier: the first field, the two 16-bit fields and the eight bytes, in order.
-#define MIRELSNAP_GUID_PARAMETERS                                                                              \
-  std::uint32_t D1, std::uint16_t D2, std::uint16_t D3, std::uint8_t B0, std::uint8_t B1, std::uint8_t B2,     \
+#define MIRELSNAP_GUID_PARAMETERS                                                                          \
+  std::uint32_t D1, std::uint16_t D2, std::uint16_t D3, std::uint8_t B0, std::uint8_t B1, std::uint8_t B2, \
       std::uint8_t B3, std::uint8_t B4, std::uint8_t B5, std::uint8_t B6, std::uint8_t B7
-#define MIRELSNAP_GUID_GETTER                                                      \
-  static const _SSGUIDPLAIN& GetGUID() {                                           \
+#define MIRELSNAP_GUID_GETTER                                                           \
+  static const _SSGUIDPLAIN& GetGUID() {                                                \
     static const _SSGUIDPLAIN scgGuid = {D1, D2, D3, {B0, B1, B2, B3, B4, B5, B6, B7}}; \
-    return scgGuid;                                                                \
+    return scgGuid;                                                                     \
   }
 
 // The root of every interface. The reference count is changed atomically; the caller owns one
@@ -153,8 +153,7 @@ class IUscAsyncType : public UnixInterfaces::IUnknown {
   virtual int QueryStatus(int* status, int* snapResult) = 0;
 };
 
-using IUscAsync =
-    IUscAsyncType<0x507C37B4, 0xCF5B, 0x4E95, 0xB0, 0xAF, 0x14, 0xEB, 0x97, 0x67, 0x46, 0x7E>;
+using IUscAsync = IUscAsyncType<0x507C37B4, 0xCF5B, 0x4E95, 0xB0, 0xAF, 0x14, 0xEB, 0x97, 0x67, 0x46, 0x7E>;
 
 // The engine. One engine serves one snapshot set: start it, add volumes, set options, run the job,
 // expose, read properties, unexpose, delete, release. Only one set per process is in progress at a time.
