@@ -39,9 +39,19 @@ void chooseLocale() {
     std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
-int usageError(const std::string& cause) {
-  std::fprintf(stderr, "mirelsnap: %s; see mirelsnap --help\n", cli::onOneLine(cause).c_str());
+// What a verb takes stands in its own help.
+int usageError(const std::string& cause, const std::string& verb = "") {
+  std::fprintf(stderr, "mirelsnap: %s; see mirelsnap %s--help\n", cli::onOneLine(cause).c_str(),
+               verb.empty() ? "" : (verb + " ").c_str());
   return cli::kUsage;
+}
+
+// In the order in which they were typed, which the parser's own text does not keep.
+std::string unexpected(const CLI::App& app, bool commandMissing) {
+  const std::vector<std::string> words = app.remaining(true);
+  std::string text = words.size() == 1 ? "this argument was not expected:" : "these arguments were not expected:";
+  for (const std::string& word : words) text += " " + word;
+  return text + (commandMissing ? " (the command to run stands behind --)" : "");
 }
 
 bool hasVerb(CLI::App& app, const std::string& name) {
@@ -68,14 +78,18 @@ int runMain(int argc, char** argv) {
     line.command.assign(separator + 1, arguments.end());
     arguments.erase(separator, arguments.end());
   }
-  if (arguments.empty()) return usageError("what is to be done? Name a verb, such as doctor");
+  if (verb.empty()) return usageError("what is to be done? Name a verb, such as doctor");
+  if (verb.starts_with('-') && verb != "-h" && verb != "--help" && verb != "--version")
+    return usageError("name a verb first: " + verb + " is none");
   std::reverse(arguments.begin(), arguments.end());
   try {
     app.parse(arguments);
   } catch (const CLI::Success& asked) {
     return app.exit(asked);
+  } catch (const CLI::ExtrasError&) {
+    return usageError(unexpected(app, verb == kRun && line.command.empty()), hasVerb(app, verb) ? verb : "");
   } catch (const CLI::ParseError& error) {
-    return usageError(error.what());
+    return usageError(error.what(), hasVerb(app, verb) ? verb : "");
   }
   return line.action();
 }

@@ -530,12 +530,12 @@ TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
   Session session;
   const auto complains = [&](Texts arguments, const std::string& line) {
     arguments.insert(arguments.begin(), MIRELSNAP_PROGRAM);
-    expectFailure(session.run(arguments), 2, "mirelsnap: " + line + "; see mirelsnap --help");
+    expectFailure(session.run(arguments), 2, "mirelsnap: " + line + "; see " + help);
   };
   complains({}, "what is to be done? Name a verb, such as doctor");
   complains({"run"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
   complains({"run", "--"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
-  complains({"run", "--nothing", "--", "true"}, "The following argument was not expected: --nothing");
+  complains({"run", "--nothing", "--", "true"}, "this argument was not expected: --nothing");
   complains({"run", "--reloc-size", "5", "--", "true"}, "--reloc-size requires --reloc-mount");
   complains({"run", "--reloc-mount", "/mnt", "--", "true"}, "--reloc-mount requires --reloc-size");
   complains({"run", "--reloc-mount", "/mnt", "--reloc-size", "0", "--", "true"},
@@ -547,10 +547,15 @@ TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
   for (const std::string option : {"--volume", "--base", "--bind"})
     complains({"run", option, "", "--", "true"}, option + ": the value is empty");
   complains({"run", "--reloc-mount", "", "--reloc-size", "5", "--", "true"}, "--reloc-mount: the value is empty");
-  complains({"run", "--volume", "/mnt", "/proc", "--", "true"}, "The following argument was not expected: /proc");
-  complains({"run", "two\nlines", "--", "true"}, "The following argument was not expected: two\\nlines");
+  complains({"run", "--volume", "/mnt", "/proc", "--", "true"}, "this argument was not expected: /proc");
+  complains({"run", "--volum", "/mnt", "--", "true"}, "these arguments were not expected: --volum /mnt");
+  complains({"run", "tar", "-cf", "x"},
+            "these arguments were not expected: tar -cf x (the command to run stands behind --)");
+  complains({"run", "two\nlines", "--", "true"}, "this argument was not expected: two\\nlines");
+  complains({""}, "what is to be done? Name a verb, such as doctor");
   complains({"fly"}, "fly is nothing that mirelsnap can do");
   EXPECT_TRUE(session.trace().empty());
 }
 
 }  // namespace
+  complains({"--json", "status"}, "name a verb first: --json is none");

@@ -264,7 +264,7 @@ TEST_F(Freeze, of_what_is_no_volume_is_113_and_refused_by_the_driver_119) {
   expectFailure(verb(refusing, {"freeze", volume.device()}), 119,
                 volume.device() + ": the driver refused the request; look for MIRELSNAP_SDK in the system log");
   EXPECT_EQ(refusing.takeComplaints(1).size(), 1u);
-  EXPECT_EQ(verb(session, {"freeze"}).errors, "mirelsnap: DEVICE is required; see mirelsnap --help\n");
+  EXPECT_EQ(verb(session, {"freeze"}).errors, "mirelsnap: DEVICE is required; see mirelsnap freeze --help\n");
 }
 
 }  // namespace

@@ -184,8 +184,8 @@ TEST(LogLevel, that_is_none_is_2) {
   for (const std::string level : {"8", "-", "loud"}) {
     const Ended ended = verb(session, {"log-level", level});
     EXPECT_EQ(ended.code, 2);
-    EXPECT_EQ(ended.errors,
-              "mirelsnap: LEVEL: " + level + " is no level (0 to 7, or emerg to debug); see mirelsnap --help\n");
+    EXPECT_EQ(ended.errors, "mirelsnap: LEVEL: " + level +
+                                " is no level (0 to 7, or emerg to debug); see mirelsnap log-level --help\n");
   }
 }
 
@@ -199,7 +199,8 @@ TEST(Verbs, refuse_a_name_that_is_empty) {
                                        {"thaw", "DEVICE"},
                                        {"doctor", "VOLUME"},
                                        {"plan", "VOLUME"}}) {
-    expectFailure(verb(session, {name, ""}), 2, std::string(argument) + ": the value is empty; see mirelsnap --help");
+    expectFailure(verb(session, {name, ""}), 2,
+                  std::string(argument) + ": the value is empty; see mirelsnap " + name + " --help");
   }
   EXPECT_TRUE(session.trace().empty());
 }
