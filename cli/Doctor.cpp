@@ -139,6 +139,8 @@ void checkRemains(Driver& driver, Findings& findings) {
   for (const Mount& mount : remains.mounts)
     findings.add("leftover-mount", mount.folder, "is still mounted (" + mount.source + "), for a process that is gone",
                  advice);
+  for (const Mount& mount : remains.strays)
+    findings.add("leftover-mount", mount.folder, causeOf(mount), adviceOn(mount));
   for (const std::string& base : remains.bases)
     findings.add("leftover-folder", base, "is the base of a process that is gone", advice);
 }

@@ -12,6 +12,7 @@
 #include <filesystem>
 
 #include "Processes.h"
+#include "Remains.h"
 #include "Wide.h"
 
 namespace fs = std::filesystem;
@@ -40,7 +41,7 @@ Outcome checkNotCovered(const std::string& volume, const std::vector<std::string
   for (const std::string& bind : binds) {
     if (liesWithin(volume, bind))
       return cannotExpose(bind, "would hide the snapshot of " + volume + " behind live files",
-                          "leave out --bind " + bind + ", or name it with --volume");
+                          "leave out --bind " + bind + (bind == volume ? "" : ", or name it with --volume"));
   }
   return std::nullopt;
 }
@@ -125,8 +126,16 @@ Outcome checkBase(const std::string& wanted) {
   }
   if (!fs::is_directory(status))
     return cannotExpose(path, "is not a directory", "name a new or an empty directory with --base");
-  if (!MountTable().under(path).empty())
-    return cannotExpose(path, "is mounted on", "name a directory without mounts with --base");
+  const std::vector<Mount> mounts = MountTable().under(path);
+  if (!mounts.empty()) {
+    const bool used =
+        std::any_of(mounts.begin(), mounts.end(), [](const Mount& mount) { return isSnapshotDevice(mount.source); });
+    return cannotExpose(path, "is mounted on",
+                        used && path != "/"
+                            ? "mirelsnap reconcile --base " + path + " clears it of a dead process, or " +
+                                  "name a directory without mounts with --base"
+                            : "name a directory without mounts with --base");
+  }
   const bool empty = fs::is_empty(path, error);
   if (error || !empty)
     return cannotExpose(path, error ? "cannot be read: " + error.message() : "is not empty",

@@ -39,6 +39,7 @@ class Removal {
     tellRelocationFiles();
     tellMounts();
     tellFolders();
+    tellStrays();
   }
 
  private:
@@ -88,6 +89,13 @@ class Removal {
       note("folders", {{"path", base}}, "folder " + base, left, base, "the folder could not be removed",
            "look at what is in it");
     }
+  }
+
+  // Which base they are of is a guess, and what else is mounted there unknown: whoever knows names it.
+  void tellStrays() {
+    for (const Mount& mount : mAfter.strays)
+      note("mounts", {{"folder", mount.folder}, {"source", mount.source}}, "", true, mount.folder, causeOf(mount),
+           adviceOn(mount));
   }
 
   template <class Items, class Same>
@@ -169,7 +177,7 @@ void reconcile(const ReconcileOptions& options, Report& report) {
     report.failed(
         {kRefused, kControlNode, "the driver could not be reconciled", "look for MIRELSNAP_SDK in the system log"});
   }
-  if (before.empty()) report.print("Nothing is left of dead processes.\n");
+  if (before.empty() && after.strays.empty()) report.print("Nothing is left of dead processes.\n");
 }
 
 }  // namespace
@@ -185,7 +193,8 @@ void addReconcile(CLI::App& program, CommandLine& line) {
   verb->footer(
       "Snapshots, mappings, relocation files, mounts and folders of living processes\n"
       "are left alone. All that is mounted below DIR is unmounted, the binds among it;\n"
-      "DIR itself stays. A second run says that there is nothing.\n\n" +
+      "DIR itself stays. A second run says that there is nothing. Snapshots of dead\n"
+      "processes that are mounted elsewhere stay, and are told of (118).\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
 }
 

@@ -2,6 +2,7 @@
 #include "Remains.h"
 
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <list>
@@ -20,15 +21,40 @@ namespace {
 // A file, whatever path leads to it.
 using FileId = std::pair<dev_t, ino_t>;
 
+// Its two parts are the numbers of the volume: of nine digits at most, which fit.
+const std::regex& snapshotPattern() {
+  static const std::regex pattern("/dev/snap([0-9]{1,9})_([0-9]{1,9})");
+  return pattern;
+}
+
 FileId idOf(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 ? FileId{status.st_dev, status.st_ino} : FileId{};
 }
 
-// Relocation files that no living process holds: those in the snapshots themselves are only pictures.
-std::vector<std::string> abandonedFiles(const std::set<FileId>& held, const MountTable& table) {
-  std::list<std::string> all;
-  LinuxSnapshotreloc("", 0, 0UL, 0UL).GetAllRelocationFiles(all);
+// What living processes hold.
+struct Held {
+  std::set<FileId> files;
+  std::set<std::string> snapshots;  // their devices
+};
+
+// Whether a living process holds it: then it is noted.
+bool note(const SnappedVolumeInformation& volume, Held& held) {
+  if (isGone(volume.getAppPid())) return false;
+  held.files.insert(idOf(WStringToString(volume.getRelocFileName())));
+  held.snapshots.insert(snapshotDeviceOf(volume));
+  return true;
+}
+
+bool note(const RelocFileMappingInformation& mapping, Held& held) {
+  if (isGone(mapping.getAppPid())) return false;
+  held.files.insert(idOf(mapping.getRelocFileName()));
+  return true;
+}
+
+// Of all relocation files those that no living process holds: those in the snapshots themselves are only pictures.
+std::vector<std::string> abandonedFiles(const std::list<std::string>& all, const std::set<FileId>& held,
+                                        const MountTable& table) {
   std::vector<std::string> found;
   for (const std::string& path : all) {
     const std::optional<Mount> mount = table.holding(path.starts_with("//") ? path.substr(1) : path);
@@ -40,43 +66,84 @@ std::vector<std::string> abandonedFiles(const std::set<FileId>& held, const Moun
   return found;
 }
 
+// The snapshots' mounts that were there before the driver was asked and still are: one of a run that starts or ends
+// meanwhile is none.
+std::vector<Mount> straysOf(const MountTable& before, const MountTable& now, const std::set<std::string>& living,
+                            const std::vector<std::string>& bases) {
+  std::vector<Mount> strays;
+  for (const Mount& mount : now.mounts()) {
+    if (!isSnapshotDevice(mount.source) || living.contains(mount.source)) continue;
+    const auto isSame = [&](const Mount& other) {
+      return other.folder == mount.folder && other.source == mount.source;
+    };
+    const auto holds = [&](const std::string& base) { return liesWithin(mount.folder, base); };
+    if (std::any_of(before.mounts().begin(), before.mounts().end(), isSame) &&
+        std::none_of(bases.begin(), bases.end(), holds))
+      strays.push_back(mount);
+  }
+  return strays;
+}
+
+// The base of an exposure, found again by where its volume is mounted; empty when that does not tell.
+std::string baseOf(const Mount& snapshot) {
+  std::smatch numbers;
+  if (!std::regex_match(snapshot.source, numbers, snapshotPattern())) return {};
+  const auto number = [&](std::size_t part) { return static_cast<unsigned int>(std::stoul(numbers[part])); };
+  const dev_t volume = makedev(number(1), number(2));
+  std::string base;
+  for (const Mount& mount : MountTable().of(volume)) {
+    const std::size_t length = mount.folder == "/" ? 0 : mount.folder.size();
+    if (!snapshot.folder.ends_with(mount.folder) && length != 0) continue;
+    const std::string found = snapshot.folder.substr(0, snapshot.folder.size() - length);
+    if (!found.empty() && (base.empty() || found.size() < base.size())) base = found;
+  }
+  return base;
+}
+
 }  // namespace
+
+std::string causeOf(const Mount& stray) {
+  return "is still mounted (" + stray.source + "), though no living process holds that snapshot";
+}
+
+std::string adviceOn(const Mount& stray) {
+  const std::string base = baseOf(stray);
+  return base.empty() ? "unmount it" : "mirelsnap reconcile --base " + base + " removes it";
+}
 
 std::string snapshotDeviceOf(const SnappedVolumeInformation& volume) {
   return "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
 }
 
-bool isSnapshotDevice(const std::string& path) {
-  static const std::regex pattern("/dev/snap[0-9]+_[0-9]+");
-  return std::regex_match(path, pattern);
-}
+bool isSnapshotDevice(const std::string& path) { return std::regex_match(path, snapshotPattern()); }
 
 Remains findRemains(Driver& driver, const std::string& base) {
   Remains remains;
-  std::set<FileId> held;
+  // Living processes make and remove things meanwhile: what they hold is asked before these are looked for and after.
+  Held held;
+  const MountTable earlier;
   for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
-    const std::string file = WStringToString(volume.getRelocFileName());
-    if (isGone(volume.getAppPid())) {
-      remains.snapshots.push_back({WStringToString(volume.getSnappedVolumeName()), file, volume.getAppPid()});
-    } else {
-      held.insert(idOf(file));
-    }
+    if (!note(volume, held))
+      remains.snapshots.push_back({WStringToString(volume.getSnappedVolumeName()),
+                                   WStringToString(volume.getRelocFileName()), volume.getAppPid()});
   }
   for (const RelocFileMappingInformation& mapping : driver.mappings()) {
-    if (isGone(mapping.getAppPid())) {
+    if (!note(mapping, held))
       remains.mappings.push_back({mapping.getSnappedVolumeName(), mapping.getRelocFileName(), mapping.getAppPid()});
-    } else {
-      held.insert(idOf(mapping.getRelocFileName()));
-    }
   }
+  std::list<std::string> files;
+  LinuxSnapshotreloc("", 0, 0UL, 0UL).GetAllRelocationFiles(files);
+  for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) note(volume, held);
+  for (const RelocFileMappingInformation& mapping : driver.mappings()) note(mapping, held);
   const MountTable table;
-  remains.relocationFiles = abandonedFiles(held, table);
+  remains.relocationFiles = abandonedFiles(files, held.files, table);
   remains.bases = abandonedBases();
   std::vector<std::string> places = remains.bases;
   if (!base.empty()) places.push_back(base);
   for (const std::string& place : places) {
     for (const Mount& mount : table.under(place)) remains.mounts.push_back(mount);
   }
+  remains.strays = straysOf(earlier, table, held.snapshots, places);
   return remains;
 }
 

@@ -27,14 +27,20 @@ struct Remains {
   std::vector<std::string> relocationFiles;  // on the mounted file systems, of no living process
   std::vector<Mount> mounts;                 // in abandoned bases, deepest last
   std::vector<std::string> bases;            // of dead processes, below the default directory
+  std::vector<Mount> strays;                 // of snapshots that no living process holds, in bases that nobody named
 
   bool empty() const {
-    return snapshots.empty() && mappings.empty() && relocationFiles.empty() && mounts.empty() && bases.empty();
+    return snapshots.empty() && mappings.empty() && relocationFiles.empty() && mounts.empty() && bases.empty() &&
+           strays.empty();
   }
 };
 
 // What is there at this moment. `base`, unless it is empty, counts as abandoned.
 Remains findRemains(Driver& driver, const std::string& base = "");
+
+// Why a stray is one, and how it is removed: with its base, where its place tells which that was.
+std::string causeOf(const Mount& stray);
+std::string adviceOn(const Mount& stray);
 
 // The path of the device that the driver offers the snapshot of a volume as.
 std::string snapshotDeviceOf(const SnappedVolumeInformation& volume);

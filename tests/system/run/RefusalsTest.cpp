@@ -333,6 +333,20 @@ TEST_F(RunRefusedBase, on_which_something_is_mounted_is_117) {
   expectRefused({"--base", dir.path()}, dir.path() + ": is mounted on; name a directory without mounts with --base");
 }
 
+TEST_F(RunRefusedBase, that_a_killed_run_left_its_snapshot_in_is_117_and_free_after_what_it_is_told_to_do) {
+  const std::string base = dir / "base";
+  const Texts options = {"--volume", volume.device(), "--base", base};
+  test::Process killed = session.start(test::runArguments(options, {"/bin/sh", "-c", "echo $$; exec sleep 60"}));
+  while (killed.running() && killed.output().empty()) usleep(1000);
+  killed.kill();
+  kill(std::stoi(killed.output()), SIGKILL);
+  expectFailure(run(session, options, kTrue), 117,
+                "mirelsnap: " + base + ": is mounted on; mirelsnap reconcile --base " + base +
+                    " clears it of a dead process, or name a directory without mounts with --base");
+  EXPECT_EQ(session.run({MIRELSNAP_PROGRAM, "reconcile", "--base", base}).code, 0);
+  EXPECT_EQ(run(session, options, kTrue).code, 0);
+}
+
 TEST_F(RunRefusedBase, that_cannot_be_made_is_117) {
   ASSERT_EQ(mount("tests", dir.path().c_str(), "tmpfs", MS_RDONLY, nullptr), 0);
   expectRefused({"--base", dir / "new/base"},
@@ -355,10 +369,10 @@ TEST_F(RunRefusedBase, with_a_bind_that_is_a_file_is_117) {
 }
 
 TEST_F(RunRefusedBase, with_a_bind_that_would_hide_the_snapshot_behind_live_files_is_117) {
-  for (const std::string& bind : {volume.folder(), std::string("/mnt")}) {
-    expectRefused({"--bind", bind}, bind + ": would hide the snapshot of " + volume.folder() +
-                                        " behind live files; leave out --bind " + bind + ", or name it with --volume");
-  }
+  const std::string hidden =
+      ": would hide the snapshot of " + volume.folder() + " behind live files; leave out --bind ";
+  expectRefused({"--bind", volume.folder()}, volume.folder() + hidden + volume.folder());
+  expectRefused({"--bind", "/mnt"}, "/mnt" + hidden + "/mnt, or name it with --volume");
 }
 
 TEST_F(RunRefusedBase, that_is_relative_to_a_working_directory_that_is_gone_is_117) {
@@ -529,10 +543,13 @@ TEST(RunCannotCleanUp, when_memory_ends_at_the_deletion_is_118) {
 TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
   Session session;
   const auto complains = [&](Texts arguments, const std::string& line) {
+    const std::string help =
+        arguments.empty() || arguments.front() != "run" ? "mirelsnap --help" : "mirelsnap run --help";
     arguments.insert(arguments.begin(), MIRELSNAP_PROGRAM);
     expectFailure(session.run(arguments), 2, "mirelsnap: " + line + "; see " + help);
   };
   complains({}, "what is to be done? Name a verb, such as doctor");
+  complains({""}, "what is to be done? Name a verb, such as doctor");
   complains({"run"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
   complains({"run", "--"}, "run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
   complains({"run", "--nothing", "--", "true"}, "this argument was not expected: --nothing");
@@ -552,10 +569,9 @@ TEST(RunUsage, that_is_wrong_is_2_and_does_nothing) {
   complains({"run", "tar", "-cf", "x"},
             "these arguments were not expected: tar -cf x (the command to run stands behind --)");
   complains({"run", "two\nlines", "--", "true"}, "this argument was not expected: two\\nlines");
-  complains({""}, "what is to be done? Name a verb, such as doctor");
   complains({"fly"}, "fly is nothing that mirelsnap can do");
+  complains({"--json", "status"}, "name a verb first: --json is none");
   EXPECT_TRUE(session.trace().empty());
 }
 
 }  // namespace
-  complains({"--json", "status"}, "name a verb first: --json is none");

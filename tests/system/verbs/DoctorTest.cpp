@@ -211,6 +211,21 @@ TEST_F(Doctor, finds_what_a_dead_process_left) {
   EXPECT_EQ(findings({volume.device()}), Lines());
 }
 
+TEST_F(Doctor, finds_a_dead_processs_mount_below_a_base_of_its_own_and_names_the_base) {
+  const TempDir dir;
+  const Volume volume("ext4", 32 << 20);
+  test::killedRun(session, volume, dir / "base");
+  const std::string finding = "leftover-mount " + dir / "base" + volume.folder() + ": is still mounted (/dev/snap7_" +
+                              std::to_string(volume.loop().minor()) +
+                              "), though no living process holds that snapshot; mirelsnap reconcile --base " +
+                              dir / "base" + " removes it";
+  EXPECT_EQ(findings({volume.device()}).back(), finding);
+  EXPECT_EQ(verb(session, {"reconcile"}).code, 118);
+  EXPECT_EQ(findings({volume.device()}), Lines{finding});
+  EXPECT_EQ(verb(session, {"reconcile", "--base", dir / "base"}).code, 0);
+  EXPECT_EQ(findings({volume.device()}), Lines());
+}
+
 TEST(DoctorElsewhere, finds_that_there_is_no_driver) {
   const Volume volume("ext4", 32 << 20);
   Session session = Session::withoutDriver();
@@ -289,6 +304,51 @@ TEST_F(Reconcile, removes_what_is_mounted_below_a_base_that_is_named) {
           {"exit_code", 0}}));
   expectText(verb(session, {"reconcile", "--base", dir / "base"}), "Nothing is left of dead processes.\n");
   EXPECT_TRUE(!fs::exists(dir / "base") || fs::is_empty(dir / "base"));
+}
+
+TEST_F(Reconcile, tells_of_mounts_below_a_base_that_is_not_named_until_it_is) {
+  const TempDir dir;
+  const std::string exposed = dir / "base" + volume.folder();
+  test::killedRun(session, volume, dir / "base");
+  const std::string line = exposed + ": is still mounted (" + snapshot +
+                           "), though no living process holds that snapshot; mirelsnap reconcile --base " +
+                           dir / "base" + " removes it";
+  const Ended first = verb(session, {"reconcile"});
+  expectFailure(first, 118, line);
+  EXPECT_NE(first.output.find("Removed the snapshot of " + volume.device()), std::string::npos);
+  const Ended second = verb(session, {"reconcile"});
+  expectFailure(second, 118, line);
+  EXPECT_EQ(second.output, "");
+  EXPECT_EQ(document(session, {"reconcile"})["mounts"],
+            (Json{{{"folder", exposed}, {"source", snapshot}, {"removed", false}}}));
+  expectText(verb(session, {"reconcile", "--base", dir / "base"}),
+             "Removed the mount of " + snapshot + " on " + exposed + "\n");
+  expectText(verb(session, {"reconcile"}), "Nothing is left of dead processes.\n");
+}
+
+TEST_F(Reconcile, says_to_unmount_a_snapshot_whose_place_does_not_tell_its_base) {
+  const TempDir dir, elsewhere;
+  test::killedRun(session, volume, dir / "base");
+  {
+    const Mounted bound(dir / "base" + volume.folder(), elsewhere.path(), "", MS_BIND);
+    const Ended ended = verb(session, {"reconcile", "--base", dir / "base"});
+    expectFailure(ended, 118,
+                  elsewhere.path() + ": is still mounted (" + snapshot +
+                      "), though no living process holds that snapshot; unmount it");
+    EXPECT_NE(ended.output.find("Removed the mount of " + snapshot), std::string::npos);
+  }
+  expectText(verb(session, {"reconcile"}), "Nothing is left of dead processes.\n");
+}
+
+TEST_F(Reconcile, takes_no_picture_of_a_relocation_file_for_one_while_living_runs_come_and_go) {
+  test::Process runs =
+      session.start({"/bin/sh", "-c", "for i in 1 2 3 4 5; do \"$0\" run --volume \"$1\" -- true; done",
+                     MIRELSNAP_PROGRAM, volume.device()});
+  while (runs.running()) {
+    const Ended ended = verb(session, {"reconcile"});
+    EXPECT_EQ(ended.output.find("Removed the relocation file /run/mirelsnap/"), std::string::npos) << ended.output;
+  }
+  EXPECT_EQ(runs.wait(), 0) << runs.errors();
 }
 
 TEST_F(Reconcile, leaves_what_a_living_process_holds_alone) {
