@@ -160,6 +160,10 @@ TEST_F(DriverState, a_listing_fills_no_more_than_the_room_asked_and_says_how_muc
   ASSERT_EQ(ask(IOC_GET_RELOC_FILE_MAPPING, five).error, 0);
   EXPECT_EQ(five.requestValue(), 2u);
   EXPECT_EQ(five.record<RelocFileMappingEntry>(2).appPid, 0);
+  ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(11, "/dev/a", "/r/again")), 0);
+  WireCommand again = test::mappingListingCommand(1);
+  ASSERT_EQ(ask(IOC_GET_RELOC_FILE_MAPPING, again).error, 0);
+  EXPECT_STREQ(again.record<RelocFileMappingEntry>(0).relocFileName, "/r/again") << "it keeps its place";
   WireCommand none = test::mappingListingCommand(0);
   ASSERT_EQ(ask(IOC_GET_RELOC_FILE_MAPPING, none).error, 0);
   EXPECT_EQ(none.requestValue(), 0u);
