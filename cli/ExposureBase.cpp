@@ -12,7 +12,7 @@
 #include <filesystem>
 
 #include "Processes.h"
-#include "Remains.h"
+#include "SnapshotDevice.h"
 #include "Wide.h"
 
 namespace fs = std::filesystem;

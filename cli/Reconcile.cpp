@@ -11,6 +11,7 @@
 #include "Processes.h"
 #include "Remains.h"
 #include "Report.h"
+#include "SnapshotDevice.h"
 #include "Text.h"
 #include "Verbs.h"
 #include "Wide.h"

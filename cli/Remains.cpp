@@ -2,16 +2,16 @@
 #include "Remains.h"
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <list>
-#include <regex>
+#include <optional>
 #include <set>
 #include <utility>
 
 #include "ExposureBase.h"
 #include "Processes.h"
+#include "SnapshotDevice.h"
 #include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
 
@@ -20,12 +20,6 @@ namespace {
 
 // A file, whatever path leads to it.
 using FileId = std::pair<dev_t, ino_t>;
-
-// Its two parts are the numbers of the volume: of nine digits at most, which fit.
-const std::regex& snapshotPattern() {
-  static const std::regex pattern("/dev/snap([0-9]{1,9})_([0-9]{1,9})");
-  return pattern;
-}
 
 FileId idOf(const std::string& path) {
   struct stat status {};
@@ -86,12 +80,10 @@ std::vector<Mount> straysOf(const MountTable& before, const MountTable& now, con
 
 // The base of an exposure, found again by where its volume is mounted; empty when that does not tell.
 std::string baseOf(const Mount& snapshot) {
-  std::smatch numbers;
-  if (!std::regex_match(snapshot.source, numbers, snapshotPattern())) return {};
-  const auto number = [&](std::size_t part) { return static_cast<unsigned int>(std::stoul(numbers[part])); };
-  const dev_t volume = makedev(number(1), number(2));
+  const std::optional<dev_t> volume = volumeOf(snapshot.source);
+  if (!volume) return {};
   std::string base;
-  for (const Mount& mount : MountTable().of(volume)) {
+  for (const Mount& mount : MountTable().of(*volume)) {
     const std::size_t length = mount.folder == "/" ? 0 : mount.folder.size();
     if (!snapshot.folder.ends_with(mount.folder) && length != 0) continue;
     const std::string found = snapshot.folder.substr(0, snapshot.folder.size() - length);
@@ -110,12 +102,6 @@ std::string adviceOn(const Mount& stray) {
   const std::string base = baseOf(stray);
   return base.empty() ? "unmount it" : "mirelsnap reconcile --base " + base + " removes it";
 }
-
-std::string snapshotDeviceOf(const SnappedVolumeInformation& volume) {
-  return "/dev/snap" + std::to_string(volume.getMajorNum()) + "_" + std::to_string(volume.getMinorNum());
-}
-
-bool isSnapshotDevice(const std::string& path) { return std::regex_match(path, snapshotPattern()); }
 
 Remains findRemains(Driver& driver, const std::string& base) {
   Remains remains;

@@ -42,9 +42,4 @@ Remains findRemains(Driver& driver, const std::string& base = "");
 std::string causeOf(const Mount& stray);
 std::string adviceOn(const Mount& stray);
 
-// The path of the device that the driver offers the snapshot of a volume as.
-std::string snapshotDeviceOf(const SnappedVolumeInformation& volume);
-// Whether a path names a device that the driver offers a snapshot as.
-bool isSnapshotDevice(const std::string& path);
-
 }  // namespace cli

@@ -4,6 +4,8 @@
 #
 #     clean-root.sh BUILD_FOLDER AGENT_FOLDER...
 #
+# An agent without a CMakeLists.txt of its own is built with the first one's.
+#
 # As root, on Debian; no archive is needed. All that is made (the clean Debian, mounts, loop devices, processes) lives in a
 # mount and a process namespace of this script, on a file system in memory: it goes when they go, however the script ends.
 # Nothing of the machine's is mounted there.
@@ -18,6 +20,7 @@ shift
 here=$(dirname "$(realpath "$0")")
 build=$(realpath "$1")
 mapfile -t agents < <(realpath "${@:2}")
+cmake_lists=${agents[0]}/CMakeLists.txt
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
 step() { printf '%4s s  %s\n' "$SECONDS" "$*"; }
@@ -77,6 +80,7 @@ for agent in "${agents[@]}"; do
   name=$(basename "$(dirname "$agent")")-$(basename "$agent")
   step "compiling $name with pkg-config and with find_package, backing a volume up with each"
   cp -r "$agent" "root/agents/$name"
+  [ -e "root/agents/$name/CMakeLists.txt" ] || cp "$cmake_lists" "root/agents/$name/"
   quietly "$name does not compile" in_root sh /in-root.sh compile "/agents/$name"
   for program in by-pkg-config build/agent build/agent-static; do
     quietly "$name/$program" in_root sh /in-root.sh back-up "/agents/$name/$program"
