@@ -31,7 +31,7 @@
 #include "World.h"
 #include "driver/DriverProtocol.h"
 #include "driver/RunMap.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "reloc/LinuxSnapshotreloc.h"
 
 namespace {

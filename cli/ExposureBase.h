@@ -10,7 +10,7 @@
 
 #include "Failure.h"
 #include "MountTable.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace cli {
 

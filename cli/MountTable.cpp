@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "engine/GetDoneWrapper.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "qxtools/MountPointCollection.h"
 
 namespace cli {

@@ -13,7 +13,7 @@
 
 #include "Wide.h"
 #include "driver/VolumeRecords.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace cli {
 namespace {

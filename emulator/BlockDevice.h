@@ -11,7 +11,7 @@
 #include "DeviceNumber.h"
 #include "Kernel.h"
 #include "Result.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

@@ -17,7 +17,7 @@
 #include "DeviceNumber.h"
 #include "Kernel.h"
 #include "MountInfo.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

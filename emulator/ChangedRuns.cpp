@@ -10,7 +10,7 @@
 #include <memory>
 #include <new>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 namespace {

@@ -15,7 +15,7 @@
 #include "Kernel.h"
 #include "Result.h"
 #include "SyscallFilter.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

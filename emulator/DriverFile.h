@@ -15,7 +15,7 @@
 #include "DeviceNumber.h"
 #include "Kernel.h"
 #include "Result.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

@@ -17,7 +17,7 @@
 #include "Kernel.h"
 #include "Result.h"
 #include "SafetyNet.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

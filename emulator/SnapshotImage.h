@@ -10,7 +10,7 @@
 #include "Kernel.h"
 #include "Result.h"
 #include "SafetyNet.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

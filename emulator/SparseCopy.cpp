@@ -14,7 +14,7 @@
 #include <new>
 #include <thread>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 namespace {

@@ -20,7 +20,7 @@
 #include "DriverFile.h"
 #include "Kernel.h"
 #include "Messages.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

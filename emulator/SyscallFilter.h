@@ -3,7 +3,7 @@
 // The system calls that come to the emulator before the kernel looks at them.
 #pragma once
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

@@ -12,7 +12,7 @@
 #include "Commands.h"
 #include "Messages.h"
 #include "Result.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace emulator {
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 inline constexpr char kDriverModule[] = "mirelsnap";
 inline constexpr char kControlNode[] = "/dev/mirelsnapctl";

@@ -16,7 +16,7 @@
 #include "driver/DriverProtocol.h"
 #include "driver/RelocationFileLocation.h"
 #include "driver/RunMap.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "driver/VolumeRecords.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "reloc/DriverReference.h"
 #include "sysinfo/LinuxSystemInfo.h"
 #include "sysinfo/MountTable.h"

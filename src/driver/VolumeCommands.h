@@ -9,7 +9,7 @@
 #include <string>
 
 #include "driver/DriverCommand.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 // The driver's status word for the block device `volume` after `request`, which is one of the checks. Nothing, logged,
 // when the driver could not be asked; `logFailure` logs a request that failed with the errno `error`.

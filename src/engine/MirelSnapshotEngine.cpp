@@ -15,7 +15,7 @@
 #include <cwchar>
 
 #include "engine/Boundary.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "qxtools/Log.h"
 #include "qxtools/UnixUtils.h"
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <utility>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 // A text of any length. While it is short it needs no heap; when the heap gives nothing, the text keeps its beginning.
 template <class Char>

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <utility>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "qxtools/UnixUtils.h"
 
 namespace UnixUtils {

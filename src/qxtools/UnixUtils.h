@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace UnixUtils {
 

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "reloc/RelocationReasons.h"
 #include "sysinfo/LinuxSystemInfo.h"
 

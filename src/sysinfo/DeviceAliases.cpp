@@ -9,7 +9,7 @@
 #include <climits>
 #include <cstdlib>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "sysinfo/DirectoryWalk.h"
 #include "sysinfo/LinuxSystemInfo.h"
 

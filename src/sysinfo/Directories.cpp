@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "sysinfo/DirectoryWalk.h"
 #include "sysinfo/LinuxSystemInfo.h"
 

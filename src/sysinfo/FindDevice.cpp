@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "sysinfo/DirectoryWalk.h"
 #include "sysinfo/LinuxSystemInfo.h"
 

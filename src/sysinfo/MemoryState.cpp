@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 namespace mirelsnapsdk_linuxcomputer {

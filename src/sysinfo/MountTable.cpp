@@ -13,7 +13,7 @@
 #include <string_view>
 #include <utility>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 namespace mirelsnapsdk_linuxcomputer {

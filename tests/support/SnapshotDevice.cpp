@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace test {
 namespace {

@@ -25,7 +25,7 @@
 
 #include "EmulatorRun.h"
 #include "World.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace {
 

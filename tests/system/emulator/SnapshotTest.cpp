@@ -20,7 +20,7 @@
 
 #include "EmulatorRun.h"
 #include "World.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace {
 

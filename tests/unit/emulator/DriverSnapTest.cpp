@@ -13,7 +13,7 @@
 #include <memory>
 
 #include "DriverFixture.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace {
 

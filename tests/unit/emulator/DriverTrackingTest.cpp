@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "DriverFixture.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "LoopVolume.h"
 #include "SparseCopy.h"
 #include "World.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace {
 

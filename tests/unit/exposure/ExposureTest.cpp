@@ -23,7 +23,7 @@
 #include "interpose/Allocations.h"
 #include "interpose/FailingCopies.h"
 #include "interpose/FailingMalloc.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 using namespace MirelSnapSnapshotCoordinator;
 using test::wide;

@@ -20,7 +20,7 @@
 #include "LoopVolume.h"
 #include "World.h"
 #include "interpose/Allocations.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 using namespace MirelSnapSnapshotCoordinator;
 

@@ -8,7 +8,7 @@
 
 #include <stdexcept>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace test {
 namespace {

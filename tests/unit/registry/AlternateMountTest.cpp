@@ -12,7 +12,7 @@
 #include "engine/MountVolumeParams.h"
 #include "interpose/Allocations.h"
 #include "interpose/FailingMalloc.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 using test::directory;
 using test::HeldSet;

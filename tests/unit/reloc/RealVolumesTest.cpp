@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "RelocTest.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace test {
 namespace {

@@ -12,7 +12,7 @@
 
 #include <cerrno>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace test {
 namespace {

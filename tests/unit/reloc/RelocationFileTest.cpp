@@ -12,7 +12,7 @@
 #include <csignal>
 
 #include "RelocTest.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace test {
 namespace {

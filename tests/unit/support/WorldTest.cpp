@@ -15,7 +15,7 @@
 #include "LoopVolume.h"
 #include "ScriptedDriver.h"
 #include "World.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 TEST(LogCapture, keeps_priority_identity_and_text_letter_for_letter) {
   test::LogCapture log;

@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 namespace test {
 

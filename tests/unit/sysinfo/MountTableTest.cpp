@@ -22,7 +22,7 @@
 #include "LogCapture.h"
 #include "LoopVolume.h"
 #include "World.h"
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
 using mirelsnapsdk_linuxcomputer::LinuxSystemInfo;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "qxtools/Handle.h"
+#include "base/Handle.h"
 
 #include <cerrno>
 
