@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "Gate.h"
 #include "LoopVolume.h"
 #include "Run.h"
 #include "Terminal.h"
@@ -40,44 +41,59 @@ std::size_t cellsOf(std::string text) {
   return cells;
 }
 
-class RunInTerminal : public testing::Test {
- protected:
-  // A relocation file of 200 MiB, which is written block by block.
-  std::string writtenIn(test::Terminal& terminal, const std::string& kind) {
-    const Volume volume("xfs", 700 << 20);
-    Session session;
-    Process process = session.start(
-        runArguments({"--volume", volume.device(), "--reloc-mount", volume.folder(), "--reloc-size", "50000"},
-                     {"/bin/echo", "hello"}),
-        {.environment = {{"TERM", kind}}, .terminal = terminal.inner()});
-    while (process.running()) terminal.written();
-    EXPECT_EQ(process.wait(), 0);
-    return terminal.written();
-  }
-};
-
-TEST_F(RunInTerminal, shows_each_phase_with_its_time_and_a_bar_while_the_relocation_file_is_written) {
-  test::Terminal terminal(200);
-  const std::string written = writtenIn(terminal, "xterm");
-  const auto shows = [&](const std::string& pattern) { return std::regex_search(written, std::regex(pattern)); };
-  EXPECT_TRUE(shows("\rTaking the snapshot of /dev/loop[0-9]+ \\.\\.\\. 0\\.0 s\033\\[K"));
-  EXPECT_TRUE(
-      shows("\r(█|░)+ [0-9]+ % of 195 MiB, [0-9.]+ s: (writing|flushing) the relocation file /mnt/t-[^ "
-            "]*/\\.verrelocarea/loop[0-9]+\033\\[K"))
-      << written;
-  EXPECT_TRUE(shows("\rTaking the snapshot of /dev/loop[0-9]+: [0-9.]+ s\033\\[K\r\n"));
-  EXPECT_TRUE(shows("\rMounting the snapshots: [0-9.]+ s\033\\[K\r\nhello\r\n"));
-  EXPECT_TRUE(shows("\rCleaning up: [0-9.]+ s\033\\[K\r\n$"));
+// What the program shows in `terminal`, to its end, which is a good one.
+std::string shownToEnd(Process& process, test::Terminal& terminal) {
+  while (process.running()) terminal.written();
+  EXPECT_EQ(process.wait(), 0);
+  return terminal.written();
 }
 
-TEST_F(RunInTerminal, that_is_narrow_keeps_every_line_inside_it) {
+// What a run with a relocation file of 64 MiB shows. The disk stands still when a quarter of the file is written, and
+// before it is flushed, until the terminal shows that.
+std::string shownWhileWriting(test::Terminal& terminal, const std::string& volume, const std::string& folder) {
+  test::Gate gate;
+  test::StartOptions options{.environment = gate.environment("held-relocation-file"), .terminal = terminal.inner()};
+  options.environment["TERM"] = "xterm";
+  options.environment["LC_ALL"] = "C.UTF-8";
+  Session session;
+  Process process = session.start(
+      runArguments({"--volume", volume, "--reloc-mount", folder, "--reloc-size", "16384"}, {"/bin/echo", "hello"}),
+      options);
+  for (const std::string state : {" 25 % of ", " 100 % of "}) {
+    gate.waitForProgram();
+    EXPECT_TRUE(terminal.waitFor(state)) << terminal.written();
+    gate.letGoOn();
+  }
+  return shownToEnd(process, terminal);
+}
+
+TEST(RunInTerminal, shows_each_phase_with_its_time_and_a_bar_while_the_relocation_file_is_written) {
+  const Volume volume("xfs", 400 << 20);
+  test::Terminal terminal(200);
+  const std::string written = shownWhileWriting(terminal, volume.device(), volume.folder());
+  const auto shows = [&](const std::string& pattern) {
+    EXPECT_TRUE(std::regex_search(written, std::regex(pattern))) << pattern << " in " << written;
+  };
+  const std::string file = "the relocation file " + volume.folder() + "/\\.verrelocarea/loop[0-9]+\033\\[K";
+  shows("\rTaking the snapshot of /dev/loop[0-9]+ \\.\\.\\. [0-9.]+ s\033\\[K");
+  shows("\r(█){6}(░){18} 25 % of 64\\.0 MiB, [0-9.]+ s: writing " + file);
+  shows("\r(█){24} 100 % of 64\\.0 MiB, [0-9.]+ s: flushing " + file);
+  shows("\rTaking the snapshot of /dev/loop[0-9]+: [0-9.]+ s\033\\[K\r\n");
+  shows("\rMounting the snapshots: [0-9.]+ s\033\\[K\r\nhello\r\n");
+  shows("\rCleaning up: [0-9.]+ s\033\\[K\r\n$");
+}
+
+TEST(RunInTerminal, that_is_narrow_keeps_every_line_inside_it) {
+  const Volume volume("xfs", 400 << 20);
   test::Terminal terminal(40);
-  for (const std::string& state : states(writtenIn(terminal, "xterm"))) EXPECT_LT(cellsOf(state), 40u) << state;
+  for (const std::string& state : states(shownWhileWriting(terminal, volume.device(), volume.folder()))) {
+    EXPECT_LT(cellsOf(state), 40u) << state;
+  }
 }
 
 // What a hostile name would have the terminal do is not done.
-TEST_F(RunInTerminal, shows_control_characters_of_names_escaped) {
-  const test::LoopDevice loop(700 << 20);
+TEST(RunInTerminal, shows_control_characters_of_names_escaped) {
+  const test::LoopDevice loop(400 << 20);
   loop.mkfs("xfs");
   const std::string device = "/dev/evil\033]0;title\a";
   const test::Node node(device, S_IFBLK, loop.major(), loop.minor());
@@ -86,13 +102,7 @@ TEST_F(RunInTerminal, shows_control_characters_of_names_escaped) {
   std::filesystem::create_directory(folder);
   const test::Mounted mounted(device, folder, "xfs");
   test::Terminal terminal(200);
-  Session session;
-  Process process =
-      session.start(runArguments({"--volume", folder, "--reloc-mount", folder, "--reloc-size", "50000"}, {"/bin/true"}),
-                    {.environment = {{"TERM", "xterm"}}, .terminal = terminal.inner()});
-  while (process.running()) terminal.written();
-  EXPECT_EQ(process.wait(), 0);
-  const std::string& written = terminal.written();
+  const std::string written = shownWhileWriting(terminal, folder, folder);
   EXPECT_NE(written.find("Taking the snapshot of /dev/evil\\x1b]0;title\\x07"), std::string::npos) << written;
   EXPECT_NE(written.find(" the relocation file " + dir.path() + "/two\\nlines\\x1b[2J/.verrelocarea/evil"),
             std::string::npos)
@@ -101,9 +111,13 @@ TEST_F(RunInTerminal, shows_control_characters_of_names_escaped) {
   EXPECT_EQ(written.find("\033[2J"), std::string::npos);
 }
 
-TEST_F(RunInTerminal, that_can_do_nothing_shows_the_commands_output_alone) {
+TEST(RunInTerminal, that_can_do_nothing_shows_the_commands_output_alone) {
+  const Volume volume("xfs", 400 << 20);
   test::Terminal terminal;
-  EXPECT_EQ(writtenIn(terminal, "dumb"), "hello\r\n");
+  Session session;
+  Process process = session.start(runArguments({"--volume", volume.device()}, {"/bin/echo", "hello"}),
+                                  {.environment = {{"TERM", "dumb"}}, .terminal = terminal.inner()});
+  EXPECT_EQ(shownToEnd(process, terminal), "hello\r\n");
 }
 
 }  // namespace

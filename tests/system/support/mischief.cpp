@@ -5,19 +5,29 @@
 //   no-more-runs            each answer about changed runs says that more follow, and brings none
 //   same-run                each answer about changed runs says that more follow, and brings the volume's first block
 //   no-memory-for-removal   the first allocation behind the discarding of a snapshot fails
+//   held-relocation-file    the writing of a relocation file stands still at kHeldAt, and again before it is flushed,
+//                           each time at the gate (Gate.h) at $MISCHIEF_GATE
 #include <dlfcn.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <string_view>
 #include <utility>
 
 #include "driver/DriverProtocol.h"
 
 namespace {
+
+constexpr off_t kHeldAt = 16 << 20;  // bytes
 
 bool isAsked(std::string_view mischief) {
   const char* asked = std::getenv("MISCHIEF");
@@ -36,7 +46,41 @@ void answerWithRuns(std::byte* command, std::uint32_t count) {
   if (count != 0) std::memcpy(command + kBitmapRunsOffset, &first, sizeof first);
 }
 
+bool isRelocationFile(int descriptor) {
+  std::array<char, 4096> path{};
+  const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+  return readlink(link.c_str(), path.data(), path.size() - 1) > 0 && std::strstr(path.data(), "/.verrelocarea/");
+}
+
+// Comes to the gate, and stays until the test lets it go on or is gone.
+void standAtGate() {
+  sockaddr_un gate{};
+  gate.sun_family = AF_UNIX;
+  std::strncpy(gate.sun_path, std::getenv("MISCHIEF_GATE"), sizeof gate.sun_path - 1);
+  const int visit = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(visit, reinterpret_cast<const sockaddr*>(&gate), sizeof gate) == 0) {
+    char nothing = 0;
+    while (recv(visit, &nothing, sizeof nothing, 0) < 0 && errno == EINTR) {
+    }
+  }
+  close(visit);
+}
+
 }  // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t write(int descriptor, const void* data, size_t size) {
+  static const auto real = reinterpret_cast<ssize_t (*)(int, const void*, size_t)>(dlsym(RTLD_NEXT, "write"));
+  if (isAsked("held-relocation-file") && lseek(descriptor, 0, SEEK_CUR) == kHeldAt && isRelocationFile(descriptor)) {
+    standAtGate();
+  }
+  return real(descriptor, data, size);
+}
+
+extern "C" __attribute__((visibility("default"))) int fsync(int descriptor) {
+  static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+  if (isAsked("held-relocation-file") && isRelocationFile(descriptor)) standAtGate();
+  return real(descriptor);
+}
 
 extern "C" __attribute__((visibility("default"))) int ioctl(int descriptor, unsigned long request, ...) noexcept {
   static const auto real = reinterpret_cast<int (*)(int, unsigned long, void*)>(dlsym(RTLD_NEXT, "ioctl"));
