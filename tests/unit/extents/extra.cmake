@@ -1,2 +1,1 @@
-target_sources(unit_extents PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../../support/interpose/Allocations.cpp
-                                    ${CMAKE_CURRENT_LIST_DIR}/../../support/interpose/OpenedFiles.cpp)
+target_link_libraries(unit_extents PRIVATE interpose_Allocations interpose_OpenedFiles)

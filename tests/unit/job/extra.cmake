@@ -1,2 +1,1 @@
-target_sources(unit_job PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/interpose/Allocations.cpp
-                                ${CMAKE_CURRENT_SOURCE_DIR}/support/interpose/OpenedFiles.cpp)
+target_link_libraries(unit_job PRIVATE interpose_Allocations interpose_OpenedFiles)

@@ -1,3 +1,2 @@
-target_sources(unit_properties PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../../support/interpose/Allocations.cpp
-                                   ${CMAKE_CURRENT_LIST_DIR}/../../support/interpose/FailingCopies.cpp)
+target_link_libraries(unit_properties PRIVATE interpose_Allocations interpose_FailingCopies)
 target_link_options(unit_properties PRIVATE LINKER:--wrap=strdup,--wrap=wcsdup,--wrap=calloc)

@@ -1,2 +1,2 @@
-target_sources(unit_snap PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../../support/interpose/Allocations.cpp)
+target_link_libraries(unit_snap PRIVATE interpose_Allocations)
 target_link_options(unit_snap PRIVATE LINKER:--wrap=calloc)

@@ -1,1 +1,1 @@
-target_sources(unit_unsnap PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../../support/interpose/Allocations.cpp)
+target_link_libraries(unit_unsnap PRIVATE interpose_Allocations)
