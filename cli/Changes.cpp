@@ -95,12 +95,12 @@ void changes(const ChangesOptions& options, Report& report) {
 }  // namespace
 
 void addChanges(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] =
+  auto [verb, options] =
       addVerb<ChangesOptions>(program, line, "changes", "Show which blocks of a tracked volume changed", &changes);
-  addPositional(*verb, "DEVICE", options->device, "A volume that is tracked: device or mount point")->required();
-  verb->add_flag("--map", options->map, "Draw the device as a bar instead, as wide as the terminal\n(else 80 cells)");
-  addJsonOption(*verb, options->json);
-  verb->footer(
+  verb.argument("DEVICE", options->device, "A volume that is tracked: device or mount point");
+  verb.flag("--map", options->map, "Draw the device as a bar instead, as wide as the terminal\n(else 80 cells)");
+  addJsonOption(verb, options->json);
+  verb.footer(
       "The driver tracks a volume from the instant of a snapshot that asks for it,\n"
       "until the snapshot is deleted or mirelsnap stop-tracking. What is written\n"
       "meanwhile may be shown or not: freeze the volume to see one instant.\n\n" +

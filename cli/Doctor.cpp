@@ -168,13 +168,13 @@ void doctor(const DoctorOptions& options, Report& report) {
 }  // namespace
 
 void addDoctor(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] = addVerb<DoctorOptions>(
+  auto [verb, options] = addVerb<DoctorOptions>(
       program, line, "doctor", "Look for what would stop a snapshot here, before anyone tries", &doctor);
-  addPositional(*verb, "VOLUME", options->volumes,
-                "Volumes to look at: device, mount point, or DEVICE:MOUNTPOINT\n"
-                "(default: every mounted volume that can be snapped, and what\nwould be left out)");
-  addJsonOption(*verb, options->json);
-  verb->footer(
+  verb.optionalArguments("VOLUME", options->volumes,
+                         "Volumes to look at: device, mount point, or DEVICE:MOUNTPOINT\n"
+                         "(default: every mounted volume that can be snapped, and what\nwould be left out)");
+  addJsonOption(verb, options->json);
+  verb.footer(
       "Each finding is one line: the device or path, the cause, what to do next.\n"
       "Nothing is changed, but the driver is loaded when it is not.\n\n" +
       exitCodeHelp({kSuccess, kFindings}));

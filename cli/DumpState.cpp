@@ -65,14 +65,12 @@ void dumpState(const DumpOptions& options, Report& report) {
 }  // namespace
 
 void addDumpState(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] = addVerb<DumpOptions>(program, line, "dump-state",
-                                                    "Have the driver write its state into a file, as text", &dumpState);
-  addPositional(*verb, "FILE", options->file,
-                "The file, which is made or replaced; its full path has\n256 bytes at most")
-      ->required();
-  addJsonOption(*verb, options->json);
-  verb->footer("What stands in it is for the driver's developers and may change.\n\n" +
-               exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kRefused}));
+  auto [verb, options] = addVerb<DumpOptions>(program, line, "dump-state",
+                                              "Have the driver write its state into a file, as text", &dumpState);
+  verb.argument("FILE", options->file, "The file, which is made or replaced; its full path has\n256 bytes at most");
+  addJsonOption(verb, options->json);
+  verb.footer("What stands in it is for the driver's developers and may change.\n\n" +
+              exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kRefused}));
 }
 
 }  // namespace cli

@@ -69,13 +69,12 @@ void changeState(const Direction& direction, const FreezeOptions& options, Repor
 
 void add(CLI::App& program, CommandLine& line, const Direction& direction, const char* description,
          const std::string& footer) {
-  const auto [verb, options] = addVerb<FreezeOptions>(
+  auto [verb, options] = addVerb<FreezeOptions>(
       program, line, direction.verb, description,
       [&direction](const FreezeOptions& chosen, Report& report) { changeState(direction, chosen, report); });
-  addPositional(*verb, "DEVICE", options->devices, "Mounted volumes: device, mount point, or DEVICE:MOUNTPOINT")
-      ->required();
-  addJsonOption(*verb, options->json);
-  verb->footer(footer);
+  verb.arguments("DEVICE", options->devices, "Mounted volumes: device, mount point, or DEVICE:MOUNTPOINT");
+  addJsonOption(verb, options->json);
+  verb.footer(footer);
 }
 
 }  // namespace

@@ -50,15 +50,14 @@ void setLevel(const LevelOptions& options, Report& report) {
 }  // namespace
 
 void addLogLevel(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] =
+  auto [verb, options] =
       addVerb<LevelOptions>(program, line, "log-level", "Set how much the driver writes to its log", &setLevel);
-  addPositional(*verb, "LEVEL", options->level,
-                "0 to 7, or emerg, alert, crit, err, warning, notice, info,\ndebug: each with all before it")
-      ->required()
-      ->check(checkLevel);
-  addJsonOption(*verb, options->json);
-  verb->footer("It holds for the driver until it is set again or the driver is loaded anew.\n\n" +
-               exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kRefused}));
+  verb.argument("LEVEL", options->level,
+                "0 to 7, or emerg, alert, crit, err, warning, notice, info,\ndebug: each with all before it",
+                checkLevel);
+  addJsonOption(verb, options->json);
+  verb.footer("It holds for the driver until it is set again or the driver is loaded anew.\n\n" +
+              exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kRefused}));
 }
 
 }  // namespace cli

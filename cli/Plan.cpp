@@ -122,14 +122,14 @@ void plan(const PlanOptions& options, Report& report) {
 }  // namespace
 
 void addPlan(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] =
+  auto [verb, options] =
       addVerb<PlanOptions>(program, line, "plan", "Show where relocation files would go, how large and why", &plan);
-  addPositional(*verb, "VOLUME", options->volumes,
-                "The volumes of the set: device, mount point, or\nDEVICE:MOUNTPOINT\n"
-                "(default: every mounted volume that can be snapped)");
-  addRelocationOptions(*verb, options->relocation);
-  addJsonOption(*verb, options->json);
-  verb->footer(
+  verb.optionalArguments("VOLUME", options->volumes,
+                         "The volumes of the set: device, mount point, or\nDEVICE:MOUNTPOINT\n"
+                         "(default: every mounted volume that can be snapped)");
+  addRelocationOptions(verb, options->relocation);
+  addJsonOption(verb, options->json);
+  verb.footer(
       "Nothing is made or written. The volumes are taken as one set, in this order:\n"
       "they share the memory that the driver can use. Free space, memory and what\n"
       "other programs snap may change until then. The exit code is the one with which\n"

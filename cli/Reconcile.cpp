@@ -184,14 +184,12 @@ void reconcile(const ReconcileOptions& options, Report& report) {
 }  // namespace
 
 void addReconcile(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] = addVerb<ReconcileOptions>(
-      program, line, "reconcile", "Remove what dead processes left, and tell what it was", &reconcile);
-  verb->add_option("--base", options->base,
-                   "A base that a dead process had its snapshots mounted below,\nbesides those in /run/mirelsnap")
-      ->type_name("DIR")
-      ->check(checkNamed);
-  addJsonOption(*verb, options->json);
-  verb->footer(
+  auto [verb, options] = addVerb<ReconcileOptions>(program, line, "reconcile",
+                                                   "Remove what dead processes left, and tell what it was", &reconcile);
+  verb.option("--base", "DIR", options->base,
+              "A base that a dead process had its snapshots mounted below,\nbesides those in /run/mirelsnap");
+  addJsonOption(verb, options->json);
+  verb.footer(
       "Snapshots, mappings, relocation files, mounts and folders of living processes\n"
       "are left alone. All that is mounted below DIR is unmounted, the binds among it;\n"
       "DIR itself stays. A second run says that there is nothing. Snapshots of dead\n"

@@ -200,15 +200,6 @@ std::string checkBlocks(const std::string& text) {
   return text + " is no number of blocks (1 to " + std::to_string(std::numeric_limits<std::uint32_t>::max()) + ")";
 }
 
-// The usage line with what stands behind "--", which the option parser does not see.
-class RunFormatter : public CLI::Formatter {
- public:
-  RunFormatter() { column_width(kHelpColumn); }
-  std::string make_usage(const CLI::App*, std::string) const override {
-    return "Usage: mirelsnap run [OPTIONS] -- COMMAND [ARG...]\n";
-  }
-};
-
 }  // namespace
 
 int snapshotAndRun(const RunOptions& options, Command command) {
@@ -217,37 +208,25 @@ int snapshotAndRun(const RunOptions& options, Command command) {
   return report.finish();
 }
 
-void addRelocationOptions(CLI::App& verb, RelocationOptions& options) {
-  CLI::Option* mount = verb.add_option("--reloc-mount", options.mountPoint, "Mount point for the relocation files")
-                           ->type_name("DIR")
-                           ->check(checkNamed);
-  CLI::Option* size =
-      verb.add_option("--reloc-size", options.blocks, "Size of each relocation file, in blocks of its volume")
-          ->type_name("BLOCKS")
-          ->check(checkBlocks);
-  mount->needs(size);
-  size->needs(mount);
+void addRelocationOptions(Syntax& verb, RelocationOptions& options) {
+  verb.option("--reloc-mount", "DIR", options.mountPoint, "Mount point for the relocation files");
+  verb.option("--reloc-size", "BLOCKS", options.blocks, "Size of each relocation file, in blocks of its volume",
+              checkBlocks);
+  verb.together("--reloc-mount", "--reloc-size");
 }
 
-void addSnapshotOptions(CLI::App& verb, RunOptions& options) {
-  verb.add_option("--volume", options.volumes,
-                  "A volume to snapshot: its device, its mount point, or\n"
-                  "DEVICE:MOUNTPOINT; may be repeated\n"
-                  "(default: every mounted volume that can be snapped)")
-      ->type_name("DEVICE[:MOUNTPOINT]")
-      ->check(checkNamed)
-      ->allow_extra_args(false);
-  verb.add_option("--base", options.base,
-                  "Where the snapshots are mounted: a new or an empty directory\n(default: /run/mirelsnap/PID)")
-      ->type_name("DIR")
-      ->check(checkNamed);
-  verb.add_option("--bind", options.binds, "A live mount point to show below the base as well;\nmay be repeated")
-      ->type_name("MOUNTPOINT")
-      ->check(checkNamed)
-      ->allow_extra_args(false);
+void addSnapshotOptions(Syntax& verb, RunOptions& options) {
+  verb.repeatableOption("--volume", "DEVICE[:MOUNTPOINT]", options.volumes,
+                        "A volume to snapshot: its device, its mount point, or\n"
+                        "DEVICE:MOUNTPOINT; may be repeated\n"
+                        "(default: every mounted volume that can be snapped)");
+  verb.option("--base", "DIR", options.base,
+              "Where the snapshots are mounted: a new or an empty directory\n(default: /run/mirelsnap/PID)");
+  verb.repeatableOption("--bind", "MOUNTPOINT", options.binds,
+                        "A live mount point to show below the base as well;\nmay be repeated");
   addRelocationOptions(verb, options.relocation);
-  verb.add_flag("--json", options.json, "Print the result as one JSON document to standard output");
-  verb.add_flag("--verbose", options.verbose, "Show each phase and the library's own messages");
+  verb.flag("--json", options.json, "Print the result as one JSON document to standard output");
+  verb.flag("--verbose", options.verbose, "Show each phase and the library's own messages");
 }
 
 std::string environmentHelp() {
@@ -257,17 +236,17 @@ std::string environmentHelp() {
 }
 
 void addRun(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("run", "Snapshot volumes, run a command on the snapshots, clean up");
+  Syntax verb(program, "run", "Snapshot volumes, run a command on the snapshots, clean up");
   const auto options = std::make_shared<RunOptions>();
-  verb->formatter(std::make_shared<RunFormatter>());
-  addSnapshotOptions(*verb, *options);
-  verb->footer("COMMAND " + environmentHelp() +
-               "The exit code is COMMAND's own, 128 + N when signal N ended it, or one of\nthese.\n\n" +
-               exitCodeHelp({kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed,
-                             kCannotExpose, kCannotCleanUp, kNotExecutable, kNotFound}));
-  verb->callback([options, &line] {
+  verb.usage("mirelsnap run [OPTIONS] -- COMMAND [ARG...]");
+  addSnapshotOptions(verb, *options);
+  verb.footer("COMMAND " + environmentHelp() +
+              "The exit code is COMMAND's own, 128 + N when signal N ended it, or one of\nthese.\n\n" +
+              exitCodeHelp({kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed,
+                            kCannotExpose, kCannotCleanUp, kNotExecutable, kNotFound}));
+  verb.whenRead([options, &line] {
     if (line.command.empty())
-      throw CLI::ParseError("run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND", kUsage);
+      refuseCommandLine("run: what is to be run? Put it behind --, as in: mirelsnap run -- COMMAND");
     line.action = [options, &line] { return snapshotAndRun(*options, {"run", line.command, {}, "", {}}); };
   });
 }

@@ -23,9 +23,9 @@ struct RunOptions {
 };
 
 // The options that say what is snapped and where it is shown.
-void addSnapshotOptions(CLI::App& verb, RunOptions& options);
+void addSnapshotOptions(Syntax& verb, RunOptions& options);
 // The two options that say where relocation files go.
-void addRelocationOptions(CLI::App& verb, RelocationOptions& options);
+void addRelocationOptions(Syntax& verb, RelocationOptions& options);
 // What the command finds in its environment, for a help text.
 std::string environmentHelp();
 

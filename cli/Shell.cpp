@@ -31,10 +31,10 @@ int shell(const RunOptions& options) {
 }  // namespace
 
 void addShell(CLI::App& program, CommandLine& line) {
-  CLI::App* verb = program.add_subcommand("shell", "Snapshot volumes, open a shell in the snapshots, clean up");
+  Syntax verb(program, "shell", "Snapshot volumes, open a shell in the snapshots, clean up");
   const auto options = std::make_shared<RunOptions>();
-  addSnapshotOptions(*verb, *options);
-  verb->footer(
+  addSnapshotOptions(verb, *options);
+  verb.footer(
       "The shell is $SHELL, else /bin/sh. It starts in the directory below which the\n"
       "snapshots are mounted, and\n" +
       environmentHelp() +
@@ -45,7 +45,7 @@ void addShell(CLI::App& program, CommandLine& line) {
       "these.\n\n" +
       exitCodeHelp({kNotRoot, kNoDriver, kVolumeNotSupported, kAlreadySnapped, kNoRoom, kSnapshotFailed, kCannotExpose,
                     kCannotCleanUp, kNotExecutable, kNotFound}));
-  verb->callback([options, &line] { line.action = [options] { return shell(*options); }; });
+  verb.whenRead([options, &line] { line.action = [options] { return shell(*options); }; });
 }
 
 }  // namespace cli

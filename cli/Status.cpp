@@ -126,11 +126,11 @@ void status(const StatusOptions&, Report& report) {
 }  // namespace
 
 void addStatus(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] = addVerb<StatusOptions>(
+  auto [verb, options] = addVerb<StatusOptions>(
       program, line, "status", "Show the snapshots, mappings and frozen volumes of the driver", &status);
-  addJsonOption(*verb, options->json);
-  verb->footer("An owner that is gone left what it held: mirelsnap reconcile removes it.\n\n" +
-               exitCodeHelp({kSuccess, kNotRoot, kNoDriver}));
+  addJsonOption(verb, options->json);
+  verb.footer("An owner that is gone left what it held: mirelsnap reconcile removes it.\n\n" +
+              exitCodeHelp({kSuccess, kNotRoot, kNoDriver}));
 }
 
 }  // namespace cli

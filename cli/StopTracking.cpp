@@ -47,12 +47,12 @@ void stopTracking(const StopOptions& options, Report& report) {
 }  // namespace
 
 void addStopTracking(CLI::App& program, CommandLine& line) {
-  const auto [verb, options] = addVerb<StopOptions>(
-      program, line, "stop-tracking", "Have the driver forget which blocks of volumes changed", &stopTracking);
-  addPositional(*verb, "DEVICE", options->devices, "Volumes that are tracked: device or mount point")->required();
-  addJsonOption(*verb, options->json);
-  verb->footer("Their snapshots stay. Nothing is stopped when one of them is not tracked.\n\n" +
-               exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
+  auto [verb, options] = addVerb<StopOptions>(program, line, "stop-tracking",
+                                              "Have the driver forget which blocks of volumes changed", &stopTracking);
+  verb.arguments("DEVICE", options->devices, "Volumes that are tracked: device or mount point");
+  addJsonOption(verb, options->json);
+  verb.footer("Their snapshots stay. Nothing is stopped when one of them is not tracked.\n\n" +
+              exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kVolumeNotSupported, kRefused, kNotInState}));
 }
 
 }  // namespace cli

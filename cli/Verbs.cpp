@@ -3,8 +3,6 @@
 
 namespace cli {
 
-std::string checkNamed(const std::string& text) { return text.empty() ? "the value is empty" : ""; }
-
-void addJsonOption(CLI::App& verb, bool& json) { verb.add_flag("--json", json, "Print one JSON document instead"); }
+void addJsonOption(Syntax& verb, bool& json) { verb.flag("--json", json, "Print one JSON document instead"); }
 
 }  // namespace cli

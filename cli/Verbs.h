@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "Report.h"
+#include "Syntax.h"
 
 namespace cli {
 
@@ -21,16 +20,10 @@ struct CommandLine {
   std::function<int()> action;
 };
 
-// The column in which help texts explain: no line of a help is wider than 80.
-constexpr std::size_t kHelpColumn = 18;
-
-// An empty name is a variable of a script that is not set: a default in its place would be another run than was meant.
-std::string checkNamed(const std::string& text);
-
 // A verb of the command line and what its options are read into, which lives as long as the verb.
 template <class Options>
 struct Verb {
-  CLI::App* app;
+  Syntax syntax;
   Options* options;
 };
 
@@ -38,25 +31,19 @@ struct Verb {
 template <class Options>
 Verb<Options> addVerb(CLI::App& program, CommandLine& line, const std::string& name, const std::string& description,
                       std::function<void(const Options&, Report&)> work) {
-  CLI::App* verb = program.add_subcommand(name, description);
+  Syntax syntax(program, name, description);
   const auto options = std::make_shared<Options>();
-  verb->callback([=, &line] {
+  syntax.whenRead([=, &line] {
     line.action = [=] {
       Report report(options->json);
       work(*options, report);
       return report.finish();
     };
   });
-  return {verb, options.get()};
+  return {syntax, options.get()};
 }
 
-// An argument that is known by its place, or several of them.
-template <class Values>
-CLI::Option* addPositional(CLI::App& verb, const std::string& name, Values& values, const std::string& description) {
-  return verb.add_option(name, values, description)->type_name("")->check(checkNamed);
-}
-
-void addJsonOption(CLI::App& verb, bool& json);
+void addJsonOption(Syntax& verb, bool& json);
 
 void addRun(CLI::App& program, CommandLine& line);
 void addShell(CLI::App& program, CommandLine& line);

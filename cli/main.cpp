@@ -8,6 +8,8 @@
 #include <cstring>
 #include <exception>
 
+#include <CLI/CLI.hpp>
+
 #include "Failure.h"
 #include "Text.h"
 #include "Verbs.h"
