@@ -3,11 +3,13 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -15,12 +17,15 @@ namespace {
 
 constexpr int kThrough = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-UniqueFd openOnce(int root, const char* path, int flags) noexcept {
+UniqueFd openOnce(int root, const char* path, int flags, std::uint64_t resolve) noexcept {
   open_how how{};
   how.flags = static_cast<unsigned int>(flags | O_CLOEXEC);
-  how.resolve = RESOLVE_NO_SYMLINKS;
+  how.resolve = resolve;
   return UniqueFd(static_cast<int>(syscall(SYS_openat2, root, path, &how, sizeof how)));
 }
+
+// Whether openat2 failed because there is none: the kernel is older, or a filter of system calls does not know it.
+bool isMissing(const UniqueFd& opened) noexcept { return !opened && (errno == ENOSYS || errno == EPERM); }
 
 // Opens the last component. O_PATH alone would open a link itself.
 UniqueFd openLast(int directory, const char* name, int flags) noexcept {
@@ -60,11 +65,18 @@ UniqueFd openStepwise(int root, const char* path, int flags) noexcept {
 }
 
 UniqueFd openFrom(int root, const char* path, int flags) noexcept {
-  UniqueFd opened = openOnce(root, path, flags);
-  if (opened || errno != ENOSYS) return opened;
+  UniqueFd opened = openOnce(root, path, flags, RESOLVE_NO_SYMLINKS);
+  if (!isMissing(opened)) return opened;
   if (root != AT_FDCWD) return openStepwise(root, path, flags);
   const UniqueFd top(open("/", kThrough));
   return top ? openStepwise(top.get(), path, flags) : UniqueFd();
+}
+
+// A mount of another file system shows by its device number; a bind mount of the same one does not.
+bool onSameDevice(int directory, int entry) noexcept {
+  struct stat there {};
+  struct stat here {};
+  return fstat(directory, &there) == 0 && fstat(entry, &here) == 0 && there.st_dev == here.st_dev;
 }
 
 bool leadsUp(const char* path) noexcept {
@@ -93,6 +105,21 @@ UniqueFd openBeneath(int root, const char* relative, int flags) noexcept {
     return UniqueFd();
   }
   return openFrom(root, *relative == '\0' ? "." : relative, flags);
+}
+
+UniqueFd openEntry(int directory, const char* name, int flags) noexcept {
+  UniqueFd opened = openOnce(directory, name, flags, RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV | RESOLVE_BENEATH);
+  if (!isMissing(opened)) return opened;
+  if (std::strchr(name, '/') != nullptr || leadsUp(name)) {
+    errno = EXDEV;
+    return UniqueFd();
+  }
+  opened = openLast(directory, name, flags);
+  if (opened && !onSameDevice(directory, opened.get())) {
+    opened.reset();
+    errno = EXDEV;
+  }
+  return opened;
 }
 
 DescriptorPath::DescriptorPath(int descriptor) noexcept {

@@ -22,6 +22,10 @@
 // Flags and failures as above; EXDEV for "..".
 [[nodiscard]] UniqueFd openBeneath(int root, const char* relative, int flags) noexcept;
 
+// Opens the entry `name` of `directory`, one component. Neither a link nor a mount is followed: ELOOP (ENOTDIR on
+// kernels before 5.6 with O_DIRECTORY) and EXDEV.
+[[nodiscard]] UniqueFd openEntry(int directory, const char* name, int flags) noexcept;
+
 // The path by which system calls that take only paths reach exactly what a descriptor has open:
 //   mount(device, DescriptorPath(target.get()).text(), ...);
 // It needs procfs on /proc and holds only while the descriptor is open.
