@@ -20,7 +20,6 @@
 #include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
 #include "reloc/RelocationFileRemoval.h"
-#include "sysinfo/LinuxSystemInfo.h"
 
 namespace {
 
@@ -107,12 +106,11 @@ void keepFilesOfSnapshots(const SnappedVolumes& volumes, Paths& orphans) {
   }
 }
 
-void removeOrphans(mirelsnapsdk_linuxcomputer::LinuxSystemInfo& system, const Paths& orphans) {
+void removeOrphans(const Paths& orphans) {
   syslog(LOG_INFO, "Reloc File List contains: %lu files.\n", orphans.size());
   for (const std::string& file : orphans) {
     syslog(LOG_DEBUG, "Relocation File to be deleted: %s.\n", file.c_str());
-    unlinkRelocFile(file);
-    system.DeleteDirectoryIfEmpty(relocFileDirectory(file));
+    removeRelocFile(file);
   }
 }
 
@@ -133,7 +131,6 @@ void verifyAndCleanVolumes() {
 }  // namespace
 
 unsigned int SnapDriverInterface::ReconcileAndCleanup() {
-  mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
   Paths orphans;
   SnappedVolumes snapped;
   if (!readSnappedVolumes(*this, snapped)) return 3;
@@ -146,7 +143,7 @@ unsigned int SnapDriverInterface::ReconcileAndCleanup() {
   snapped.clear();
   if (!readSnappedVolumes(*this, snapped)) return 3;
   keepFilesOfSnapshots(snapped, orphans);
-  removeOrphans(system, orphans);
+  removeOrphans(orphans);
   verifyAndCleanVolumes();
   return 0;
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Relocation files as physical block runs, and the size of the snap command that carries them.
-#include <fcntl.h>
 #include <linux/fs.h>
 #include <mirelsnap/DriverInterface.h>
 #include <sys/ioctl.h>
@@ -13,10 +12,12 @@
 #include <limits>
 #include <new>
 
+#include "base/Handle.h"
 #include "driver/DriverProtocol.h"
 #include "driver/RelocationFileLocation.h"
 #include "driver/RunMap.h"
-#include "base/Handle.h"
+#include "reloc/RelocationDirectory.h"
+#include "reloc/RelocationFileRemoval.h"
 
 namespace {
 
@@ -56,7 +57,7 @@ class FileMap {
       syslog(LOG_ERR, "assert at %d in %s failed.\n", 130, "LinuxSnapLib.cpp");
       return kNameless;
     }
-    mFile.reset(open(mName.c_str(), O_RDONLY | O_CLOEXEC));
+    mFile = RelocationDirectory(relocFileDirectory(mName)).open(relocFileEntry(mName));
     if (!mFile) {
       syslog(LOG_ERR, "Error opening file %s \n", mName.c_str());
       return kUnreadable;

@@ -9,7 +9,6 @@
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "reloc/RelocationFileRemoval.h"
-#include "sysinfo/LinuxSystemInfo.h"
 
 namespace {
 
@@ -49,7 +48,6 @@ unsigned int issueDiscard(DriverCommand& command, int descriptor) {
 
 // Removes the relocation files of the discarded snapshots, and their directories when these are empty then.
 void removeRelocFiles(DriverCommand& command, unsigned int count) {
-  mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
   for (unsigned int i = 0; i < count; ++i) {
     const auto* entry = command.record<DiscardEntry>(i);
     if (entry->result != 0) {
@@ -58,10 +56,8 @@ void removeRelocFiles(DriverCommand& command, unsigned int count) {
       continue;
     }
     const std::string file = getText(entry->relocFileName);
-    unlinkRelocFile(file);
-    const std::string directory = relocFileDirectory(file);
-    system.DeleteDirectoryIfEmpty(directory);
-    syslog(LOG_DEBUG, "Deleted directory: %s.\n", directory.c_str());  // whether or not it was
+    removeRelocFile(file);
+    syslog(LOG_DEBUG, "Deleted directory: %s.\n", relocFileDirectory(file).c_str());  // whether or not it was
   }
 }
 

@@ -177,7 +177,6 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
 
   // Steps of CreateRelocFile.
 
-  bool makeRelocDirectory() const;
   // Nothing when every block of the open file is allocated and mapped; else the error number that writing it out logs.
   std::optional<int> allocateAtOnce(int file) const;
   // Writes the file block by block. 0, 18.

@@ -10,11 +10,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationDirectory.h"
+#include "reloc/RelocationFileRemoval.h"
 #include "reloc/RelocationStatus.h"
 
 using mirelsnapsdk_linuxcomputer::LinuxSystemInfo;
@@ -42,6 +43,13 @@ constexpr std::size_t kDevPrefixLength = 5;  // "/dev/"
 bool isUnwritten(int file) {
   int block = 0;
   return ioctl(file, FIBMAP, &block) == 0 && block == 0;
+}
+
+// The number of a block device, which files on it carry; nothing when there is no such device.
+std::optional<dev_t> deviceNumber(const std::string& device) {
+  struct stat node {};
+  if (stat(device.c_str(), &node) != 0 || !S_ISBLK(node.st_mode)) return std::nullopt;
+  return node.st_rdev;
 }
 
 }  // namespace
@@ -93,10 +101,15 @@ unsigned int LinuxSnapshotreloc::CreateRelocFile() {
     syslog(LOG_ERR, "Invalid reloc file name initilzed.\n");
     return kRelocFileNotCreated;
   }
-  if (!makeRelocDirectory()) return kRelocFileNotCreated;
-
+  syslog(LOG_DEBUG, "Directory containing reloc file is: %s.\n", mRelocDirName.c_str());
+  // The contract: mode 0644 when it is made, and never removed here, whatever follows.
+  const RelocationDirectory directory = RelocationDirectory::make(mRelocDirName, deviceNumber(mRelocDeviceName));
+  if (!directory) {
+    syslog(LOG_ERR, "Unable to create the directory.\n");
+    return kRelocFileNotCreated;
+  }
   syslog(LOG_DEBUG, "Reloc file name is: %s.\n", mRelocFileName.c_str());
-  UniqueFd file(open(mRelocFileName.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  UniqueFd file = directory.create(relocFileEntry(mRelocFileName));
   if (!file) {
     syslog(LOG_ERR, "Unable to create the directory.\n");  // the contract: the directory's text
     return kRelocFileNotCreated;
@@ -105,14 +118,6 @@ unsigned int LinuxSnapshotreloc::CreateRelocFile() {
   file.reset();
   syslog(LOG_ERR, "Reloc File successfully created.\n");  // the contract: at error priority on this path
   return kRelocSuccess;
-}
-
-bool LinuxSnapshotreloc::makeRelocDirectory() const {
-  syslog(LOG_DEBUG, "Directory containing reloc file is: %s.\n", mRelocDirName.c_str());
-  // The contract: without search bits, and never removed here, whatever follows.
-  if (mkdir(mRelocDirName.c_str(), 0644) == 0 || errno == EEXIST) return true;
-  syslog(LOG_ERR, "Unable to create the directory.\n");
-  return false;
 }
 
 std::optional<int> LinuxSnapshotreloc::allocateAtOnce(int file) const {
@@ -180,11 +185,13 @@ void LinuxSnapshotreloc::closeAndDelete(UniqueFd& file) {
 }
 
 bool LinuxSnapshotreloc::DeleteRelocFile() {
-  return mRelocFileName.empty() || std::remove(mRelocFileName.c_str()) == 0;
+  if (mRelocFileName.empty()) return true;
+  return RelocationDirectory(relocFileDirectory(mRelocFileName)).remove(relocFileEntry(mRelocFileName));
 }
 
 bool LinuxSnapshotreloc::IsRelocFileExists() {
-  return !mRelocFileName.empty() && UniqueFd(open(mRelocFileName.c_str(), O_RDONLY | O_CLOEXEC)).valid();
+  if (mRelocFileName.empty()) return false;
+  return RelocationDirectory(relocFileDirectory(mRelocFileName)).open(relocFileEntry(mRelocFileName)).valid();
 }
 
 // --- Listing files.
@@ -199,7 +206,7 @@ unsigned int LinuxSnapshotreloc::GetAllRelocationFiles(std::list<std::string>& f
   }
   for (const MountEntry& mount : mounts) {
     const std::string directory = mount.dir + FILE_PATH_SEPERATOR + RELOC_FILE_LOCATION;
-    if (system.GetFilesInDirectory(directory, files) != 0) {
+    if (RelocationDirectory(directory).list(files) != 0) {
       syslog(LOG_DEBUG, "GetAllRelocationFiles: Unable to read directory: %s.\n", directory.c_str());
     }
   }
@@ -219,7 +226,7 @@ unsigned int LinuxSnapshotreloc::GetAllRelocationFilesInVolume(const std::string
   syslog(LOG_DEBUG, "volMountPoint: %s.\n", mountPoints.front().c_str());
   const std::string directory = mountPoints.front() + FILE_PATH_SEPERATOR + RELOC_FILE_LOCATION + FILE_PATH_SEPERATOR;
   syslog(LOG_DEBUG, "relocDir is : %s.\n", directory.c_str());
-  if (system.GetFilesInDirectory(directory, files) != 0) {
+  if (RelocationDirectory(directory).list(files) != 0) {
     syslog(LOG_DEBUG, "Unable to read the relocation directory: %s.\n", directory.c_str());
   }
   return kRelocSuccess;

@@ -2,16 +2,24 @@
 #include "reloc/RelocationFileRemoval.h"
 
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
 
-void unlinkRelocFile(const std::string& path) {
-  if (unlink(path.c_str()) == 0) {
+#include "reloc/RelocationDirectory.h"
+
+std::string relocFileDirectory(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+std::string relocFileEntry(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(slash + 1);
+}
+
+void removeRelocFile(const std::string& path) {
+  const RelocationDirectory directory(relocFileDirectory(path));
+  if (directory.remove(relocFileEntry(path))) {
     syslog(LOG_INFO, "RelocFile %s deleted.\n", path.c_str());
   } else {
     syslog(LOG_INFO, "RelocFile %s deletion failed, errno: %d.\n", path.c_str(), errno);
   }
+  directory.removeIfEmpty();
 }
-
-std::string relocFileDirectory(const std::string& path) { return path.substr(0, path.rfind('/')); }

@@ -15,9 +15,11 @@
 #include <utility>
 
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationFileRemoval.h"
 #include "reloc/RelocationForecast.h"
 #include "reloc/RelocationStatus.h"
+#include "reloc/WritabilityProbe.h"
 
 namespace {
 
@@ -150,6 +152,7 @@ class ForecastPlacement : public LinuxSnapshotreloc {
     struct statvfs status {};
     if (faccessat(AT_FDCWD, mountPoint.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return false;
     if (statvfs(mountPoint.c_str(), &status) != 0 || (status.f_flag & ST_RDONLY) != 0) return false;
+    if (!isProbeNameFree(mountPoint) || !mayHoldRelocationFiles(mountPoint)) return false;
     return status.f_files == 0 || status.f_ffree != 0;  // those that make files as they need them count none
   }
 
@@ -189,7 +192,8 @@ void deleteMapping(SnapDriverInterface& driver, SnapVolumeInformation& volume) {
 // Removes the files and mappings of the volumes from `volume` to `end`. The records keep the names.
 void undo(SnapDriverInterface& driver, VolumeIterator volume, VolumeIterator end) {
   for (; volume != end; ++volume) {
-    unlink(volume->getcStrRelocFileName());
+    const std::string& file = volume->getRelocFileName();
+    RelocationDirectory(relocFileDirectory(file)).remove(relocFileEntry(file));
     deleteMapping(driver, *volume);
     syslog(LOG_INFO, "Deleted precreated RelocFile\n");
   }
@@ -234,14 +238,14 @@ std::vector<RelocationForecast> forecastRelocLocations(std::list<SnapVolumeInfor
 
 void SnapDriverInterface::cleanRelocFiles(std::list<SnapVolumeInformation>* volumes) {
   if (volumes == nullptr) return;
-  mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
   for (SnapVolumeInformation& volume : *volumes) {
     const std::string& fileName = volume.getRelocFileName();
-    unlink(fileName.c_str());
+    const std::string directoryName = relocFileDirectory(fileName);
+    const RelocationDirectory directory(directoryName);
+    directory.remove(relocFileEntry(fileName));
     deleteMapping(*this, volume);
-    const std::string directory = relocFileDirectory(fileName);
-    system.DeleteDirectoryIfEmpty(directory);
-    syslog(LOG_DEBUG, "Deleted directory: %s.\n", directory.c_str());
+    directory.removeIfEmpty();
+    syslog(LOG_DEBUG, "Deleted directory: %s.\n", directoryName.c_str());
     syslog(LOG_DEBUG, "Deleted precreated RelocFile: %s.\n", fileName.c_str());
   }
 }

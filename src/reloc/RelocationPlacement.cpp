@@ -1,22 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Probing volumes and mount points, and the searches among the mounted file systems.
-#include <fcntl.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 
 #include "reloc/DriverReference.h"
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationStatus.h"
+#include "reloc/WritabilityProbe.h"
 
 using mirelsnapsdk_linuxcomputer::LinuxSystemInfo;
 using mirelsnapsdk_linuxcomputer::MountEntry;
 
 namespace {
 
-constexpr char kProbeName[] = "/qorTESTfile.KQTA";
 constexpr std::uint64_t kFatMagic = 0x4D44;
 
 // A file that stays on its volume gets a tenth of the free space, but at most 512 MiB ...
@@ -44,12 +43,8 @@ void logPassedOver(const MountEntry& mount, PassedOver why) {
 }  // namespace
 
 bool LinuxSnapshotreloc::IsMountPointWritable(const std::string& mountPoint) {
-  const std::string probe = mountPoint + kProbeName;
-  UniqueFd file(open(probe.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-  if (!file) return false;
-  file.reset();
-  unlink(probe.c_str());
-  return true;
+  // A file system on which the directory for the file cannot be used is as good as one that cannot be written to.
+  return canMakeFiles(mountPoint) && mayHoldRelocationFiles(mountPoint);
 }
 
 void LinuxSnapshotreloc::CheckIfVolumeIsMounted(const std::string& volume) {

@@ -45,7 +45,7 @@ std::uint64_t valueOf(const std::string& line) {
 }  // namespace
 
 int LinuxSystemInfo::InitializeSystemMemoryState() {
-  UniqueFile file(std::fopen(kMemInfoPath.c_str(), "rt"));
+  UniqueFile file(std::fopen(kMemInfoPath.c_str(), "rte"));
   if (!file) {
     syslog(LOG_ERR, "Unable to open the %s file, errno : %d.\n", kMemInfoPath.c_str(), errno);
     return kCannotOpen;

@@ -42,7 +42,7 @@ void printSizes(const struct statfs& sizes) {
 }  // namespace
 
 std::optional<std::vector<MountEntry>> readMountTable() {
-  const UniqueMountTable table(setmntent("/proc/mounts", "r"));
+  const UniqueMountTable table(setmntent("/proc/mounts", "re"));
   if (!table) return std::nullopt;
   std::vector<MountEntry> entries;
   std::vector<char> line(kLineLength);

@@ -9,11 +9,10 @@
 #include <cstring>
 
 extern "C" int fstat(int fd, struct stat* status) noexcept {
-  if (test::fstatFailure != 0) {
-    errno = test::fstatFailure;
-    return -1;
-  }
-  return fstatat(fd, "", status, AT_EMPTY_PATH);
+  const int result = fstatat(fd, "", status, AT_EMPTY_PATH);
+  if (result != 0 || test::fstatFailure == 0 || !S_ISREG(status->st_mode)) return result;
+  errno = test::fstatFailure;
+  return -1;
 }
 
 extern "C" char* realpath(const char* path, char* resolved) noexcept {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -256,6 +257,24 @@ TEST_F(MappedFile, runs_of_several_files_stand_in_file_order_unmerged) {
               testing::IsSupersetOf(
                   {"Reloc fileName: " + held + ", num of runs: 1.\n", "Reloc fileName: " + file + ", num of runs: 1.\n",
                    "SnapVolName: " + volume.device() + ", num of runs: 2, size to be allocated: 32.\n"}));
+}
+
+// What stands where the relocation file was, is refused before it is opened.
+TEST_F(MappedFile, a_link_a_second_name_or_a_FIFO_is_refused) {
+  const std::string target = volume.folder() + "/target";
+  test::writeOut(target, 4096);
+  symlink(target.c_str(), file.c_str());
+  request(volume, 4096, file);
+  expectRefused(file, "Error opening file " + file + " \n");
+  EXPECT_TRUE(log.has(LOG_ERR, file + " is not used: it is a symbolic link.\n")) << log.dump();
+  unlink(file.c_str());
+  ASSERT_EQ(link(target.c_str(), file.c_str()), 0);
+  expectRefused(file, "Error opening file " + file + " \n");
+  EXPECT_TRUE(log.has(LOG_ERR, file + " is not used: it has 2 links.\n")) << log.dump();
+  unlink(file.c_str());
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+  expectRefused(file, "Error opening file " + file + " \n");
+  EXPECT_TRUE(log.has(LOG_ERR, file + " is not used: it is a FIFO.\n")) << log.dump();
 }
 
 TEST_F(MappedFile, a_file_with_one_hole_is_refused) {

@@ -18,6 +18,18 @@ Hooks hooks;
 
 using test::hooks;
 
+namespace {
+
+// The path of the entry `name` of an open directory.
+std::string pathOf(int directory, const char* name) {
+  char folder[4096];
+  const std::string link = "/proc/self/fd/" + std::to_string(directory);
+  const ssize_t length = readlink(link.c_str(), folder, sizeof folder);
+  return length < 0 ? std::string(name) : std::string(folder, static_cast<std::size_t>(length)) + "/" + name;
+}
+
+}  // namespace
+
 extern "C" int open(const char* path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
@@ -30,6 +42,20 @@ extern "C" int open(const char* path, int flags, ...) {
     }
   }
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+extern "C" int openat(int directory, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  if (hooks.open) {
+    if (const int error = hooks.open(pathOf(directory, path).c_str(), flags, mode); error != 0) {
+      errno = error;
+      return -1;
+    }
+  }
+  return static_cast<int>(syscall(SYS_openat, directory, path, flags, mode));
 }
 
 extern "C" int statfs(const char* path, struct statfs* sizes) noexcept {
@@ -63,6 +89,10 @@ extern "C" int posix_fallocate(int fd, off_t offset, off_t length) {
   }
   static const auto real = reinterpret_cast<int (*)(int, off_t, off_t)>(dlsym(RTLD_NEXT, "posix_fallocate"));
   return real(fd, offset, length);
+}
+
+extern "C" int fchmod(int fd, mode_t mode) noexcept {
+  return hooks.keepsNoModes ? 0 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
 }
 
 extern "C" int fsync(int fd) {

@@ -13,7 +13,7 @@
 namespace test {
 
 struct Hooks {
-  // Called before every open; an errno makes it fail.
+  // Called before every open and openat; an errno makes it fail.
   std::function<int(const char* path, int flags, mode_t mode)> open;
   // Answers 0 and fills the sizes, or an errno; nothing asks the kernel.
   std::function<std::optional<int>(const char* path, struct statfs* sizes)> statfs;
@@ -21,6 +21,8 @@ struct Hooks {
   std::function<std::optional<ssize_t>(int fd, const void* data, size_t size)> write;
   std::function<std::optional<off_t>(int fd, off_t offset, int whence)> lseek;
   std::function<std::optional<int>(int fd, off_t offset, off_t length)> posixFallocate;
+  // fchmod answers 0 and changes nothing, as on FAT, whose files have the mode that it was mounted with.
+  bool keepsNoModes = false;
   // Called before every fsync.
   std::function<void(int fd)> fsync;
   // What these two steps of a placement answer; nothing is looked up.

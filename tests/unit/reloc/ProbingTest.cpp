@@ -3,6 +3,7 @@
 // Construction, and what is found out about one volume or mount point.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
 #include <climits>
@@ -97,7 +98,7 @@ TEST_F(IsMountPointWritable, makes_a_probe_file_and_removes_it_without_a_word) {
   };
   EXPECT_TRUE(reloc.IsMountPointWritable(folder.path()));
   EXPECT_EQ(path, folder / "qorTESTfile.KQTA");
-  EXPECT_EQ(flags & ~O_CLOEXEC, O_WRONLY | O_CREAT);
+  EXPECT_EQ(flags & ~O_LARGEFILE, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   EXPECT_EQ(mode, 0644u);
   EXPECT_NE(access(path.c_str(), F_OK), 0);
   EXPECT_EQ(messages(), Lines());
@@ -121,6 +122,140 @@ TEST_F(IsMountPointWritable, probes_the_root_with_two_slashes) {
   };
   EXPECT_FALSE(reloc.IsMountPointWritable("/"));
   EXPECT_EQ(path, "//qorTESTfile.KQTA");
+}
+
+// What stands under the probe's name, and what a probe says of it.
+class PlantedProbe : public RelocTest {
+ protected:
+  PlantedProbe() : path(folder / "qorTESTfile.KQTA"), reloc("/dev/a", 4096, 1000UL, 1000UL) {}
+
+  // Not writable, by one line, and what is there stays.
+  void expectRefused(const std::string& why) {
+    struct stat before {};
+    struct stat after {};
+    ASSERT_EQ(lstat(path.c_str(), &before), 0);
+    log.clear();
+    EXPECT_FALSE(reloc.IsMountPointWritable(folder.path()));
+    EXPECT_EQ(messages(), (Lines{"[3] " + path + " is not used: it " + why + ".\n"}));
+    ASSERT_EQ(lstat(path.c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+  }
+
+  const TempDir folder;
+  const std::string path;
+  LinuxSnapshotreloc reloc;
+};
+
+TEST_F(PlantedProbe, that_is_a_link_is_refused_and_its_target_neither_made_nor_written) {
+  std::filesystem::create_symlink(folder / "missing", path);
+  expectRefused("is a symbolic link");
+  EXPECT_FALSE(std::filesystem::exists(folder / "missing"));
+  writeFile(folder / "missing", "content");
+  expectRefused("is a symbolic link");
+  EXPECT_EQ(readFile(folder / "missing"), "content");
+}
+
+TEST_F(PlantedProbe, that_is_a_second_name_of_a_file_is_refused) {
+  writeFile(folder / "file", "");
+  std::filesystem::create_hard_link(folder / "file", path);
+  expectRefused("has 2 links");
+}
+
+TEST_F(PlantedProbe, that_is_a_FIFO_is_refused_without_waiting_for_a_reader) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+  expectRefused("is a FIFO");
+}
+
+TEST_F(PlantedProbe, that_is_a_device_a_socket_or_a_directory_is_refused) {
+  ASSERT_EQ(mknod(path.c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+  expectRefused("is a character device");
+  std::filesystem::remove(path);
+  ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0666, 0), 0);
+  expectRefused("is a socket");
+  std::filesystem::remove(path);
+  std::filesystem::create_directory(path);
+  expectRefused("is a directory");
+}
+
+TEST_F(PlantedProbe, of_a_user_is_refused) {
+  writeFile(path, "");
+  ASSERT_EQ(chown(path.c_str(), 1000, 0), 0);
+  expectRefused("belongs to user 1000, not root");
+}
+
+TEST_F(PlantedProbe, that_holds_something_is_refused) {
+  writeFile(path, "x");
+  expectRefused("is not empty");
+}
+
+TEST_F(PlantedProbe, that_a_dead_process_left_is_removed_and_the_folder_is_writable) {
+  writeFile(path, "");
+  log.clear();
+  EXPECT_TRUE(reloc.IsMountPointWritable(folder.path()));
+  EXPECT_EQ(messages(), Lines());
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+// Two processes that probe one folder: this one's probe meets the other's each time.
+TEST_F(PlantedProbe, of_other_processes_is_met_a_few_times_and_then_the_folder_counts_as_not_writable) {
+  int tries = 0;
+  hooks.open = [&](const char* opened, int flags, mode_t) {
+    if (path != opened || (flags & O_CREAT) == 0) return 0;
+    ++tries;
+    hooks.open = {};
+    return EEXIST;
+  };
+  EXPECT_TRUE(reloc.IsMountPointWritable(folder.path()));
+  EXPECT_EQ(tries, 1);
+  hooks.open = [&](const char* opened, int flags, mode_t) {
+    if (path != opened || (flags & O_CREAT) == 0) return 0;
+    ++tries;
+    return EEXIST;
+  };
+  EXPECT_FALSE(reloc.IsMountPointWritable(folder.path()));
+  EXPECT_EQ(tries, 9);
+}
+
+TEST_F(IsMountPointWritable, is_false_behind_a_link_whose_target_is_not_touched) {
+  const TempDir folder;
+  std::filesystem::create_directory(folder / "target");
+  std::filesystem::create_directory_symlink(folder / "target", folder / "link");
+  LinuxSnapshotreloc reloc("/dev/a", 4096, 1000UL, 1000UL);
+  EXPECT_FALSE(reloc.IsMountPointWritable(folder / "link"));
+  EXPECT_TRUE(reloc.IsMountPointWritable(folder / "target"));
+}
+
+// The file would go into that directory.
+TEST_F(IsMountPointWritable, is_false_where_the_directory_for_the_file_is_a_users_or_a_link) {
+  const TempDir folder;
+  const std::string area = folder / ".verrelocarea";
+  LinuxSnapshotreloc reloc("/dev/a", 4096, 1000UL, 1000UL);
+  std::filesystem::create_directory(area);
+  EXPECT_TRUE(reloc.IsMountPointWritable(folder.path()));
+  ASSERT_EQ(chown(area.c_str(), 1000, 1000), 0);
+  log.clear();
+  EXPECT_FALSE(reloc.IsMountPointWritable(folder.path()));
+  EXPECT_EQ(messages(), (Lines{"[3] " + area + " is not used: it belongs to user 1000, not root.\n"}));
+  std::filesystem::remove(area);
+  std::filesystem::create_directory_symlink("/etc", area);
+  log.clear();
+  EXPECT_FALSE(reloc.IsMountPointWritable(folder.path()));
+  EXPECT_EQ(messages(), (Lines{"[3] " + area + " is not used: it is a symbolic link.\n"}));
+}
+
+// As on FAT, whose files have the mode that it was mounted with.
+TEST_F(IsMountPointWritable, is_false_where_all_that_is_made_is_open_to_everybody) {
+  hooks.keepsNoModes = true;
+  const TempDir folder;
+  ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
+  LinuxSnapshotreloc reloc("/dev/a", 4096, 1000UL, 1000UL);
+  log.clear();
+  EXPECT_FALSE(reloc.IsMountPointWritable(folder.path()));
+  EXPECT_EQ(messages(), (Lines{"[3] " + folder.path() +
+                               " is not used: it is open to everybody, and the file system keeps no modes.\n"}));
+  EXPECT_FALSE(std::filesystem::exists(folder / "qorTESTfile.KQTA"));
+  ASSERT_EQ(chmod(folder.path().c_str(), 0700), 0);  // mounted so that nobody else may look
+  EXPECT_TRUE(reloc.IsMountPointWritable(folder.path()));
 }
 
 // --- CheckIfVolumeIsMounted.

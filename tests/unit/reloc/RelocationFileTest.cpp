@@ -134,6 +134,9 @@ class CreateRelocFile : public RelocTest {
   bool fileExists() const { return fs::exists(reloc.mRelocFileName); }
   std::string directoryLine() const { return "[7] Directory containing reloc file is: " + reloc.mRelocDirName + ".\n"; }
   std::string nameLine() const { return "[7] Reloc file name is: " + reloc.mRelocFileName + ".\n"; }
+  static std::string notUsed(const std::string& path, const std::string& why) {
+    return "[3] " + path + " is not used: it " + why + ".\n";
+  }
   static std::string fallbackLine(int error) {
     return "[3] fallocate failed with err: " + std::to_string(error) + "falling back to traditional method.\n";
   }
@@ -166,18 +169,21 @@ TEST_F(CreateRelocFile, allocates_at_once_and_says_so_at_error_priority) {
   EXPECT_EQ(fileSize(), 5120u);
 }
 
-TEST_F(CreateRelocFile, makes_the_directory_with_mode_0644_and_the_file_too) {
-  const mode_t old = umask(0);
-  EXPECT_EQ(reloc.CreateRelocFile(), 0u);
-  umask(old);
-  struct stat status {};
-  ASSERT_EQ(stat(reloc.mRelocDirName.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode, S_IFDIR | 0644u);
-  ASSERT_EQ(stat(reloc.mRelocFileName.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode, S_IFREG | 0644u);
+TEST_F(CreateRelocFile, closes_directory_and_file_to_everybody_but_root_whatever_the_umask) {
+  for (const mode_t mask : {0, 022, 077}) {
+    const mode_t old = umask(mask);
+    EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+    umask(old);
+    struct stat status {};
+    ASSERT_EQ(stat(reloc.mRelocDirName.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFDIR | 0600u) << "no search bits";
+    ASSERT_EQ(stat(reloc.mRelocFileName.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0600u);
+    fs::remove_all(reloc.mRelocDirName);
+  }
 }
 
-TEST_F(CreateRelocFile, opens_the_file_write_only_creating_and_truncating) {
+TEST_F(CreateRelocFile, makes_the_file_write_only_with_mode_0644_and_opens_none_that_is_there) {
   int flags = 0;
   mode_t mode = 0;
   hooks.open = [&](const char* path, int how, mode_t bits) {
@@ -188,7 +194,7 @@ TEST_F(CreateRelocFile, opens_the_file_write_only_creating_and_truncating) {
     return 0;
   };
   EXPECT_EQ(reloc.CreateRelocFile(), 0u);
-  EXPECT_EQ(flags & ~(O_CLOEXEC | O_LARGEFILE), O_WRONLY | O_CREAT | O_TRUNC);
+  EXPECT_EQ(flags & ~O_LARGEFILE, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC);
   EXPECT_EQ(mode, 0644u);
 }
 
@@ -209,7 +215,8 @@ TEST_F(CreateRelocFile, makes_only_the_last_folder) {
 TEST_F(CreateRelocFile, that_cannot_be_opened_has_the_directorys_text_and_leaves_the_directory) {
   fs::create_directories(reloc.mRelocFileName);  // a folder of the file's name
   EXPECT_EQ(reloc.CreateRelocFile(), 18u);
-  EXPECT_EQ(messages(), (Lines{directoryLine(), nameLine(), kNoDirectory}));
+  EXPECT_EQ(messages(),
+            (Lines{directoryLine(), nameLine(), notUsed(reloc.mRelocFileName, "is a directory"), kNoDirectory}));
   EXPECT_TRUE(fs::is_directory(reloc.mRelocFileName));
 }
 
@@ -463,10 +470,11 @@ TEST_F(CreateRelocFile, then_it_exists_until_it_is_deleted_and_the_directory_sta
   EXPECT_EQ(messages(), Lines());
 }
 
-TEST_F(CreateRelocFile, that_is_an_empty_folder_instead_is_deleted_all_the_same) {
+TEST_F(CreateRelocFile, that_is_a_folder_instead_neither_exists_nor_is_deleted) {
   fs::create_directories(reloc.mRelocFileName);
-  EXPECT_TRUE(reloc.DeleteRelocFile());
-  EXPECT_FALSE(fileExists());
+  EXPECT_FALSE(reloc.IsRelocFileExists());
+  EXPECT_FALSE(reloc.DeleteRelocFile());
+  EXPECT_TRUE(fileExists());
 }
 
 TEST_F(CreateRelocFile, without_a_name_there_is_nothing_to_delete_and_nothing_exists) {

@@ -52,7 +52,7 @@ TEST(MemoryState, opens_the_file_as_text_and_closes_it) {
   EXPECT_EQ(info.InitializeSystemMemoryState(), 0);
   ASSERT_EQ(opened.all().size(), 1u);
   EXPECT_EQ(opened.all()[0].path, "/proc/meminfo");
-  EXPECT_EQ(opened.all()[0].mode, "rt");
+  EXPECT_EQ(opened.all()[0].mode, "rte");
   // That it is closed is what the leak check behind every test sees.
 }
 

@@ -364,14 +364,47 @@ TEST_F(Reconcile, a_path_that_matches_keeps_also_what_leads_nowhere) {
 
 TEST_F(Reconcile, a_mapping_whose_file_is_not_there_keeps_no_other) {
   const std::string orphan = makeFile("sdb1");
-  const std::string link = area() + "/link";
-  fs::create_symlink("nowhere", link);
   for (const std::string& named : {area() + "/sdb", area() + "/sdb11", area() + "/SDB1", std::string()}) {
     mappings.push_back({getpid(), "/dev/sdb", named});
   }
   EXPECT_EQ(reconcile(), 0u);
   EXPECT_FALSE(fs::exists(orphan));
-  EXPECT_FALSE(fs::is_symlink(link));
+}
+
+TEST_F(Reconcile, an_orphan_that_is_no_file_of_roots_is_left_alone_and_told_of) {
+  const std::string target = volume.folder() + "/target";
+  test::writeFile(target, "content");
+  fs::create_symlink(target, area() + "/link");
+  ASSERT_EQ(mkfifo((area() + "/fifo").c_str(), 0600), 0);
+  const std::string orphan = makeFile("orphan");
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(fs::exists(orphan));
+  EXPECT_TRUE(fs::is_symlink(area() + "/link"));
+  EXPECT_EQ(test::readFile(target), "content");
+  EXPECT_THAT(log.texts(LOG_ERR), testing::UnorderedElementsAre(area() + "/link is not used: it is a symbolic link.\n",
+                                                                area() + "/fifo is not used: it is a FIFO.\n"));
+  EXPECT_THAT(log.texts(LOG_INFO), IsSupersetOf({"RelocFile " + area() + "/link deletion failed, errno: 13.\n",
+                                                 "RelocFile " + area() + "/fifo deletion failed, errno: 13.\n"}));
+}
+
+TEST_F(Reconcile, nothing_is_removed_through_a_link_in_the_place_of_the_directory) {
+  const test::TempDir elsewhere;
+  test::writeFile(elsewhere / "file", "content");
+  fs::remove(area());
+  fs::create_directory_symlink(elsewhere.path(), area());
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_EQ(test::readFile(elsewhere / "file"), "content");
+  EXPECT_TRUE(fs::is_symlink(area()));
+  EXPECT_THAT(log.texts(LOG_ERR), ElementsAre(area() + " is not used: it is a symbolic link.\n"));
+  EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 0 files.\n")) << log.dump();
+}
+
+TEST_F(Reconcile, what_lies_in_a_users_directory_is_left_to_him) {
+  const std::string file = makeFile("sdb1");
+  ASSERT_EQ(chown(area().c_str(), 1000, 1000), 0);
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_THAT(log.texts(LOG_ERR), ElementsAre(area() + " is not used: it belongs to user 1000, not root.\n"));
 }
 
 // The driver keeps 1023 characters of a path.

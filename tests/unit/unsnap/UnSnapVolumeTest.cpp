@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -152,6 +153,35 @@ TEST_F(UnSnapVolume, relocation_files_go_and_their_directories_when_nothing_else
   EXPECT_THAT(log.texts(LOG_DEBUG), testing::IsSupersetOf({"Deleted directory: " + (folder / "alone") + ".\n",
                                                            "Deleted directory: " + (folder / "shared") + ".\n",
                                                            "Deleted directory: " + (folder / "vanished") + ".\n"}));
+}
+
+TEST_F(UnSnapVolume, what_took_the_place_of_a_relocation_file_or_its_directory_stays) {
+  fs::create_directory(folder / "elsewhere");
+  test::writeFile(folder / "elsewhere/va", "content");
+  fs::create_directory_symlink(folder / "elsewhere", folder / "link");
+  fs::create_directory(folder / "own");
+  fs::create_symlink(folder / "elsewhere/va", folder / "own/vb");
+  fs::create_directory(folder / "users");
+  test::writeFile(folder / "users/vc", "his");
+  ASSERT_EQ(chown((folder / "users").c_str(), 1000, 1000), 0);
+  answer([this](std::size_t i, DiscardEntry& entry) {
+    const char* const files[] = {"link/va", "own/vb", "users/vc"};
+    name(entry, folder / files[i]);
+  });
+  EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
+  EXPECT_EQ(test::readFile(folder / "elsewhere/va"), "content");
+  EXPECT_TRUE(fs::is_symlink(folder / "link"));
+  EXPECT_TRUE(fs::is_symlink(folder / "own/vb"));
+  EXPECT_TRUE(fs::exists(folder / "users/vc"));
+  EXPECT_THAT(log.texts(LOG_INFO),
+              ElementsAre("RelocFile " + (folder / "link/va") + " deletion failed, errno: 40.\n",
+                          "RelocFile " + (folder / "own/vb") + " deletion failed, errno: 13.\n",
+                          "RelocFile " + (folder / "users/vc") + " deletion failed, errno: 13.\n"));
+  EXPECT_THAT(log.texts(LOG_ERR), ElementsAre((folder / "link") + " is not used: it is a symbolic link.\n",
+                                              "Unable to read directory: " + (folder / "link") + ".\n",
+                                              (folder / "own/vb") + " is not used: it is a symbolic link.\n",
+                                              (folder / "users") + " is not used: it belongs to user 1000, not root.\n",
+                                              "Unable to read directory: " + (folder / "users") + ".\n"));
 }
 
 TEST_F(UnSnapVolume, the_machine_is_not_examined_for_the_removal_of_directories) {

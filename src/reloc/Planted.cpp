@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "reloc/Planted.h"
+
+#include <syslog.h>
+
+#include <utility>
+
+namespace {
+
+constexpr mode_t kWritableForOthers = S_IWGRP | S_IWOTH;
+
+constexpr std::pair<mode_t, const char*> kKinds[] = {
+    {S_IFREG, "is a file"},         {S_IFDIR, "is a directory"}, {S_IFLNK, "is a symbolic link"},
+    {S_IFIFO, "is a FIFO"},         {S_IFSOCK, "is a socket"},   {S_IFCHR, "is a character device"},
+    {S_IFBLK, "is a block device"},
+};
+
+std::string kindOf(mode_t mode) {
+  for (const auto& [kind, text] : kKinds) {
+    if ((mode & S_IFMT) == kind) return text;
+  }
+  return "is a special file";
+}
+
+std::optional<std::string> whyNotOurs(const struct stat& found, mode_t kind, dev_t device) {
+  if ((found.st_mode & S_IFMT) != kind) return kindOf(found.st_mode);
+  if (found.st_dev != device) return "lies on another file system";
+  if (found.st_uid != 0) return "belongs to user " + std::to_string(found.st_uid) + ", not root";
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> whyNotOurFile(const struct stat& file, dev_t device) {
+  if (auto why = whyNotOurs(file, S_IFREG, device)) return why;
+  if (file.st_nlink != 1) return "has " + std::to_string(file.st_nlink) + " links";
+  return std::nullopt;
+}
+
+std::optional<std::string> whyNotOurDirectory(const struct stat& directory, dev_t device) {
+  if (auto why = whyNotOurs(directory, S_IFDIR, device)) return why;
+  if ((directory.st_mode & kWritableForOthers) != 0) return "may be written to by others than root";
+  return std::nullopt;
+}
+
+void tellPlanted(const std::string& path, const std::string& why) {
+  syslog(LOG_ERR, "%s is not used: it %s.\n", path.c_str(), why.c_str());
+}
