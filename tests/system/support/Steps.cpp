@@ -35,6 +35,15 @@ void step(const std::string& what) {
   pause();
 }
 
+// The path of the entry `name` of an open directory. What has no directory has its own path.
+std::string pathOf(int directory, const char* name) {
+  if (directory == AT_FDCWD || *name == '/') return name;
+  char folder[4096];
+  const std::string link = "/proc/self/fd/" + std::to_string(directory);
+  const ssize_t length = readlink(link.c_str(), folder, sizeof folder);
+  return std::string(folder, length < 0 ? 0 : static_cast<std::size_t>(length)) + "/" + name;
+}
+
 }  // namespace
 
 namespace steps {
@@ -77,6 +86,16 @@ int open(const char* path, int flags, ...) {
   return real(path, flags, mode);
 }
 
+int openat(int directory, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const auto mode = static_cast<mode_t>(va_arg(arguments, unsigned int));
+  va_end(arguments);
+  if ((flags & O_CREAT) != 0) step("create " + pathOf(directory, path));
+  static auto* const real = original<int(int, const char*, int, ...)>("openat");
+  return real(directory, path, flags, mode);
+}
+
 ssize_t write(int descriptor, const void* data, size_t size) {
   step("write " + std::to_string(size));
   static auto* const real = original<ssize_t(int, const void*, size_t)>("write");
@@ -107,6 +126,12 @@ int mkdir(const char* path, mode_t mode) noexcept {
   return real(path, mode);
 }
 
+int mkdirat(int directory, const char* path, mode_t mode) noexcept {
+  step("mkdir " + pathOf(directory, path));
+  static auto* const real = original<int(int, const char*, mode_t)>("mkdirat");
+  return real(directory, path, mode);
+}
+
 int rmdir(const char* path) noexcept {
   step(std::string("rmdir ") + path);
   static auto* const real = original<int(const char*)>("rmdir");
@@ -117,6 +142,12 @@ int unlink(const char* path) noexcept {
   step(std::string("unlink ") + path);
   static auto* const real = original<int(const char*)>("unlink");
   return real(path);
+}
+
+int unlinkat(int directory, const char* path, int flags) noexcept {
+  step(((flags & AT_REMOVEDIR) != 0 ? "rmdir " : "unlink ") + pathOf(directory, path));
+  static auto* const real = original<int(int, const char*, int)>("unlinkat");
+  return real(directory, path, flags);
 }
 
 int remove(const char* path) noexcept {

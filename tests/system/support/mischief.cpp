@@ -4,6 +4,7 @@
 // is to be stands in $MISCHIEF:
 //   no-more-runs            each answer about changed runs says that more follow, and brings none
 //   same-run                each answer about changed runs says that more follow, and brings the volume's first block
+//   stop-after-mapping      the process stops itself when the driver knows its first relocation file
 //   no-memory-for-removal   the first allocation behind the discarding of a snapshot fails
 //   held-relocation-file    the writing of a relocation file stands still at kHeldAt, and again before it is flushed,
 //                           each time at the gate (Gate.h) at $MISCHIEF_GATE
@@ -15,6 +16,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -91,6 +93,7 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int descriptor, unsi
   const int result = real(descriptor, request, argument);
   if (request == IOC_GET_VDIFF && isAsked("no-more-runs")) answerWithRuns(static_cast<std::byte*>(argument), 0);
   if (request == IOC_GET_VDIFF && isAsked("same-run")) answerWithRuns(static_cast<std::byte*>(argument), 1);
+  if (request == IOC_CREATE_RELOC_FILE_MAPPING && isAsked("stop-after-mapping")) raise(SIGSTOP);
   if (request == IOC_SNAP_DISCARD && isAsked("no-memory-for-removal")) memoryEnds = true;
   return result;
 }
