@@ -64,6 +64,7 @@ class LinuxSystemInfo {
   // 0 when `path` is a directory, else 16. The second argument is ignored.
   unsigned int IsValidMountPoint(std::string& path, const std::string& ignored);
   // Appends the full path of every entry, of any kind, in the directory's own order. 0, or the errno of opendir.
+  // This and the next follow links: where users may put one, RelocationDirectory is the way.
   int GetFilesInDirectory(const std::string& dir, std::list<std::string>& out);
   // Removes `dir` when it has no entries. 0, also when it has; 3 when it cannot be read.
   unsigned int DeleteDirectoryIfEmpty(const std::string& dir);
