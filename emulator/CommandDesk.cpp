@@ -95,17 +95,27 @@ std::optional<int> CommandDesk::serve(const Caller& caller, unsigned long reques
 
 Answer CommandDesk::carryOut(const Command& command, const Injection* injection, const Caller& caller,
                              CommandBuffer& buffer) {
-  if (injection != nullptr && injection->error != 0) return refuse(injection->error, "as asked", injection->status);
-  Answer answer;
-  try {
-    answer = mDriver.handle(command, caller, buffer);
-  } catch (const std::bad_alloc&) {
-    answer = refuse(ENOMEM, "no memory");
-  } catch (const std::exception& problem) {
-    answer = refuse(EIO, problem.what());
+  if (injection == nullptr) return handle(command, caller, buffer);
+  if (injection->lost) {
+    std::vector<std::byte> unseen(buffer.bytes().begin(), buffer.bytes().end());
+    CommandBuffer answered(unseen);
+    static_cast<void>(handle(command, caller, answered));
+    return refuse(injection->error, "as asked, though it was carried out", injection->status);
   }
-  if (injection != nullptr && !answer.failed()) answer.status = injection->status;
+  if (injection->error != 0) return refuse(injection->error, "as asked", injection->status);
+  Answer answer = handle(command, caller, buffer);
+  if (!answer.failed()) answer.status = injection->status;
   return answer;
+}
+
+Answer CommandDesk::handle(const Command& command, const Caller& caller, CommandBuffer& buffer) {
+  try {
+    return mDriver.handle(command, caller, buffer);
+  } catch (const std::bad_alloc&) {
+    return refuse(ENOMEM, "no memory");
+  } catch (const std::exception& problem) {
+    return refuse(EIO, problem.what());
+  }
 }
 
 void CommandDesk::tell(const Command& command, const Caller& caller, const CommandBuffer* buffer,

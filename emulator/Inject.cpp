@@ -10,6 +10,7 @@ namespace emulator {
 namespace {
 
 constexpr int kHighestErrno = 133;
+constexpr std::string_view kLost = "lost=";
 
 std::vector<std::string_view> splitAtColons(std::string_view text) {
   std::vector<std::string_view> parts;
@@ -41,13 +42,17 @@ bool parseErrno(std::string_view text, int& error) {
 std::optional<std::string> Injection::parse(const std::string& text, Injection& injection) {
   const auto complain = [&](const std::string& what) { return "\"" + text + "\": " + what; };
   const std::vector<std::string_view> parts = splitAtColons(text);
-  if (parts.size() != 3 && parts.size() != 4) return complain("not COMMAND:N:ERRNO[:STATUS]");
+  if (parts.size() != 3 && parts.size() != 4) return complain("not COMMAND:N:[lost=]ERRNO[:STATUS]");
   Injection parsed;
   parsed.command = findCommand(parts[0]);
   if (parsed.command == nullptr) return complain("there is no command \"" + std::string(parts[0]) + "\"");
   if (!parseNumber(parts[1], parsed.number) || parsed.number == 0) return complain("N counts from 1");
-  if (!parseErrno(parts[2], parsed.error)) return complain("ERRNO is a name such as EIO, a number, or 0");
+  std::string_view error = parts[2];
+  parsed.lost = error.starts_with(kLost);
+  if (parsed.lost) error.remove_prefix(kLost.size());
+  if (!parseErrno(error, parsed.error)) return complain("ERRNO is a name such as EIO, a number, or 0");
   if (parts.size() == 4 && !parseNumber(parts[3], parsed.status.emplace())) return complain("STATUS is a number");
+  if (parsed.error == 0 && parsed.lost) return complain("an answer is lost with an errno");
   if (parsed.error == 0 && !parsed.status) return complain("without an errno it needs a STATUS");
   injection = parsed;
   return std::nullopt;

@@ -13,11 +13,12 @@
 
 namespace emulator {
 
-// COMMAND:N:ERRNO[:STATUS], e.g. "snap:1:EIO:-8", "check-snapped:2:0:99".
+// COMMAND:N:[lost=]ERRNO[:STATUS], e.g. "snap:1:EIO:-8", "check-snapped:2:0:99", "snap:1:lost=EIO".
 struct Injection {
   const Command* command = nullptr;
   unsigned int number = 0;             // which command of the kind, from 1
   int error = 0;                       // the request fails with it; 0: it is carried out and succeeds
+  bool lost = false;                   // it is carried out and fails all the same: what it answered is lost
   std::optional<std::int32_t> status;  // the driver status to answer
 
   // What is wrong with the text, in words, or nothing and `injection` filled.

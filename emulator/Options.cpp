@@ -33,7 +33,8 @@ std::string footer() {
          commandNames() +
          "\nExamples: --inject snap:1:EIO:-8 (the first snap fails with EIO, driver status\n"
          "-8), --inject check-snapped:2:0:99 (the second such command is carried out and\n"
-         "answers the status 99).\n\n"
+         "answers the status 99), --inject snap:1:lost=EIO (the first snap is carried out,\n"
+         "and fails with EIO all the same).\n\n"
          "SIGTERM, SIGINT, SIGHUP and SIGQUIT are passed on to COMMAND, which has 10\n"
          "seconds to end. An interrupt from the terminal reaches COMMAND by itself: the\n"
          "emulator ends when COMMAND does.\n\n"
@@ -82,7 +83,7 @@ ParsedOptions parseOptions(int argc, char** argv) {
   app.footer(footer());
   app.add_option("--trace", options.trace, "Write one JSON line a driver command to FILE")->type_name("FILE");
   app.add_option("--inject", injections, "Make the N-th command of a kind fail or answer so; may be\nrepeated")
-      ->type_name("COMMAND:N:ERRNO[:STATUS]")
+      ->type_name("COMMAND:N:[lost=]ERRNO[:STATUS]")
       ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->check(checkInjection);

@@ -29,10 +29,12 @@ struct Desk : DriverTest {
   }
 
   emulator::Trace trace{UniqueFd()};
-  emulator::CommandDesk desk{*driver,
-                             emulator::Injections({injection("check-snapped:2:EIO:-8"),
-                                                   injection("check-snapped:3:0:99"), injection("get-vdiff:1:EPERM")}),
-                             trace, messages};
+  emulator::CommandDesk desk{
+      *driver,
+      emulator::Injections({injection("check-snapped:2:EIO:-8"), injection("check-snapped:3:0:99"),
+                            injection("get-vdiff:1:EPERM"), injection("create-mapping:1:lost=EIO"),
+                            injection("version:2:lost=ENODEV:-8")}),
+      trace, messages};
 };
 
 TEST_F(Desk, answers_into_the_callers_memory) {
@@ -107,6 +109,21 @@ TEST_F(Desk, injected_failures_are_answered_without_carrying_the_command_out) {
   WireCommand vdiff = test::bitmapCommand({7, 1}, {});
   EXPECT_EQ(serve(IOC_GET_VDIFF, vdiff), EPERM);
   EXPECT_EQ(serve(IOC_GET_VDIFF, vdiff), ENOENT);
+}
+
+TEST_F(Desk, a_command_whose_answer_is_lost_is_carried_out_and_writes_nothing_but_a_status) {
+  WireCommand mapping = test::createMappingCommand(1, "/dev/loop0", "/r");
+  const std::vector<std::byte> before = mapping.bytes();
+  EXPECT_EQ(serve(IOC_CREATE_RELOC_FILE_MAPPING, mapping), EIO);
+  EXPECT_EQ(mapping.bytes(), before);
+  EXPECT_EQ(count(IOC_GET_NUM_OF_RELOC_FILE_MAPPING), 1u);
+
+  WireCommand first = test::versionCommand();
+  EXPECT_EQ(serve(IOC_GET_DRIVER_VERSION, first), 0);
+  WireCommand second = test::versionCommand();
+  EXPECT_EQ(serve(IOC_GET_DRIVER_VERSION, second), ENODEV);
+  EXPECT_STREQ(second.record<DriverVersionPayload>().version, "");
+  EXPECT_EQ(second.status(), -8);
 }
 
 }  // namespace

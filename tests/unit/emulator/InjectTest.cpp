@@ -41,6 +41,18 @@ TEST(Injection, an_errno_may_be_a_number_and_0_is_success_with_a_status) {
   EXPECT_EQ(success.status, 99);
 }
 
+TEST(Injection, an_answer_may_be_lost_with_an_errno) {
+  const Injection injection = parsed("snap:1:lost=EIO");
+  EXPECT_TRUE(injection.lost);
+  EXPECT_EQ(injection.error, EIO);
+  EXPECT_EQ(injection.status, std::nullopt);
+  EXPECT_EQ(parsed("snap:1:lost=5:-8").status, -8);
+  EXPECT_FALSE(parsed("snap:1:EIO").lost);
+  EXPECT_EQ(complaint("snap:1:lost=0"), "\"snap:1:lost=0\": an answer is lost with an errno");
+  EXPECT_EQ(complaint("snap:1:lost=0:-8"), "\"snap:1:lost=0:-8\": an answer is lost with an errno");
+  EXPECT_EQ(complaint("snap:1:lost="), "\"snap:1:lost=\": ERRNO is a name such as EIO, a number, or 0");
+}
+
 TEST(Injection, every_command_can_be_named) {
   for (const emulator::Command& command : emulator::kCommands) {
     EXPECT_EQ(parsed(std::string(command.name) + ":1:EIO").command, &command);
@@ -48,8 +60,8 @@ TEST(Injection, every_command_can_be_named) {
 }
 
 TEST(Injection, says_what_is_wrong_with_a_text) {
-  EXPECT_EQ(complaint("snap"), "\"snap\": not COMMAND:N:ERRNO[:STATUS]");
-  EXPECT_EQ(complaint("snap:1:EIO:-8:0"), "\"snap:1:EIO:-8:0\": not COMMAND:N:ERRNO[:STATUS]");
+  EXPECT_EQ(complaint("snap"), "\"snap\": not COMMAND:N:[lost=]ERRNO[:STATUS]");
+  EXPECT_EQ(complaint("snap:1:EIO:-8:0"), "\"snap:1:EIO:-8:0\": not COMMAND:N:[lost=]ERRNO[:STATUS]");
   EXPECT_EQ(complaint("snapshot:1:EIO"), "\"snapshot:1:EIO\": there is no command \"snapshot\"");
   for (const char* number : {"0", "", "-1", "x", "1x"}) {
     const std::string text = std::string("snap:") + number + ":EIO";
