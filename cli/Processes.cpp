@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Processes.h"
 
-#include <signal.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +9,7 @@
 
 #include "MountTable.h"
 #include "Text.h"
+#include "base/Process.h"
 
 namespace fs = std::filesystem;
 
@@ -79,15 +77,7 @@ std::optional<int> processNamedBy(const fs::path& path) {
                                                                                    : std::nullopt;
 }
 
-bool isGone(int process) {
-  if (kill(process, 0) != 0) return errno == ESRCH;
-  // "12 (name) Z ...", where the name may hold anything.
-  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-  std::string text;
-  std::getline(file, text, '\0');
-  const std::size_t state = text.rfind(") ");
-  return state != std::string::npos && (text[state + 2] == 'Z' || text[state + 2] == 'X');
-}
+bool isGone(int process) { return processIsGone(process); }
 
 std::string processName(int process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/comm");

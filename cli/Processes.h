@@ -12,7 +12,7 @@ namespace cli {
 
 // The process whose number a file or folder is named by; nothing for another name.
 std::optional<int> processNamedBy(const std::filesystem::path& path);
-// Whether no process has this number any more, or one that has ended and is only still to be asked for its end.
+// The library's own answer: no process has this number any more, or a zombie has.
 bool isGone(int process);
 // Its program's name; empty when it is gone.
 std::string processName(int process);

@@ -2,7 +2,6 @@
 //
 // Repairing what processes left that died while they held snapshots.
 #include <mirelsnap/DriverInterface.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <syslog.h>
@@ -14,6 +13,7 @@
 #include <optional>
 #include <utility>
 
+#include "base/Process.h"
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "driver/Unsnap.h"
@@ -26,9 +26,6 @@ namespace {
 using Paths = std::list<std::string>;
 using SnappedVolumes = std::list<SnappedVolumeInformation>;
 
-// The contract: a process that may not be signalled counts as gone too.
-bool ownerIsGone(int pid) { return kill(pid, 0) == -1; }
-
 bool readSnappedVolumes(SnapDriverInterface& driver, SnappedVolumes& volumes) {
   if (driver.GetSnappedVolumeDetails(volumes) == 0) return true;
   syslog(LOG_ERR, "Unable to obtain the snapped volume details.\n");
@@ -39,7 +36,7 @@ bool readSnappedVolumes(SnapDriverInterface& driver, SnappedVolumes& volumes) {
 std::list<DeviceNumberPair> findStaleSnapshots(const SnappedVolumes& volumes) {
   std::list<DeviceNumberPair> stale;
   for (const SnappedVolumeInformation& volume : volumes) {
-    if (ownerIsGone(volume.getAppPid())) {
+    if (processIsGone(volume.getAppPid())) {
       stale.push_back({volume.getMajorNum(), volume.getMinorNum()});
     } else {
       syslog(LOG_INFO, "Valid Snap: %s.\n", WStringToString(volume.getSnappedVolumeName()).c_str());
@@ -92,7 +89,7 @@ void reconcileMappings(SnapDriverInterface& driver, Paths& orphans) {
   for (const RelocFileMappingInformation& mapping : mappings) {
     syslog(LOG_INFO, "SVolName: %s, RelFileName: %s.\n", mapping.getSnappedVolumeName().c_str(),
            mapping.getRelocFileName().c_str());
-    if (!ownerIsGone(mapping.getAppPid())) {
+    if (!processIsGone(mapping.getAppPid())) {
       keepFileInUse(mapping.getRelocFileName(), orphans);
     } else if (driver.DeleteRelocationFileMapping(mapping.getSnappedVolumeName(), mapping.getAppPid()) != 0) {
       syslog(LOG_ERR, "Unable to delete the relocation mapping.\n");

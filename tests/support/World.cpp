@@ -149,6 +149,11 @@ ProcFile::~ProcFile() {
   if (parent != "/proc") fs::remove(parent, ignored);
 }
 
+ShownProcess::ShownProcess(pid_t process) : mPath("/proc/" + std::to_string(process)) {
+  fs::create_symlink(kRealProc + ("/" + std::to_string(process)), mPath);
+}
+ShownProcess::~ShownProcess() { unlink(mPath.c_str()); }
+
 Node::Node(std::string path, mode_t type, unsigned int major, unsigned int minor) : mPath(std::move(path)) {
   if (mknod(mPath.c_str(), type | 0600, makedev(major, minor)) != 0) throw std::runtime_error("cannot make " + mPath);
 }

@@ -60,6 +60,18 @@ class ProcFile {
   std::string mLink;  // what the name led to before
 };
 
+// Shows a process in the overlaid /proc for a scope; it need not live as long.
+class ShownProcess {
+ public:
+  explicit ShownProcess(pid_t process);
+  ~ShownProcess();
+  ShownProcess(const ShownProcess&) = delete;
+  ShownProcess& operator=(const ShownProcess&) = delete;
+
+ private:
+  std::string mPath;
+};
+
 // A device node for a scope.
 class Node {
  public:

@@ -613,6 +613,32 @@ TEST_F(Reconcile, commands_are_issued_in_this_order) {
                           IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS, IOC_VERIFY_AND_CLEAN_VOLUMES));
 }
 
+TEST_F(Reconcile, an_owner_that_the_driver_does_not_know_is_not_dead) {
+  const std::string file = makeFile("sda1");
+  snapshots = {{8, 1, 0, "/dev/sda1", file}};
+  mappings = {{0, "/dev/sda1", file}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_EQ(snapshots.size(), 1u);
+  EXPECT_EQ(mappings.size(), 1u);
+  EXPECT_TRUE(fs::exists(file));
+}
+
+TEST_F(Reconcile, a_zombie_is_dead) {
+  const pid_t zombie = fork();
+  if (zombie == 0) _exit(0);
+  const test::ShownProcess shown(zombie);
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT), 0);
+  const std::string file = makeFile("sda1");
+  snapshots = {{8, 1, zombie, "/dev/sda1", file}};
+  mappings = {{zombie, "/dev/sda1", file}, {zombie, "/dev/sda2", ""}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(snapshots, IsEmpty());
+  EXPECT_THAT(mappings, IsEmpty());
+  EXPECT_FALSE(fs::exists(file));
+  waitpid(zombie, nullptr, 0);
+}
+
 TEST_F(Reconcile, memory_that_is_short_anywhere_keeps_the_files_of_the_living) {
   const std::string alive = makeFile("alive");
   const std::size_t allocations = test::failEveryAllocation(
