@@ -1,21 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Repairing what processes left that died while they held snapshots.
+#include "driver/Reconcile.h"
+
 #include <mirelsnap/DriverInterface.h>
-#include <sys/stat.h>
-#include <sys/types.h>
 #include <syslog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <new>
 #include <optional>
-#include <utility>
 
 #include "base/Process.h"
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
+#include "driver/DriverLock.h"
+#include "driver/FilesInUse.h"
 #include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
@@ -26,18 +29,23 @@ namespace {
 using Paths = std::list<std::string>;
 using SnappedVolumes = std::list<SnappedVolumeInformation>;
 
+// How long the removal of what is left waits for snapshots that are being taken.
+constexpr std::chrono::seconds kPatience{5};
+
+std::atomic<bool> heldOff = false;
+
 bool readSnappedVolumes(SnapDriverInterface& driver, SnappedVolumes& volumes) {
   if (driver.GetSnappedVolumeDetails(volumes) == 0) return true;
   syslog(LOG_ERR, "Unable to obtain the snapped volume details.\n");
   return false;
 }
 
-// The devices whose snapshots belong to nobody any more.
-std::list<DeviceNumberPair> findStaleSnapshots(const SnappedVolumes& volumes) {
-  std::list<DeviceNumberPair> stale;
+// The snapshots that belong to nobody any more.
+SnappedVolumes findStaleSnapshots(const SnappedVolumes& volumes) {
+  SnappedVolumes stale;
   for (const SnappedVolumeInformation& volume : volumes) {
     if (processIsGone(volume.getAppPid())) {
-      stale.push_back({volume.getMajorNum(), volume.getMinorNum()});
+      stale.push_back(volume);
     } else {
       syslog(LOG_INFO, "Valid Snap: %s.\n", WStringToString(volume.getSnappedVolumeName()).c_str());
     }
@@ -45,14 +53,28 @@ std::list<DeviceNumberPair> findStaleSnapshots(const SnappedVolumes& volumes) {
   return stale;
 }
 
+// Leaves the snapshots that the same dead process still holds `now`: another reconcile may have discarded one, and a
+// living process may have snapped its volume since.
+void keepStillStale(SnappedVolumes& stale, const SnappedVolumes& now) {
+  stale.remove_if([&](const SnappedVolumeInformation& old) {
+    return !processIsGone(old.getAppPid()) ||
+           std::none_of(now.begin(), now.end(), [&](const SnappedVolumeInformation& volume) {
+             return volume.getMajorNum() == old.getMajorNum() && volume.getMinorNum() == old.getMinorNum() &&
+                    volume.getAppPid() == old.getAppPid();
+           });
+  });
+}
+
 // The outcome is not looked at: what stays is found again below, or by the next reconcile.
-void discardStaleSnapshots(const std::list<DeviceNumberPair>& stale) {
+void discardSnapshots(SnapDriverInterface& driver, const SnappedVolumes& stale) {
   if (stale.empty()) return;
   syslog(LOG_INFO, "Unsnap Volume List has %lu entries.\n", stale.size());
   const std::unique_ptr<DeviceNumberPair[]> pairs(new (std::nothrow) DeviceNumberPair[stale.size()]());
   if (pairs == nullptr) return;
-  std::copy(stale.begin(), stale.end(), pairs.get());
-  static_cast<void>(discardSnappedVolumes(static_cast<unsigned int>(stale.size()), pairs.get(), false));
+  std::transform(stale.begin(), stale.end(), pairs.get(), [](const SnappedVolumeInformation& volume) {
+    return DeviceNumberPair{volume.getMajorNum(), volume.getMinorNum()};
+  });
+  static_cast<void>(discardSnappedVolumes(static_cast<unsigned int>(stale.size()), pairs.get(), false, &driver));
 }
 
 // Every relocation file on the mounted file systems.
@@ -62,21 +84,10 @@ Paths findRelocFiles() {
   return files;
 }
 
-// Which file a path leads to; nothing when it leads to none.
-std::optional<std::pair<dev_t, ino_t>> fileBehind(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return std::nullopt;
-  return std::pair(status.st_dev, status.st_ino);
-}
-
-// Takes a file in use off the list, under all its paths: a second mount of its file system shows it under another one,
-// and unlinking it there would take it from its owner. A path that fills the driver's field may have been cut.
+// Takes a file in use off the list, under all its paths.
 void keepFileInUse(const std::string& used, Paths& orphans) {
-  const auto file = fileBehind(used);
-  const bool cut = used.size() >= kDriverPathSize - 1;
-  orphans.remove_if([&](const std::string& path) {
-    return path == used || (file && fileBehind(path) == file) || (cut && path.starts_with(used));
-  });
+  const UsedFile file(used);
+  orphans.remove_if([&](const std::string& path) { return file.isAt(path); });
 }
 
 // Drops the mappings of dead owners; the files of living ones are in use.
@@ -103,9 +114,9 @@ void keepFilesOfSnapshots(const SnappedVolumes& volumes, Paths& orphans) {
   }
 }
 
-void removeOrphans(const Paths& orphans) {
-  syslog(LOG_INFO, "Reloc File List contains: %lu files.\n", orphans.size());
+void removeOrphans(SnapDriverInterface& driver, const Paths& orphans) {
   for (const std::string& file : orphans) {
+    if (isFileInUse(driver, file, 0)) continue;  // since it was listed
     syslog(LOG_DEBUG, "Relocation File to be deleted: %s.\n", file.c_str());
     removeRelocFile(file);
   }
@@ -125,22 +136,58 @@ void verifyAndCleanVolumes() {
   }
 }
 
+// The driver's lock, taken by the first removal of a reconcile and kept to its end: one that has nothing to remove
+// waits for nobody. Each removal must ask mayRemove(), and look again at what it found before.
+class RemovalLock {
+ public:
+  RemovalLock() { heldOff = false; }
+
+  // False when other processes hold the lock for longer than the patience lasts, which is logged once.
+  bool mayRemove() {
+    if (!mAnswer) mAnswer = take();
+    return *mAnswer;
+  }
+
+ private:
+  bool take() {
+    mLock.adoptNode();
+    if (mLock.take(DriverLock::Kind::kExclusive, kPatience) != DriverLock::Outcome::kBusy) return true;
+    heldOff = true;
+    syslog(LOG_ERR,
+           "Snapshots and relocation files of dead processes are left: another process is taking a snapshot, or "
+           "removing one; run reconcile again when it is done.\n");
+    return false;
+  }
+
+  DriverLock mLock;
+  std::optional<bool> mAnswer;  // once asked
+};
+
 }  // namespace
 
+bool wasReconcileHeldOff() noexcept { return heldOff; }
+
 unsigned int SnapDriverInterface::ReconcileAndCleanup() {
+  RemovalLock lock;
   Paths orphans;
   SnappedVolumes snapped;
   if (!readSnappedVolumes(*this, snapped)) return 3;
   // The contract: nothing was collected yet, so this always tells of 0 files.
   syslog(LOG_INFO, "Found %lu relocation files.\n", orphans.size());
-  discardStaleSnapshots(findStaleSnapshots(snapped));
+  if (SnappedVolumes stale = findStaleSnapshots(snapped); !stale.empty() && lock.mayRemove()) {
+    snapped.clear();
+    if (!readSnappedVolumes(*this, snapped)) return 3;
+    keepStillStale(stale, snapped);
+    discardSnapshots(*this, stale);
+  }
 
   orphans = findRelocFiles();
   reconcileMappings(*this, orphans);
   snapped.clear();
   if (!readSnappedVolumes(*this, snapped)) return 3;
   keepFilesOfSnapshots(snapped, orphans);
-  removeOrphans(orphans);
+  syslog(LOG_INFO, "Reloc File List contains: %lu files.\n", orphans.size());
+  if (!orphans.empty() && lock.mayRemove()) removeOrphans(*this, orphans);
   verifyAndCleanVolumes();
   return 0;
 }

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -18,6 +19,7 @@
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
+#include "driver/DriverLock.h"
 #include "driver/LinuxSnapLibUtil.h"
 #include "driver/RunMap.h"
 #include "driver/TrackingGuid.h"
@@ -26,6 +28,9 @@
 namespace {
 
 constexpr char kSnapshotNodePrefix[] = "/dev/snap";
+
+// How long a snapshot waits for removals: one whose process is stopped must not hold it up for ever.
+constexpr std::chrono::seconds kPatience{60};
 
 // The driver's refusals.
 enum SnapStatus : std::int32_t {
@@ -53,8 +58,8 @@ void flushDevice(const char* path) {
   if (ioctl(device.get(), BLKFLSBUF, 0) != 0) syslog(LOG_ERR, "ioctl BLKFLSBUF failed.\n");
 }
 
-// One set of snapshots in the making. It owns the control descriptor, the run map and the command, and gives all of
-// them back when it goes.
+// One set of snapshots in the making. It owns the control descriptor, with the driver's lock on it from before the
+// first relocation file on, the run map and the command, and gives all of them back when it goes.
 class SnapSet {
  public:
   SnapSet(SnapDriverInterface& driver, std::list<SnapVolumeInformation>& volumes,
@@ -74,6 +79,7 @@ class SnapSet {
   int checkVolumeStates();
   int openControl();
   int sizeDriverTables();
+  int lockDriver();
   int placeRelocFiles();
   // With relocation files.
   int collectRuns();
@@ -99,7 +105,7 @@ class SnapSet {
   std::list<SnapVolumeInformation>& mVolumes;
   std::list<std::wstring>& mSnapDeviceNames;
 
-  UniqueFd mControl;
+  DriverLock mControl;
   SnapDriverInterfaceUtility* mUtility = nullptr;  // never released, as every command's
   std::uint64_t mMaxRelocBlocks = 0;
   RunMap mRuns;
@@ -110,7 +116,7 @@ class SnapSet {
 
 int SnapSet::take() {
   for (const Step step : {&SnapSet::checkDevices, &SnapSet::checkVolumeStates, &SnapSet::openControl,
-                          &SnapSet::sizeDriverTables, &SnapSet::placeRelocFiles}) {
+                          &SnapSet::sizeDriverTables, &SnapSet::lockDriver, &SnapSet::placeRelocFiles}) {
     if (const int result = (this->*step)(); result != 0) return result;
   }
   try {
@@ -152,8 +158,8 @@ int SnapSet::checkVolumeStates() {
 }
 
 int SnapSet::openControl() {
-  mControl = openDriver();
-  return mControl ? 0 : 5;
+  mControl.adopt(openDriver());
+  return mControl.descriptor() < 0 ? 5 : 0;
 }
 
 int SnapSet::sizeDriverTables() {
@@ -173,6 +179,15 @@ int SnapSet::sizeDriverTables() {
     return 3;
   }
   return 0;
+}
+
+int SnapSet::lockDriver() {
+  if (mControl.take(DriverLock::Kind::kShared, kPatience) != DriverLock::Outcome::kBusy) return 0;
+  syslog(
+      LOG_ERR,
+      "Unable to take a snapshot: another process is removing snapshots or relocation files (reconcile) and makes no "
+      "progress; try again when it is done.\n");
+  return 3;
 }
 
 int SnapSet::placeRelocFiles() {
@@ -290,12 +305,12 @@ void SnapSet::fillRuns(const RunList* runs, SnapVolumeEntry& entry, std::size_t 
 
 int SnapSet::issue() {
   logSize();
-  return mCommand.issue(mControl.get(), IOC_SNAP);
+  return mCommand.issue(mControl.descriptor(), IOC_SNAP);
 }
 
 // Gives back what the set holds and removes the relocation files.
 void SnapSet::abandon() {
-  mControl.reset();
+  mControl.release();
   freeRunMap(mRuns);
   mDriver.cleanRelocFiles(&mVolumes);
 }

@@ -1,16 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "driver/Unsnap.h"
 
-#include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
+#include "driver/DriverLock.h"
+#include "driver/FilesInUse.h"
 #include "reloc/RelocationFileRemoval.h"
 
 namespace {
+
+// How long the end of a snapshot waits for those that are being taken.
+constexpr std::chrono::seconds kPatience{2};
 
 // The driver's refusals, two for one text.
 enum DiscardStatus : std::int32_t {
@@ -47,7 +53,7 @@ unsigned int issueDiscard(DriverCommand& command, int descriptor) {
 }
 
 // Removes the relocation files of the discarded snapshots, and their directories when these are empty then.
-void removeRelocFiles(DriverCommand& command, unsigned int count) {
+void removeRelocFiles(DriverCommand& command, unsigned int count, SnapDriverInterface* asked) {
   for (unsigned int i = 0; i < count; ++i) {
     const auto* entry = command.record<DiscardEntry>(i);
     if (entry->result != 0) {
@@ -56,6 +62,10 @@ void removeRelocFiles(DriverCommand& command, unsigned int count) {
       continue;
     }
     const std::string file = getText(entry->relocFileName);
+    if (asked != nullptr && isFileInUse(*asked, file, getpid())) {
+      syslog(LOG_INFO, "RelocFile %s is in use and stays.\n", file.c_str());
+      continue;
+    }
     removeRelocFile(file);
     syslog(LOG_DEBUG, "Deleted directory: %s.\n", relocFileDirectory(file).c_str());  // whether or not it was
   }
@@ -63,7 +73,8 @@ void removeRelocFiles(DriverCommand& command, unsigned int count) {
 
 }  // namespace
 
-unsigned int discardSnappedVolumes(unsigned int count, const DeviceNumberPair* volumes, bool flag) {
+unsigned int discardSnappedVolumes(unsigned int count, const DeviceNumberPair* volumes, bool flag,
+                                   SnapDriverInterface* asked) {
   if (count == 0) {
     syslog(LOG_ERR, "assert at %d in %s failed.\n", 2711, "LinuxSnapLib.cpp");
     return 3;
@@ -83,12 +94,20 @@ unsigned int discardSnappedVolumes(unsigned int count, const DeviceNumberPair* v
   const unsigned int result = issueDiscard(command, device.get());
   // The contract: also after a failed request. Its result words still read 0 then, so that the removal of a file
   // without a name is tried, and reported, for each volume.
-  removeRelocFiles(command, count);
+  removeRelocFiles(command, count, asked);
   return result;
+}
+
+unsigned int discardUnderLock(SnapDriverInterface& driver, unsigned int count, const DeviceNumberPair* volumes,
+                              bool flag) {
+  DriverLock lock;
+  lock.adoptNode();
+  const bool isBusy = lock.take(DriverLock::Kind::kExclusive, kPatience) == DriverLock::Outcome::kBusy;
+  return discardSnappedVolumes(count, volumes, flag, isBusy ? &driver : nullptr);
 }
 
 unsigned int SnapDriverInterface::UnSnapVolume(std::list<std::wstring>* volumes, bool flag) {
   const auto pairs = resolveVolumes(volumes, 1288);
   if (pairs == nullptr) return 3;  // the contract: whatever was wrong with a name
-  return discardSnappedVolumes(static_cast<unsigned int>(volumes->size()), pairs.get(), flag);
+  return discardUnderLock(*this, static_cast<unsigned int>(volumes->size()), pairs.get(), flag);
 }

@@ -127,6 +127,16 @@ void Process::signal(int number) const {
   if (!mStatus) ::kill(mProcess, number);
 }
 
+void Process::waitUntilStopped() {
+  const auto hasStopped = [this] {
+    const std::string stat = readFile("/proc/" + std::to_string(mProcess) + "/stat");
+    const std::size_t state = stat.rfind(") ");
+    return state != std::string::npos && stat[state + 2] == 'T';
+  };
+  if (!becomesTrue([&] { return hasStopped() || !running(); }, std::chrono::seconds(60)) || !hasStopped())
+    ADD_FAILURE() << "process " << mProcess << " does not stop; it wrote: " << errors();
+}
+
 void Process::kill() {
   signal(SIGKILL);
   if (!becomesTrue([this] { return !running(); }, std::chrono::seconds(60))) {

@@ -44,6 +44,8 @@ class Process {
   // Its exit code, or 128 + the signal that ended it. One that outlives `limit` is killed and fails the test.
   int wait(std::chrono::seconds limit = std::chrono::seconds(60));
   void signal(int number) const;
+  // Waits until it has stopped (SIGSTOP). One that does not fails the test.
+  void waitUntilStopped();
   // SIGKILL, and waits: afterwards nobody finds the process any more.
   void kill();
   // What it wrote to its streams so far.

@@ -8,7 +8,13 @@
 //   no-memory-for-removal   the first allocation behind the discarding of a snapshot fails
 //   held-relocation-file    the writing of a relocation file stands still at kHeldAt, and again before it is flushed,
 //                           each time at the gate (Gate.h) at $MISCHIEF_GATE
+//   stop-before:R:N         the process stops itself before the N-th driver command with number R, as SIGSTOP does
+//   stop-after:R:N          the same when that command has been answered
+//   stop-before-unlink:F    the same before the first removal of a file with the name F, in whatever folder
+//   tell-locked-out:PATH    the file PATH is made when a lock is not to be had at once
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -21,7 +27,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <string>
 #include <string_view>
 #include <utility>
 
@@ -34,6 +39,33 @@ constexpr off_t kHeldAt = 16 << 20;  // bytes
 bool isAsked(std::string_view mischief) {
   const char* asked = std::getenv("MISCHIEF");
   return asked != nullptr && asked == mischief;
+}
+
+// What follows `name` and a colon in the mischief; null when it is another one.
+const char* argumentOf(std::string_view name) {
+  const char* asked = std::getenv("MISCHIEF");
+  if (asked == nullptr || !std::string_view(asked).starts_with(name) || asked[name.size()] != ':') return nullptr;
+  return asked + name.size() + 1;
+}
+
+void stopOnce() {
+  static bool stopped = false;
+  if (!std::exchange(stopped, true)) raise(SIGSTOP);
+}
+
+// Counts a command, for "stop-before" or "stop-after", and stops at the one that is named.
+void countCommand(std::string_view mischief, unsigned long request) {
+  const char* argument = argumentOf(mischief);
+  if (argument == nullptr) return;
+  char* rest = nullptr;
+  if (std::strtoul(argument, &rest, 10) != (request & 0xFF) || request != driverRequest(request & 0xFF)) return;
+  static unsigned long seen = 0;
+  if (++seen == std::strtoul(rest + 1, nullptr, 10)) stopOnce();
+}
+
+void stopBeforeUnlinkOf(std::string_view path) {
+  const char* name = argumentOf("stop-before-unlink");
+  if (name != nullptr && path.substr(path.rfind('/') + 1) == name) stopOnce();
 }
 
 thread_local bool memoryEnds = false;
@@ -90,11 +122,34 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int descriptor, unsi
   va_start(rest, request);
   void* argument = va_arg(rest, void*);
   va_end(rest);
+  countCommand("stop-before", request);
   const int result = real(descriptor, request, argument);
+  countCommand("stop-after", request);
   if (request == IOC_GET_VDIFF && isAsked("no-more-runs")) answerWithRuns(static_cast<std::byte*>(argument), 0);
   if (request == IOC_GET_VDIFF && isAsked("same-run")) answerWithRuns(static_cast<std::byte*>(argument), 1);
   if (request == IOC_CREATE_RELOC_FILE_MAPPING && isAsked("stop-after-mapping")) raise(SIGSTOP);
   if (request == IOC_SNAP_DISCARD && isAsked("no-memory-for-removal")) memoryEnds = true;
+  return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int unlink(const char* path) noexcept {
+  static const auto real = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "unlink"));
+  stopBeforeUnlinkOf(path);
+  return real(path);
+}
+
+extern "C" __attribute__((visibility("default"))) int unlinkat(int folder, const char* path, int flags) noexcept {
+  static const auto real = reinterpret_cast<int (*)(int, const char*, int)>(dlsym(RTLD_NEXT, "unlinkat"));
+  stopBeforeUnlinkOf(path);
+  return real(folder, path, flags);
+}
+
+extern "C" __attribute__((visibility("default"))) int flock(int descriptor, int operation) noexcept {
+  static const auto real = reinterpret_cast<int (*)(int, int)>(dlsym(RTLD_NEXT, "flock"));
+  const int result = real(descriptor, operation);
+  if (result == 0 || errno != EWOULDBLOCK) return result;
+  if (const char* told = argumentOf("tell-locked-out")) close(open(told, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  errno = EWOULDBLOCK;
   return result;
 }
 

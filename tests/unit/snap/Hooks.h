@@ -13,6 +13,10 @@ namespace test {
 
 // The time that gettimeofday tells; nothing: it is the kernel's.
 inline std::optional<timeval> fixedTime;
+// Each look at the monotonic clock finds it so many seconds later than the last one; 0: it is the kernel's.
+inline long clockStride = 0;
+// Every flock fails with it; 0: the kernel decides.
+inline int flockError = 0;
 // The library's calloc of at least so many bytes fails; 0: none does.
 inline std::size_t callocFailsFrom = 0;
 

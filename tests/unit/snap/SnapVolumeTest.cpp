@@ -18,12 +18,15 @@
 #include <functional>
 #include <limits>
 #include <optional>
+#include <thread>
 
 #include "Hooks.h"
 #include "LogCapture.h"
 #include "LoopVolume.h"
 #include "ScriptedDriver.h"
 #include "World.h"
+#include "driver/ControlDevice.h"
+#include "driver/DriverLock.h"
 #include "driver/LinuxSnapLib.h"
 #include "driver/LinuxSnapLibUtil.h"
 #include "driver/TrackingGuid.h"
@@ -60,6 +63,8 @@ class SnapVolume : public testing::Test {
   ~SnapVolume() override {
     SnapDriverInterface::releaseInstance();
     test::fixedTime.reset();
+    test::clockStride = 0;
+    test::flockError = 0;
     test::callocFailsFrom = 0;
     test::onFsync = nullptr;
   }
@@ -691,6 +696,71 @@ TEST_F(SnapVolume, the_control_device_is_closed_before_the_files_are_removed) {
   });
   EXPECT_EQ(snap(), 6);
   EXPECT_EQ(open_, 1u);  // the withdrawing command's own
+}
+
+// --- The lock.
+
+namespace {
+
+DriverLock::Outcome tryLock(DriverLock::Kind kind) {
+  DriverLock lock;
+  lock.adoptNode();
+  return lock.take(kind, std::chrono::seconds(0));
+}
+
+}  // namespace
+
+TEST_F(SnapVolume, the_lock_is_shared_from_the_first_mapping_to_the_end_of_the_command) {
+  requestBoth();
+  std::vector<DriverLock::Outcome> alone, shared;
+  const auto look = [&](std::byte*, std::size_t) {
+    alone.push_back(tryLock(DriverLock::Kind::kExclusive));
+    shared.push_back(tryLock(DriverLock::Kind::kShared));
+    return 0;
+  };
+  driver.on(IOC_CREATE_RELOC_FILE_MAPPING, look);
+  driver.on(IOC_SNAP, look);
+  EXPECT_EQ(snap(), 0);
+  EXPECT_THAT(alone, ElementsAre(DriverLock::Outcome::kBusy, DriverLock::Outcome::kBusy, DriverLock::Outcome::kBusy));
+  EXPECT_THAT(shared, ElementsAre(DriverLock::Outcome::kHeld, DriverLock::Outcome::kHeld, DriverLock::Outcome::kHeld));
+  EXPECT_EQ(tryLock(DriverLock::Kind::kExclusive), DriverLock::Outcome::kHeld) << "it is given back";
+  instance->cleanRelocFiles(&volumes);
+}
+
+TEST_F(SnapVolume, a_removal_that_goes_on_is_waited_for) {
+  requestFirst();
+  DriverLock removal;
+  removal.adopt(openDriver());
+  ASSERT_EQ(removal.take(DriverLock::Kind::kExclusive, std::chrono::seconds(0)), DriverLock::Outcome::kHeld);
+  int result = -1;
+  std::thread snapping([&] { result = snap(); });
+  EXPECT_FALSE(hasRelocArea(first));
+  removal.release();
+  snapping.join();
+  EXPECT_EQ(result, 0);
+  instance->cleanRelocFiles(&volumes);
+}
+
+TEST_F(SnapVolume, a_removal_that_makes_no_progress_for_a_minute_gives_3_and_is_named) {
+  requestFirst();
+  DriverLock removal;
+  removal.adopt(openDriver());
+  ASSERT_EQ(removal.take(DriverLock::Kind::kExclusive, std::chrono::seconds(0)), DriverLock::Outcome::kHeld);
+  test::clockStride = 21;  // the fourth look is after the minute
+  EXPECT_EQ(snap(), 3);
+  test::clockStride = 0;
+  expectUntouched();
+  EXPECT_THAT(log.texts(LOG_ERR),
+              ElementsAre("Unable to take a snapshot: another process is removing snapshots or relocation files "
+                          "(reconcile) and makes no progress; try again when it is done.\n"));
+}
+
+TEST_F(SnapVolume, a_descriptor_that_cannot_be_locked_keeps_no_snapshot_from_being_tried) {
+  requestFirst();
+  test::flockError = ENOLCK;
+  EXPECT_EQ(snap(), 0);
+  EXPECT_EQ(snaps().size(), 1u);
+  instance->cleanRelocFiles(&volumes);
 }
 
 // --- Memory.

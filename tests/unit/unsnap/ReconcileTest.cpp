@@ -20,8 +20,11 @@
 #include "LoopVolume.h"
 #include "ScriptedDriver.h"
 #include "World.h"
+#include "driver/ControlDevice.h"
+#include "driver/DriverLock.h"
 #include "driver/LinuxSnapLib.h"
 #include "driver/LinuxSnapLibUtil.h"
+#include "driver/Reconcile.h"
 #include "interpose/Allocations.h"
 
 namespace fs = std::filesystem;
@@ -90,6 +93,12 @@ class Reconcile : public testing::Test {
   std::string makeFile(const std::string& name) {
     test::writeFile(area() + "/" + name, "");
     return area() + "/" + name;
+  }
+  // The `n`-th time that the number of snapped volumes is asked for the driver fails.
+  void failCount(int n) {
+    driver.on(IOC_GET_NUM_OF_SNAPPED_VOLUMES, [this, n](std::byte* buffer, std::size_t) {
+      return ++counted == n ? EIO : answerCount(buffer, snapshots.size());
+    });
   }
   unsigned int reconcile() { return instance->ReconcileAndCleanup(); }
   std::vector<unsigned long> requests() const {
@@ -171,7 +180,10 @@ TEST_F(Reconcile, without_snapshots_and_mappings_every_relocation_file_goes_and_
   EXPECT_THAT(log.texts(LOG_DEBUG), IsSupersetOf({"Relocation File to be deleted: " + one + ".\n",
                                                   "Relocation File to be deleted: " + two + ".\n"}));
   for (const test::LogLine& line : log.lines()) EXPECT_FALSE(line.text.starts_with("Deleted directory"));
+  // Before each removal the driver is asked again who uses the file.
   EXPECT_THAT(requests(), ElementsAre(IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_NUM_OF_RELOC_FILE_MAPPING,
+                                      IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_NUM_OF_RELOC_FILE_MAPPING,
+                                      IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_NUM_OF_RELOC_FILE_MAPPING,
                                       IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_VERIFY_AND_CLEAN_VOLUMES));
 }
 
@@ -329,13 +341,23 @@ TEST_F(Reconcile, a_failed_listing_of_mappings_keeps_every_file_and_stops_nothin
   EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
 }
 
-TEST_F(Reconcile, a_driver_that_turns_unreachable_gives_3_with_no_orphan_removed) {
+TEST_F(Reconcile, a_driver_that_turns_unreachable_before_the_discard_gives_3_with_nothing_removed) {
   const std::string stale = makeFile("stale");
   const std::string orphan = makeFile("orphan");
   snapshots = {{8, 1, deadProcess(), "/dev/sda1", stale}};
-  driver.on(IOC_GET_NUM_OF_SNAPPED_VOLUMES, [this](std::byte* buffer, std::size_t) {
-    return ++counted == 2 ? EIO : answerCount(buffer, snapshots.size());
-  });
+  failCount(2);
+  EXPECT_EQ(reconcile(), 3u);
+  EXPECT_EQ(log.texts(LOG_ERR).back(), "Unable to obtain the snapped volume details.\n");
+  EXPECT_THAT(driver.calls(IOC_SNAP_DISCARD), IsEmpty());
+  EXPECT_TRUE(fs::exists(stale));
+  EXPECT_TRUE(fs::exists(orphan));
+}
+
+TEST_F(Reconcile, a_driver_that_turns_unreachable_after_the_discard_gives_3_with_no_orphan_removed) {
+  const std::string stale = makeFile("stale");
+  const std::string orphan = makeFile("orphan");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", stale}};
+  failCount(4);  // the third is asked before the discarded snapshot's file is removed
   EXPECT_EQ(reconcile(), 3u);
   EXPECT_EQ(log.texts(LOG_ERR).back(), "Unable to obtain the snapped volume details.\n");
   EXPECT_FALSE(fs::exists(stale));  // went with its snapshot
@@ -608,9 +630,79 @@ TEST_F(Reconcile, commands_are_issued_in_this_order) {
   mappings = {{deadProcess(), "/dev/dead", area() + "/dead"}};
   EXPECT_EQ(reconcile(), 0u);
   EXPECT_THAT(requests(),
-              ElementsAre(IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS, IOC_SNAP_DISCARD,
+              ElementsAre(IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS,
+                          // Whose snapshot it is, once more before the discard; who uses its file, before the removal.
+                          IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS, IOC_SNAP_DISCARD,
+                          IOC_GET_NUM_OF_RELOC_FILE_MAPPING, IOC_GET_RELOC_FILE_MAPPING, IOC_GET_NUM_OF_SNAPPED_VOLUMES,
+                          IOC_GET_SNAPPED_VOL_DETAILS,
+                          // The mappings, and what is left.
                           IOC_GET_NUM_OF_RELOC_FILE_MAPPING, IOC_GET_RELOC_FILE_MAPPING, IOC_DELETE_RELOC_FILE_MAPPING,
                           IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS, IOC_VERIFY_AND_CLEAN_VOLUMES));
+}
+
+TEST_F(Reconcile, with_nothing_of_a_dead_process_the_lists_are_asked_for_as_ever) {
+  const std::string alive = makeFile("alive");
+  snapshots = {{8, 2, getpid(), "/dev/alive", alive}};
+  mappings = {{getpid(), "/dev/alive", alive}};
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(requests(),
+              ElementsAre(IOC_GET_NUM_OF_SNAPPED_VOLUMES, IOC_GET_SNAPPED_VOL_DETAILS,
+                          IOC_GET_NUM_OF_RELOC_FILE_MAPPING, IOC_GET_RELOC_FILE_MAPPING, IOC_GET_NUM_OF_SNAPPED_VOLUMES,
+                          IOC_GET_SNAPPED_VOL_DETAILS, IOC_VERIFY_AND_CLEAN_VOLUMES));
+}
+
+// ---- others that live
+
+TEST_F(Reconcile, a_snapshot_that_a_living_process_took_since_the_listing_is_left_alone) {
+  const std::string file = makeFile("sda1");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", file}};
+  beforeCount = [&] {
+    if (counted != 2) return;
+    snapshots[0].owner = getpid();  // another reconcile discarded the old one, and its volume was snapped again
+    mappings = {{getpid(), "/dev/sda1", file}};
+  };
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(driver.calls(IOC_SNAP_DISCARD), IsEmpty());
+  EXPECT_EQ(snapshots.size(), 1u);
+  EXPECT_TRUE(fs::exists(file));
+}
+
+TEST_F(Reconcile, only_snapshots_that_are_still_there_are_discarded) {
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", ""}, {8, 2, deadProcess(), "/dev/sda2", ""}};
+  beforeCount = [&] {
+    if (counted == 2) snapshots.erase(snapshots.begin());
+  };
+  EXPECT_EQ(reconcile(), 0u);
+  const std::vector<DriverCall> discards = driver.calls(IOC_SNAP_DISCARD);
+  ASSERT_EQ(discards.size(), 1u);
+  EXPECT_EQ(discards[0].header().requestValue, 1u);
+  EXPECT_EQ(discards[0].get<std::uint32_t>(24 + 4), 2u);
+  EXPECT_TRUE(log.has(LOG_INFO, "Unsnap Volume List has 1 entries.\n")) << log.dump();
+}
+
+TEST_F(Reconcile, a_file_that_a_living_process_mapped_since_the_listing_is_kept) {
+  const std::string file = makeFile("sda1");
+  const std::string orphan = makeFile("sda2");
+  beforeCount = [&] {
+    if (counted == 2) mappings = {{getpid(), "/dev/sda1", file}};
+  };
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_FALSE(fs::exists(orphan));
+  EXPECT_FALSE(log.has(LOG_DEBUG, "Relocation File to be deleted: " + file + ".\n")) << log.dump();
+}
+
+TEST_F(Reconcile, the_file_of_a_discarded_snapshot_is_kept_when_a_living_process_has_mapped_it) {
+  const std::string file = makeFile("sda1");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", file}};
+  driver.on(IOC_SNAP_DISCARD, [&](std::byte* buffer, std::size_t length) {
+    mappings = {{getppid(), "/dev/sda1", file}};
+    return discard(buffer, (length - 27) / sizeof(DiscardEntry));
+  });
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(snapshots, IsEmpty());
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_TRUE(log.has(LOG_INFO, "RelocFile " + file + " is in use and stays.\n")) << log.dump();
 }
 
 TEST_F(Reconcile, an_owner_that_the_driver_does_not_know_is_not_dead) {
@@ -637,6 +729,85 @@ TEST_F(Reconcile, a_zombie_is_dead) {
   EXPECT_THAT(mappings, IsEmpty());
   EXPECT_FALSE(fs::exists(file));
   waitpid(zombie, nullptr, 0);
+}
+
+// ---- the lock
+
+namespace {
+
+constexpr char kHeldOff[] =
+    "Snapshots and relocation files of dead processes are left: another process is taking a snapshot, or removing one; "
+    "run reconcile again when it is done.\n";
+
+// The lock as a process holds it that is taking a snapshot.
+class SnapOfAnother {
+ public:
+  SnapOfAnother() {
+    mLock.adopt(openDriver());
+    EXPECT_EQ(mLock.take(DriverLock::Kind::kShared, std::chrono::seconds(0)), DriverLock::Outcome::kHeld);
+  }
+  void end() { mLock.release(); }
+
+ private:
+  DriverLock mLock;
+};
+
+}  // namespace
+
+TEST_F(Reconcile, while_another_process_takes_a_snapshot_only_mappings_of_the_dead_go) {
+  const std::string stale = makeFile("stale");
+  const std::string orphan = makeFile("orphan");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", stale}};
+  mappings = {{deadProcess(), "/dev/sda1", stale}};
+  SnapOfAnother other;
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(wasReconcileHeldOff());
+  EXPECT_EQ(log.texts(LOG_ERR), std::vector<std::string>{kHeldOff});
+  EXPECT_EQ(snapshots.size(), 1u);
+  EXPECT_THAT(mappings, IsEmpty());
+  EXPECT_TRUE(fs::exists(stale));
+  EXPECT_TRUE(fs::exists(orphan));
+  EXPECT_THAT(driver.calls(IOC_SNAP_DISCARD), IsEmpty());
+  EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
+
+  other.end();
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(wasReconcileHeldOff());
+  EXPECT_THAT(snapshots, IsEmpty());
+  EXPECT_FALSE(fs::exists(area()));
+}
+
+TEST_F(Reconcile, with_nothing_to_remove_it_waits_for_nobody) {
+  snapshots = {{8, 2, getpid(), "/dev/alive", makeFile("alive")}};
+  const SnapOfAnother other;
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(wasReconcileHeldOff());
+  EXPECT_THAT(log.texts(LOG_ERR), IsEmpty());
+}
+
+TEST_F(Reconcile, nobody_can_take_a_snapshot_between_its_last_look_and_the_removal) {
+  const std::string stale = makeFile("stale");
+  makeFile("orphan");
+  snapshots = {{8, 1, deadProcess(), "/dev/sda1", stale}};
+  std::vector<unsigned long> lockedOut;
+  const auto tryLock = [&](unsigned long request) {
+    DriverLock lock;
+    lock.adoptNode();
+    if (lock.take(DriverLock::Kind::kShared, std::chrono::seconds(0)) == DriverLock::Outcome::kBusy)
+      lockedOut.push_back(request);
+  };
+  driver.on(IOC_SNAP_DISCARD, [&](std::byte* buffer, std::size_t length) {
+    tryLock(IOC_SNAP_DISCARD);
+    return discard(buffer, (length - 27) / sizeof(DiscardEntry));
+  });
+  driver.on(IOC_VERIFY_AND_CLEAN_VOLUMES, [&](std::byte*, std::size_t) {
+    tryLock(IOC_VERIFY_AND_CLEAN_VOLUMES);
+    return 0;
+  });
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_THAT(lockedOut, ElementsAre(IOC_SNAP_DISCARD, IOC_VERIFY_AND_CLEAN_VOLUMES));
+  tryLock(0);
+  EXPECT_EQ(lockedOut.size(), 2u) << "it is given back";
 }
 
 TEST_F(Reconcile, memory_that_is_short_anywhere_keeps_the_files_of_the_living) {

@@ -14,6 +14,8 @@
 #include "LogCapture.h"
 #include "ScriptedDriver.h"
 #include "World.h"
+#include "driver/ControlDevice.h"
+#include "driver/DriverLock.h"
 #include "driver/LinuxSnapLib.h"
 #include "driver/LinuxSnapLibUtil.h"
 #include "interpose/Allocations.h"
@@ -309,4 +311,78 @@ TEST_F(UnSnapVolume, more_pairs_than_a_command_can_hold_are_an_allocation_failur
   const DeviceNumberPair pair{251, 1};
   EXPECT_EQ(discardSnappedVolumes(0xFFFFFFFF / 1040 + 1, &pair, false), 3u);
   EXPECT_THAT(log.texts(LOG_ERR), ElementsAre("Error Allocating memory.\n"));
+}
+
+// ---- the lock
+
+namespace {
+
+// Files of two snapshots, of which a living process maps the second one.
+class UnSnapBesideOthers : public UnSnapVolume {
+ protected:
+  UnSnapBesideOthers() {
+    fs::create_directory(folder / "area");
+    for (const std::string& file : {first, second}) test::writeFile(file, "");
+    volumes = {L"/dev/va", L"/dev/vb"};
+    answer([this](std::size_t i, DiscardEntry& entry) { name(entry, i == 0 ? first : second); });
+    driver.on(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, [](std::byte* buffer, std::size_t) {
+      reinterpret_cast<_ioctlCmd*>(buffer)->requestValue = 2;
+      return 0;
+    });
+    driver.on(IOC_GET_RELOC_FILE_MAPPING, [this](std::byte* buffer, std::size_t) {
+      auto* entry = reinterpret_cast<RelocFileMappingEntry*>(buffer + 24);
+      entry[0].appPid = getpid();
+      first.copy(entry[0].relocFileName, 1023);
+      entry[1].appPid = getppid();
+      second.copy(entry[1].relocFileName, 1023);
+      return 0;
+    });
+  }
+  const std::string first = folder / "area/va";
+  const std::string second = folder / "area/vb";
+};
+
+void hold(DriverLock& lock, DriverLock::Kind kind) {
+  lock.adopt(openDriver());
+  EXPECT_EQ(lock.take(kind, std::chrono::seconds(0)), DriverLock::Outcome::kHeld);
+}
+
+}  // namespace
+
+TEST_F(UnSnapBesideOthers, the_lock_is_held_alone_from_the_discard_on_and_the_driver_not_asked) {
+  DriverLock::Outcome meanwhile = DriverLock::Outcome::kHeld;
+  driver.on(IOC_SNAP_DISCARD, [&](std::byte* buffer, std::size_t) {
+    DriverLock lock;
+    lock.adoptNode();
+    meanwhile = lock.take(DriverLock::Kind::kShared, std::chrono::seconds(0));
+    name(*reinterpret_cast<DiscardEntry*>(buffer + 24), first);
+    return 0;
+  });
+  {
+    DriverLock makesTheNode;
+    hold(makesTheNode, DriverLock::Kind::kShared);
+  }
+  EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
+  EXPECT_EQ(meanwhile, DriverLock::Outcome::kBusy);
+  EXPECT_EQ(driver.calls().size(), 1u);
+  EXPECT_FALSE(fs::exists(first));
+}
+
+TEST_F(UnSnapBesideOthers, without_the_lock_the_files_of_other_living_processes_stay) {
+  DriverLock other;
+  hold(other, DriverLock::Kind::kShared);
+  EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
+  EXPECT_EQ(driver.calls(IOC_SNAP_DISCARD).size(), 1u);
+  EXPECT_FALSE(fs::exists(first));
+  EXPECT_TRUE(fs::exists(second));
+  EXPECT_TRUE(log.has(LOG_INFO, "RelocFile " + second + " is in use and stays.\n")) << log.dump();
+}
+
+TEST_F(UnSnapBesideOthers, without_the_lock_and_the_drivers_word_every_file_stays) {
+  DriverLock other;
+  hold(other, DriverLock::Kind::kShared);
+  driver.fail(IOC_GET_RELOC_FILE_MAPPING, EIO);
+  EXPECT_EQ(instance->UnSnapVolume(&volumes, false), 0u);
+  EXPECT_TRUE(fs::exists(first));
+  EXPECT_TRUE(fs::exists(second));
 }

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Which relocation files are in use, as the driver tells it.
+#pragma once
+
+#include <mirelsnap/DriverInterface.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+
+// A relocation file as the driver names it.
+class UsedFile {
+ public:
+  explicit UsedFile(std::string path);
+  // Whether `path` is that file, whatever path it has there: a second mount of its file system shows it under another
+  // one, and unlinking it there would take it from its owner. A name that fills the driver's field may have been cut.
+  bool isAt(const std::string& path) const;
+
+ private:
+  std::string mPath;
+  std::optional<std::pair<dev_t, ino_t>> mFile;  // which one the path leads to
+};
+
+// Asks the driver whether a living process, `except` aside (0: none), has mapped the file at `path` or holds a snapshot
+// with it. A driver that cannot be asked knows nothing to the contrary: true.
+bool isFileInUse(SnapDriverInterface& driver, const std::string& path, pid_t except);

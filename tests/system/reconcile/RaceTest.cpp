@@ -1,0 +1,290 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Somebody removes what a dead process left, or a snapshot of its own, and is stopped in the middle of it while
+// somebody else takes a snapshot of the same volume: what the living one has is left to it.
+#include <gtest/gtest.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <optional>
+
+#include "Agent.h"
+#include "Base.h"
+#include "DriverClient.h"
+#include "LogCapture.h"
+#include "Run.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using test::Agent;
+using test::Base;
+using test::DriverClient;
+using test::Ended;
+using test::Engine;
+using test::Json;
+using test::Process;
+using test::Session;
+using test::StartOptions;
+using test::TempDir;
+using test::Volume;
+
+using Texts = std::vector<std::string>;
+
+constexpr char kHeldOff[] =
+    "Snapshots and relocation files of dead processes are left: another process is taking a snapshot, or removing one; "
+    "run reconcile again when it is done.\n";
+
+struct FileSystemKind {
+  const char* type;
+  std::uint64_t bytes;
+};
+
+class Race : public testing::TestWithParam<FileSystemKind> {
+ protected:
+  static StartOptions with(const std::string& mischief) { return {.environment = test::withMischief(mischief)}; }
+
+  // The name of a volume's relocation file, and where that lies.
+  static std::string fileName(const Volume& of) { return of.device().substr(5); }
+  static std::string fileOf(const Volume& of) { return of.folder() + "/.verrelocarea/" + fileName(of); }
+  // An open set of one volume, with a small relocation file on it.
+  static Engine openedSet(Agent& agent, const Volume& of) {
+    Engine engine = agent.openedSet({&of});
+    EXPECT_EQ(engine.setRelocation(0, of.folder(), 2), S_OK);
+    return engine;
+  }
+  // A snapshot whose process is dead.
+  void leaveSnapshot(const Volume& of) {
+    Agent agent(session);
+    Engine engine = openedSet(agent, of);
+    ASSERT_EQ(engine.snap(), 0);
+    agent.kill();
+  }
+  // A relocation file that nobody knows of.
+  static void leaveFile(const Volume& of) {
+    ASSERT_TRUE(fs::create_directory(of.folder() + "/.verrelocarea"));
+    fs::permissions(of.folder() + "/.verrelocarea", fs::perms::owner_all);
+    test::writeFile(fileOf(of), "left");
+  }
+  // The processes that hold snapshots, by volume.
+  std::map<std::string, pid_t> holders() {
+    DriverClient driver(session);
+    std::map<std::string, pid_t> found;
+    for (const Json& entry : driver.snapped()) found[entry["volume"]] = entry["process"];
+    return found;
+  }
+  // That the agent's snapshot of the volume is whole: held, with its file, shown as it was, and deleted without a fuss.
+  void expectWhole(Agent& agent, Engine& engine, const Volume& of) {
+    EXPECT_EQ(holders()[of.device()], agent.id());
+    EXPECT_TRUE(fs::exists(fileOf(of)));
+    const Base base({of.folder()});
+    EXPECT_EQ(engine.expose(base.path()), S_OK);
+    engine.unexpose();
+    EXPECT_EQ(engine.deleteSet(), S_OK);
+    EXPECT_FALSE(fs::exists(fileOf(of)));
+    engine.release();
+  }
+
+  Volume volume{GetParam().type, GetParam().bytes};
+  Session session;
+};
+
+INSTANTIATE_TEST_SUITE_P(On, Race, testing::Values(FileSystemKind{"ext4", 32 << 20}, FileSystemKind{"xfs", 300 << 20}),
+                         [](const auto& kind) { return std::string(kind.param.type); });
+
+// ---- the discard
+
+TEST_P(Race, a_reconcile_that_is_stopped_after_its_listing_leaves_what_was_snapped_meanwhile) {
+  leaveSnapshot(volume);
+  Agent stopped(session, with("stop-after:12:1"));
+  Engine reconciler = stopped.engine();
+  stopped.begin("reconcile", {{"engine", 0}});
+  stopped.process().waitUntilStopped();
+
+  Agent agent(session);
+  Engine other = agent.engine();
+  EXPECT_EQ(other.reconcile(), S_OK);
+  EXPECT_EQ(other.release(), 0u);
+  Engine engine = openedSet(agent, volume);
+  ASSERT_EQ(engine.snap(), 0);
+
+  stopped.process().signal(SIGCONT);
+  EXPECT_EQ(stopped.finish()["result"], S_OK);
+  expectWhole(agent, engine, volume);
+  reconciler.release();
+}
+
+// What is stale keeps its volume from being snapped until it is discarded, by whoever holds the lock.
+TEST_P(Race, no_run_takes_a_snapshot_while_a_reconcile_is_stopped_before_its_discard) {
+  leaveSnapshot(volume);
+  Agent stopped(session, with("stop-before:20:1"));
+  Engine reconciler = stopped.engine();
+  stopped.begin("reconcile", {{"engine", 0}});
+  stopped.process().waitUntilStopped();
+
+  const Texts arguments =
+      test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "ls $MIRELSNAP_VOLUME_1"});
+  EXPECT_EQ(session.run(arguments).code, 114);
+  stopped.process().signal(SIGCONT);
+  EXPECT_EQ(stopped.finish()["result"], S_OK);
+  EXPECT_EQ(holders().size(), 0u);
+  EXPECT_EQ(session.run(arguments).code, 0);
+  reconciler.release();
+}
+
+TEST_P(Race, no_run_takes_a_snapshot_while_the_reconcile_of_another_is_stopped_before_its_discard) {
+  leaveSnapshot(volume);
+  const Texts arguments =
+      test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "ls $MIRELSNAP_VOLUME_1"});
+  Process stopped = session.start(arguments, with("stop-before:20:1"));
+  stopped.waitUntilStopped();
+  EXPECT_EQ(session.run(arguments).code, 114);
+  stopped.signal(SIGCONT);
+  EXPECT_EQ(stopped.wait(), 0) << stopped.errors();
+}
+
+// ---- the removal of a file
+
+// A process that snaps a volume while another one is stopped: it takes its snapshot, or waits until that one goes on.
+class Newcomer {
+ public:
+  Newcomer(Session& session, const Volume& volume)
+      : mAgent(session, {.environment = test::withMischief("tell-locked-out:" + mLockedOut)}),
+        mEngine(mAgent.openedSet({&volume})) {
+    EXPECT_EQ(mEngine.setRelocation(0, volume.folder(), 2), S_OK);
+  }
+  void begin() {
+    EXPECT_GE(mEngine.startJob(), 0);
+    while (!fs::exists(mLockedOut) && mEngine.status().status == USC_S_ASYNC_PENDING) mEngine.waitForJob(10);
+  }
+  int finish() {
+    while (mEngine.status().status == USC_S_ASYNC_PENDING) mEngine.waitForJob(1000);
+    return mEngine.status().snapResult;
+  }
+  Agent& agent() { return mAgent; }
+  Engine& engine() { return mEngine; }
+
+ private:
+  const TempDir mDir;
+  const std::string mLockedOut = mDir / "locked-out";
+  Agent mAgent;
+  Engine mEngine;
+};
+
+TEST_P(Race, a_reconcile_that_is_stopped_before_it_removes_a_file_does_not_remove_that_of_a_new_snapshot) {
+  leaveFile(volume);
+  Agent stopped(session, with("stop-before-unlink:" + fileName(volume)));
+  Engine reconciler = stopped.engine();
+  stopped.begin("reconcile", {{"engine", 0}});
+  stopped.process().waitUntilStopped();
+  Newcomer newcomer(session, volume);
+  newcomer.begin();
+  stopped.process().signal(SIGCONT);
+  EXPECT_EQ(stopped.finish()["result"], S_OK);
+  EXPECT_EQ(newcomer.finish(), 0);
+  expectWhole(newcomer.agent(), newcomer.engine(), volume);
+  reconciler.release();
+}
+
+TEST_P(Race, a_reconcile_that_is_stopped_after_its_last_listing_does_not_remove_the_file_of_a_new_snapshot) {
+  leaveFile(volume);
+  Agent stopped(session, with("stop-after:11:2"));
+  Engine reconciler = stopped.engine();
+  stopped.begin("reconcile", {{"engine", 0}});
+  stopped.process().waitUntilStopped();
+  Newcomer newcomer(session, volume);
+  newcomer.begin();
+  stopped.process().signal(SIGCONT);
+  EXPECT_EQ(stopped.finish()["result"], S_OK);
+  EXPECT_EQ(newcomer.finish(), 0);
+  expectWhole(newcomer.agent(), newcomer.engine(), volume);
+  reconciler.release();
+}
+
+TEST_P(Race, the_reconcile_of_a_run_that_is_stopped_before_it_removes_a_file_does_not_remove_that_of_a_new_snapshot) {
+  const Volume others("ext4", 32 << 20);
+  leaveSnapshot(others);
+  leaveFile(volume);
+  Process stopped = session.start(test::runArguments({"--volume", others.device()}, {"/bin/true"}),
+                                  with("stop-before-unlink:" + fileName(volume)));
+  stopped.waitUntilStopped();
+  Newcomer newcomer(session, volume);
+  newcomer.begin();
+  stopped.signal(SIGCONT);
+  EXPECT_EQ(stopped.wait(), 0) << stopped.errors();
+  EXPECT_EQ(newcomer.finish(), 0);
+  expectWhole(newcomer.agent(), newcomer.engine(), volume);
+}
+
+TEST_P(Race, a_deletion_that_is_stopped_after_its_discard_does_not_remove_the_file_of_a_new_snapshot) {
+  Agent stopped(session, with("stop-before-unlink:" + fileName(volume)));
+  Engine deleting = openedSet(stopped, volume);
+  ASSERT_EQ(deleting.snap(), 0);
+  stopped.begin("delete_set", {{"engine", 0}, {"set", deleting.set()}});
+  stopped.process().waitUntilStopped();
+  Newcomer newcomer(session, volume);
+  newcomer.begin();
+  stopped.process().signal(SIGCONT);
+  EXPECT_EQ(stopped.finish()["result"], S_OK);
+  EXPECT_EQ(newcomer.finish(), 0);
+  expectWhole(newcomer.agent(), newcomer.engine(), volume);
+  deleting.release();
+}
+
+// ---- those who wait
+
+TEST_P(Race, a_reconcile_does_not_wait_for_ever_for_a_snapshot_that_makes_no_progress_and_says_what_it_left) {
+  test::LogCapture log;
+  const Volume stale("ext4", 32 << 20);
+  leaveSnapshot(stale);
+  Agent slow(session, with("stop-before:19:1"));  // its relocation file is there, its snapshot is not
+  Engine snapping = openedSet(slow, volume);
+  slow.begin("start_job", {{"engine", 0}});
+  slow.process().waitUntilStopped();
+
+  Agent agent(session);
+  Engine reconciler = agent.engine();
+  EXPECT_EQ(reconciler.reconcile(), S_OK);
+  EXPECT_EQ(log.count(LOG_ERR, kHeldOff), 1u) << log.dump();
+  EXPECT_TRUE(fs::exists(fileOf(volume)));
+  EXPECT_TRUE(fs::exists(fileOf(stale)));
+  EXPECT_TRUE(holders().contains(stale.device()));
+
+  slow.process().signal(SIGCONT);
+  EXPECT_GE(slow.finish()["result"].get<int>(), 0);
+  while (snapping.status().status == USC_S_ASYNC_PENDING) snapping.waitForJob(1000);
+  EXPECT_EQ(snapping.status().snapResult, 0);
+  EXPECT_EQ(reconciler.reconcile(), S_OK);
+  EXPECT_EQ(log.count(LOG_ERR, kHeldOff), 1u) << log.dump();
+  EXPECT_FALSE(fs::exists(fileOf(stale)));
+  reconciler.release();
+  expectWhole(slow, snapping, volume);
+}
+
+// ---- a zombie
+
+TEST_P(Race, the_snapshot_of_a_zombie_is_reconciled) {
+  const TempDir dir;
+  // Its parent becomes a program that never asks how it ended.
+  Process parent = session.start({"/bin/sh", "-c",
+                                  "\"$0\" run --volume \"$1\" -- /bin/sh -c 'echo $$ >\"$0\"; exec sleep 600' \"$2\" & "
+                                  "exec sleep 600",
+                                  MIRELSNAP_PROGRAM, volume.device(), dir / "command"});
+  while (parent.running() && (!fs::exists(dir / "command") || test::readFile(dir / "command").empty())) usleep(1000);
+  const pid_t zombie = holders()[volume.device()];
+  kill(zombie, SIGKILL);
+  kill(std::stoi(test::readFile(dir / "command")), SIGKILL);
+  while (test::readFile("/proc/" + std::to_string(zombie) + "/stat").find(") Z ") == std::string::npos) usleep(1000);
+  ASSERT_EQ(kill(zombie, 0), 0);
+
+  const Ended ended = session.run({MIRELSNAP_PROGRAM, "reconcile"});
+  EXPECT_EQ(ended.code, 0) << ended.output << ended.errors;
+  EXPECT_EQ(holders().size(), 0u);
+  EXPECT_FALSE(fs::exists(fileOf(volume)));
+  parent.kill();
+}
+
+}  // namespace
