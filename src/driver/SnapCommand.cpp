@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -23,6 +24,7 @@
 #include "driver/LinuxSnapLibUtil.h"
 #include "driver/RunMap.h"
 #include "driver/TrackingGuid.h"
+#include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
 
 namespace {
@@ -31,6 +33,8 @@ constexpr char kSnapshotNodePrefix[] = "/dev/snap";
 
 // How long a snapshot waits for removals: one whose process is stopped must not hold it up for ever.
 constexpr std::chrono::seconds kPatience{60};
+
+constexpr std::size_t kLongestSent = kDriverPathSize - 1;
 
 // The driver's refusals.
 enum SnapStatus : std::int32_t {
@@ -56,6 +60,19 @@ void flushDevice(const char* path) {
   fsync(device.get());
   syslog(LOG_INFO, "flushing %s.\n", path);
   if (ioctl(device.get(), BLKFLSBUF, 0) != 0) syslog(LOG_ERR, "ioctl BLKFLSBUF failed.\n");
+}
+
+// Whether `found` is this process's snapshot of `volume`, with the relocation file that was made for it. Other sets of
+// the process have other files.
+bool isOwnSnapshot(const SnappedVolumeInformation& found, const SnapVolumeInformation& volume) {
+  const std::string file = WStringToString(found.getRelocFileName());
+  return found.getAppPid() == getpid() && file == std::string(volume.getcStrRelocFileName()).substr(0, kLongestSent);
+}
+
+// Discards it, with its relocation file.
+bool takeBack(SnapDriverInterface& driver, const SnappedVolumeInformation& snapshot) {
+  const DeviceNumberPair number{snapshot.getMajorNum(), snapshot.getMinorNum()};
+  return discardUnderLock(driver, 1, &number, false) == 0;
 }
 
 // One set of snapshots in the making. It owns the control descriptor, with the driver's lock on it from before the
@@ -98,7 +115,10 @@ class SnapSet {
   const RunList* runsOf(unsigned int index) { return mRuns[index]; }
 
   void logSize() const { syslog(LOG_DEBUG, "Size of the IOCTL Command: %d.\n", static_cast<int>(mSize)); }
+  void giveBack();
   void abandon();
+  void abandonUnanswered();
+  bool isRefused();
   int refusal(int error);
 
   SnapDriverInterface& mDriver;
@@ -132,7 +152,7 @@ int SnapSet::take() {
   }
   if (issue() == 0) return 0;
   const int error = errno;
-  abandon();
+  isRefused() ? abandon() : abandonUnanswered();
   return refusal(error);
 }
 
@@ -308,11 +328,43 @@ int SnapSet::issue() {
   return mCommand.issue(mControl.descriptor(), IOC_SNAP);
 }
 
-// Gives back what the set holds and removes the relocation files.
-void SnapSet::abandon() {
+void SnapSet::giveBack() {
   mControl.release();
   freeRunMap(mRuns);
+}
+
+// Gives back what the set holds and removes the relocation files.
+void SnapSet::abandon() {
+  giveBack();
   mDriver.cleanRelocFiles(&mVolumes);
+}
+
+// The same when the command failed and the driver did not say why: it may have been carried out, and a snapshot that is
+// held needs its relocation file. Such snapshots are discarded; what cannot be told stays for a reconcile.
+void SnapSet::abandonUnanswered() {
+  giveBack();
+  std::list<SnappedVolumeInformation> snapped;
+  const bool isKnown = mDriver.GetSnappedVolumeDetails(snapped) == 0;
+  std::list<SnapVolumeInformation> unsnapped;
+  for (const SnapVolumeInformation& volume : mVolumes) {
+    const auto taken = std::find_if(snapped.begin(), snapped.end(), [&](const SnappedVolumeInformation& found) {
+      return isOwnSnapshot(found, volume);
+    });
+    if (isKnown && taken == snapped.end()) {
+      unsnapped.push_back(volume);
+    } else if (!isKnown || !takeBack(mDriver, *taken)) {
+      syslog(LOG_ERR,
+             "The snapshot of %s may be held though its command failed: relocation file %s is kept; run reconcile when "
+             "process %d has ended.\n",
+             volume.getcStrSnapVolumeName(), volume.getcStrRelocFileName(), static_cast<int>(getpid()));
+    }
+  }
+  mDriver.cleanRelocFiles(&unsnapped);
+}
+
+bool SnapSet::isRefused() {
+  const std::int32_t status = mCommand.header().driverStatus;
+  return status == kDeviceSnapped || status == kOneDeviceSnapped || status == kDeviceSizeChanged;
 }
 
 // What the driver's refusal means; `error` is that of the request.

@@ -763,6 +763,127 @@ TEST_F(SnapVolume, a_descriptor_that_cannot_be_locked_keeps_no_snapshot_from_bei
   instance->cleanRelocFiles(&volumes);
 }
 
+// --- The answer is lost.
+
+namespace {
+
+class LostSnap : public SnapVolume {
+ protected:
+  // The driver takes the snapshots of which `listed` tells, and the request fails.
+  void loseAnswer(std::vector<SnappedVolumeEntry> listed) {
+    driver.fail(IOC_SNAP, EIO);
+    driver.on(IOC_GET_NUM_OF_SNAPPED_VOLUMES, [=, this](std::byte* buffer, std::size_t) {
+      reinterpret_cast<_ioctlCmd*>(buffer)->requestValue =
+          snaps().empty() ? 0 : static_cast<std::uint32_t>(listed.size());
+      return 0;
+    });
+    driver.on(IOC_GET_SNAPPED_VOL_DETAILS, [=](std::byte* buffer, std::size_t) {
+      std::copy(listed.begin(), listed.end(), reinterpret_cast<SnappedVolumeEntry*>(buffer + 24));
+      return 0;
+    });
+    driver.on(IOC_SNAP_DISCARD, [=](std::byte* buffer, std::size_t) {
+      auto* discarded = reinterpret_cast<DiscardEntry*>(buffer + 24);
+      for (const SnappedVolumeEntry& entry : listed) {
+        if (entry.minorNum == discarded->minorNum) std::memcpy(discarded->relocFileName, entry.relocFileName, 1024);
+      }
+      return 0;
+    });
+  }
+  static SnappedVolumeEntry entry(const test::Volume& volume, const std::string& file, pid_t owner = getpid()) {
+    SnappedVolumeEntry entry{};
+    entry.majorNum = 7;
+    entry.minorNum = volume.loop().minor();
+    entry.appPid = owner;
+    volume.device().copy(entry.snappedVolumeName, 1023);
+    file.copy(entry.relocFileName, 1023);
+    return entry;
+  }
+  std::vector<unsigned int> discarded() const {
+    std::vector<unsigned int> minors;
+    for (const DriverCall& call : driver.calls(IOC_SNAP_DISCARD)) minors.push_back(call.get<std::uint32_t>(24 + 4));
+    return minors;
+  }
+  std::string keptLine(const test::Volume& volume) const {
+    return "The snapshot of " + volume.device() + " may be held though its command failed: relocation file " +
+           relocFile(volume, volume) + " is kept; run reconcile when process " + std::to_string(getpid()) +
+           " has ended.\n";
+  }
+};
+
+}  // namespace
+
+TEST_F(LostSnap, what_was_taken_all_the_same_is_discarded_before_its_file_goes) {
+  requestBoth();
+  loseAnswer({entry(first, relocFile(first, first)), entry(second, relocFile(second, second))});
+  EXPECT_EQ(snap(), 6);
+  EXPECT_THAT(discarded(), ElementsAre(first.loop().minor(), second.loop().minor()));
+  EXPECT_FALSE(hasRelocArea(first));
+  EXPECT_FALSE(hasRelocArea(second));
+  EXPECT_EQ(log.lines().back().text, "Device Snap ioctl failed, errno: 5\n");
+}
+
+TEST_F(LostSnap, a_volume_of_the_set_that_was_not_taken_is_cleaned_as_ever) {
+  requestBoth();
+  loseAnswer({entry(second, relocFile(second, second))});
+  EXPECT_EQ(snap(), 6);
+  EXPECT_THAT(discarded(), ElementsAre(second.loop().minor()));
+  EXPECT_FALSE(hasRelocArea(first));
+  EXPECT_FALSE(hasRelocArea(second));
+  ASSERT_EQ(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING).size(), 1u);
+  EXPECT_EQ(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING)[0].text(28), first.device());
+}
+
+TEST_F(LostSnap, snapshots_of_other_processes_and_of_other_sets_are_left_alone) {
+  requestFirst();
+  loseAnswer({entry(second, relocFile(second, second)), entry(first, relocFile(first, first), getppid()),
+              entry(first, relocFile(first, second))});
+  EXPECT_EQ(snap(), 6);
+  EXPECT_THAT(discarded(), IsEmpty());
+  expectCleaned();
+}
+
+TEST_F(LostSnap, one_that_cannot_be_discarded_keeps_its_file_and_its_mapping) {
+  requestBoth();
+  loseAnswer({entry(first, relocFile(first, first))});
+  driver.fail(IOC_SNAP_DISCARD, EIO);
+  EXPECT_EQ(snap(), 6);
+  EXPECT_TRUE(fs::exists(relocFile(first, first)));
+  EXPECT_FALSE(hasRelocArea(second));
+  ASSERT_EQ(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING).size(), 1u);
+  EXPECT_EQ(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING)[0].text(28), second.device());
+  EXPECT_EQ(log.count(LOG_ERR, keptLine(first)), 1u) << log.dump();
+  instance->cleanRelocFiles(&volumes);
+}
+
+TEST_F(LostSnap, with_a_driver_that_cannot_be_asked_every_file_and_mapping_is_kept) {
+  requestBoth();
+  loseAnswer({});
+  driver.on(IOC_SNAP, [this](std::byte*, std::size_t) {
+    driver.fail(IOC_GET_NUM_OF_SNAPPED_VOLUMES, EIO);
+    return EIO;
+  });
+  EXPECT_EQ(snap(), 6);
+  for (const test::Volume* volume : {&first, &second}) {
+    EXPECT_TRUE(fs::exists(relocFile(*volume, *volume)));
+    EXPECT_EQ(log.count(LOG_ERR, keptLine(*volume)), 1u) << log.dump();
+  }
+  EXPECT_THAT(driver.calls(IOC_DELETE_RELOC_FILE_MAPPING), IsEmpty());
+  EXPECT_EQ(log.lines().back().text, "Device Snap ioctl failed, errno: 5\n");
+  instance->cleanRelocFiles(&volumes);
+}
+
+TEST_F(LostSnap, what_the_driver_refuses_with_its_reasons_asks_it_nothing_more) {
+  for (const std::int32_t status : {-2, -3, -8}) {
+    requestFirst();
+    loseAnswer({entry(first, relocFile(first, first))});
+    driver.fail(IOC_SNAP, EBUSY, status);
+    EXPECT_NE(snap(), 6);
+    EXPECT_EQ(driver.calls().back().request, IOC_DELETE_RELOC_FILE_MAPPING);
+    EXPECT_THAT(discarded(), IsEmpty());
+    volumes.clear();
+  }
+}
+
 // --- Memory.
 
 TEST_F(SnapVolume, memory_that_is_short_while_the_command_is_made_removes_the_files) {
