@@ -72,17 +72,18 @@ class MIRELSNAP_API SnapDriverInterface {
   // Takes the snapshots of all volumes at one instant. Fills each record's relocation fields and appends one
   // snapshot device name a volume, in list order; names may have been appended although it failed. 0; 3 also when
   // the list is empty, a device is in it twice, the memory's state cannot be read or leaves no room, a relocation
-  // file cannot be mapped or no tracking GUID can be made; 5; 6; 7; 8; 11 the only volume is already snapped, or
+  // file cannot be mapped, no tracking GUID can be made, or another process removes snapshots and makes no progress
+  // for a minute; 5; 6, after which a snapshot that was taken all the same is discarded; 7; 8; 11 the only volume is already snapped, or
   // one is frozen; 12 one of several is already snapped; 20 a relocation file could not be placed; 26 a device's
   // size changed.
   int SnapVolume(std::list<SnapVolumeInformation>* volumes, std::list<std::wstring>* snapDeviceNames);
 
   // Discards the snapshots of the named block devices and removes their relocation files. `flag` is handed to
   // the driver. 0; 3 also when the list is empty or a name is no block device; 5; 6; 13 or 14 when a volume is
-  // not snapped.
+  // not snapped. A relocation file stays when other processes take snapshots for 2 s and a living one uses it.
   unsigned int UnSnapVolume(std::list<std::wstring>* volumes, bool flag);
-  // Removes what dead processes left: snapshots, mappings, relocation files. 0, or 3 when the driver cannot
-  // be asked.
+  // Removes what dead processes left: snapshots, mappings, relocation files. 0, also when other processes take
+  // snapshots for 5 s: then only mappings go, and the log says so; 3 when the driver cannot be asked.
   unsigned int ReconcileAndCleanup();
 
   // Change tracking. A snapshot that is taken with change tracking requested, and is not an independent one, has
