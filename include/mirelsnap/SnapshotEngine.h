@@ -232,7 +232,9 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // binds the alternate set. `base` is made when missing; give it here or as option "MountPointBase", not
   // both (with the option alone the call always ends in E_UNEXPECTED, everything undone). Every deeper target
   // must be there, usually as a directory inside a snapshot mounted just before. A base that was given once
-  // is kept: no later call may name one. A snapshot's device is waited for up to 5 seconds.
+  // is kept: no later call may name one. A snapshot's device is waited for up to 5 seconds. Below the base no
+  // symbolic link is followed: one in the place of a folder is a mount that fails. Who may enter the base may
+  // read what the snapshots' own owners and modes allow.
   // S_OK; USC_E_BAD_STATE before the job is done; E_INVALIDARG unless one base is known; E_OUTOFMEMORY,
   // also when a path is not absolute or cannot be converted; E_UNEXPECTED, all undone.
   virtual int ExposeSnapshotsInSnapshotSet(const wchar_t* base) = 0;

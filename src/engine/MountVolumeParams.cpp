@@ -1,20 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engine/MountVolumeParams.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "base/Resolve.h"
 #include "engine/MountPath.h"
+#include "engine/MountTarget.h"
 #include "qxtools/Log.h"
 
 namespace MirelSnapSnapshotCoordinator {
 namespace {
 
 bool IsAbsolute(const wchar_t* path) { return path != nullptr && path[0] == L'/'; }
+
+// Of what is open; both 0 when it is not.
+MountIdentity IdentityOf(int descriptor) {
+  struct statx status {};
+  if (statx(descriptor, "", AT_EMPTY_PATH | AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0) return {};
+  return {makedev(status.stx_dev_major, status.stx_dev_minor),
+          (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id : 0};
+}
 
 }  // namespace
 
@@ -30,6 +43,8 @@ MirelMountVolumeParams* MirelMountVolumeParams::CreateMountVolumeParams(const wc
 
   error = EINVAL;
   if (!IsLocalMountPoint(narrowOriginal.get())) return nullptr;
+  const UniqueFd live = openWithoutLinks(narrowOriginal.get(), O_PATH);
+  if (!live) return nullptr;
   if (narrowBound != nullptr && !UnixUtils::IsDirectory(narrowBound.get())) return nullptr;
 
   error = ENOMEM;
@@ -37,6 +52,7 @@ MirelMountVolumeParams* MirelMountVolumeParams::CreateMountVolumeParams(const wc
   if (entry == nullptr) return nullptr;
   entry->mOriginalMountPoint = std::move(narrowOriginal);
   entry->mNewBoundMountPoint = std::move(narrowBound);
+  entry->mIdentity = IdentityOf(live.get());
   error = 0;
   return entry;
 }
@@ -54,7 +70,7 @@ bool MirelMountVolumeParams::DoMount(const wchar_t* base) {
   UnixUtils::NarrowText target = JoinMountPath(folder, OriginalMountPoint());
   // The bind is attempted without a target too; that is the contract, and the mount's own failure is reported then.
   if (target == nullptr) failWithoutTarget(ENOMEM);
-  return bind(std::move(target));
+  return bind(folder, std::move(target));
 }
 
 void MirelMountVolumeParams::failWithoutTarget(int error) {
@@ -63,9 +79,20 @@ void MirelMountVolumeParams::failWithoutTarget(int error) {
              OriginalMountPoint(), error, std::strerror(error));
 }
 
-bool MirelMountVolumeParams::bind(UnixUtils::NarrowText target) {
-  if (mount(OriginalMountPoint(), target.get(), nullptr, MS_BIND, nullptr) != 0) {
-    mMountError = errno;
+int MirelMountVolumeParams::bindTo(const char* base, const char* target) const {
+  // The kernel's own refusal of no target at all.
+  if (target == nullptr) return mount(OriginalMountPoint(), target, nullptr, MS_BIND, nullptr) == 0 ? 0 : errno;
+  const UniqueFd source = openWithoutLinks(OriginalMountPoint(), O_PATH);
+  if (!source) return errno;
+  if (IdentityOf(source.get()) != mIdentity) return EINVAL;
+  return MountBelow(base, target, DescriptorPath(source.get()).text(), nullptr, MS_BIND, nullptr);
+}
+
+bool MirelMountVolumeParams::bind(const char* folder, UnixUtils::NarrowText target) {
+  UnixUtils::NarrowText base(strdup(folder));
+  const int error = base == nullptr ? ENOMEM : bindTo(folder, target.get());
+  if (error != 0) {
+    mMountError = error;
     // The message shows the bound mount point that is stored, not the target; that is the contract.
     QX_Zprintf(0, L"%hs: mount( \"%hs\", \"%hs\", NULL, MS_BIND, NULL ) failed, Error: %d, {%hs}", "DoMount",
                OriginalMountPoint(), NewBoundMountPoint(), mMountError, std::strerror(mMountError));
@@ -73,6 +100,7 @@ bool MirelMountVolumeParams::bind(UnixUtils::NarrowText target) {
   }
   QX_Zprintf(0, L"%hs: mount( \"%hs\", \"%hs\", NULL, MS_BIND, NULL ) Succeeded!", "DoMount", OriginalMountPoint(),
              target.get());
+  mBase = std::move(base);
   mNewBoundMountPoint = std::move(target);
   mMounted = true;
   return true;
@@ -80,8 +108,8 @@ bool MirelMountVolumeParams::bind(UnixUtils::NarrowText target) {
 
 bool MirelMountVolumeParams::DoDismount() {
   if (!mMounted) return true;
-  if (umount(NewBoundMountPoint()) != 0) {
-    mMountError = errno;
+  if (const int error = UnmountBelow(mBase.get(), NewBoundMountPoint()); error != 0) {
+    mMountError = error;
     QX_Zprintf(0, L"%hs: umount( \"%hs\") failed, Error: %d, {%hs}", "DoDismount", NewBoundMountPoint(), mMountError,
                std::strerror(mMountError));
     return false;

@@ -3,9 +3,20 @@
 // One entry of an alternate mount set: a live mount point that is bind-mounted under the exposure's base.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
+
 #include "qxtools/UnixUtils.h"
 
 namespace MirelSnapSnapshotCoordinator {
+
+// Tells a mount from any other that is put in its place.
+struct MountIdentity {
+  dev_t device = 0;         // of its file system
+  std::uint64_t mount = 0;  // the kernel's number of it; 0 where the kernel does not tell (before 5.8)
+  bool operator==(const MountIdentity&) const = default;
+};
 
 class MirelMountVolumeParams {
  public:
@@ -35,11 +46,15 @@ class MirelMountVolumeParams {
 
   // Keeps `error` and logs that there is no directory to bind to.
   void failWithoutTarget(int error);
-  // Binds at `target` (null: the mount call refuses it) and keeps it as the bound mount point.
-  bool bind(UnixUtils::NarrowText target);
+  // Binds at `target` (null: the mount call refuses it) below `base` and keeps both.
+  bool bind(const char* base, UnixUtils::NarrowText target);
+  // 0 or an errno: 22 when the live mount point is another mount by now.
+  int bindTo(const char* base, const char* target) const;
 
   UnixUtils::NarrowText mOriginalMountPoint;
   UnixUtils::NarrowText mNewBoundMountPoint;
+  UnixUtils::NarrowText mBase;  // that it is bound below
+  MountIdentity mIdentity;      // of the live mount
   bool mMounted = false;
   int mMountError = 0;
 };

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engine/ReconcileSweep.h"
 
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <new>
 
+#include "base/DirectoryEntry.h"
 #include "engine/GetDoneWrapper.h"
 #include "engine/MountPath.h"
 #include "qxtools/Log.h"
@@ -91,15 +90,14 @@ void DismountAndDeleteDirectory(const char* folder, unsigned int n) noexcept {
     QX_Zprintf(0, L"%s: WARNING: Null directory name supplied!", kFunction);
     return;
   }
-  if (umount(folder) != 0) {
-    const int error = errno;
+  const DirectoryEntry entry(folder);
+  if (const int error = entry.unmount(); error != 0) {
     QX_Zprintf(0, L"%s: %-3u: Failed to un-mount '%s', Error: %d, {%s}", kFunction, n, folder, error,
                std::strerror(error));
     return;
   }
   QX_Zprintf(0, L"%s: %-3u: Successfully un-mounted '%s'", kFunction, n, folder);
-  if (rmdir(folder) != 0) {
-    const int error = errno;
+  if (const int error = entry.removeDirectory(); error != 0) {
     QX_Zprintf(0, L"%hs: %-3u: Failed to remove directory '%s', Error: %d, {%s}", kFunction, n, folder, error,
                std::strerror(error));
     return;

@@ -18,8 +18,9 @@ using PosCntQueue = std::deque<PosCnt>;
 // Inserts {position, depth} so that the queue stays in descending depth order.
 void InsertIntoQueue(PosCntQueue& queue, unsigned int position, unsigned int depth);
 
-// Unmounts `folder` and then removes the directory; a folder that cannot be unmounted is kept. Only logs; `n` is the
-// number that its messages carry.
+// Unmounts `folder`, spelled as the mount table does, and then removes the directory; a folder that cannot be unmounted
+// is kept. No symbolic link is followed: the mount table's paths have none, and one that stands there now was planted.
+// Only logs; `n` is the number that its messages carry.
 void DismountAndDeleteDirectory(const char* folder, unsigned int n) noexcept;
 
 // Unmounts and removes every folder of the local mount table that is `base` or lies under it. The mount table's

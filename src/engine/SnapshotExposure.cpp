@@ -14,6 +14,7 @@
 #include "engine/GetDoneWrapper.h"
 #include "engine/MirelSnapshotEngine.h"
 #include "engine/MountPath.h"
+#include "engine/MountTarget.h"
 #include "qxtools/Log.h"
 #include "qxtools/UnixUtils.h"
 
@@ -95,10 +96,10 @@ void dismountAlternateSet(MirelSnapshotEngine& engine) {
 void unmountQueue(MirelSnapshotEngine& engine) {
   constexpr char kFunction[] = "UnExposeSnapshotsInSnapshotSet";
   for (auto entry = engine.mMountPointQueue.rbegin(); entry != engine.mMountPointQueue.rend(); ++entry) {
-    if (umount(entry->target) == 0) {
+    const int error = UnmountBelow(engine.mMountPointBase.c_str(), entry->target);
+    if (error == 0) {
       QX_Zprintf(0, L"%hs: umount( %s ) SUCCEEDED!", kFunction, entry->target);
     } else {
-      const int error = errno;
       QX_Zprintf(0, L"%hs: umount( %s ) FAILED! Error: #%d, {%s}", kFunction, entry->target, error,
                  std::strerror(error));
     }
@@ -174,8 +175,9 @@ int MirelSnapshotEngine::ExposeSnapshotsInSnapshotSet(const wchar_t* base) {
 int MirelSnapshotEngine::DoMount(const MountPointInfoWithFolderDepth& entry) {
   waitForNode(entry.device);
   const char* data = mountData(entry.fsType);
-  if (mount(entry.device, entry.target, entry.fsType, MS_MGC_VAL | MS_RDONLY, data) != 0) {
-    const int error = errno;
+  const int error =
+      MountBelow(mMountPointBase.c_str(), entry.target, entry.device, entry.fsType, MS_MGC_VAL | MS_RDONLY, data);
+  if (error != 0) {
     logMountFailure(entry, data, error);
     return error;
   }

@@ -162,10 +162,16 @@ int mount(const char* source, const char* target, const char* type, unsigned lon
   return real(source, target, type, flags, data);
 }
 
-int umount(const char* target) noexcept {
+int umount2(const char* target, int flags) noexcept {
   step(std::string("umount ") + target);
-  static auto* const real = original<int(const char*)>("umount");
-  return real(target);
+  static auto* const real = original<int(const char*, int)>("umount2");
+  return real(target, flags);
+}
+
+int unlinkat(int directory, const char* name, int flags) noexcept {
+  step(std::string(flags == AT_REMOVEDIR ? "rmdir " : "unlink ") + name);
+  static auto* const real = original<int(int, const char*, int)>("unlinkat");
+  return real(directory, name, flags);
 }
 }
 #pragma GCC visibility pop

@@ -19,11 +19,11 @@
 #include "LoopVolume.h"
 #include "SnapshotDevice.h"
 #include "SystemCalls.h"
+#include "base/Handle.h"
 #include "engine/GetDoneWrapper.h"
 #include "interpose/Allocations.h"
 #include "interpose/FailingCopies.h"
 #include "interpose/FailingMalloc.h"
-#include "base/Handle.h"
 
 using namespace MirelSnapSnapshotCoordinator;
 using test::wide;
@@ -476,7 +476,9 @@ TEST_F(Exposure, the_first_mount_that_fails_ends_it_and_all_is_undone) {
   test::EngineLog log;
   test::SystemCalls calls;
   EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), E_UNEXPECTED);
-  EXPECT_EQ(targets(calls), (Texts{base, base + "/a/missing"}));
+  EXPECT_EQ(targets(calls), Texts{base}) << "nothing is mounted where there is no folder";
+  EXPECT_TRUE(log.has(L"DoMount: mount( \"" + snapshot->wpath() + L"\", \"" + wide(base + "/a/missing") +
+                      L"\", \"ext4\", MS_MGC_VAL | MS_RDONLY, NULL ) FAILED! Error: #2, {No such file or directory}"));
   EXPECT_EQ(unmounts(log).back(), unmounted(base));
   EXPECT_TRUE(log.has(L"UnExposeSnapshotsInSnapshotSet: umount( " + wide(base + "/a/missing") +
                       L" ) FAILED! Error: #2, {No such file or directory}"));
@@ -706,4 +708,53 @@ TEST_F(Exposure, only_the_first_mount_point_tells_whether_a_snapshot_is_exposed)
   EXPECT_EQ(exposed(), 1);
   params->SetSnapVolumeMountPoint(0, L"/somewhere");
   EXPECT_EQ(exposed(), 0);
+}
+
+// --- Links that a user planted
+
+TEST_F(Exposure, a_link_in_a_snapshot_is_a_mount_that_fails_with_ELOOP) {
+  const test::TempDir victim;
+  std::filesystem::create_directory_symlink(victim.path(), volume.folder() + "/link");
+  std::filesystem::create_directory(victim / "inner");
+  addVolume();
+  addMountPoint(L"/link/inner");
+  set.finish();
+  test::EngineLog log;
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), E_UNEXPECTED);
+  EXPECT_TRUE(log.has(L"DoMount: mount( \"" + snapshot->wpath() + L"\", \"" + wide(base + "/link/inner") +
+                      L"\", \"ext4\", MS_MGC_VAL | MS_RDONLY, NULL ) FAILED! Error: #40, {Too many levels of symbolic "
+                      L"links}"));
+  EXPECT_TRUE(log.has(L"UnExposeSnapshotsInSnapshotSet: umount( " + wide(base + "/link/inner") +
+                      L" ) FAILED! Error: #40, {Too many levels of symbolic links}"));
+  EXPECT_EQ(mountsUnder(victim.path()), 0u);
+  expectNothingLeft();
+}
+
+TEST_F(Exposure, no_link_leads_a_bind_out_of_the_base) {
+  const test::TempDir victim;
+  std::filesystem::create_directories(dir / "live/inner");
+  std::filesystem::create_directory(victim / "inner");
+  const test::Mounted live("tests", dir / "live/inner", "tmpfs");
+  std::filesystem::create_directories(volume.folder() + dir.path());
+  std::filesystem::create_directory_symlink(victim.path(), volume.folder() + dir / "live");
+  ASSERT_EQ(set->AddToAlternateMountSet(wide(live.folder()).c_str()), S_OK);
+  finish();
+  test::EngineLog log;
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), E_UNEXPECTED);
+  EXPECT_TRUE(log.has(L"DoMount: mount( \"" + wide(live.folder()) +
+                      L"\", \"(null)\", NULL, MS_BIND, NULL ) failed, Error: 40, {Too many levels of symbolic links}"));
+  EXPECT_EQ(mountsUnder(victim.path()), 0u);
+  expectNothingLeft();
+}
+
+TEST_F(Exposure, a_base_may_be_reached_by_a_link_of_the_agents_own) {
+  std::filesystem::create_directory(dir / "real");
+  std::filesystem::create_directory_symlink(dir / "real", dir / "link");
+  finish();
+  const std::wstring linked = wide(dir / "link/base");
+  EXPECT_EQ(set->ExposeSnapshotsInSnapshotSet(linked.c_str()), S_OK);
+  EXPECT_EQ(mountsUnder(dir / "real/base"), 2u);
+  EXPECT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK);
+  EXPECT_EQ(mountsUnder(dir / "real"), 0u);
+  EXPECT_FALSE(exists(dir / "real/base"));
 }

@@ -19,8 +19,8 @@
 #include "Locale.h"
 #include "LoopVolume.h"
 #include "World.h"
-#include "interpose/Allocations.h"
 #include "base/Handle.h"
+#include "interpose/Allocations.h"
 
 using namespace MirelSnapSnapshotCoordinator;
 
@@ -172,6 +172,25 @@ TEST(DismountAndDeleteDirectory, a_directory_with_files_under_the_mount_stays_an
   EXPECT_EQ(log.lines(), (Lines{L"DismountAndDeleteDirectory: 1000: Successfully un-mounted '" + w(dir / "a") + L"'",
                                 L"DismountAndDeleteDirectory: 1000: Failed to remove directory '" + w(dir / "a") +
                                     L"', Error: 39, {Directory not empty}"}));
+}
+
+TEST(DismountAndDeleteDirectory, a_link_in_the_place_of_a_folder_above_leads_to_no_other_mount) {
+  const test::TempDir dir;
+  mountTmpfs(dir / "victim/a");
+  std::filesystem::create_directory_symlink(dir / "victim", dir / "swapped");
+  test::EngineLog log;
+  DismountAndDeleteDirectory((dir / "swapped/a").c_str(), 0);
+  EXPECT_EQ(log.lines(), Lines{L"DismountAndDeleteDirectory: 0  : Failed to un-mount '" + w(dir / "swapped/a") +
+                               L"', Error: 40, {Too many levels of symbolic links}"});
+  EXPECT_EQ(umount((dir / "victim/a").c_str()), 0) << "it was still mounted";
+}
+
+TEST(DismountAndDeleteDirectory, a_link_in_the_place_of_the_folder_leads_to_no_other_mount) {
+  const test::TempDir dir;
+  mountTmpfs(dir / "victim");
+  std::filesystem::create_directory_symlink(dir / "victim", dir / "swapped");
+  DismountAndDeleteDirectory((dir / "swapped").c_str(), 0);
+  EXPECT_EQ(umount((dir / "victim").c_str()), 0) << "it was still mounted";
 }
 
 TEST(DismountAndDeleteAllUnder, a_missing_base_is_an_invalid_argument) {

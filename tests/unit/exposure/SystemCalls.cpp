@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <filesystem>
 
 namespace test {
 namespace {
@@ -18,6 +19,12 @@ double seconds(const timespec& time) {
 }
 
 std::string textOf(const void* text) { return text == nullptr ? "(null)" : static_cast<const char*>(text); }
+
+// The folder that a path by a descriptor leads to; other paths as they are.
+std::string folderOf(const char* path) {
+  if (!textOf(path).starts_with("/proc/self/fd/")) return textOf(path);
+  return std::filesystem::read_symlink(path);
+}
 
 }  // namespace
 
@@ -47,7 +54,7 @@ extern "C" int mount(const char* source, const char* target, const char* type, u
                      const void* data) noexcept {
   if (test::watcher != nullptr) {
     test::watcher->mounts.push_back(
-        {test::textOf(source), test::textOf(target), test::textOf(type), test::textOf(data), flags});
+        {test::folderOf(source), test::folderOf(target), test::textOf(type), test::textOf(data), flags});
   }
   return static_cast<int>(syscall(SYS_mount, source, target, type, flags, data));
 }

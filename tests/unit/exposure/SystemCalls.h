@@ -9,7 +9,7 @@
 
 namespace test {
 
-// One mount as it was asked for; "(null)" where no text was given.
+// One mount as it was asked for, folders by the paths that they have; "(null)" where no text was given.
 struct MountCall {
   std::string source, target, type, data;
   unsigned long flags;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,10 +10,10 @@
 #include "Builders.h"
 #include "EngineLog.h"
 #include "Locale.h"
+#include "base/Handle.h"
 #include "engine/MountVolumeParams.h"
 #include "interpose/Allocations.h"
 #include "interpose/FailingMalloc.h"
-#include "base/Handle.h"
 
 using test::directory;
 using test::HeldSet;
@@ -272,6 +273,42 @@ TEST(AlternateMount, that_the_kernel_refuses_logs_the_stored_bound_mount_point_n
   EXPECT_EQ(log.lines(), (std::vector<std::wstring>{L"DoMount: mount( \"" + live.point + L"\", \"" + base +
                                                     L"\", NULL, MS_BIND, NULL ) failed, Error: 2, {No such file or "
                                                     L"directory}"}));
+}
+
+TEST(AlternateMount, that_is_another_mount_by_now_is_not_bound) {
+  const LiveMount live;
+  const Entry entry = create(live.point.c_str()).entry;
+  const test::Mounted other("other", live.mounted.folder(), "tmpfs");
+  EXPECT_FALSE(entry->DoMount(wide(live.base).c_str()));
+  EXPECT_EQ(entry->MountError(), EINVAL);
+}
+
+TEST(AlternateMount, a_link_above_the_live_mount_point_leads_to_no_other_folder) {
+  const test::TempDir dir;
+  const test::Mounted mounted("live", directory(dir / "theirs/live"), "tmpfs");
+  const std::string base = directory(dir / "base");
+  directory(base + mounted.folder());
+  const Entry entry = create(wide(mounted.folder()).c_str()).entry;
+  std::filesystem::rename(dir / "theirs", dir / "moved");
+  std::filesystem::create_directory_symlink(dir / "moved", dir / "theirs");
+  EXPECT_FALSE(entry->DoMount(wide(base).c_str()));
+  EXPECT_EQ(entry->MountError(), ELOOP);
+  umount((dir / "moved/live").c_str());
+}
+
+TEST(AlternateMount, a_link_above_the_bound_mount_point_leads_to_no_other_mount) {
+  const LiveMount live;
+  const Entry entry = create(live.point.c_str()).entry;
+  ASSERT_TRUE(entry->DoMount(wide(live.base).c_str()));
+  const std::string above = std::filesystem::path(live.target).parent_path();
+  std::filesystem::rename(above, live.dir / "moved");
+  const test::Mounted victim("victim", directory(live.dir / "victim/live"), "tmpfs");
+  std::filesystem::create_directory_symlink(live.dir / "victim", above);
+  EXPECT_FALSE(entry->DoDismount());
+  EXPECT_EQ(entry->MountError(), ELOOP);
+  std::filesystem::remove(above);
+  std::filesystem::rename(live.dir / "moved", above);
+  EXPECT_TRUE(entry->DoDismount());
 }
 
 TEST(AlternateMount, not_bound_is_unbound_without_a_word) {
