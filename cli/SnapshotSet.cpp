@@ -12,6 +12,7 @@
 #include <filesystem>
 
 #include "Driver.h"
+#include "ExposedMount.h"
 #include "PlacementText.h"
 #include "Processes.h"
 #include "RelocationProgress.h"
@@ -295,10 +296,25 @@ Outcome SnapshotSet::expose(const std::string& base) {
     return Failure{kCannotExpose, mBase.path(), "the snapshots could not be mounted there",
                    "look for mirelsnap in the system log, or use --verbose"};
   }
+  if (Outcome failure = restrictMounts()) return failure;
   for (SnappedVolume& volume : mSnapped) {
     if (!volume.mountPoints.empty()) volume.exposedAt = joined(mBase.path(), volume.mountPoints.front());
   }
   mTerminal.end();
+  return std::nullopt;
+}
+
+// Nobody but root reaches the base: its mounts are as the live ones before anybody can look.
+Outcome SnapshotSet::restrictMounts() const {
+  for (const ChosenVolume& volume : mVolumes) {
+    if (Outcome failure = restrictSnapshot(joined(mBase.path(), volume.mountPoint), volume)) return failure;
+  }
+  for (const std::string& bind : mBinds) {
+    const bool holdsAnother = std::any_of(mBinds.begin(), mBinds.end(), [&](const std::string& other) {
+      return other != bind && liesWithin(other, bind);
+    });
+    if (Outcome failure = restrictBind(joined(mBase.path(), bind), holdsAnother)) return failure;
+  }
   return std::nullopt;
 }
 

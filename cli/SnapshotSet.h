@@ -63,6 +63,7 @@ class SnapshotSet {
   void showRelocationFile();
   void readProperties();
   void dropMappings();
+  Outcome restrictMounts() const;
   Failure snapFailure(int snapResult);
   Failure busyFailure() const;
   Failure noRoomFailure() const;
