@@ -2,26 +2,30 @@
 #include "ExposureBase.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
-#include "Processes.h"
 #include "SnapshotDevice.h"
 #include "Wide.h"
+#include "base/DirectoryEntry.h"
+#include "base/Resolve.h"
 
 namespace fs = std::filesystem;
 
 namespace cli {
 namespace {
 
-const fs::path kDefaultParent = "/run/mirelsnap";
 constexpr mode_t kPrivate = 0700;
+constexpr mode_t kPublic = 0755;
+// The base in a directory that others may enter.
+constexpr char kPrivateFolder[] = "/snapshots";
 
 Failure cannotExpose(const std::string& subject, const std::string& cause, const std::string& advice) {
   return {kCannotExpose, subject, cause, advice};
@@ -59,19 +63,35 @@ Outcome checkFolder(const std::string& mountPoint, const std::vector<std::string
                           : "add --volume " + parent->folder + " or leave out what lies above it");
 }
 
-// Whether something is mounted at `path`, whatever its kind; so it is taken where that cannot be known.
-bool isMountPoint(const fs::path& path) {
-  struct statx status {};
-  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, 0, &status) != 0) return true;
-  return (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0 ||
-         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+std::string modeText(mode_t mode) {
+  std::array<char, 8> text{};
+  std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned int>(mode & 07777));
+  return text.data();
 }
 
-// The folder, locked for as long as it is open; nothing when another process has locked it.
-UniqueFd locked(const std::string& folder) {
-  UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (opened && flock(opened.get(), LOCK_EX | LOCK_NB) != 0) opened.reset();
-  return opened;
+// Why somebody else than root could change what is in a directory, or put another in the place of one in it that is
+// root's; empty where nobody can.
+std::string othersIn(const struct stat& directory, bool last) {
+  const std::string mode = " (mode " + modeText(directory.st_mode) + ")";
+  if (directory.st_uid != 0) return "belongs to user " + std::to_string(directory.st_uid) + mode;
+  const bool sticky = !last && (directory.st_mode & S_ISVTX) != 0;
+  return (directory.st_mode & 022) == 0 || sticky ? "" : "may be written by others than root" + mode;
+}
+
+// Of every directory of `path`, as far as it is there.
+Outcome checkOwners(const fs::path& path) {
+  fs::path directory;
+  for (const fs::path& name : path) {
+    directory /= name;
+    struct stat status {};
+    if (lstat(directory.c_str(), &status) != 0) break;
+    const bool last = directory == path;
+    const std::string others = othersIn(status, last);
+    if (!others.empty())
+      return cannotExpose(path, last ? others : "lies in " + directory.string() + ", which " + others,
+                          "name a base that only root can change, in directories of root's, with --base");
+  }
+  return std::nullopt;
 }
 
 // Whether folders down to `path`, which is not there, can be made as far as that can be seen.
@@ -84,6 +104,14 @@ Outcome checkMakeable(const fs::path& path) {
     return cannotExpose(parent, "is not a directory", "name another base with --base");
   if (access(parent.c_str(), W_OK) != 0) return cannotMake(missing, errno);
   return std::nullopt;
+}
+
+// Adds `path` and the folders above it that are missing and are not in `folders` yet.
+void addMissing(const fs::path& path, std::vector<std::string>& folders) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0 || std::find(folders.begin(), folders.end(), path) != folders.end()) return;
+  addMissing(path.parent_path(), folders);
+  folders.push_back(path);
 }
 
 }  // namespace
@@ -122,7 +150,8 @@ Outcome checkBase(const std::string& wanted) {
   if (!fs::exists(status)) {
     if (fs::is_symlink(fs::symlink_status(path, error)))
       return cannotExpose(path, "is a link that leads nowhere", "name a new or an empty directory with --base");
-    return checkMakeable(path);
+    if (const Outcome failure = checkMakeable(path)) return failure;
+    return checkOwners(path);
   }
   if (!fs::is_directory(status))
     return cannotExpose(path, "is not a directory", "name a new or an empty directory with --base");
@@ -136,6 +165,7 @@ Outcome checkBase(const std::string& wanted) {
                                   "name a directory without mounts with --base"
                             : "name a directory without mounts with --base");
   }
+  if (const Outcome failure = checkOwners(path)) return failure;
   const bool empty = fs::is_empty(path, error);
   if (error || !empty)
     return cannotExpose(path, error ? "cannot be read: " + error.message() : "is not empty",
@@ -143,111 +173,78 @@ Outcome checkBase(const std::string& wanted) {
   return std::nullopt;
 }
 
-Outcome ExposureBase::make(const std::string& wanted, const std::vector<std::string>& mountPoints) {
+Outcome ExposureBase::make(const std::string& wanted, const std::vector<std::string>& mountPoints,
+                           const std::vector<std::string>& binds) {
+  auto directory = RunDirectory::make();
+  if (const auto* failure = std::get_if<Failure>(&directory)) return *failure;
   if (const Outcome failure = checkBase(wanted)) return failure;
-  mDefault = wanted.empty();
-  mPath = cleanPath(mDefault ? (kDefaultParent / std::to_string(getpid())).string() : wanted);
+  plan(wanted, mountPoints);
+  for (const std::string& bind : binds) mRecord.binds.push_back(joined(mRecord.base, bind));
+  auto held = keep(mRecord);
+  if (const auto* failure = std::get_if<Failure>(&held)) {
+    mRecord = {};
+    return *failure;
+  }
+  mHeld = std::move(std::get<UniqueFd>(held));
+  return makeFolders();
+}
+
+// Decides on the base, and on what is to be made for it.
+void ExposureBase::plan(const std::string& wanted, const std::vector<std::string>& mountPoints) {
+  mRecord.process = getpid();
+  mRecord.base = cleanPath(wanted.empty() ? kRunDirectory + ("/" + std::to_string(mRecord.process)) : wanted);
   struct stat status {};
-  if (mDefault) {
-    if (const Outcome failure = makeDefault()) return failure;
-  } else if (stat(mPath.c_str(), &status) == 0) {
-    mKept = true;
-    mMode = status.st_mode & 07777;
-    mOwner = status.st_uid;
-    mGroup = status.st_gid;
-  } else if (const Outcome failure = makeFoldersTo(mPath, kPrivate)) {
-    return failure;
-  }
-  for (const std::string& mountPoint : mountPoints) {
-    if (mountPoint == "/" || insideAnother(mountPoint, mountPoints)) continue;
-    if (const Outcome failure = makeFoldersTo(joined(mPath, mountPoint), 0755)) return failure;
-  }
-  return std::nullopt;
-}
-
-// Runs share the parent: the last to end removes it, perhaps just when the next one has found it.
-Outcome ExposureBase::makeDefault() {
-  do {
-    if (mkdir(kDefaultParent.c_str(), kPrivate) != 0 && errno != EEXIST) return cannotMake(kDefaultParent, errno);
-    if (mkdir(mPath.c_str(), kPrivate) == 0) {
-      mMade.push_back(mPath);
-      mLock = locked(mPath);
-      return std::nullopt;
-    }
-  } while (errno == ENOENT);
-  // One that is there was left by a process of the same number that was killed: its mounts are not ours to cover.
-  return cannotMake(mPath, errno);
-}
-
-Outcome ExposureBase::makeFoldersTo(const std::string& path, mode_t mode) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) == 0) {
-    return S_ISDIR(status.st_mode) ? Outcome()
-                                   : cannotExpose(path, "is not a directory", "name another base with --base");
-  }
-  if (const Outcome failure = makeFoldersTo(fs::path(path).parent_path(), mode)) return failure;
-  return makeFolder(path, mode);
-}
-
-Outcome ExposureBase::makeFolder(const std::string& path, mode_t mode) {
-  if (mkdir(path.c_str(), mode) == 0) {
-    mMade.push_back(path);
-  } else if (errno != EEXIST) {
-    return cannotMake(path, errno);
-  }
-  return std::nullopt;
-}
-
-std::vector<std::string> abandonedBases() {
-  std::vector<std::string> found;
-  std::error_code error;
-  for (fs::directory_iterator entry(kDefaultParent, error), end; !error && entry != end; entry.increment(error)) {
-    const std::optional<int> owner = processNamedBy(entry->path());
-    // Where processes are counted anew (in a container that shares /run) the lock tells that the owner lives.
-    if (owner && isGone(*owner) && locked(entry->path())) found.push_back(entry->path());
-  }
-  return found;
-}
-
-void removeEmptyFoldersBelow(const std::string& base) {
-  std::error_code error;
-  std::vector<fs::path> folders;
-  for (fs::recursive_directory_iterator entry(base, error), end; !error && entry != end; entry.increment(error)) {
-    // What could not be unmounted may be a live folder that was bound: its empty folders are its owner's.
-    if (isMountPoint(entry->path())) {
-      entry.disable_recursion_pending();
+  if (!wanted.empty() && stat(mRecord.base.c_str(), &status) == 0) {
+    if ((status.st_mode & 077) == 0) {
+      mKept = {mRecord.base, status.st_mode & 07777, status.st_uid, status.st_gid};
     } else {
-      folders.push_back(entry->path());
+      mRecord.base += kPrivateFolder;
     }
   }
-  std::reverse(folders.begin(), folders.end());
-  for (const fs::path& folder : folders) rmdir(folder.c_str());
+  if (!mKept) addMissing(mRecord.base, mRecord.folders);
+  for (const std::string& mountPoint : mountPoints) {
+    if (mountPoint != "/" && !insideAnother(mountPoint, mountPoints))
+      addMissing(joined(mRecord.base, mountPoint), mRecord.folders);
+  }
 }
 
-void removeAbandonedBase(const std::string& base) {
-  removeEmptyFoldersBelow(base);
-  rmdir(base.c_str());
-  rmdir(kDefaultParent.c_str());
+Outcome ExposureBase::makeFolders() {
+  for (std::size_t made = 0; made < mRecord.folders.size(); ++made) {
+    const std::string& folder = mRecord.folders[made];
+    const bool below = folder != mRecord.base && liesWithin(folder, mRecord.base);
+    if (const int error = DirectoryEntry(folder.c_str()).makeDirectory(below ? kPublic : kPrivate); error != 0) {
+      const Failure failure = cannotMake(folder, error);
+      mRecord.folders.resize(made);  // what stands there is somebody else's
+      return failure;
+    }
+  }
+  // In the run directory, which is private itself, the base has the mode of a root directory, whatever the umask.
+  if (liesWithin(mRecord.base, kRunDirectory)) chmod(mRecord.base.c_str(), kPublic);
+  return std::nullopt;
 }
 
 std::vector<Failure> ExposureBase::remove() {
+  if (!mHeld) return {};
+  const auto directory = RunDirectory::existing();
   std::vector<Failure> left;
-  for (auto folder = mMade.rbegin(); folder != mMade.rend(); ++folder) {
-    if (rmdir(folder->c_str()) != 0 && errno != ENOENT) {
-      left.push_back({kCannotCleanUp, *folder, std::string("cannot be removed: ") + std::strerror(errno),
+  for (auto folder = mRecord.folders.rbegin(); folder != mRecord.folders.rend(); ++folder) {
+    const int error = DirectoryEntry(folder->c_str()).removeDirectory();
+    if (error != 0 && error != ENOENT) {
+      left.push_back({kCannotCleanUp, *folder, std::string("cannot be removed: ") + std::strerror(error),
                       "look at what is in it or mounted on it, and remove it"});
     }
   }
-  mMade.clear();
-  // Other runs may share the parent.
-  if (mDefault) rmdir(kDefaultParent.c_str());
-  mDefault = false;
-  // The engine removes the base that it exposed under; the caller's own directory comes back.
-  if (mKept && mkdir(mPath.c_str(), mMode) == 0) {
-    if (chown(mPath.c_str(), mOwner, mGroup) == 0) chmod(mPath.c_str(), mMode);
-  }
-  mKept = false;
+  if (left.empty()) unlink(mRecord.file.c_str());
+  mHeld.reset();
+  restoreKept();
   return left;
+}
+
+// The engine removes the base that it exposed under; the caller's own directory comes back.
+void ExposureBase::restoreKept() {
+  if (!mKept || DirectoryEntry(mKept->path.c_str()).makeDirectory(kPrivate) != 0) return;
+  const UniqueFd made = openWithoutLinks(mKept->path.c_str(), O_RDONLY | O_DIRECTORY);
+  if (made && fchown(made.get(), mKept->owner, mKept->group) == 0) fchmod(made.get(), mKept->mode);
 }
 
 }  // namespace cli

@@ -5,9 +5,11 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "BaseRecord.h"
 #include "Failure.h"
 #include "MountTable.h"
 #include "base/Handle.h"
@@ -19,45 +21,44 @@ namespace cli {
 Outcome checkCoverage(const std::vector<std::string>& volumes, const std::vector<std::string>& binds,
                       const MountTable& table);
 
-// Checks, before anything is snapped, that snapshots can be mounted at `wanted` (empty: the default).
+// Checks, before anything is snapped, that snapshots can be mounted at `wanted` (empty: the default), and that nobody
+// but root can put another directory in the place of it or of one above it.
 Outcome checkBase(const std::string& wanted);
 
 // Empty for a relative path while the working directory is gone. Else absolute, links resolved, as the mount table will
 // spell it: mounts below it are found by comparing texts.
 std::string cleanPath(const std::string& path);
 
-// Default bases whose processes are gone.
-std::vector<std::string> abandonedBases();
-// Removes the folders of one, as far as they are empty; what is still mounted in it is not entered.
-void removeAbandonedBase(const std::string& base);
-// Removes the empty folders below `base`, itself not; what is mounted there is not entered.
-void removeEmptyFoldersBelow(const std::string& base);
-
 class ExposureBase {
  public:
-  // Makes the base and below it the folders for those of `mountPoints` that lie in no other. An empty `wanted` is a
-  // directory of this process's own under /run/mirelsnap. One that exists must be empty and nothing may be mounted in
-  // it; it is kept in the end.
-  Outcome make(const std::string& wanted, const std::vector<std::string>& mountPoints);
-  // Removes what was made; names what could not be removed. Does nothing the second time.
+  // Makes the base and below it the folders for those of `mountPoints` that lie in no other; `binds` are the live ones
+  // among them. An empty `wanted` is a directory of this process's own under /run/mirelsnap. One that exists must be
+  // empty and nothing may be mounted in it; it is kept in the end. Where others may enter it, a private directory in it
+  // becomes the base.
+  Outcome make(const std::string& wanted, const std::vector<std::string>& mountPoints,
+               const std::vector<std::string>& binds);
+  // Removes what was made; names what could not be removed, which stays recorded then. Does nothing the second time.
   std::vector<Failure> remove();
   ~ExposureBase() { remove(); }
 
-  const std::string& path() const { return mPath; }
+  const std::string& path() const { return mRecord.base; }
 
  private:
-  Outcome makeDefault();
-  Outcome makeFolder(const std::string& path, mode_t mode);
-  Outcome makeFoldersTo(const std::string& path, mode_t mode);
+  // What of a base was there before, as it was.
+  struct Kept {
+    std::string path;
+    mode_t mode;
+    uid_t owner;
+    gid_t group;
+  };
 
-  std::string mPath;
-  std::vector<std::string> mMade;  // in the order made
-  UniqueFd mLock;                  // of a base of this process's own: it is not abandoned
-  bool mDefault = false;           // the base is this process's own
-  bool mKept = false;              // the base was there before
-  mode_t mMode = 0;
-  uid_t mOwner = 0;
-  gid_t mGroup = 0;
+  void plan(const std::string& wanted, const std::vector<std::string>& mountPoints);
+  Outcome makeFolders();
+  void restoreKept();
+
+  BaseRecord mRecord;
+  UniqueFd mHeld;  // the record: its process lives
+  std::optional<Kept> mKept;
 };
 
 }  // namespace cli

@@ -6,6 +6,7 @@
 
 #include <mirelsnap/SnapshotEngine.h>
 
+#include "BaseSweep.h"
 #include "Driver.h"
 #include "ExposureBase.h"
 #include "Processes.h"
@@ -14,7 +15,6 @@
 #include "SnapshotDevice.h"
 #include "Text.h"
 #include "Verbs.h"
-#include "Wide.h"
 #include "driver/ControlDevice.h"
 
 namespace cli {
@@ -39,6 +39,7 @@ class Removal {
     tellMappings();
     tellRelocationFiles();
     tellMounts();
+    tellOthers();
     tellFolders();
     tellStrays();
   }
@@ -82,10 +83,17 @@ class Removal {
            "stop what uses it, then run this again");
     }
   }
+  void tellOthers() {
+    for (const Mount& mount : mAfter.others)
+      note("mounts", {{"folder", mount.folder}, {"source", mount.source}}, "", true, mount.folder,
+           "is mounted there (" + mount.source + "), but not by an exposure: it was left alone",
+           "unmount it if it is of no use");
+  }
   void tellFolders() {
     for (const std::string& base : mBefore.bases) {
       const bool left = isIn(mAfter.bases, [&](const auto& other) { return other == base; });
-      const bool explained = isIn(mAfter.mounts, [&](const auto& mount) { return liesWithin(mount.folder, base); });
+      const auto holds = [&](const Mount& mount) { return liesWithin(mount.folder, base); };
+      const bool explained = isIn(mAfter.mounts, holds) || isIn(mAfter.others, holds);
       if (left && explained) continue;
       note("folders", {{"path", base}}, "folder " + base, left, base, "the folder could not be removed",
            "look at what is in it");
@@ -118,44 +126,42 @@ class Removal {
   Report& mReport;
 };
 
-// A base that is named holds the snapshots of a dead process and nothing of a living one: all that is mounted there is
-// unmounted.
-Outcome checkNamedBase(const std::string& base, Driver& driver) {
-  if (base == "/") return Failure{kUsage, base, "is no base: everything is mounted below it", "name the base itself"};
-  const std::vector<Mount> mounts = MountTable().under(base);
-  if (mounts.empty()) return std::nullopt;
-  const auto isSnapshot = [](const Mount& mount) { return isSnapshotDevice(mount.source); };
-  if (std::none_of(mounts.begin(), mounts.end(), isSnapshot))
-    return Failure{kUsage, base, "no snapshot is mounted there, but other volumes are", "name the base of an exposure"};
+// The process whose snapshots a base shows, or whose run has it, and which lives.
+std::optional<int> livingOwner(const std::string& base, const std::vector<Mount>& mounts, Driver& driver) {
   for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
     const std::string device = snapshotDeviceOf(volume);
     const bool shown =
         std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) { return mount.source == device; });
-    if (shown && !isGone(volume.getAppPid())) {
-      return Failure{kUsage, base, "shows a snapshot of " + processText(volume.getAppPid()) + ", which lives",
-                     "wait until it ends"};
-    }
+    if (shown && !isGone(volume.getAppPid())) return volume.getAppPid();
+  }
+  for (const BaseRecord& record : livingBases()) {
+    if (liesWithin(record.base, base)) return record.process;
   }
   return std::nullopt;
 }
 
-// The library's own sweep: of the driver and the relocation files, and of one base after the other.
-bool sweep(const Remains& remains, const std::string& base) {
+// A base that is named holds the snapshots of a dead process and nothing of a living one.
+Outcome checkNamedBase(const std::string& base, Driver& driver) {
+  if (base == "/") return Failure{kUsage, base, "is no base: everything is mounted below it", "name the base itself"};
+  const std::vector<Mount> mounts = MountTable().under(base);
+  if (const std::optional<int> owner = livingOwner(base, mounts, driver))
+    return Failure{kUsage, base, "shows a snapshot of " + processText(*owner) + ", which lives", "wait until it ends"};
+  const std::vector<BaseRecord> abandoned = abandonedBases();
+  const bool known = mounts.empty() || std::any_of(mounts.begin(), mounts.end(),
+                                                   [&](const Mount& mount) { return isOfExposure(mount, abandoned); });
+  if (!known)
+    return Failure{kUsage, base, "no snapshot is mounted there, but other volumes are", "name the base of an exposure"};
+  return std::nullopt;
+}
+
+// The bases first: the driver keeps what is discarded while it is mounted. Whether the driver could be reconciled.
+bool sweep(const std::string& base, Report& report) {
   struct Release {
     void operator()(IUscSnapshotEngine* engine) const { engine->Release(); }
   };
+  if (const Outcome failure = sweepBases(base)) report.failed(*failure);
   const std::unique_ptr<IUscSnapshotEngine, Release> engine((*GetCreatorFunction())());
-  if (engine == nullptr) return false;
-  if (!base.empty()) {
-    engine->DoReconcile(wide(base).c_str());
-    removeEmptyFoldersBelow(base);
-  }
-  for (const std::string& abandoned : remains.bases) {
-    engine->DoReconcile(wide(abandoned).c_str());
-    removeAbandonedBase(abandoned);
-  }
-  // Once more when nothing is mounted any longer: the driver keeps what was discarded while it was in use.
-  return engine->DoReconcile(nullptr) >= 0;
+  return engine != nullptr && engine->DoReconcile(nullptr) >= 0;
 }
 
 void reconcile(const ReconcileOptions& options, Report& report) {
@@ -171,7 +177,7 @@ void reconcile(const ReconcileOptions& options, Report& report) {
   if (const Outcome failure = checkNamedBase(base, driver); !base.empty() && failure) return report.failed(*failure);
 
   const Remains before = findRemains(driver, base);
-  const bool swept = sweep(before, base);
+  const bool swept = sweep(base, report);
   const Remains after = findRemains(driver, base);
   Removal(before, after, report).tell();
   if (!swept && after.empty()) {
@@ -187,13 +193,14 @@ void addReconcile(CLI::App& program, CommandLine& line) {
   auto [verb, options] = addVerb<ReconcileOptions>(program, line, "reconcile",
                                                    "Remove what dead processes left, and tell what it was", &reconcile);
   verb.option("--base", "DIR", options->base,
-              "A base that a dead process had its snapshots mounted below,\nbesides those in /run/mirelsnap");
+              "A base that a dead process had its snapshots mounted below,\nbesides those of killed runs");
   addJsonOption(verb, options->json);
   verb.footer(
       "Snapshots, mappings, relocation files, mounts and folders of living processes\n"
-      "are left alone. All that is mounted below DIR is unmounted, the binds among it;\n"
-      "DIR itself stays. A second run says that there is nothing. Snapshots of dead\n"
-      "processes that are mounted elsewhere stay, and are told of (118).\n\n" +
+      "are left alone. Of what is mounted below DIR the snapshots are unmounted, and\n"
+      "the binds that a run made; anything else stays and is told of (118), and so do\n"
+      "snapshots of dead processes that are mounted elsewhere. A second run says that\n"
+      "there is nothing.\n\n" +
       exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
 }
 

@@ -9,7 +9,7 @@
 #include <set>
 #include <utility>
 
-#include "ExposureBase.h"
+#include "BaseSweep.h"
 #include "Processes.h"
 #include "SnapshotDevice.h"
 #include "driver/VolumeRecords.h"
@@ -92,6 +92,16 @@ std::string baseOf(const Mount& snapshot) {
   return base;
 }
 
+// The bases to look at, none of which lies in another.
+std::vector<std::string> placesOf(const std::vector<BaseRecord>& records, const std::string& base) {
+  std::vector<std::string> places;
+  if (!base.empty()) places.push_back(base);
+  for (const BaseRecord& record : records) {
+    if (!record.base.empty() && (base.empty() || !liesWithin(record.base, base))) places.push_back(record.base);
+  }
+  return places;
+}
+
 }  // namespace
 
 std::string causeOf(const Mount& stray) {
@@ -123,11 +133,12 @@ Remains findRemains(Driver& driver, const std::string& base) {
   for (const RelocFileMappingInformation& mapping : driver.mappings()) note(mapping, held);
   const MountTable table;
   remains.relocationFiles = abandonedFiles(files, held.files, table);
-  remains.bases = abandonedBases();
-  std::vector<std::string> places = remains.bases;
-  if (!base.empty()) places.push_back(base);
+  remains.bases = abandonedFolders();
+  const std::vector<BaseRecord> records = abandonedBases();
+  const std::vector<std::string> places = placesOf(records, base);
   for (const std::string& place : places) {
-    for (const Mount& mount : table.under(place)) remains.mounts.push_back(mount);
+    for (const Mount& mount : table.under(place))
+      (isOfExposure(mount, records) ? remains.mounts : remains.others).push_back(mount);
   }
   remains.strays = straysOf(earlier, table, held.snapshots, places);
   return remains;

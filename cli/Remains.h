@@ -25,13 +25,14 @@ struct Remains {
   std::vector<Snapshot> snapshots;
   std::vector<Mapping> mappings;
   std::vector<std::string> relocationFiles;  // on the mounted file systems, of no living process
-  std::vector<Mount> mounts;                 // in abandoned bases, deepest last
-  std::vector<std::string> bases;            // of dead processes, below the default directory
+  std::vector<Mount> mounts;                 // of exposures, in abandoned bases, deepest last
+  std::vector<Mount> others;                 // what else is mounted in these, which nothing here removes
+  std::vector<std::string> bases;            // folders that dead processes made: their bases, or what is in those
   std::vector<Mount> strays;                 // of snapshots that no living process holds, in bases that nobody named
 
   bool empty() const {
-    return snapshots.empty() && mappings.empty() && relocationFiles.empty() && mounts.empty() && bases.empty() &&
-           strays.empty();
+    return snapshots.empty() && mappings.empty() && relocationFiles.empty() && mounts.empty() && others.empty() &&
+           bases.empty() && strays.empty();
   }
 };
 

@@ -221,9 +221,9 @@ void addSnapshotOptions(Syntax& verb, RunOptions& options) {
                         "DEVICE:MOUNTPOINT; may be repeated\n"
                         "(default: every mounted volume that can be snapped)");
   verb.option("--base", "DIR", options.base,
-              "Where the snapshots are mounted: a new or an empty directory\n(default: /run/mirelsnap/PID)");
+              "Where the snapshots are mounted: a new or an empty directory\nof root's (default: /run/mirelsnap/PID)");
   verb.repeatableOption("--bind", "MOUNTPOINT", options.binds,
-                        "A live mount point to show below the base as well;\nmay be repeated");
+                        "A live mount point to show below the base as well, read-only;\nmay be repeated");
   addRelocationOptions(verb, options.relocation);
   verb.flag("--json", options.json, "Print the result as one JSON document to standard output");
   verb.flag("--verbose", options.verbose, "Show each phase and the library's own messages");

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "BaseSweep.h"
 #include "Driver.h"
 #include "ExposedMount.h"
 #include "PlacementText.h"
@@ -83,14 +84,11 @@ Outcome SnapshotSet::removeRemains() {
     const std::vector<int> owners = driver.owners(volume.device, volume.number);
     return std::any_of(owners.begin(), owners.end(), &isGone);
   });
-  const std::vector<std::string> bases = abandonedBases();
-  if (!remain && bases.empty()) return std::nullopt;
+  if (!remain && abandonedBases().empty()) return std::nullopt;
   mTerminal.begin("Removing what a process left that was killed");
+  // What is mounted goes first: the driver keeps what is discarded while it is in use.
+  sweepBases("");
   mEngine->DoReconcile(nullptr);
-  for (const std::string& base : bases) {
-    mEngine->DoReconcile(wide(base).c_str());
-    removeAbandonedBase(base);
-  }
   mTerminal.end();
   return std::nullopt;
 }
@@ -290,7 +288,7 @@ std::vector<std::string> SnapshotSet::allMountPoints() const {
 
 Outcome SnapshotSet::expose(const std::string& base) {
   mTerminal.begin("Mounting the snapshots");
-  if (Outcome failure = mBase.make(base, allMountPoints())) return failure;
+  if (Outcome failure = mBase.make(base, allMountPoints(), mBinds)) return failure;
   mExposed = true;
   if (mEngine->ExposeSnapshotsInSnapshotSet(wide(mBase.path()).c_str()) < 0) {
     return Failure{kCannotExpose, mBase.path(), "the snapshots could not be mounted there",

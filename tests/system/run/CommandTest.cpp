@@ -166,22 +166,6 @@ TEST_F(RunCommand, reads_a_snapshot_that_equals_the_instant_while_the_live_files
 
 // ---- where the snapshots are mounted
 
-TEST_F(RunCommand, finds_the_snapshot_under_a_base_that_was_there_and_is_there_again) {
-  const test::TempDir base;
-  ASSERT_EQ(chmod(base.path().c_str(), 0751), 0);
-  ASSERT_EQ(chown(base.path().c_str(), 12, 13), 0);
-  Session session;
-  const Ended ended = runScript(session, {"--volume", volume.device(), "--base", base.path()}, "echo $MIRELSNAP_BASE");
-  EXPECT_EQ(ended.code, 0) << ended.errors;
-  EXPECT_EQ(ended.output, base.path() + "\n");
-  struct stat after;
-  ASSERT_EQ(stat(base.path().c_str(), &after), 0);
-  EXPECT_EQ(after.st_mode & 07777, 0751u);
-  EXPECT_EQ(after.st_uid, 12u);
-  EXPECT_EQ(after.st_gid, 13u);
-  EXPECT_TRUE(fs::is_empty(base.path()));
-}
-
 TEST_F(RunCommand, finds_the_snapshot_under_a_new_base_that_is_gone_afterwards) {
   const test::TempDir dir;
   Session session;

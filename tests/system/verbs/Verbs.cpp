@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
+
+#include "Agent.h"
 
 namespace test {
 
@@ -30,6 +33,16 @@ pid_t killedRun(Session& session, const Volume& volume, const std::string& base)
   killed.kill();
   kill(std::stoi(killed.output()), SIGKILL);
   return process;
+}
+
+pid_t killedAgent(Session& session, const Volume& volume, const std::string& base) {
+  std::filesystem::create_directories(base + volume.folder());
+  Agent agent(session);
+  Engine engine = agent.openedSet({&volume});
+  EXPECT_EQ(engine.snap(), 0);
+  EXPECT_EQ(engine.expose(base), S_OK);
+  agent.kill();
+  return agent.id();
 }
 
 }  // namespace test

@@ -49,4 +49,7 @@ void fillVolume(const std::string& folder, unsigned int share);
 // own). The command is gone too. Answers its process number.
 pid_t killedRun(Session& session, const Volume& volume, const std::string& base = "");
 
+// Another agent, which keeps no record, killed with its snapshot mounted below `base`, made here. Answers its number.
+pid_t killedAgent(Session& session, const Volume& volume, const std::string& base);
+
 }  // namespace test
