@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/Causes.h"
 #include "driver/VolumeRecords.h"
 
 namespace {
@@ -49,6 +50,7 @@ UniqueFile loadDriver(const LoadCommand& command) {
 }
 
 void reportMissingDriver(int error) {
+  noteFailedCall("open", kDriverNumbers, error);
   syslog(LOG_ERR, "Missing %s driver.\n", kDriverModule);
   errno = error;
 }
@@ -74,8 +76,10 @@ bool nodeHas(const DeviceNumberPair& numbers) {
          minor(status.st_rdev) == numbers.minorNum;
 }
 
-void unlinkNode() {
-  if (unlink(kControlNode) != 0) syslog(LOG_ERR, "unlink failed, errno:%d\n", errno);
+bool unlinkNode() {
+  if (unlink(kControlNode) == 0) return true;
+  syslog(LOG_ERR, "unlink failed, errno:%d\n", errno);
+  return false;
 }
 
 // Closes the node behind `device` but keeps its number taken, by a descriptor on which every request fails with EBADF:
@@ -114,20 +118,24 @@ int openControlDevice() {
       return device.release();
     }
     closeKeepingNumber(device);
-    unlinkNode();
-  } else if (errno != ENOENT) {
-    unlinkNode();
+    if (!unlinkNode()) noteFailedCall("unlink", kControlNode, errno);
+  } else if (const int error = errno; error != ENOENT) {
+    // What could not be opened is the cause, unless it makes room for another node.
+    if (!unlinkNode()) noteFailedCall("open", kControlNode, error);
   }
 
   if (mknod(kControlNode, S_IFCHR, makedev(numbers.majorNum, numbers.minorNum)) != 0) {
     const int error = errno;
+    noteFailedCall("mknod", kControlNode, error);
     syslog(LOG_ERR, "Failure in creating control device. errno: %d\n", error);
     errno = error;
     // The contract: what was held comes back, also when the node with wrong numbers behind it was closed. Callers issue
     // their request on that number, which fails, and close it.
     return device.release();
   }
-  return open(kControlNode, O_RDONLY | O_CLOEXEC);
+  const int descriptor = open(kControlNode, O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) noteFailedCall("open", kControlNode, errno);
+  return descriptor;
 }
 
 UniqueFd openDriver() {

@@ -3,7 +3,11 @@
 
 #include <sys/ioctl.h>
 
+#include <cerrno>
 #include <limits>
+
+#include "base/Causes.h"
+#include "driver/RequestName.h"
 
 void fillDriverHeader(_ioctlCmd& header, std::uint32_t length, std::uint32_t requestValue,
                       SnapDriverInterfaceUtility& utility) {
@@ -13,7 +17,9 @@ void fillDriverHeader(_ioctlCmd& header, std::uint32_t length, std::uint32_t req
 }
 
 int issueDriverRequest(int descriptor, unsigned long request, _ioctlCmd* command) {
-  return ioctl(descriptor, request, command);
+  const int result = ioctl(descriptor, request, command);
+  if (result != 0) noteFailedCall("ioctl", requestName(request), errno);
+  return result;
 }
 
 DriverCommand::DriverCommand(std::size_t length, std::uint32_t requestValue) : DriverCommand(length) {

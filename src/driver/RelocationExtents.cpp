@@ -12,6 +12,7 @@
 #include <limits>
 #include <new>
 
+#include "base/Causes.h"
 #include "base/Handle.h"
 #include "driver/DriverProtocol.h"
 #include "driver/RelocationFileLocation.h"
@@ -59,6 +60,7 @@ class FileMap {
     }
     mFile = RelocationDirectory(relocFileDirectory(mName)).open(relocFileEntry(mName));
     if (!mFile) {
+      noteFailedCall("open", mName.c_str(), errno);
       syslog(LOG_ERR, "Error opening file %s \n", mName.c_str());
       return kUnreadable;
     }
@@ -68,6 +70,7 @@ class FileMap {
   MapResult readBlockSize() {
     int blockSize = 0;
     if (ioctl(mFile.get(), FIGETBSZ, &blockSize) != 0 || blockSize <= 0) {
+      noteCause(mName.c_str(), "its block size cannot be read");
       syslog(LOG_ERR, "Error getting the block size for file: %s.\n", mName.c_str());
       return kUnreadable;
     }
@@ -83,6 +86,7 @@ class FileMap {
            mBlockSize, mVolumeBlockSize);
     // A volume without a block size has no unit to scale to.
     if (mBlockSize < mVolumeBlockSize || mVolumeBlockSize == 0) {
+      noteCause(mName.c_str(), "lies on a file system whose blocks are smaller than the volume's");
       syslog(LOG_ERR, "FIBMAP blockSize is less that of origblockSize. Failed to continue.\n");
       return kUnusable;
     }
@@ -94,6 +98,7 @@ class FileMap {
   MapResult countBlocks() {
     struct stat status {};
     if (fstat(mFile.get(), &status) != 0) {
+      noteFailedCall("fstat", mName.c_str(), errno);
       syslog(LOG_ERR, "Error getting File status for file: %s errno: %s.\n", mName.c_str(), std::strerror(errno));
       return kUnreadable;
     }
@@ -136,6 +141,7 @@ class FileMap {
       return mappingFailed(onFailure);
     }
     if (block == 0) {
+      noteCause(mName.c_str(), "has blocks that are not allocated");
       syslog(LOG_ERR, "Relocation file is sparse, not supported.\n");
       return kUnusable;
     }
@@ -143,7 +149,8 @@ class FileMap {
     return kMapped;
   }
 
-  static MapResult mappingFailed(MapResult result) {
+  MapResult mappingFailed(MapResult result) const {
+    noteFailedCall("ioctl FIBMAP", mName.c_str(), errno);
     syslog(LOG_ERR, "FIBMAP ioctl failed - errno: %s\n", std::strerror(errno));
     return result;
   }

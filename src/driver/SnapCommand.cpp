@@ -18,6 +18,7 @@
 #include <set>
 #include <utility>
 
+#include "base/Causes.h"
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "driver/DriverLock.h"
@@ -195,6 +196,7 @@ int SnapSet::sizeDriverTables() {
   }
   mMaxRelocBlocks = mUtility->calculateMaxRelocBlocks(memory);
   if (mMaxRelocBlocks == 0) {
+    noteCause("/proc/meminfo", "tells of no memory that the driver could use");
     syslog(LOG_ERR, "Not enough Memory space to hold relocation Entries\n");
     return 3;
   }

@@ -11,6 +11,7 @@
 #include <new>
 #include <utility>
 
+#include "base/Causes.h"
 #include "base/Resolve.h"
 #include "engine/MountPath.h"
 #include "engine/MountTarget.h"
@@ -93,6 +94,7 @@ bool MirelMountVolumeParams::bind(const char* folder, UnixUtils::NarrowText targ
   const int error = base == nullptr ? ENOMEM : bindTo(folder, target.get());
   if (error != 0) {
     mMountError = error;
+    noteFailedCall("mount", target == nullptr ? "" : target.get(), mMountError);
     // The message shows the bound mount point that is stored, not the target; that is the contract.
     QX_Zprintf(0, L"%hs: mount( \"%hs\", \"%hs\", NULL, MS_BIND, NULL ) failed, Error: %d, {%hs}", "DoMount",
                OriginalMountPoint(), NewBoundMountPoint(), mMountError, std::strerror(mMountError));

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <new>
 
+#include "base/Causes.h"
 #include "engine/Boundary.h"
 #include "engine/GetDoneWrapper.h"
 #include "engine/MirelSnapshotEngine.h"
@@ -122,6 +123,7 @@ void waitForNode(const char* device) {
 const char* mountData(const char* fsType) { return std::strcmp(fsType, "xfs") == 0 ? "nouuid,norecovery" : nullptr; }
 
 void logMountFailure(const Entry& entry, const char* data, int error) {
+  noteFailedCall("mount", entry.target, error);
   if (data != nullptr) {
     QX_Zprintf(0, L"%hs: mount( \"%hs\", \"%hs\", \"%hs\", MS_MGC_VAL | MS_RDONLY, \"%hs\" ) FAILED! Error: #%d, {%hs}",
                "DoMount", entry.device, entry.target, entry.fsType, data, error, std::strerror(error));
@@ -160,7 +162,8 @@ int MirelSnapshotEngine::ExposeSnapshotsInSnapshotSet(const wchar_t* base) {
     if (currentState() != StateSnapshotSetDone || mSnapshotSetParams == nullptr) return USC_E_BAD_STATE;
     if (const int result = takeBase(*this, base); result < 0) return result;
     if (const int result = fillQueue(*this); result < 0) return result;
-    if (UnixUtils::CreateDirectory(mMountPointBase.c_str(), 0770) != 0) {
+    if (const int error = UnixUtils::CreateDirectory(mMountPointBase.c_str(), 0770); error != 0) {
+      noteFailedCall("mkdir", mMountPointBase.c_str(), error);
       mMountPointQueue.clear();
       return E_UNEXPECTED;
     }

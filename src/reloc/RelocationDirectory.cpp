@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "base/Causes.h"
 #include "base/Resolve.h"
 #include "reloc/LinuxSnapshotreloc.h"
 #include "reloc/Planted.h"
@@ -39,6 +40,7 @@ RelocationDirectory::RelocationDirectory(std::string path) : mPath(std::move(pat
 
 RelocationDirectory RelocationDirectory::make(std::string path, std::optional<dev_t> device) {
   RelocationDirectory made;
+  made.mMaking = true;
   made.mPath = std::move(path);
   made.openTop();
   if (!made.mTop) return made;
@@ -66,7 +68,7 @@ void RelocationDirectory::openTop() {
   UniqueFd opened = openWithoutLinks(top.c_str(), O_PATH | O_DIRECTORY);
   if (!opened || fstat(opened.get(), &status) != 0) {
     const int error = errno;
-    if (error == ELOOP) tellPlanted(mPath, "is reached through a symbolic link");
+    if (error == ELOOP) tell(mPath, "is reached through a symbolic link");
     return fail(error);
   }
   mTop = std::move(opened);
@@ -82,10 +84,10 @@ void RelocationDirectory::openDirectory() {
   mDirectory = (stated ? openEntry : openBeneath)(mTop.get(), mName.c_str(), O_RDONLY | O_DIRECTORY);
   if (!mDirectory) {
     fail(errno);
-    if (mError == EXDEV) return tellPlanted(mPath, "is a mount point");
+    if (mError == EXDEV) return tell(mPath, "is a mount point");
     if (mError != ENOTDIR && mError != ELOOP) return;
     if (fstatat(mTop.get(), mName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (const auto why = whyNotOurDirectory(status, mDevice)) tellPlanted(mPath, *why);
+    if (const auto why = whyNotOurDirectory(status, mDevice)) tell(mPath, *why);
     return;
   }
   if (fstat(mDirectory.get(), &status) != 0) return fail(errno);
@@ -110,8 +112,14 @@ bool RelocationDirectory::mayBeRenamedByUsers() const {
   return (mTopMode & (S_IWGRP | S_IWOTH)) != 0 && (mTopMode & S_ISVTX) == 0;
 }
 
+// Only what keeps a file from being made is a failure: what merely stands there is left alone.
+void RelocationDirectory::tell(const std::string& path, const std::string& why) const {
+  tellPlanted(path, why);
+  if (mMaking) noteCause(path.c_str(), why.c_str());
+}
+
 void RelocationDirectory::refuse(const std::string& why) {
-  tellPlanted(mPath, why);
+  tell(mPath, why);
   fail(EACCES);
 }
 
@@ -162,7 +170,7 @@ bool RelocationDirectory::isOurs(const std::string& name) const {
   if (fstatat(mDirectory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
   const auto why = whyNotOurFile(status, mDevice);
   if (!why) return true;
-  tellPlanted(mPath + FILE_PATH_SEPERATOR + name, *why);
+  tell(mPath + FILE_PATH_SEPERATOR + name, *why);
   errno = S_ISDIR(status.st_mode) ? EISDIR : EACCES;
   return false;
 }

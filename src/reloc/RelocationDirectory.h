@@ -54,6 +54,7 @@ class RelocationDirectory {
   void openTop();
   void openDirectory();
   void closeToOthers();
+  void tell(const std::string& path, const std::string& why) const;
   void refuse(const std::string& why);
   void fail(int error);
   bool mayBeRenamedByUsers() const;
@@ -65,6 +66,7 @@ class RelocationDirectory {
 
   std::string mPath;
   std::string mName;  // last component of the path
+  bool mMaking = false;
   int mError = 0;
   dev_t mDevice = 0;
   mode_t mTopMode = 0;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "base/Causes.h"
 #include "reloc/LinuxSnapshotreloc.h"
 #include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationFileRemoval.h"
@@ -105,12 +106,14 @@ unsigned int LinuxSnapshotreloc::CreateRelocFile() {
   // The contract: mode 0644 when it is made, and never removed here, whatever follows.
   const RelocationDirectory directory = RelocationDirectory::make(mRelocDirName, deviceNumber(mRelocDeviceName));
   if (!directory) {
+    noteFailedCall("mkdir", mRelocDirName.c_str(), directory.error());
     syslog(LOG_ERR, "Unable to create the directory.\n");
     return kRelocFileNotCreated;
   }
   syslog(LOG_DEBUG, "Reloc file name is: %s.\n", mRelocFileName.c_str());
   UniqueFd file = directory.create(relocFileEntry(mRelocFileName));
   if (!file) {
+    noteFailedCall("open", mRelocFileName.c_str(), errno);
     syslog(LOG_ERR, "Unable to create the directory.\n");  // the contract: the directory's text
     return kRelocFileNotCreated;
   }
@@ -151,6 +154,7 @@ bool LinuxSnapshotreloc::writeBlocks(UniqueFd& file, const void* zeros) {
     errno = 0;
     if (lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) != static_cast<off_t>(offset)) {
       const int error = errno;
+      noteFailedCall("lseek", mRelocFileName.c_str(), error);
       closeAndDelete(file);
       syslog(LOG_ERR, "lseek failed to offset to :%lu bytes, errno : %d.\n", offset, error);
       return false;
@@ -159,6 +163,7 @@ bool LinuxSnapshotreloc::writeBlocks(UniqueFd& file, const void* zeros) {
     const auto written = static_cast<std::int32_t>(write(file.get(), zeros, mBlockSize));
     if (written == static_cast<std::int32_t>(mBlockSize)) continue;
     if (errno != 0) {
+      noteFailedCall("write", mRelocFileName.c_str(), errno);
       closeAndDelete(file);
       syslog(LOG_ERR, "write failed for Reloc file.\n");
       return false;

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "base/Causes.h"
 #include "reloc/RelocationDirectory.h"
 
 std::string relocFileDirectory(const std::string& path) { return path.substr(0, path.rfind('/')); }
@@ -19,6 +20,7 @@ void removeRelocFile(const std::string& path) {
   if (directory.remove(relocFileEntry(path))) {
     syslog(LOG_INFO, "RelocFile %s deleted.\n", path.c_str());
   } else {
+    if (!path.empty()) noteFailedCall("unlink", path.c_str(), errno);
     syslog(LOG_INFO, "RelocFile %s deletion failed, errno: %d.\n", path.c_str(), errno);
   }
   directory.removeIfEmpty();

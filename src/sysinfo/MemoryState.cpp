@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "base/Causes.h"
 #include "base/Handle.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
@@ -47,6 +48,7 @@ std::uint64_t valueOf(const std::string& line) {
 int LinuxSystemInfo::InitializeSystemMemoryState() {
   UniqueFile file(std::fopen(kMemInfoPath.c_str(), "rte"));
   if (!file) {
+    noteFailedCall("open", kMemInfoPath.c_str(), errno);
     syslog(LOG_ERR, "Unable to open the %s file, errno : %d.\n", kMemInfoPath.c_str(), errno);
     return kCannotOpen;
   }

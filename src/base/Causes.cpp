@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/Causes.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t kMostKept = 64;
+
+std::atomic<bool> sWanted = false;
+std::mutex sLock;
+// Never destroyed: a worker may still fail while the process ends.
+std::vector<Cause>& noted() {
+  static auto* const causes = new std::vector<Cause>;
+  return *causes;
+}
+
+void note(std::string what, std::string why) {
+  const std::lock_guard<std::mutex> hold(sLock);
+  if (noted().size() < kMostKept) noted().push_back({std::move(what), std::move(why)});
+}
+
+}  // namespace
+
+void noteFailedCall(const char* call, const char* object, int error) noexcept {
+  if (!sWanted) return;
+  const int saved = errno;
+  try {
+    note(std::string(call) + "(" + object + ")", std::strerror(error));
+  } catch (...) {
+    // Memory is short: the stated result still tells that the operation failed.
+  }
+  errno = saved;
+}
+
+void noteCause(const char* what, const char* why) noexcept {
+  if (!sWanted) return;
+  const int saved = errno;
+  try {
+    note(what, why);
+  } catch (...) {
+  }
+  errno = saved;
+}
+
+std::vector<Cause> takeCauses() {
+  sWanted = true;
+  const std::lock_guard<std::mutex> hold(sLock);
+  return std::exchange(noted(), {});
+}
