@@ -18,6 +18,7 @@
 #include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationFileRemoval.h"
 #include "reloc/RelocationStatus.h"
+#include "sysinfo/SnapshotName.h"
 
 using mirelsnapsdk_linuxcomputer::LinuxSystemInfo;
 using mirelsnapsdk_linuxcomputer::MountEntry;
@@ -210,6 +211,8 @@ unsigned int LinuxSnapshotreloc::GetAllRelocationFiles(std::list<std::string>& f
     return kRelocNothingMounted;
   }
   for (const MountEntry& mount : mounts) {
+    // What a snapshot shows are pictures, which nobody can remove; while it is looked at its owner cannot unmount it.
+    if (volumeOfSnapshot(mount.fsname)) continue;
     const std::string directory = mount.dir + FILE_PATH_SEPERATOR + RELOC_FILE_LOCATION;
     if (RelocationDirectory(directory).list(files) != 0) {
       syslog(LOG_DEBUG, "GetAllRelocationFiles: Unable to read directory: %s.\n", directory.c_str());

@@ -518,6 +518,19 @@ TEST_F(Listing, appends_the_files_of_all_file_systems_one_mounted_twice_twice) {
   EXPECT_EQ(messages(), (Lines{"[7] GetAllRelocationFiles: Unable to read directory: " + b + "/.verrelocarea.\n"}));
 }
 
+TEST_F(Listing, leaves_the_snapshots_mounts_out_and_says_nothing_of_them) {
+  const std::string a = machine.mount(machine.device("a"), {1, 1});
+  const std::string snapshot = machine.mount(machine.device("snap7_1"), {1, 1});
+  const std::string other = machine.mount(machine.device("snap7_1x"), {1, 1});
+  fill(a, "sda");
+  fill(snapshot, "sda");
+  fill(other, "sdb");
+  log.clear();
+  EXPECT_EQ(reloc.GetAllRelocationFiles(files), 0u);
+  EXPECT_EQ(files, (std::list<std::string>{a + "/.verrelocarea/sda", other + "/.verrelocarea/sdb"}));
+  EXPECT_EQ(messages(), Lines());
+}
+
 TEST_F(Listing, knows_a_mounted_alias_by_its_device) {
   const Alias alias("alias", machine.device("z"));
   const std::string z = machine.mount(alias.path(), {1, 1});
