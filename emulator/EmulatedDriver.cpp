@@ -29,6 +29,8 @@ void EmulatedDriver::undo() {
 }
 
 Answer EmulatedDriver::handle(const Command& command, const Caller& caller, CommandBuffer& buffer) {
+  // What was discarded while it was in use goes with its last user, of which nobody tells.
+  releaseUnused();
   switch (command.request) {
     case IOC_GET_DRIVER_VERSION:
       return version(buffer);

@@ -358,6 +358,25 @@ TEST_F(DriverSnap, a_snapshot_that_is_mounted_while_it_is_discarded_stays_until_
   ASSERT_EQ(snap({candidate(volume.loop())}), 0);
 }
 
+TEST_F(DriverSnap, a_snapshot_that_was_discarded_while_it_was_mounted_goes_with_the_first_command_after_that) {
+  const test::Volume volume("ext4", kVolumeBytes);
+  const WireSnapVolume wire = candidate(volume.loop());
+  ASSERT_EQ(snap({wire}), 0);
+  const test::TempDir folder;
+  std::string loop;
+  {
+    const test::Mounted snapshot(nodeOf(volume.loop()), folder.path(), "ext4", MS_RDONLY);
+    struct stat inside;
+    ASSERT_EQ(stat(folder.path().c_str(), &inside), 0);
+    loop = "/sys/dev/block/7:" + std::to_string(gnu_dev_minor(inside.st_dev)) + "/loop/backing_file";
+    EXPECT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({wire.device})), 0);
+    EXPECT_FALSE(isSnapped(wire.device));
+    EXPECT_EQ(access(loop.c_str(), F_OK), 0) << "it is in use";
+  }
+  EXPECT_FALSE(isSnapped(wire.device));
+  EXPECT_EQ(access(loop.c_str(), F_OK), -1);
+}
+
 TEST_F(DriverSnap, the_drivers_end_unmounts_snapshots_also_discarded_ones_and_frees_their_devices) {
   const test::Volume one("ext4", kVolumeBytes);
   const test::Volume two("ext4", kVolumeBytes);
