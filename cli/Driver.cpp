@@ -4,6 +4,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "Attempt.h"
 #include "Processes.h"
 #include "driver/ControlDevice.h"
 #include "driver/VolumeRecords.h"
@@ -12,7 +13,8 @@ namespace cli {
 
 Outcome Driver::check(std::string* version) {
   std::string answered;
-  if (mDriver == nullptr || mDriver->GetDriverVersionDetail(answered) != 0) return noDriver();
+  Attempt attempt;
+  if (mDriver == nullptr || mDriver->GetDriverVersionDetail(answered) != 0) return noDriver(attempt.because());
   if (version != nullptr) *version = answered;
   return std::nullopt;
 }
@@ -43,6 +45,18 @@ std::list<RelocFileMappingInformation> Driver::mappings() {
   return found;
 }
 
+Outcome Driver::holdings(std::list<SnappedVolumeInformation>& snapped, std::list<RelocFileMappingInformation>& mapped) {
+  const Failure unknown{kCannotCleanUp, kControlNode, "the driver does not tell what it holds",
+                        "look for MIRELSNAP_SDK in the system log"};
+  if (mDriver == nullptr) return unknown;
+  Attempt attempt;
+  const bool told = mDriver->GetSnappedVolumeDetails(snapped) == 0 && mDriver->GetRelocFileMapping(mapped) == 0;
+  // A count of mappings that failed is no failure of the listing behind it, which is cut then.
+  const std::string because = attempt.because();
+  if (told && because.empty()) return std::nullopt;
+  return Failure{unknown.code, unknown.subject, unknown.cause + because, unknown.advice};
+}
+
 std::vector<int> Driver::owners(const std::string& device, std::uint64_t number) {
   std::vector<int> found;
   for (const SnappedVolumeInformation& entry : snappedVolumes()) {
@@ -54,13 +68,13 @@ std::vector<int> Driver::owners(const std::string& device, std::uint64_t number)
   return found;
 }
 
-Failure noDriver() {
+Failure noDriver(const std::string& because) {
   // Looked for even when the driver is loaded.
   if (findExe("modprobe").empty())
     return {kNoDriver, kControlNode, "there is no modprobe, without which the driver is not looked for",
             "install kmod"};
   if (access("/proc/mirelsnap/dev", F_OK) == 0) {
-    return {kNoDriver, kControlNode, "the snapshot driver is loaded but does not answer",
+    return {kNoDriver, kControlNode, "the snapshot driver is loaded but does not answer" + because,
             "look for MIRELSNAP_SDK in the system log"};
   }
   return {kNoDriver, kControlNode, "the driver (module mirelsnap) is not loaded and could not be loaded",
@@ -69,6 +83,9 @@ Failure noDriver() {
 
 Failure alreadySnapped(Driver& driver, const std::string& device, std::uint64_t number) {
   const std::vector<int> owners = driver.owners(device, number);
+  if (!owners.empty() && isGone(owners.front()))
+    return {kAlreadySnapped, device, "is still snapped by " + ownerText(owners.front()),
+            "mirelsnap reconcile ends that"};
   return {kAlreadySnapped, device, "is already snapped" + (owners.empty() ? "" : " by " + processText(owners.front())),
           "wait until that snapshot is deleted"};
 }
@@ -81,7 +98,7 @@ Failure notTracked(const std::string& device) {
 }
 
 Failure refused(const std::string& subject, unsigned int status) {
-  if (status == 5) return noDriver();
+  if (status == 5) return noDriver(Attempt::becauseSoFar());
   if (status == 6)
     return {kRefused, subject, "the driver refused the request", "look for MIRELSNAP_SDK in the system log"};
   return {kRefused, subject, "the request could not be made (code " + std::to_string(status) + ")",

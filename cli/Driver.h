@@ -44,6 +44,8 @@ class Driver {
   // Empty when it cannot be asked.
   std::list<SnappedVolumeInformation> snappedVolumes();
   std::list<RelocFileMappingInformation> mappings();
+  // Both lists at once, and why they cannot be had: what is not told may be there all the same.
+  Outcome holdings(std::list<SnappedVolumeInformation>& snapped, std::list<RelocFileMappingInformation>& mapped);
   // The processes that hold a snapshot or a relocation-file mapping of the volume.
   std::vector<int> owners(const std::string& device, std::uint64_t number);
   void deleteMapping(const std::string& device, int process) {
@@ -54,8 +56,8 @@ class Driver {
   SnapDriverInterface* mDriver;
 };
 
-// Why there is no driver, as far as that can be seen.
-Failure noDriver();
+// Why there is no driver, as far as that can be seen; `because` is what an attempt told (Attempt.h).
+Failure noDriver(const std::string& because);
 // Why a volume cannot be snapped now.
 Failure alreadySnapped(Driver& driver, const std::string& device, std::uint64_t number);
 Failure alreadyFrozen(const std::string& device);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <list>
 
+#include "Attempt.h"
 #include "Wide.h"
 #include "driver/LinuxSnapLibUtil.h"
 #include "engine/GetDoneWrapper.h"
@@ -15,11 +16,16 @@ namespace {
 using MirelSnapSnapshotCoordinator::GetDoneWrapper;
 using UnixUtils::SystemMountPointCollection;
 
-// Relocation blocks that the driver could hold; read without the sizing's own helper, which stays allocated.
-std::uint64_t entriesInMemory() {
+// Relocation blocks that the driver could hold; read without the sizing's own helper, which stays allocated. `problem`
+// says why that cannot be told.
+std::uint64_t entriesInMemory(std::string& problem) {
+  Attempt attempt;
   mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
   mirelsnapsdk_linuxcomputer::_sysMemStateInfo state{};
-  if (system.InitializeSystemMemoryState() != 0 || system.GetSpecificSystemMemoryState(&state) != 0) return 0;
+  if (system.InitializeSystemMemoryState() != 0 || system.GetSpecificSystemMemoryState(&state) != 0) {
+    problem = "the state of memory cannot be read" + attempt.because();
+    return 0;
+  }
   return SnapDriverInterfaceUtility().calculateMaxRelocBlocks(state);
 }
 
@@ -51,13 +57,14 @@ std::vector<Placement> predictPlacements(const std::vector<ChosenVolume>& volume
   std::vector<Placement> placements;
   const GetDoneWrapper<SystemMountPointCollection> mounts(
       SystemMountPointCollection::GetLocalSystemMountPointCollection());
-  const std::uint64_t memoryLimit = entriesInMemory();
+  std::string memoryProblem;
+  const std::uint64_t memoryLimit = entriesInMemory(memoryProblem);
   std::list<SnapVolumeInformation> requests;
   for (const ChosenVolume& volume : volumes) {
     const bool known = std::any_of(placements.begin(), placements.end(),
                                    [&](const Placement& other) { return other.volume.number == volume.number; });
     if (known) continue;
-    Placement& placement = placements.emplace_back(Placement{volume, options, {}, 0, 0, memoryLimit});
+    Placement& placement = placements.emplace_back(Placement{volume, options, {}, 0, 0, memoryProblem, memoryLimit});
     if (mounts.get() != nullptr) readSizes(*mounts.get(), placement);
     requests.push_back(requestFor(placement, options));
   }

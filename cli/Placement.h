@@ -25,6 +25,7 @@ struct Placement {
   RelocationForecast file;
   std::uint32_t blockSize = 0;    // bytes; 0 when it cannot be had
   std::uint64_t volumeSize = 0;   // bytes; 0 when it cannot be had
+  std::string memoryProblem;      // why the state of memory cannot be read; empty when it can
   std::uint64_t memoryLimit = 0;  // blocks of relocation files that the driver could hold for the whole set
 
   bool placed() const { return file.status == 0; }

@@ -106,6 +106,8 @@ std::vector<std::string> passedOverTexts(const Placement& placement) {
 
 Failure notPlaced(const Placement& placement) {
   const RelocationReasons& reasons = placement.file.reasons;
+  if (!placement.memoryProblem.empty())
+    return {kNoRoom, placement.volume.device, placement.memoryProblem, "mount proc on /proc"};
   if (reasons.beyondMemory || placement.memoryLimit == 0) {
     return {kNoRoom, placement.volume.device, "memory is short: the driver could hold no block of its relocation file",
             "free some memory, or snapshot fewer volumes at once"};

@@ -17,8 +17,11 @@
 #include "PlacementText.h"
 #include "Processes.h"
 #include "RelocationProgress.h"
+#include "SnapshotDevice.h"
 #include "Text.h"
+#include "Unmount.h"
 #include "Wide.h"
+#include "driver/ControlDevice.h"
 
 namespace fs = std::filesystem;
 
@@ -69,7 +72,8 @@ Outcome SnapshotSet::makeEngine() {
   mEngine.reset((*GetCreatorFunction())());
   if (mEngine == nullptr) return Failure{kSnapshotFailed, "the engine", "memory is short", ""};
   int supported = 0;
-  if (mEngine->SupportsSnapshots(&supported) < 0 || supported == 0) return noDriver();
+  Attempt attempt;
+  if (mEngine->SupportsSnapshots(&supported) < 0 || supported == 0) return noDriver(attempt.because());
   if (mEngine->StartSnapshotSet(&mSetId) < 0)
     return Failure{kSnapshotFailed, "the snapshot set", "could not be started", ""};
   mId = idText(mSetId);
@@ -147,10 +151,12 @@ Outcome SnapshotSet::runJob() {
   if (mTerminal.interactive()) mPlacements = predictPlacements(mVolumes, mRelocation);
   mTerminal.begin("Taking the snapshot of " + listed(devicesOf(mVolumes)));
   IUscAsync* started = nullptr;
+  Attempt attempt;
   const int result = mEngine->DoSnapshotSet(&started);
   if (result < 0)
     return result == E_OUTOFMEMORY
-               ? noDriver()
+               ? Failure{kSnapshotFailed, listed(devicesOf(mVolumes)), "the job could not be started: memory is short",
+                         ""}
                : Failure{kSnapshotFailed, listed(devicesOf(mVolumes)),
                          "the job could not be started: no thread can be had",
                          "memory, address space or processes are limited too tightly (ulimit -v, -u)"};
@@ -161,7 +167,7 @@ Outcome SnapshotSet::runJob() {
   job->QueryStatus(&status, &snapResult);
   mTerminal.end();
   if (snapResult != 0) {
-    Failure failure = snapFailure(snapResult);
+    Failure failure = snapFailure(snapResult, attempt.because());
     // Nothing was made where a volume is snapped or frozen, and looking at a frozen one would never end.
     if (failure.code != kAlreadySnapped) dropMappings();
     return failure;
@@ -198,25 +204,27 @@ void SnapshotSet::showRelocationFile() {
                 file->written, total);
 }
 
-Failure SnapshotSet::snapFailure(int snapResult) {
+Failure SnapshotSet::snapFailure(int snapResult, const std::string& because) {
   const std::string all = listed(devicesOf(mVolumes));
   switch (snapResult) {
     case 5:
-      return noDriver();
+      return noDriver(because);
     case 6:
-      return {kSnapshotFailed, all, "the driver refused the snapshot",
+      return {kSnapshotFailed, all, "the driver refused the snapshot" + because,
               "look for MIRELSNAP_SDK in the system log, or use --verbose"};
     case 11:
     case 12:
       return busyFailure();
     case 20:
     case 21:
-      return noRoomFailure();
+      return noRoomFailure(because);
     case 26:
       return {kSnapshotFailed, all, "the size of a device changed", "try again when it no longer changes"};
     default:
-      return {kSnapshotFailed, all, "the snapshot could not be prepared (code " + std::to_string(snapResult) + ")",
-              "memory may be short, or a relocation file cannot be mapped to blocks (btrfs cannot); use --verbose"};
+      return {kSnapshotFailed, all,
+              "the snapshot could not be prepared" +
+                  (because.empty() ? " (code " + std::to_string(snapResult) + ")" : because),
+              "look for MIRELSNAP_SDK in the system log, or use --verbose"};
   }
 }
 
@@ -230,11 +238,11 @@ Failure SnapshotSet::busyFailure() const {
 }
 
 // A relocation file could not be placed or made, or the mapping of one stood there already.
-Failure SnapshotSet::noRoomFailure() const {
+Failure SnapshotSet::noRoomFailure(const std::string& because) const {
   Driver driver;
   for (const ChosenVolume& volume : mVolumes) {
     for (const int owner : driver.owners(volume.device, volume.number)) {
-      if (owner == getpid()) continue;
+      if (owner == getpid() || isGone(owner)) continue;
       return {kAlreadySnapped, volume.device, "is being snapped by " + processText(owner),
               "wait until that snapshot is deleted"};
     }
@@ -242,12 +250,12 @@ Failure SnapshotSet::noRoomFailure() const {
   for (const Placement& placement : predictPlacements(mVolumes, mRelocation)) {
     if (!placement.placed()) return notPlaced(placement);
     if (!isFull(placement.file.mountPoint, placement.bytes())) continue;
-    return {
-        kNoRoom, placement.file.mountPoint,
-        "has no room for the relocation file of " + placement.volume.device + " (" + sizeText(placement.bytes()) + ")",
-        "free some space or name a place with --reloc-mount and --reloc-size"};
+    return {kNoRoom, placement.file.mountPoint,
+            "has no room for the relocation file of " + placement.volume.device + " (" + sizeText(placement.bytes()) +
+                ")" + because,
+            "free some space or name a place with --reloc-mount and --reloc-size"};
   }
-  return {kNoRoom, listed(devicesOf(mVolumes)), "a relocation file could not be made",
+  return {kNoRoom, listed(devicesOf(mVolumes)), "a relocation file could not be made" + because,
           "look for MIRELSNAP_SDK in the system log, or use --verbose"};
 }
 
@@ -290,8 +298,9 @@ Outcome SnapshotSet::expose(const std::string& base) {
   mTerminal.begin("Mounting the snapshots");
   if (Outcome failure = mBase.make(base, allMountPoints(), mBinds)) return failure;
   mExposed = true;
+  Attempt attempt;
   if (mEngine->ExposeSnapshotsInSnapshotSet(wide(mBase.path()).c_str()) < 0) {
-    return Failure{kCannotExpose, mBase.path(), "the snapshots could not be mounted there",
+    return Failure{kCannotExpose, mBase.path(), "the snapshots could not be mounted there" + attempt.because(),
                    "look for mirelsnap in the system log, or use --verbose"};
   }
   if (Outcome failure = restrictMounts()) return failure;
@@ -321,12 +330,17 @@ std::vector<Failure> SnapshotSet::finish() {
   if (mTaken) mTerminal.begin("Cleaning up");
   // The engine removes the base itself, which the folders made here keep it from: what counts is what is left in the
   // end.
-  if (mExposed) mEngine->UnExposeSnapshotsInSnapshotSet();
+  if (mExposed) {
+    mEngine->UnExposeSnapshotsInSnapshotSet();
+    // Before the deletion: the driver keeps the image of a snapshot that is discarded while it is mounted.
+    unmountAllBelow(mBase.path());
+  }
+  Attempt attempt;
   const int deletion =
       mTaken ? mEngine->DeleteSnapshots(mSetId, UnixSnapshotCoordinator::USC_OBJECT_SNAPSHOT_SET) : S_OK;
   mEngine.reset();
   std::vector<Failure> left = stillMounted();
-  for (Failure& snapshot : deletion < 0 ? std::vector{notDeleted(deletion)} : stillSnapped())
+  for (Failure& snapshot : deletion < 0 ? std::vector{notDeleted(deletion)} : stillSnapped(attempt.causes()))
     left.push_back(std::move(snapshot));
   for (Failure& folder : mBase.remove()) {
     const bool explained = std::any_of(left.begin(), left.end(),
@@ -353,20 +367,37 @@ Failure SnapshotSet::notDeleted(int result) const {
           kReconcileAdvice};
 }
 
-std::vector<Failure> SnapshotSet::stillSnapped() const {
+// Why the driver still holds it, from what the deletion told.
+Failure SnapshotSet::stillHeld(const SnappedVolume& volume, const std::vector<Cause>& causes) const {
+  std::string cause = "is still snapped";
+  if (!causes.empty()) {
+    cause += causes.front().what == "ioctl(IOC_SNAP_DISCARD)" ? ": the driver refused to discard the snapshot: "
+                                                              : ": the driver could not be told to discard it: ";
+    cause += causes.front().text();
+  }
+  const std::vector<User> holders = holdersOf(volume.snapshotDevice);
+  return {kCannotCleanUp, volume.device, cause + (holders.empty() ? "" : ", " + usersText(holders)), kReconcileAdvice};
+}
+
+std::vector<Failure> SnapshotSet::stillSnapped(const std::vector<Cause>& causes) const {
   std::vector<Failure> left;
   if (!mTaken) return left;
   Driver driver;
+  std::list<SnappedVolumeInformation> held;
+  std::list<RelocFileMappingInformation> mapped;
+  if (const Outcome unknown = driver.holdings(held, mapped))
+    return {{kCannotCleanUp, listed(devicesOf(mVolumes)),
+             "the snapshots may be left: " + unknown->subject + ": " + unknown->cause, kReconcileAdvice}};
   for (const SnappedVolume& volume : mSnapped) {
-    if (driver.snapped(volume.device)) {
-      const std::vector<User> holders = holdersOf(volume.snapshotDevice);
-      left.push_back({kCannotCleanUp, volume.device,
-                      "is still snapped: the driver refused to discard the snapshot" +
-                          (holders.empty() ? "" : ", " + usersText(holders)),
-                      kReconcileAdvice});
+    const bool isHeld = std::any_of(held.begin(), held.end(), [&](const SnappedVolumeInformation& other) {
+      return snapshotDeviceOf(other) == volume.snapshotDevice;
+    });
+    if (isHeld) {
+      left.push_back(stillHeld(volume, causes));
     } else if (!volume.relocationFile.empty() && access(volume.relocationFile.c_str(), F_OK) == 0) {
-      left.push_back(
-          {kCannotCleanUp, volume.relocationFile, "the relocation file could not be removed", "remove it by hand"});
+      left.push_back({kCannotCleanUp, volume.relocationFile,
+                      "the relocation file could not be removed" + becauseOf(causes, "unlink", volume.relocationFile),
+                      kReconcileAdvice});
     }
   }
   return left;

@@ -9,6 +9,7 @@
 
 #include <mirelsnap/SnapshotEngine.h>
 
+#include "Attempt.h"
 #include "ExposureBase.h"
 #include "Failure.h"
 #include "Placement.h"
@@ -64,13 +65,14 @@ class SnapshotSet {
   void readProperties();
   void dropMappings();
   Outcome restrictMounts() const;
-  Failure snapFailure(int snapResult);
+  Failure snapFailure(int snapResult, const std::string& because);
   Failure busyFailure() const;
-  Failure noRoomFailure() const;
+  Failure noRoomFailure(const std::string& because) const;
   Failure refusal(const ChosenVolume& volume, int result) const;
   std::vector<std::string> allMountPoints() const;
   std::vector<Failure> stillMounted() const;
-  std::vector<Failure> stillSnapped() const;
+  std::vector<Failure> stillSnapped(const std::vector<Cause>& causes) const;
+  Failure stillHeld(const SnappedVolume& volume, const std::vector<Cause>& causes) const;
   Failure notDeleted(int result) const;
 
   Terminal& mTerminal;

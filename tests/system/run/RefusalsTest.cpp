@@ -71,8 +71,8 @@ TEST(RunRefused, with_a_driver_that_does_not_answer_is_112) {
   const Volume volume("ext4", 32 << 20);
   Session session({"--inject", "version:1:EIO", "--inject", "version:2:EIO"});
   expectFailure(run(session, {"--volume", volume.device()}, kTrue), 112,
-                "mirelsnap: /dev/mirelsnapctl: the snapshot driver is loaded but does not answer; look for "
-                "MIRELSNAP_SDK in the system log");
+                "mirelsnap: /dev/mirelsnapctl: the snapshot driver is loaded but does not answer: "
+                "ioctl(IOC_GET_DRIVER_VERSION): Input/output error; look for MIRELSNAP_SDK in the system log");
   EXPECT_EQ(session.takeComplaints(2).size(), 2u);
 }
 
@@ -215,8 +215,10 @@ TEST(RunRefused, on_a_full_volume_without_an_alternative_is_115) {
   // How large the file was to be depends on what ext4 keeps for itself.
   EXPECT_TRUE(std::regex_match(
       ended.errors,
-      std::regex("mirelsnap: " + volume.folder() + ": has no room for the relocation file of " + volume.device() +
-                 " \\([0-9.]+ KiB\\); free some space or name a place with --reloc-mount and --reloc-size\n")))
+      std::regex(
+          "mirelsnap: " + volume.folder() + ": has no room for the relocation file of " + volume.device() +
+          " \\([0-9.]+ KiB\\): write\\(" + volume.folder() + "/.verrelocarea/" + volume.device().substr(5) +
+          "\\): No space left on device; free some space or name a place with --reloc-mount and --reloc-size\n")))
       << ended.errors;
 }
 
@@ -247,10 +249,10 @@ TEST(RunRefused, under_a_limit_for_files_that_is_too_small_is_115) {
   Texts arguments = {"/bin/sh", "-c", "ulimit -f 20; exec \"$@\"", "sh"};
   for (const std::string& argument : test::runArguments({"--volume", volume.device()}, kTrue))
     arguments.push_back(argument);
-  expectFailure(
-      session.run(arguments), 115,
-      "mirelsnap: " + volume.device() +
-          ": a relocation file could not be made; look for MIRELSNAP_SDK in the system log, or use --verbose");
+  expectFailure(session.run(arguments), 115,
+                "mirelsnap: " + volume.device() + ": a relocation file could not be made: write(" + volume.folder() +
+                    "/.verrelocarea/" + volume.device().substr(5) +
+                    "): File too large; look for MIRELSNAP_SDK in the system log, or use --verbose");
 }
 
 TEST(RunRefused, with_a_relocation_mount_that_is_no_mount_point_is_115) {
@@ -272,7 +274,9 @@ TEST(RunRefused, by_the_driver_is_116_or_114_by_its_reason) {
   const Texts options = {"--volume", volume.device()};
   expectFailure(
       run(session, options, kTrue), 116,
-      device + ": the driver refused the snapshot; look for MIRELSNAP_SDK in the system log, or use --verbose");
+      device +
+          ": the driver refused the snapshot: ioctl(IOC_SNAP): Input/output error; look for MIRELSNAP_SDK in the "
+          "system log, or use --verbose");
   expectFailure(run(session, options, kTrue), 116,
                 device + ": the size of a device changed; try again when it no longer changes");
   for (int i = 0; i < 2; ++i) {
@@ -281,8 +285,8 @@ TEST(RunRefused, by_the_driver_is_116_or_114_by_its_reason) {
   }
   expectFailure(run(session, options, kTrue), 115,
                 device +
-                    ": a relocation file could not be made; look for MIRELSNAP_SDK in the system log, or use "
-                    "--verbose");
+                    ": a relocation file could not be made: ioctl(IOC_CREATE_RELOC_FILE_MAPPING): Input/output error; "
+                    "look for MIRELSNAP_SDK in the system log, or use --verbose");
   EXPECT_EQ(session.takeComplaints(5).size(), 5u);
   EXPECT_EQ(run(session, options, kTrue).code, 0);
 }
@@ -294,8 +298,8 @@ TEST(RunRefused, by_a_driver_that_does_not_tell_its_volumes_is_116) {
   expectFailure(
       run(session, {"--volume", volume.device()}, kTrue), 116,
       "mirelsnap: " + volume.device() +
-          ": the snapshot could not be prepared (code 3); memory may be short, or a relocation file cannot be "
-          "mapped to blocks (btrfs cannot); use --verbose");
+          ": the snapshot could not be prepared: ioctl(IOC_GET_NUM_OF_SNAPPED_VOLUMES): Input/output error; look for "
+          "MIRELSNAP_SDK in the system log, or use --verbose");
   EXPECT_EQ(session.takeComplaints(1).size(), 1u);
 }
 
@@ -417,8 +421,10 @@ TEST(RunCannotCleanUp, while_a_process_sits_in_the_exposed_tree_is_118) {
   const std::string exposed = dir / "base" + volume.folder();
   const std::string sleeper = ended.output.substr(0, ended.output.size() - 1);
   EXPECT_EQ(ended.code, 118);
-  EXPECT_EQ(ended.errors, "mirelsnap: " + exposed + ": is still mounted: process " + sleeper + " (sleep) uses " +
-                              exposed + "; stop what uses it, then: umount " + exposed + "\n");
+  const std::string uses = "process " + sleeper + " (sleep) uses " + exposed;
+  EXPECT_EQ(ended.errors, "mirelsnap: " + exposed + ": cannot be unmounted yet: " + uses +
+                              "; trying again for 5 seconds\nmirelsnap: " + exposed + ": is still mounted: " + uses +
+                              "; stop what uses it, then: umount " + exposed + "\n");
   kill(std::stoi(sleeper), SIGKILL);
   // What the line says is to be done is enough.
   for (int attempt = 0; attempt < 100 && umount(exposed.c_str()) != 0; ++attempt) usleep(20000);
@@ -432,7 +438,8 @@ TEST(RunCannotCleanUp, when_the_driver_keeps_the_snapshot_is_118) {
   const Ended ended = runScript(session, {"--volume", volume.device()}, "exit 3");
   EXPECT_EQ(ended.code, 118) << "nobody must take it for a good end";
   EXPECT_EQ(ended.errors, "mirelsnap: " + volume.device() +
-                              ": is still snapped: the driver refused to discard the snapshot; run mirelsnap "
+                              ": is still snapped: the driver refused to discard the snapshot: "
+                              "ioctl(IOC_SNAP_DISCARD): Input/output error; run mirelsnap "
                               "reconcile: that removes what is left\n");
   EXPECT_EQ(session.takeComplaints(1).size(), 1u);
   const Ended again = run(session, {"--volume", volume.device()}, kTrue);

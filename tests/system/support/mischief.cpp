@@ -12,10 +12,12 @@
 //   stop-after:R:N          the same when that command has been answered
 //   stop-before-unlink:F    the same before the first removal of a file with the name F, in whatever folder
 //   tell-locked-out:PATH    the file PATH is made when a lock is not to be had at once
+//   no-mount                nothing can be mounted
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -151,6 +153,14 @@ extern "C" __attribute__((visibility("default"))) int flock(int descriptor, int 
   if (const char* told = argumentOf("tell-locked-out")) close(open(told, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   errno = EWOULDBLOCK;
   return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int mount(const char* source, const char* target, const char* type,
+                                                            unsigned long flags, const void* data) noexcept {
+  static const auto real = reinterpret_cast<decltype(&mount)>(dlsym(RTLD_NEXT, "mount"));
+  if (!isAsked("no-mount")) return real(source, target, type, flags, data);
+  errno = EPERM;
+  return -1;
 }
 
 __attribute__((visibility("default"))) void* operator new(std::size_t size) {
