@@ -168,6 +168,28 @@ std::variant<UniqueFd, Failure> keep(BaseRecord& record) {
   return file;
 }
 
+std::vector<Failure> unknownBases() {
+  std::vector<Failure> unknown;
+  std::error_code error;
+  fs::directory_iterator(kRunDirectory, error);
+  if (error && error != std::errc::no_such_file_or_directory)
+    return {{kCannotCleanUp, kRunDirectory, "cannot be read: " + error.message(),
+             "look at what it is: mirelsnap makes it as a directory"}};
+  const auto tell = [&](const std::string& base, int process) {
+    unknown.push_back({kCannotCleanUp, base,
+                       "is locked, though process " + std::to_string(process) + " is gone: " + usersText(usersOf(base)),
+                       "stop it, unless it is a run in a container, then run this again"});
+  };
+  for (const BaseRecord& record : livingBases()) {
+    if (!record.base.empty() && isGone(record.process)) tell(record.base, record.process);
+  }
+  for (const fs::path& folder : entries()) {
+    const std::optional<int> owner = processNamedBy(folder);
+    if (owner && isGone(*owner) && isHeld(folder)) tell(folder, *owner);
+  }
+  return unknown;
+}
+
 std::vector<BaseRecord> livingBases() { return recordedBases(true); }
 
 std::vector<BaseRecord> abandonedBases() {

@@ -54,5 +54,8 @@ std::variant<UniqueFd, Failure> keep(BaseRecord& record);
 // named by a dead process and have no record.
 std::vector<BaseRecord> livingBases();
 std::vector<BaseRecord> abandonedBases();
+// What keeps others from being known: a directory that cannot be read, a record or a base that somebody has locked
+// though its process is gone.
+std::vector<Failure> unknownBases();
 
 }  // namespace cli

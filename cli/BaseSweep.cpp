@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "SnapshotDevice.h"
+#include "Unmount.h"
 #include "base/DirectoryEntry.h"
 #include "base/Resolve.h"
 
@@ -36,9 +37,9 @@ std::vector<Mount> exposedIn(const std::string& base, const std::vector<BaseReco
   return found;
 }
 
-bool unmount(const Mount& mount) {
+bool unmount(const Mount& mount, Patience& patience) {
   if (!isSnapshotDevice(mount.source)) keepToItself(mount);
-  return DirectoryEntry(mount.folder.c_str()).unmount() == 0;
+  return patience.unmount(mount.folder, [&] { return DirectoryEntry(mount.folder.c_str()).unmount(); }) == 0;
 }
 
 void removeFolder(const std::string& folder) {
@@ -71,7 +72,7 @@ void removeFoldersBelow(const std::string& base) {
 void sweep(const BaseRecord& record) {
   // One that says nothing was not written to its end.
   if (!record.base.empty()) {
-    for (const Mount& mount : exposedIn(record.base, {record})) unmount(mount);
+    unmountExposure(record);
   }
   if (record.file.empty()) removeFoldersBelow(record.base);
   std::for_each(record.folders.rbegin(), record.folders.rend(), &removeFolder);
@@ -81,10 +82,11 @@ void sweep(const BaseRecord& record) {
 
 // Of a base that no record tells of only the snapshots are known.
 void sweepNamed(const std::string& base, const std::vector<BaseRecord>& living) {
+  Patience patience;
   for (const Mount& mount : exposedIn(base, {})) {
     const bool used = std::any_of(living.begin(), living.end(),
                                   [&](const BaseRecord& record) { return liesWithin(mount.folder, record.base); });
-    if (!used && unmount(mount) && mount.folder != base) removeFolder(mount.folder);
+    if (!used && unmount(mount, patience) && mount.folder != base) removeFolder(mount.folder);
   }
 }
 
@@ -94,6 +96,11 @@ bool isOfExposure(const Mount& mount, const std::vector<BaseRecord>& records) {
   return isSnapshotDevice(mount.source) || std::any_of(records.begin(), records.end(), [&](const BaseRecord& record) {
            return std::find(record.binds.begin(), record.binds.end(), mount.folder) != record.binds.end();
          });
+}
+
+void unmountExposure(const BaseRecord& record) {
+  Patience patience;
+  for (const Mount& mount : exposedIn(record.base, {record})) unmount(mount, patience);
 }
 
 Outcome sweepBases(const std::string& base) {

@@ -16,6 +16,10 @@ namespace cli {
 // Whether a mount is a snapshot's, or one of the binds that a record tells of.
 bool isOfExposure(const Mount& mount, const std::vector<BaseRecord>& records);
 
+// Unmounts what is of the exposure that a record tells of, deepest first, and waits for who uses it for a moment. What
+// stays shows in the mount table.
+void unmountExposure(const BaseRecord& record);
+
 // Unmounts what is of exposures in the bases of dead processes and in `base`, unless that is empty, deepest first, and
 // removes the folders: those that the dead ones recorded, and in `base` those that a snapshot was mounted on. What
 // could not be done shows in what is still there; told is only why nothing could.

@@ -136,6 +136,11 @@ void checkRemains(Driver& driver, Findings& findings) {
         advice);
   for (const std::string& file : remains.relocationFiles)
     findings.add("leftover-file", file, "is a relocation file of no living process", advice);
+  for (const Trace& trace : remains.traces) {
+    const bool directory = trace.kind == Trace::Kind::kDirectory;
+    findings.add(directory ? "leftover-directory" : "leftover-probe", trace.path,
+                 directory ? "is an empty directory for relocation files" : "is a probe for writability", advice);
+  }
   for (const Mount& mount : remains.mounts)
     findings.add("leftover-mount", mount.folder, "is still mounted (" + mount.source + "), for a process that is gone",
                  advice);
@@ -143,6 +148,7 @@ void checkRemains(Driver& driver, Findings& findings) {
     findings.add("leftover-mount", mount.folder, causeOf(mount), adviceOn(mount));
   for (const std::string& base : remains.bases)
     findings.add("leftover-folder", base, "is the base of a process that is gone", advice);
+  for (const Failure& failure : remains.unknown) findings.add("leftover-unknown", failure);
 }
 
 void doctor(const DoctorOptions& options, Report& report) {

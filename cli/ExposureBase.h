@@ -42,6 +42,7 @@ class ExposureBase {
   ~ExposureBase() { remove(); }
 
   const std::string& path() const { return mRecord.base; }
+  const BaseRecord& record() const { return mRecord; }
 
  private:
   // What of a base was there before, as it was.

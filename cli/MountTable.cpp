@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <memory>
 
-#include "engine/GetDoneWrapper.h"
 #include "base/Handle.h"
+#include "engine/GetDoneWrapper.h"
 #include "qxtools/MountPointCollection.h"
 
 namespace cli {

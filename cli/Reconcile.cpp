@@ -2,10 +2,14 @@
 //
 // `mirelsnap reconcile`: removes what dead processes left, and tells what it was.
 #include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <memory>
+#include <set>
 
 #include <mirelsnap/SnapshotEngine.h>
 
+#include "Attempt.h"
 #include "BaseSweep.h"
 #include "Driver.h"
 #include "ExposureBase.h"
@@ -16,12 +20,16 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "driver/ControlDevice.h"
+#include "driver/DriverLock.h"
 
 namespace cli {
 namespace {
 
 using nlohmann::json;
 using UnixSnapshotCoordinator::IUscSnapshotEngine;
+
+// How long the removal of what is left waits for snapshots that are being taken.
+constexpr std::chrono::seconds kPatience{5};
 
 struct ReconcileOptions {
   std::string base;
@@ -31,17 +39,21 @@ struct ReconcileOptions {
 // What was found, and what of it is still there afterwards.
 class Removal {
  public:
-  Removal(const Remains& before, const Remains& after, Report& report)
-      : mBefore(before), mAfter(after), mReport(report) {}
+  // `causes` is what the library told of what it could not do.
+  Removal(const Remains& before, const Remains& after, const std::vector<Cause>& causes, Report& report)
+      : mBefore(before), mAfter(after), mCauses(causes), mReport(report) {}
 
   void tell() {
     tellSnapshots();
     tellMappings();
     tellRelocationFiles();
+    tellTraces();
     tellMounts();
     tellOthers();
     tellFolders();
     tellStrays();
+    tellUnknown();
+    tellFailedSteps();
   }
 
  private:
@@ -51,7 +63,7 @@ class Removal {
       note("snapshots",
            {{"device", snapshot.device}, {"relocation_file", snapshot.relocationFile}, {"pid", snapshot.process}},
            "snapshot of " + snapshot.device + ", taken by " + dead(snapshot.process), left, snapshot.device,
-           "is still snapped: the driver refused to discard the snapshot of " + dead(snapshot.process),
+           "is still snapped by " + dead(snapshot.process) + why("ioctl", "IOC_SNAP_DISCARD"),
            "look for MIRELSNAP_SDK in the system log");
     }
   }
@@ -63,15 +75,36 @@ class Removal {
       note("mappings",
            {{"device", mapping.device}, {"relocation_file", mapping.relocationFile}, {"pid", mapping.process}},
            "mapping of " + mapping.device + " to " + mapping.relocationFile + ", made by " + dead(mapping.process),
-           left, mapping.device, "is still mapped to " + mapping.relocationFile + " for " + dead(mapping.process),
+           left, mapping.device,
+           "is still mapped to " + mapping.relocationFile + " for " + dead(mapping.process) +
+               why("ioctl", "IOC_DELETE_RELOC_FILE_MAPPING"),
            "look for MIRELSNAP_SDK in the system log");
     }
   }
   void tellRelocationFiles() {
     for (const std::string& file : mBefore.relocationFiles) {
       const bool left = isIn(mAfter.relocationFiles, [&](const auto& other) { return other == file; });
+      if (left && isHeld(file)) {
+        mReport.document()["relocation_files"].push_back({{"path", file}, {"removed", false}});
+        continue;
+      }
       note("relocation_files", {{"path", file}}, "relocation file " + file, left, file,
-           "the relocation file could not be removed", "remove it by hand");
+           "the relocation file could not be removed" + why("unlink", file), "mend that, then run this again");
+    }
+  }
+  // By a snapshot or a mapping that is told of: then it must stay.
+  bool isHeld(const std::string& file) const {
+    const auto names = [&](const auto& holder) { return holder.relocationFile == file; };
+    return isIn(mAfter.snapshots, names) || isIn(mAfter.mappings, names);
+  }
+  void tellTraces() {
+    for (const Trace& trace : mBefore.traces) {
+      const bool left = isIn(mAfter.traces, [&](const Trace& other) { return other.id == trace.id; });
+      const bool directory = trace.kind == Trace::Kind::kDirectory;
+      const std::string what = directory ? "empty directory for relocation files" : "probe for writability";
+      note(directory ? "relocation_directories" : "probe_files", {{"path", trace.path}}, what + " " + trace.path, left,
+           trace.path, "the " + what + " could not be removed" + why(directory ? "rmdir" : "unlink", trace.path),
+           "mend that, then run this again");
     }
   }
   void tellMounts() {
@@ -107,6 +140,30 @@ class Removal {
            adviceOn(mount));
   }
 
+  void tellUnknown() {
+    std::set<std::string> told;
+    for (const std::vector<Failure>* unknown : {&mBefore.unknown, &mAfter.unknown}) {
+      for (const Failure& failure : *unknown) {
+        if (told.insert(failure.line()).second) mReport.failed(failure);
+      }
+    }
+  }
+  // The steps that failed and left nothing that has been told of.
+  void tellFailedSteps() {
+    std::set<std::string> told;
+    for (const Cause& cause : mCauses) {
+      if (!isOfWhatIsLeft(cause) && told.insert(cause.text()).second)
+        mReport.failed({kCannotCleanUp, kControlNode, "a step of the reconciliation failed: " + cause.text(),
+                        "mend that, then run this again"});
+    }
+  }
+  static bool isOfWhatIsLeft(const Cause& cause) {
+    const bool removal = cause.what.starts_with("unlink(") || cause.what.starts_with("rmdir(");
+    return (removal && cause.what.find(kControlNode) == std::string::npos) || cause.what == "ioctl(IOC_SNAP_DISCARD)" ||
+           cause.what == "ioctl(IOC_DELETE_RELOC_FILE_MAPPING)";
+  }
+  std::string why(const std::string& call, const std::string& object) const { return becauseOf(mCauses, call, object); }
+
   template <class Items, class Same>
   static bool isIn(const Items& items, Same same) {
     return std::any_of(items.begin(), items.end(), same);
@@ -123,6 +180,7 @@ class Removal {
 
   const Remains& mBefore;
   const Remains& mAfter;
+  const std::vector<Cause>& mCauses;
   Report& mReport;
 };
 
@@ -154,18 +212,47 @@ Outcome checkNamedBase(const std::string& base, Driver& driver) {
   return std::nullopt;
 }
 
-// The bases first: the driver keeps what is discarded while it is mounted. Whether the driver could be reconciled.
-bool sweep(const std::string& base, Report& report) {
+// The bases first: the driver keeps what is discarded while it is mounted. What the library's own sweep could not do.
+std::vector<Cause> sweep(const std::string& base, Report& report) {
   struct Release {
     void operator()(IUscSnapshotEngine* engine) const { engine->Release(); }
   };
   if (const Outcome failure = sweepBases(base)) report.failed(*failure);
   const std::unique_ptr<IUscSnapshotEngine, Release> engine((*GetCreatorFunction())());
-  return engine != nullptr && engine->DoReconcile(nullptr) >= 0;
+  if (engine == nullptr) return {{"the engine", "memory is short"}};
+  Attempt last;
+  const bool done = engine->DoReconcile(nullptr) >= 0;
+  std::vector<Cause> causes = last.causes();
+  if (!done && causes.empty()) causes.push_back({"the driver", "could not be reconciled"});
+  return causes;
+}
+
+// The traces that stand now, each after one more look, and what could not be done. On a frozen file system the removal
+// would wait for the thaw.
+std::vector<Trace> removeTraces(Driver& driver, const std::string& base, std::vector<Cause>& causes) {
+  const std::vector<Trace> traces = findRemains(driver, base).traces;
+  if (traces.empty()) return traces;
+  // A living process has each of them for a moment while it makes ready for a snapshot.
+  DriverLock lock;
+  lock.adoptNode();
+  if (lock.take(DriverLock::Kind::kExclusive, kPatience) == DriverLock::Outcome::kBusy) {
+    causes.push_back({kControlNode, "is locked by a process that takes a snapshot or removes one"});
+    return traces;
+  }
+  for (const Trace& trace : traces) {
+    const std::string call = trace.kind == Trace::Kind::kDirectory ? "rmdir(" : "unlink(";
+    if (driver.frozen(trace.volume)) {
+      causes.push_back({call + trace.path + ")", "not tried, as " + trace.volume + " is frozen"});
+    } else if (const int error = removeTrace(trace); error != 0) {
+      causes.push_back({call + trace.path + ")", std::strerror(error)});
+    }
+  }
+  return traces;
 }
 
 void reconcile(const ReconcileOptions& options, Report& report) {
-  for (const char* kind : {"snapshots", "mappings", "relocation_files", "mounts", "folders"})
+  for (const char* kind :
+       {"snapshots", "mappings", "relocation_files", "relocation_directories", "probe_files", "mounts", "folders"})
     report.document()[kind] = json::array();
   if (const Outcome failure = requireRoot("reconcile", "it unmounts, removes files and talks to the kernel driver"))
     return report.failed(*failure);
@@ -176,15 +263,12 @@ void reconcile(const ReconcileOptions& options, Report& report) {
     return report.failed({kUsage, options.base, "the working directory is gone", "name a full path"});
   if (const Outcome failure = checkNamedBase(base, driver); !base.empty() && failure) return report.failed(*failure);
 
-  const Remains before = findRemains(driver, base);
-  const bool swept = sweep(base, report);
+  Remains before = findRemains(driver, base);
+  std::vector<Cause> causes = sweep(base, report);
+  before.traces = removeTraces(driver, base, causes);
   const Remains after = findRemains(driver, base);
-  Removal(before, after, report).tell();
-  if (!swept && after.empty()) {
-    report.failed(
-        {kRefused, kControlNode, "the driver could not be reconciled", "look for MIRELSNAP_SDK in the system log"});
-  }
-  if (before.empty() && after.strays.empty()) report.print("Nothing is left of dead processes.\n");
+  Removal(before, after, causes, report).tell();
+  if (before.empty() && report.exitCode() == kSuccess) report.print("Nothing is left of dead processes.\n");
 }
 
 }  // namespace
@@ -201,7 +285,7 @@ void addReconcile(CLI::App& program, CommandLine& line) {
       "the binds that a run made; anything else stays and is told of (118), and so do\n"
       "snapshots of dead processes that are mounted elsewhere. A second run says that\n"
       "there is nothing.\n\n" +
-      exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kCannotCleanUp, kRefused}));
+      exitCodeHelp({kSuccess, kNotRoot, kNoDriver, kCannotCleanUp}));
 }
 
 }  // namespace cli

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <list>
 #include <optional>
 #include <set>
@@ -13,51 +14,55 @@
 #include "Processes.h"
 #include "SnapshotDevice.h"
 #include "driver/VolumeRecords.h"
-#include "reloc/LinuxSnapshotreloc.h"
 
 namespace cli {
 namespace {
 
-// A file, whatever path leads to it.
-using FileId = std::pair<dev_t, ino_t>;
-
-FileId idOf(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 ? FileId{status.st_dev, status.st_ino} : FileId{};
-}
-
 // What living processes hold.
 struct Held {
   std::set<FileId> files;
+  std::set<dev_t> fileSystems;      // that the files lie on, or will
   std::set<std::string> snapshots;  // their devices
 };
+
+void noteFile(const std::string& path, Held& held) {
+  held.files.insert(fileAt(path));
+  // The file may not be there yet, nor its directory.
+  held.fileSystems.insert(fileAt(std::filesystem::path(path).parent_path().parent_path()).first);
+}
 
 // Whether a living process holds it: then it is noted.
 bool note(const SnappedVolumeInformation& volume, Held& held) {
   if (isGone(volume.getAppPid())) return false;
-  held.files.insert(idOf(WStringToString(volume.getRelocFileName())));
+  noteFile(WStringToString(volume.getRelocFileName()), held);
   held.snapshots.insert(snapshotDeviceOf(volume));
   return true;
 }
 
 bool note(const RelocFileMappingInformation& mapping, Held& held) {
   if (isGone(mapping.getAppPid())) return false;
-  held.files.insert(idOf(mapping.getRelocFileName()));
+  noteFile(mapping.getRelocFileName(), held);
   return true;
 }
 
-// Of all relocation files those that no living process holds: those in the snapshots themselves are only pictures.
-std::vector<std::string> abandonedFiles(const std::list<std::string>& all, const std::set<FileId>& held,
-                                        const MountTable& table) {
-  std::vector<std::string> found;
-  for (const std::string& path : all) {
-    const std::optional<Mount> mount = table.holding(path.starts_with("//") ? path.substr(1) : path);
-    const bool picture = mount && isSnapshotDevice(mount->source);
-    const FileId id = idOf(path);
-    if (picture || id == FileId{} || held.contains(id)) continue;
-    if (std::find(found.begin(), found.end(), path) == found.end()) found.push_back(path);
-  }
-  return found;
+// Of all relocation files those that no living process holds.
+std::vector<std::string> abandonedFiles(std::vector<std::string> all, const std::set<FileId>& held) {
+  std::erase_if(all, [&](const std::string& path) {
+    const FileId id = fileAt(path);
+    return id == FileId{} || held.contains(id);
+  });
+  return all;
+}
+
+// Those that were there earlier too, where nobody is at work: a living process has each for a moment.
+std::vector<Trace> abandonedTraces(std::vector<Trace> now, const std::vector<Trace>& earlier,
+                                   const std::set<dev_t>& held) {
+  std::erase_if(now, [&](const Trace& trace) {
+    const bool lasts =
+        std::any_of(earlier.begin(), earlier.end(), [&](const Trace& other) { return other.id == trace.id; });
+    return !lasts || held.contains(trace.id.first);
+  });
+  return now;
 }
 
 // The snapshots' mounts that were there before the driver was asked and still are: one of a run that starts or ends
@@ -118,21 +123,27 @@ Remains findRemains(Driver& driver, const std::string& base) {
   // Living processes make and remove things meanwhile: what they hold is asked before these are looked for and after.
   Held held;
   const MountTable earlier;
-  for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
+  const std::vector<Trace> earlierTraces = findTraces(earlier);
+  std::list<SnappedVolumeInformation> snapped, snappedLater;
+  std::list<RelocFileMappingInformation> mapped, mappedLater;
+  Outcome unknown = driver.holdings(snapped, mapped);
+  for (const SnappedVolumeInformation& volume : snapped) {
     if (!note(volume, held))
       remains.snapshots.push_back({WStringToString(volume.getSnappedVolumeName()),
                                    WStringToString(volume.getRelocFileName()), volume.getAppPid()});
   }
-  for (const RelocFileMappingInformation& mapping : driver.mappings()) {
+  for (const RelocFileMappingInformation& mapping : mapped) {
     if (!note(mapping, held))
       remains.mappings.push_back({mapping.getSnappedVolumeName(), mapping.getRelocFileName(), mapping.getAppPid()});
   }
-  std::list<std::string> files;
-  LinuxSnapshotreloc("", 0, 0UL, 0UL).GetAllRelocationFiles(files);
-  for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) note(volume, held);
-  for (const RelocFileMappingInformation& mapping : driver.mappings()) note(mapping, held);
+  const std::vector<std::string> files = findRelocationFiles(earlier);
   const MountTable table;
-  remains.relocationFiles = abandonedFiles(files, held.files, table);
+  const std::vector<Trace> traces = findTraces(table);
+  if (const Outcome later = driver.holdings(snappedLater, mappedLater); !unknown) unknown = later;
+  for (const SnappedVolumeInformation& volume : snappedLater) note(volume, held);
+  for (const RelocFileMappingInformation& mapping : mappedLater) note(mapping, held);
+
+  remains.unknown = unknownBases();
   remains.bases = abandonedFolders();
   const std::vector<BaseRecord> records = abandonedBases();
   const std::vector<std::string> places = placesOf(records, base);
@@ -140,6 +151,12 @@ Remains findRemains(Driver& driver, const std::string& base) {
     for (const Mount& mount : table.under(place))
       (isOfExposure(mount, records) ? remains.mounts : remains.others).push_back(mount);
   }
+  if (unknown) {
+    remains.unknown.push_back(*unknown);
+    return remains;
+  }
+  remains.relocationFiles = abandonedFiles(files, held.files);
+  remains.traces = abandonedTraces(traces, earlierTraces, held.fileSystems);
   remains.strays = straysOf(earlier, table, held.snapshots, places);
   return remains;
 }

@@ -8,6 +8,7 @@
 
 #include "Driver.h"
 #include "MountTable.h"
+#include "RelocationTraces.h"
 
 namespace cli {
 
@@ -24,15 +25,17 @@ struct Remains {
   };
   std::vector<Snapshot> snapshots;
   std::vector<Mapping> mappings;
+  std::vector<Trace> traces;                 // on file systems where no living process keeps a relocation file
   std::vector<std::string> relocationFiles;  // on the mounted file systems, of no living process
   std::vector<Mount> mounts;                 // of exposures, in abandoned bases, deepest last
   std::vector<Mount> others;                 // what else is mounted in these, which nothing here removes
   std::vector<std::string> bases;            // folders that dead processes made: their bases, or what is in those
   std::vector<Mount> strays;                 // of snapshots that no living process holds, in bases that nobody named
+  std::vector<Failure> unknown;              // what could not be looked at; nothing is told then that depends on it
 
   bool empty() const {
-    return snapshots.empty() && mappings.empty() && relocationFiles.empty() && mounts.empty() && others.empty() &&
-           bases.empty() && strays.empty();
+    return snapshots.empty() && mappings.empty() && traces.empty() && relocationFiles.empty() && mounts.empty() &&
+           others.empty() && bases.empty() && strays.empty() && unknown.empty();
   }
 };
 

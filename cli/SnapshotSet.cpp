@@ -19,7 +19,6 @@
 #include "RelocationProgress.h"
 #include "SnapshotDevice.h"
 #include "Text.h"
-#include "Unmount.h"
 #include "Wide.h"
 #include "driver/ControlDevice.h"
 
@@ -333,7 +332,7 @@ std::vector<Failure> SnapshotSet::finish() {
   if (mExposed) {
     mEngine->UnExposeSnapshotsInSnapshotSet();
     // Before the deletion: the driver keeps the image of a snapshot that is discarded while it is mounted.
-    unmountAllBelow(mBase.path());
+    unmountExposure(mBase.record());
   }
   Attempt attempt;
   const int deletion =

@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Unmount.h"
 
-#include <sys/mount.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <thread>
-#include <vector>
 
-#include "MountTable.h"
 #include "Processes.h"
 #include "Text.h"
 
@@ -44,13 +40,6 @@ int Patience::unmount(const std::string& folder, const std::function<int()>& unm
     }
     std::this_thread::sleep_for(kPause);
   }
-}
-
-void unmountAllBelow(const std::string& base) {
-  Patience patience;
-  const std::vector<Mount> mounts = MountTable().under(base);
-  for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
-    patience.unmount(mount->folder, [&] { return umount2(mount->folder.c_str(), UMOUNT_NOFOLLOW) == 0 ? 0 : errno; });
 }
 
 }  // namespace cli

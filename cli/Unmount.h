@@ -22,7 +22,4 @@ class Patience {
   std::optional<Clock::time_point> mBegin;
 };
 
-// Unmounts so what is mounted at `base` and below it, the last mount first; what stays shows in the mount table.
-void unmountAllBelow(const std::string& base);
-
 }  // namespace cli

@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "Wide.h"
-#include "driver/VolumeRecords.h"
 #include "base/Handle.h"
+#include "driver/VolumeRecords.h"
 
 namespace cli {
 namespace {

@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Repairing what processes left that died while they held snapshots.
-#include "driver/Reconcile.h"
 
 #include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <memory>
 #include <new>
 #include <optional>
 
+#include "base/Causes.h"
 #include "base/Process.h"
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
@@ -31,8 +30,6 @@ using SnappedVolumes = std::list<SnappedVolumeInformation>;
 
 // How long the removal of what is left waits for snapshots that are being taken.
 constexpr std::chrono::seconds kPatience{5};
-
-std::atomic<bool> heldOff = false;
 
 bool readSnappedVolumes(SnapDriverInterface& driver, SnappedVolumes& volumes) {
   if (driver.GetSnappedVolumeDetails(volumes) == 0) return true;
@@ -140,8 +137,6 @@ void verifyAndCleanVolumes() {
 // waits for nobody. Each removal must ask mayRemove(), and look again at what it found before.
 class RemovalLock {
  public:
-  RemovalLock() { heldOff = false; }
-
   // False when other processes hold the lock for longer than the patience lasts, which is logged once.
   bool mayRemove() {
     if (!mAnswer) mAnswer = take();
@@ -152,7 +147,7 @@ class RemovalLock {
   bool take() {
     mLock.adoptNode();
     if (mLock.take(DriverLock::Kind::kExclusive, kPatience) != DriverLock::Outcome::kBusy) return true;
-    heldOff = true;
+    noteCause(kControlNode, "is locked by a process that takes a snapshot or removes one");
     syslog(LOG_ERR,
            "Snapshots and relocation files of dead processes are left: another process is taking a snapshot, or "
            "removing one; run reconcile again when it is done.\n");
@@ -164,8 +159,6 @@ class RemovalLock {
 };
 
 }  // namespace
-
-bool wasReconcileHeldOff() noexcept { return heldOff; }
 
 unsigned int SnapDriverInterface::ReconcileAndCleanup() {
   RemovalLock lock;

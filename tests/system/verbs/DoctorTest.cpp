@@ -298,6 +298,8 @@ TEST_F(Reconcile, removes_what_is_mounted_below_a_base_that_is_named) {
           {"mappings",
            {{{"device", volume.device()}, {"relocation_file", file}, {"pid", std::stoi(process)}, {"removed", true}}}},
           {"relocation_files", {{{"path", file}, {"removed", true}}}},
+          {"relocation_directories", Json::array()},
+          {"probe_files", Json::array()},
           {"mounts", {{{"folder", dir / "base" + volume.folder()}, {"source", snapshot}, {"removed", true}}}},
           {"folders", {{{"path", dir / "base"}, {"removed", true}}}},
           {"failures", Json::array()},
@@ -395,10 +397,11 @@ TEST_F(Reconcile, says_what_the_driver_keeps_and_is_118) {
   const std::string process = std::to_string(test::killedRun(keeping, volume, dir / "base"));
   const Ended ended = verb(keeping, {"reconcile"});
   EXPECT_EQ(ended.code, 118);
-  EXPECT_TRUE(ended.errors.starts_with("mirelsnap: " + volume.device() +
-                                       ": is still snapped: the driver refused to discard the snapshot of process " +
-                                       process + ", which is gone; look for MIRELSNAP_SDK in the system log\n"))
+  EXPECT_TRUE(ended.errors.starts_with(
+      "mirelsnap: " + volume.device() + ": is still snapped by process " + process +
+      ", which is gone: ioctl(IOC_SNAP_DISCARD): Input/output error; look for MIRELSNAP_SDK in the system log\n"))
       << ended.errors;
+  EXPECT_EQ(ended.errors.find("relocation file"), std::string::npos) << "that stays with its snapshot";
   EXPECT_EQ(keeping.takeComplaints(1).size(), 1u);
   EXPECT_EQ(verb(keeping, {"reconcile", "--base", dir / "base"}).code, 0);
   expectText(verb(keeping, {"reconcile"}), "Nothing is left of dead processes.\n");

@@ -139,6 +139,9 @@ TEST_F(JsonShapes, of_plan) {
 
 TEST_F(JsonShapes, of_reconcile) {
   test::killedRun(session, volume);
+  test::writeFile(volume.folder() + "/qorTESTfile.KQTA", "");
+  answer({"reconcile"});
+  std::filesystem::create_directory(volume.folder() + "/.verrelocarea");
   answer({"reconcile"});
   answer({"reconcile", "--base", "/"});
   expectIs("reconcile");
