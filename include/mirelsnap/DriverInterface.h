@@ -72,10 +72,10 @@ class MIRELSNAP_API SnapDriverInterface {
   // Takes the snapshots of all volumes at one instant. Fills each record's relocation fields and appends one
   // snapshot device name a volume, in list order; names may have been appended although it failed. 0; 3 also when
   // the list is empty, a device is in it twice, the memory's state cannot be read or leaves no room, a relocation
-  // file cannot be mapped, no tracking GUID can be made, or another process removes snapshots and makes no progress
-  // for a minute; 5; 6, after which a snapshot that was taken all the same is discarded; 7; 8; 11 the only volume is already snapped, or
-  // one is frozen; 12 one of several is already snapped; 20 a relocation file could not be placed; 26 a device's
-  // size changed.
+  // file cannot be mapped, no tracking GUID can be made, or another process removes snapshots and makes no
+  // progress for a minute; 5; 6, after which a snapshot that was taken all the same is discarded; 7; 8; 11 the
+  // only volume is already snapped, or one is frozen; 12 one of several is already snapped; 20 a relocation file
+  // could not be placed; 26 a device's size changed.
   int SnapVolume(std::list<SnapVolumeInformation>* volumes, std::list<std::wstring>* snapDeviceNames);
 
   // Discards the snapshots of the named block devices and removes their relocation files. `flag` is handed to

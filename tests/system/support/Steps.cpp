@@ -167,11 +167,5 @@ int umount2(const char* target, int flags) noexcept {
   static auto* const real = original<int(const char*, int)>("umount2");
   return real(target, flags);
 }
-
-int unlinkat(int directory, const char* name, int flags) noexcept {
-  step(std::string(flags == AT_REMOVEDIR ? "rmdir " : "unlink ") + name);
-  static auto* const real = original<int(int, const char*, int)>("unlinkat");
-  return real(directory, name, flags);
-}
 }
 #pragma GCC visibility pop
