@@ -354,6 +354,9 @@ int do_snap(struct request *rq)
 		 take_set(&set) ?: show_set(&set);
 	if (result)
 		undo_set(&set);
+	else
+		log_info("%u volumes from %s on snapped by process %u\n", set.count,
+			 set.entries[0]->volume_name, set.entries[0]->app_pid);
 	free_set(&set);
 	mutex_unlock(&snap_lock);
 	return result;
@@ -425,6 +428,8 @@ int do_discard(struct request *rq)
 		entry[i].result = 0;
 		strscpy(entry[i].reloc_file_name, going[i]->entry.reloc_file_name, MS_PATH_SIZE);
 		snapshot_end(going[i]);
+		log_info("the snapshot of %u:%u is discarded\n", entry[i].major_num,
+			 entry[i].minor_num);
 	}
 	kvfree(going);
 	return result;

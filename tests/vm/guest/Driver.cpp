@@ -243,6 +243,12 @@ std::vector<RelocFileMappingEntry> listMappings(std::uint32_t room) {
   return list<RelocFileMappingEntry>(IOC_GET_RELOC_FILE_MAPPING, room);
 }
 
+Discarded::~Discarded() {
+  for (const std::string& device : mDevices) {
+    if (check(IOC_CHECK_VOLUME_SNAPPED, device).status == -2) discard({device});
+  }
+}
+
 std::vector<std::string> snapshotLines() {
   std::ifstream file("/proc/mirelsnap/snapshots");
   std::vector<std::string> lines;

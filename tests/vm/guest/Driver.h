@@ -101,6 +101,18 @@ std::uint32_t count(unsigned long request);
 std::vector<SnappedVolumeEntry> listSnapped(std::uint32_t room);
 std::vector<RelocFileMappingEntry> listMappings(std::uint32_t room);
 
+// Discards what a test has left of them, before their file systems are unmounted.
+class Discarded {
+ public:
+  explicit Discarded(std::vector<std::string> devices) : mDevices(std::move(devices)) {}
+  ~Discarded();
+  Discarded(const Discarded&) = delete;
+  Discarded& operator=(const Discarded&) = delete;
+
+ private:
+  std::vector<std::string> mDevices;
+};
+
 // The lines of /proc/mirelsnap/snapshots; a word of one: wordOf(line, "state").
 std::vector<std::string> snapshotLines();
 std::string wordOf(const std::string& line, const std::string& key);

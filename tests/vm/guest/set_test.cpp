@@ -60,6 +60,7 @@ TEST(Set, of_two_file_systems_is_of_one_instant) {
   Mounted a = ext4("/dev/vda", "/mnt/a");
   Mounted b = ext4("/dev/vdb", "/mnt/b");
   Mounted store = ext4("/dev/vdc", "/mnt/c");
+  const Discarded discarded(kDisks);
   const SnapVolume ofA = snapOf("/dev/vda", store.makeFile("a", 64 * kMiB), "/dev/vdc");
   const SnapVolume ofB = snapOf("/dev/vdb", store.makeFile("b", 64 * kMiB), "/dev/vdc");
   Counter counter({a.path("number"), b.path("number")});
@@ -80,6 +81,7 @@ TEST(Set, of_two_file_systems_is_of_one_instant) {
 
 TEST(Set, is_taken_as_a_whole_or_not_at_all) {
   Mounted store = ext4("/dev/vdc", "/mnt/c");
+  const Discarded discarded(kDisks);
   const SnapVolume good = snapOf("/dev/vda", store.makeFile("a", 4 * kMiB), "/dev/vdc");
   SnapVolume bad = snapOf("/dev/vdb", store.makeFile("b", 4 * kMiB), "/dev/vdc");
   ++bad.entry.numBlocks;
@@ -95,6 +97,7 @@ TEST(Set, is_taken_as_a_whole_or_not_at_all) {
 
 TEST(Set, is_listed_in_the_order_in_which_it_was_named) {
   Mounted store = ext4("/dev/vdd", "/mnt/d");
+  const Discarded discarded(kDisks);
   std::vector<SnapVolume> volumes;
   for (const char* device : {"/dev/vdc", "/dev/vda", "/dev/vdb"}) {
     volumes.push_back(snapOf(device, store.makeFile(std::string("reloc") + device[7], 4 * kMiB), "/dev/vdd"));
@@ -112,6 +115,7 @@ TEST(Set, is_listed_in_the_order_in_which_it_was_named) {
 TEST(Set, of_two_volumes_that_hold_each_others_relocation_files) {
   Mounted a = ext4("/dev/vda", "/mnt/a");
   Mounted b = ext4("/dev/vdb", "/mnt/b");
+  const Discarded discarded(kDisks);
   a.makeFile("old", 32 * kMiB, true);
   b.makeFile("old", 32 * kMiB, true);
   const std::string onA = a.makeFile("reloc", 64 * kMiB);
@@ -138,6 +142,7 @@ TEST(Set, of_two_volumes_that_hold_each_others_relocation_files) {
 TEST(Set, a_later_relocation_file_on_a_snapped_volume_harms_the_earlier_snapshot_not) {
   Mounted a = ext4("/dev/vda", "/mnt/a");
   Mounted store = ext4("/dev/vdc", "/mnt/c");
+  const Discarded discarded(kDisks);
   a.makeFile("old", 160 * kMiB, true);
   fill("/dev/vdb", 1);
   freeze({"/dev/vda"});
@@ -156,11 +161,21 @@ TEST(Set, a_later_relocation_file_on_a_snapped_volume_harms_the_earlier_snapshot
   EXPECT_EQ(discard({"/dev/vda"}), (Result{0, 0}));
 }
 
+// Two partitions on /dev/vda, the second not on a boundary of 4 KiB.
+struct Partitioned {
+  Partitioned() {
+    run("printf 'n\\np\\n1\\n2048\\n133119\\nn\\np\\n2\\n133123\\n264191\\nw\\n' | fdisk -u /dev/vda >/dev/null 2>&1");
+  }
+  ~Partitioned() {
+    run("dd if=/dev/zero of=/dev/vda bs=512 count=1 conv=fsync >/dev/null 2>&1; blockdev --rereadpt /dev/vda");
+  }
+};
+
 TEST(Set, of_the_partitions_of_a_disk_sees_writes_to_the_whole_disk) {
-  // Two partitions, the second not on a boundary of 4 KiB.
-  ASSERT_TRUE(run("printf 'n\\np\\n1\\n2048\\n133119\\nn\\np\\n2\\n133123\\n264191\\nw\\n' | fdisk -u /dev/vda >/dev/null 2>&1"));
+  const Partitioned disk;
   ASSERT_EQ(access("/dev/vda2", F_OK), 0);
   Mounted store = ext4("/dev/vdc", "/mnt/c");
+  const Discarded discarded({"/dev/vda1", "/dev/vda2"});
   fill("/dev/vda1", 1);
   fill("/dev/vda2", 1);
   ASSERT_EQ(snap({snapOf("/dev/vda1", store.makeFile("1", 80 * kMiB), "/dev/vdc"),
@@ -177,7 +192,6 @@ TEST(Set, of_the_partitions_of_a_disk_sees_writes_to_the_whole_disk) {
   EXPECT_EQ(wrongSectors(snapshotOf("/dev/vda1"), 1), 0u);
   EXPECT_EQ(wrongSectors(snapshotOf("/dev/vda2"), 1), 0u);
   EXPECT_EQ(discard({"/dev/vda1", "/dev/vda2"}), (Result{0, 0}));
-  run("dd if=/dev/zero of=/dev/vda bs=512 count=1 conv=fsync >/dev/null 2>&1; blockdev --rereadpt /dev/vda");
 }
 
 }  // namespace
