@@ -87,6 +87,7 @@ static inline struct gendisk *alloc_disk_like(struct block_device *bdev)
 	if (disk) {
 		blk_queue_logical_block_size(disk->queue, bdev_logical_block_size(bdev));
 		blk_queue_physical_block_size(disk->queue, bdev_physical_block_size(bdev));
+		blk_queue_flag_set(QUEUE_FLAG_NONROT, disk->queue);
 	}
 	return disk;
 }

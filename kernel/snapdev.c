@@ -210,7 +210,6 @@ int snapdev_prepare(struct snapshot *snapshot)
 	disk->private_data = snapshot;
 	snprintf(disk->disk_name, sizeof(disk->disk_name), "snap%u_%u", MAJOR(snapshot->dev),
 		 MINOR(snapshot->dev));
-	blk_queue_flag_set(QUEUE_FLAG_NONROT, disk->queue);
 	set_capacity(disk, snapshot->sectors);
 	set_disk_ro(disk, true);
 	snapshot->disk = disk;

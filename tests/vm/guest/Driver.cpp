@@ -2,6 +2,7 @@
 #include "Driver.h"
 
 #include <fcntl.h>
+#include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -61,22 +62,42 @@ Result volumeList(unsigned long request, const std::vector<std::string>& devices
   return issued(command);
 }
 
+// Blocks from `start` on, added to the runs.
+void add(std::vector<_run>& runs, std::uint64_t start, std::uint64_t count) {
+  if (!runs.empty() && runs.back().startBlock + runs.back().numBlocks == start) {
+    runs.back().numBlocks += count;
+  } else {
+    runs.push_back({start, count});
+  }
+}
+
+// Where the file system says that the file's extents are, written or not; empty when it does not say.
+std::vector<_run> extentsOf(int file, std::uint32_t blockSize) {
+  constexpr unsigned int kRoom = 512;
+  std::vector<char> buffer(sizeof(fiemap) + kRoom * sizeof(fiemap_extent));
+  auto* map = reinterpret_cast<fiemap*>(buffer.data());
+  map->fm_length = FIEMAP_MAX_OFFSET;
+  map->fm_extent_count = kRoom;
+  std::vector<_run> runs;
+  if (ioctl(file, FS_IOC_FIEMAP, map) != 0) return runs;
+  for (unsigned int i = 0; i < map->fm_mapped_extents; ++i) {
+    add(runs, map->fm_extents[i].fe_physical / blockSize, map->fm_extents[i].fe_length / blockSize);
+  }
+  return runs;
+}
+
 std::vector<_run> runsOf(const std::string& path, std::uint32_t blockSize) {
   const Descriptor file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
   int fileBlock = 0;
   struct stat found;
   if (file.number < 0 || ioctl(file.number, FIGETBSZ, &fileBlock) != 0 || fstat(file.number, &found) != 0) fail(path);
+  std::vector<_run> runs = extentsOf(file.number, blockSize);
+  if (!runs.empty()) return runs;
   const std::uint64_t factor = static_cast<unsigned int>(fileBlock) / blockSize;
-  std::vector<_run> runs;
   for (int block = 0; block < (found.st_size + fileBlock - 1) / fileBlock; ++block) {
     int physical = block;
     if (ioctl(file.number, FIBMAP, &physical) != 0 || physical == 0) fail(path + " has a hole");
-    const std::uint64_t start = static_cast<std::uint64_t>(physical) * factor;
-    if (!runs.empty() && runs.back().startBlock + runs.back().numBlocks == start) {
-      runs.back().numBlocks += factor;
-    } else {
-      runs.push_back({start, factor});
-    }
+    add(runs, static_cast<std::uint64_t>(physical) * factor, factor);
   }
   return runs;
 }

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <memory>
 #include <thread>
 
 #include "Driver.h"
@@ -77,6 +79,61 @@ TEST(Set, of_two_file_systems_is_of_one_instant) {
     EXPECT_TRUE(run("umount /mnt/sa /mnt/sb"));
     ASSERT_EQ(discard({"/dev/vda", "/dev/vdb"}), (Result{0, 0}));
   }
+}
+
+// Sixteen volumes, each a piece of /dev/vdc, mounted.
+class Sixteen {
+ public:
+  static constexpr unsigned int kVolumes = 16;
+  Sixteen() {
+    const std::uint64_t share = sectorsOf("/dev/vdc") / kVolumes;
+    for (unsigned int i = 0; i < kVolumes; ++i) {
+      run("dmsetup --noudevsync --noudevrules create " + name(i) + " --table '0 " + std::to_string(share) +
+          " linear /dev/vdc " + std::to_string(i * share) + "'; dmsetup mknodes");
+      mMounted.push_back(std::make_unique<Mounted>(device(i), "/mnt/" + name(i), "ext4", "mkfs.ext4 -q -F"));
+    }
+  }
+  ~Sixteen() {
+    mMounted.clear();
+    for (unsigned int i = 0; i < kVolumes; ++i) run("dmsetup --noudevsync --noudevrules remove " + name(i));
+  }
+  static std::string device(unsigned int i) { return "/dev/mapper/" + name(i); }
+  static std::vector<std::string> devices() {
+    std::vector<std::string> all;
+    for (unsigned int i = 0; i < kVolumes; ++i) all.push_back(device(i));
+    return all;
+  }
+  const Mounted& operator[](unsigned int i) const { return *mMounted[i]; }
+
+ private:
+  static std::string name(unsigned int i) { return "piece" + std::to_string(i); }
+  std::vector<std::unique_ptr<Mounted>> mMounted;
+};
+
+TEST(Set, of_sixteen_volumes_is_of_one_instant) {
+  Mounted store = ext4("/dev/vdd", "/mnt/d");
+  Sixteen volumes;
+  const Discarded discarded(Sixteen::devices());
+  std::vector<SnapVolume> set;
+  std::vector<std::string> files;
+  for (unsigned int i = 0; i < Sixteen::kVolumes; ++i) {
+    set.push_back(snapOf(Sixteen::device(i), store.makeFile("reloc" + std::to_string(i), 12 * kMiB), "/dev/vdd"));
+    files.push_back(volumes[i].path("number"));
+  }
+  Counter counter(files);
+  counter.waitFor(3);
+  ASSERT_EQ(snap(set), (Result{0, 0}));
+  counter.waitFor(counter.number() + 3);
+  std::vector<std::uint64_t> numbers;
+  for (const std::string& device : Sixteen::devices()) {
+    ASSERT_TRUE(run("mkdir -p /mnt/s; mount -t ext4 -o ro,noload " + snapshotOf(device) + " /mnt/s"));
+    numbers.push_back(numberIn("/mnt/s/number"));
+    ASSERT_TRUE(run("umount /mnt/s"));
+  }
+  EXPECT_TRUE(std::is_sorted(numbers.rbegin(), numbers.rend())) << testing::PrintToString(numbers);
+  EXPECT_LE(numbers.front(), numbers.back() + 1);
+  EXPECT_GT(numbers.back(), 0u);
+  EXPECT_EQ(discard(Sixteen::devices()), (Result{0, 0}));
 }
 
 TEST(Set, is_taken_as_a_whole_or_not_at_all) {

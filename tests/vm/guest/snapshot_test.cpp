@@ -243,13 +243,14 @@ void churn(const Mounted& volume, int rounds) {
   }
 }
 
-void snapOnItself(const std::string& type, const std::string& make, const std::string& options, bool written = true) {
+void snapOnItself(const std::string& type, const std::string& make, const std::string& options,
+                  std::uint32_t blockSize = 4096, bool written = true) {
   Mounted volume("/dev/vda", "/mnt/a", type, make, options);
   const Discarded discarded({"/dev/vda"});
   volume.makeFile("old", 8 * kMiB, true);
-  volume.makeFile("reloc", 140 * kMiB, written);  // more than what remains
+  volume.makeFile("reloc", 200 * kMiB, written);  // more than what remains
   run("sync");
-  SnapVolume asked = snapOf("/dev/vda", volume.path("reloc"), "/dev/vda");
+  SnapVolume asked = snapOf("/dev/vda", volume.path("reloc"), "/dev/vda", blockSize);
   const Frozen frozen = snapFrozen(asked, "/dev/vda");
   ASSERT_EQ(frozen.result, (Result{0, 0}));
   churn(volume, 12);
@@ -264,16 +265,18 @@ TEST(FileSystem, ext4_with_its_relocation_file_on_itself) {
 }
 
 TEST(FileSystem, ext4_with_its_relocation_file_on_itself_allocated_but_not_written) {
-  snapOnItself("ext4", "mkfs.ext4 -q -F -b 4096 -E lazy_itable_init=0", "", false);
+  snapOnItself("ext4", "mkfs.ext4 -q -F -b 4096 -E lazy_itable_init=0", "", 4096, false);
 }
 
 TEST(FileSystem, ext4_with_small_blocks_and_its_relocation_file_on_itself) {
-  snapOnItself("ext4", "mkfs.ext4 -q -F -b 1024 -E lazy_itable_init=0", "");
+  snapOnItself("ext4", "mkfs.ext4 -q -F -b 1024 -E lazy_itable_init=0", "", 1024);
 }
 
-TEST(FileSystem, xfs_with_its_relocation_file_on_itself) { snapOnItself("xfs", "mkfs.xfs -q -f", "nouuid"); }
+TEST(FileSystem, xfs_with_its_relocation_file_on_itself_allocated_but_not_written) {
+  snapOnItself("xfs", "mkfs.xfs -q -f", "nouuid", 4096, false);
+}
 
-TEST(FileSystem, vfat_with_its_relocation_file_on_itself) { snapOnItself("vfat", "mkfs.vfat", ""); }
+TEST(FileSystem, vfat_with_its_relocation_file_on_itself) { snapOnItself("vfat", "mkfs.vfat", "", 512); }
 
 TEST(FileSystem, the_snapshot_of_ext4_is_clean_and_holds_the_old_files) {
   Mounted volume = ext4("/dev/vda", "/mnt/a");
