@@ -347,21 +347,27 @@ static struct frozen *next_to_freeze(struct request *rq)
 	return found;
 }
 
+static int freeze_claimed(struct request *rq, struct list_head *list)
+{
+	struct frozen *frozen;
+	int result = 0;
+
+	while (!result && (frozen = next_to_freeze(rq)))
+		result = freeze_one(rq, frozen);
+	if (result) {
+		mutex_lock(&volumes_lock);
+		take_back(rq, list);
+		mutex_unlock(&volumes_lock);
+	}
+	return result;
+}
+
 /* All or none. */
 int do_freeze(struct request *rq)
 {
-	LIST_HEAD(list);
-	struct frozen *frozen;
-	int result = open_volumes(rq, &list);
+	LIST_HEAD(list);	/* those that are not claimed, or not any more */
+	int result = open_volumes(rq, &list) ?: claim(rq, &list) ?: freeze_claimed(rq, &list);
 
-	result = result ?: claim(rq, &list);
-	while (!result && (frozen = next_to_freeze(rq)))
-		result = freeze_one(rq, frozen);
-	if (result && list_empty(&list)) {
-		mutex_lock(&volumes_lock);
-		take_back(rq, &list);
-		mutex_unlock(&volumes_lock);
-	}
 	if (result)
 		thaw_list(&list);
 	return result;

@@ -9,7 +9,7 @@
 namespace {
 
 #define SAME_SIZE(driver, library) static_assert(sizeof(struct driver) == sizeof(library))
-#define SAME_FIELD(driver, field, library, member)                       \
+#define SAME_FIELD(driver, field, library, member)                            \
   static_assert(offsetof(struct driver, field) == offsetof(library, member)); \
   static_assert(sizeof(((struct driver*)nullptr)->field) == sizeof(library::member))
 

@@ -21,9 +21,7 @@ namespace {
 
 constexpr char kNode[] = "/dev/mirelsnapctl";
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
-}
+[[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
 
 struct Descriptor {
   int number;

@@ -36,7 +36,7 @@ struct Descriptor {
 
 // Room for kMost sectors, aligned for direct I/O.
 struct Buffer {
-  std::uint64_t* words = static_cast<std::uint64_t*>(std::aligned_alloc(4096, kMost * kSector));
+  std::uint64_t* words = static_cast<std::uint64_t*>(std::aligned_alloc(4096, kMost* kSector));
   ~Buffer() { std::free(words); }
 };
 
@@ -217,7 +217,10 @@ void Writers::write(const std::string& device, Range range, std::uint64_t id, bo
   std::uint64_t generation = id << 40;
   while (!mStop) {
     const std::uint64_t kind = onlySmall ? 0 : random.below(100);
-    std::uint64_t length = kind < 60 ? 8 : kind < 75 ? 1 + random.below(64) : kind < 95 ? 8 * (1 + random.below(32)) : kMost;
+    std::uint64_t length = kind < 60   ? 8
+                           : kind < 75 ? 1 + random.below(64)
+                           : kind < 95 ? 8 * (1 + random.below(32))
+                                       : kMost;
     std::uint64_t offset = random.below(range.count);
     if (kind < 60) offset &= ~7ull;
     length = std::min(length, range.count - offset);

@@ -151,7 +151,8 @@ TEST(Commands, a_volume_that_is_not_there_is_not_snapped_and_cannot_be_frozen) {
 }
 
 TEST(Mappings, are_listed_in_the_order_in_which_they_were_made) {
-  const std::vector<SnapVolume> made = {pretended("/dev/c", "/c"), pretended("/dev/a", "/a"), pretended("/dev/b", "/b")};
+  const std::vector<SnapVolume> made = {pretended("/dev/c", "/c"), pretended("/dev/a", "/a"),
+                                        pretended("/dev/b", "/b")};
   for (const SnapVolume& volume : made) ASSERT_EQ(map(volume), (Result{0, 0}));
   // Made again, it keeps its place.
   ASSERT_EQ(map(pretended("/dev/a", "/a2")), (Result{0, 0}));
@@ -214,7 +215,8 @@ class Mutations {
 
   void change(Command& command) {
     static constexpr std::uint32_t kNumbers[] = {0, 1, 2, 0x7f, 0xff, 0x7fffffff, 0x80000000, 0xffffffff, 0x10001};
-    const std::size_t at = below(2) == 0 ? below(std::min<std::size_t>(command.size() - 4, 48)) : below(command.size() - 4);
+    const std::size_t at =
+        below(2) == 0 ? below(std::min<std::size_t>(command.size() - 4, 48)) : below(command.size() - 4);
     if (below(2) == 0) {
       command.put(at, kNumbers[below(std::size(kNumbers))]);
     } else {
@@ -224,7 +226,8 @@ class Mutations {
   }
 
   Command otherRequest(Command command) {
-    Command other(driverRequest(static_cast<unsigned int>(3 + below(24))), command.header().requestValue, command.size());
+    Command other(driverRequest(static_cast<unsigned int>(3 + below(24))), command.header().requestValue,
+                  command.size());
     for (std::size_t i = sizeof(_ioctlCmd); i < command.size(); ++i) other.put(i, command.bytes()[i]);
     return other;
   }

@@ -67,6 +67,18 @@ TEST(Freeze, of_a_set_with_a_frozen_one_freezes_none) {
   EXPECT_EQ(thaw({"/dev/vdb"}), (Result{0, 0}));
 }
 
+TEST(Freeze, that_is_refused_leaves_what_was_frozen_before) {
+  Mounted volume = ext4("/dev/vda", "/mnt/a");
+  ASSERT_EQ(freeze({"/dev/vda"}), (Result{0, 0}));
+  const Number number = numberOf("/dev/vda");
+  Command command(IOC_FREEZE, 2, 51);
+  command.putRecord(0, VolumeListEntry{4242, 1, 0});
+  command.putRecord(1, VolumeListEntry{number.major, number.minor, 0});
+  EXPECT_EQ(command.issue(), ENXIO);
+  EXPECT_EQ(check(IOC_CHECK_VOLUME_FROZEN, "/dev/vda"), (Result{0, -6}));
+  EXPECT_EQ(thaw({"/dev/vda"}), (Result{0, 0}));
+}
+
 TEST(Freeze, of_vfat_holds_it_too) {
   Mounted volume("/dev/vda", "/mnt/a", "vfat", "mkfs.vfat");
   ASSERT_EQ(freeze({"/dev/vda"}), (Result{0, 0}));

@@ -122,6 +122,49 @@ TEST_F(RawVolume, holds_still_under_small_writes_while_it_is_read) {
   EXPECT_EQ(wrongSectors(snapshotOf(kDevice), 1), 0u);
 }
 
+// A device over the volume, or one that is a volume: dmsetup's table says what it is.
+class Mapper {
+ public:
+  explicit Mapper(const std::string& table) {
+    run("dmsetup --noudevsync --noudevrules create upper --table '" + table + "'; dmsetup mknodes");
+  }
+  ~Mapper() { run("dmsetup --noudevsync --noudevrules remove upper"); }
+  static constexpr char kDevice[] = "/dev/mapper/upper";
+  static void reload(const std::string& table) {
+    run("dmsetup suspend upper; dmsetup load upper --table '" + table + "'; dmsetup resume upper");
+  }
+  static std::string linear(const std::string& device, std::uint64_t sectors) {
+    return "0 " + std::to_string(sectors) + " linear " + device + " 0";
+  }
+};
+
+// Bios come from inside another driver then.
+TEST_F(RawVolume, holds_still_when_it_is_written_through_a_device_above) {
+  const Mapper upper(Mapper::linear(kDevice, sectorsOf(kDevice)));
+  ASSERT_EQ(snap({volume(208 * kMiB)}), (Result{0, 0}));
+  Writers writers(Mapper::kDevice, {0, 200 * kMiB / 512}, 4);
+  writers.waitFor(600);
+  EXPECT_EQ(writers.stop(), 0);
+  EXPECT_EQ(wrongSectors(snapshotOf(kDevice), 1), 0u);
+}
+
+TEST_F(RawVolume, that_grows_keeps_what_it_had_and_is_not_kept_behind) {
+  const std::uint64_t before = 64 * kMiB / 512;
+  const Mapper grows(Mapper::linear("/dev/vdc", before));
+  fill(Mapper::kDevice, 1);
+  const Discarded discarded({Mapper::kDevice});
+  mStore.makeFile("reloc", 80 * kMiB);
+  ASSERT_EQ(snap({snapOf(Mapper::kDevice, mStore.path("reloc"), mStore.device())}), (Result{0, 0}));
+  Mapper::reload(Mapper::linear("/dev/vdc", 2 * before));
+  ASSERT_EQ(sectorsOf(Mapper::kDevice), 2 * before);
+  Writers writers(Mapper::kDevice, {0, 2 * before}, 3);  // one of them across the old end
+  writers.waitFor(300);
+  EXPECT_EQ(writers.stop(), 0);
+  EXPECT_EQ(sectorsOf(snapshotOf(Mapper::kDevice)), before);
+  EXPECT_EQ(wrongSectors(snapshotOf(Mapper::kDevice), 1), 0u);
+  EXPECT_EQ(discard({Mapper::kDevice}), (Result{0, 0}));
+}
+
 TEST_F(RawVolume, is_broken_when_its_relocation_file_is_full_and_the_volume_goes_on) {
   ASSERT_EQ(snap({volume(1 * kMiB)}), (Result{0, 0}));
   Writers writers(kDevice, whole(kDevice), 8);
