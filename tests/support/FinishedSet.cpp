@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FinishedSet.h"
 
-#include <chrono>
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <stdexcept>
-#include <thread>
 
+#include "OtherThread.h"
 #include "engine/GetDoneWrapper.h"
 
 namespace test {
@@ -65,8 +66,8 @@ void FinishedSet::finish(int snapResult) {
 int askedUnderLock(const std::function<int()>& ask, const std::function<void()>& change) {
   int answer = -1;
   pthread_mutex_lock(&MirelSnapshotEngine::sLock);
-  std::thread asking([&] { answer = ask(); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  OtherThread asking([&] { answer = ask(); });
+  EXPECT_TRUE(asking.comesToWait()) << "asked without the lock";
   change();
   pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
   asking.join();

@@ -19,6 +19,7 @@
 #include "BlockDevice.h"
 #include "LoopVolume.h"
 #include "SafetyNet.h"
+#include "Waiting.h"
 #include "World.h"
 
 namespace {
@@ -266,7 +267,7 @@ TEST_F(FileSystems, of_an_emulator_that_is_killed_are_thawed_by_its_net) {
   test::writeFile(folder / "file", "written");
   EXPECT_EQ(test::readFile(folder / "file"), "written");
   // The net lets go of the file system right after the thaw.
-  while (umount(folder.path().c_str()) != 0) usleep(1000);
+  EXPECT_TRUE(test::comesTrue([&] { return umount(folder.path().c_str()) == 0; }));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <future>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "Locale.h"
 #include "LoopVolume.h"
 #include "SystemCalls.h"
+#include "Waiting.h"
 #include "interpose/Allocations.h"
 
 namespace test {
@@ -155,7 +155,7 @@ TEST_F(IsVolumeSupported, a_fifo_is_0_and_nobody_waits_for_its_writer) {
   const std::string fifo = folder / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   auto answer = std::async(std::launch::async, [&] { return supported({fifo.begin(), fifo.end()}); });
-  const bool answered = answer.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  const bool answered = answer.wait_for(test::kPatience) == std::future_status::ready;
   EXPECT_TRUE(answered);
   if (!answered) close(open(fifo.c_str(), O_RDWR | O_CLOEXEC));  // the writer that it waits for
   EXPECT_EQ(answer.get(), 0);

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Starting the job.
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <future>
 #include <memory>
 
 #include "Interposed.h"
 #include "JobTest.h"
+#include "Waiting.h"
 #include "engine/GetDoneWrapper.h"
 #include "interpose/Allocations.h"
 
@@ -283,10 +282,9 @@ TEST_F(DoSnapshotSet, from_the_first_volume_to_the_last_result_nobody_needs_the_
     engine.addWithRelocation(volume);
     return engine->DoSnapshotSet(&job);
   });
-  const bool answered = started.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  const bool answered = started.wait_for(test::kPatience) == std::future_status::ready;
   // The worker needs it only to end the job.
-  for (int attempt = 0; answered && !isListed(setId) && attempt < 20'000; ++attempt) usleep(1000);
-  const bool listed = isListed(setId);
+  const bool listed = answered && test::comesTrue([&] { return isListed(setId); });
   const SnapshotState state = engine->mState;
   const int snapResult = engine->mSnapResult;
   pthread_mutex_unlock(&MirelSnapshotEngine::sLock);

@@ -5,11 +5,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <memory>
-#include <thread>
 #include <utility>
+
+#include "Waiting.h"
 
 namespace {
 
@@ -51,11 +51,7 @@ FailingCall::~FailingCall() { failure[mCall] = 0; }
 const ThreadStart& lastThreadStart() { return threadStart; }
 
 bool detachedThreadsEnded() {
-  for (int attempt = 0; detachedThreads != 0; ++attempt) {
-    if (attempt == 20'000) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+  return comesTrue([] { return detachedThreads == 0; });
 }
 
 Clock::Clock(timespec now) { shownTime = now; }

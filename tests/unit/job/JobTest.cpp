@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "JobTest.h"
 
-#include <chrono>
 #include <stdexcept>
 
 #include "Interposed.h"
+#include "Waiting.h"
 
 namespace test {
 namespace {
@@ -112,6 +112,6 @@ void Gate::pass() {
   mOpened.acquire();
 }
 
-bool Gate::reached() { return mReached.try_acquire_for(std::chrono::seconds(20)); }
+bool Gate::reached() { return mReached.try_acquire_for(test::kPatience); }
 
 }  // namespace test

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
-#include <chrono>
 #include <future>
 #include <semaphore>
 
 #include "Interposed.h"
 #include "JobTest.h"
+#include "OtherThread.h"
+#include "Waiting.h"
 #include "interpose/Allocations.h"
 
 namespace test {
@@ -66,7 +67,7 @@ TEST_F(StartSnapshotSet, the_state_is_tested_without_the_lock) {
   pthread_mutex_lock(&MirelSnapshotEngine::sLock);
   _SSGUIDPLAIN setId{};
   auto answer = std::async(std::launch::async, [&] { return engine->StartSnapshotSet(&setId); });
-  const bool answered = answer.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  const bool answered = answer.wait_for(test::kPatience) == std::future_status::ready;
   pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
   EXPECT_TRUE(answered);
   EXPECT_EQ(answer.get(), USC_E_BAD_STATE);
@@ -91,11 +92,10 @@ TEST_F(StartSnapshotSet, looks_for_the_set_in_progress_under_the_lock) {
   pthread_mutex_lock(&MirelSnapshotEngine::sLock);
   MirelSnapshotEngine::sUUID = {1, 2, 3, {}};
   _SSGUIDPLAIN setId{};
-  auto answer = std::async(std::launch::async, [&] { return engine->StartSnapshotSet(&setId); });
-  EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  test::OtherThread other([&] { EXPECT_EQ(engine->StartSnapshotSet(&setId), S_OK); });
+  EXPECT_TRUE(other.comesToWait());
   MirelSnapshotEngine::sUUID = {};
   pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
-  EXPECT_EQ(answer.get(), S_OK);
 }
 
 TEST_F(StartSnapshotSet, while_another_engine_has_a_set_there_is_no_message) {
@@ -218,11 +218,10 @@ TEST_F(WaitForNewSnapshotSet, looks_for_the_set_in_progress_under_the_lock) {
   const Engine engine;
   pthread_mutex_lock(&MirelSnapshotEngine::sLock);
   MirelSnapshotEngine::sUUID = {1, 2, 3, {}};
-  auto answer = std::async(std::launch::async, [&] { return engine->WaitForNewSnapshotSet(0); });
-  EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  test::OtherThread other([&] { EXPECT_EQ(engine->WaitForNewSnapshotSet(0), USC_S_ASYNC_FINISHED); });
+  EXPECT_TRUE(other.comesToWait());
   MirelSnapshotEngine::sUUID = {};
   pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
-  EXPECT_EQ(answer.get(), USC_S_ASYNC_FINISHED);
 }
 
 TEST_F(WaitForNewSnapshotSet, the_time_runs_out_while_the_set_is_in_progress) {

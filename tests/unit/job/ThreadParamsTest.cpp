@@ -2,12 +2,12 @@
 //
 // The hand-over between DoSnapshotSet and the worker.
 #include <cerrno>
-#include <chrono>
 #include <future>
 #include <memory>
 
 #include "Interposed.h"
 #include "JobTest.h"
+#include "OtherThread.h"
 #include "interpose/Allocations.h"
 
 namespace test {
@@ -92,10 +92,10 @@ TEST_F(SnapshotThreadParams, a_signal_is_given_under_the_mutex) {
 
 TEST_F(SnapshotThreadParams, a_wait_before_the_signal_ends_with_it) {
   Params* params = create();
-  auto waiter = std::async(std::launch::async, [&] { return params->Wait(); });
-  EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  test::OtherThread waiter([&] { EXPECT_EQ(params->Wait(), 0); });
+  EXPECT_TRUE(waiter.comesToWait());
   params->Signal();
-  EXPECT_EQ(waiter.get(), 0);
+  waiter.join();
   params->Done();
   engine->Release();
 }

@@ -6,6 +6,7 @@
 
 #include "Interposed.h"
 #include "JobTest.h"
+#include "OtherThread.h"
 
 namespace test {
 namespace {
@@ -214,13 +215,13 @@ TEST_F(QueryStatus, a_failed_job_has_its_failure_and_the_drivers_code) {
 TEST_F(QueryStatus, looks_under_the_engines_lock) {
   in(StateSnapshotSetDone, 0);
   pthread_mutex_lock(&MirelSnapshotEngine::sLock);
-  std::thread other([&] {
+  test::OtherThread other([&] {
     int status = 0;
     int snapResult = 0;
     engine.face()->QueryStatus(&status, &snapResult);
     EXPECT_EQ(snapResult, 12);
   });
-  usleep(20'000);
+  EXPECT_TRUE(other.comesToWait());
   engine->mSnapResult = 12;
   pthread_mutex_unlock(&MirelSnapshotEngine::sLock);
   other.join();

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "OtherThread.h"
 #include "qxtools/Log.h"
 
 #include <gtest/gtest.h>
@@ -272,15 +273,12 @@ TEST(QX_SetLogHandler, returns_only_when_the_old_handler_has_stopped_running) {
     std::unique_lock<std::mutex> hold(slow.mutex);
     slow.changed.wait(hold, [&] { return slow.entered; });
   }
-  std::atomic<bool> exchanged{false};
   bool leftBefore = false;
-  std::thread exchanger([&] {
+  test::OtherThread exchanger([&] {
     QX_SetLogHandler(nullptr, nullptr);
     leftBefore = slow.left;
-    exchanged = true;
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_FALSE(exchanged);
+  EXPECT_TRUE(exchanger.comesToWait());
   {
     const std::lock_guard<std::mutex> hold(slow.mutex);
     slow.mayLeave = true;

@@ -3,12 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <optional>
-#include <thread>
 
 #include "Builders.h"
 #include "Locale.h"
+#include "OtherThread.h"
 #include "Threading.h"
 #include "interpose/Allocations.h"
 
@@ -35,18 +34,15 @@ HeldSet setOf(std::uint8_t id, std::initializer_list<const SmallVolume*> volumes
 // Looks for `name`; while the search stands at the first set, another thread sets about `change`, which must wait.
 template <class Change>
 void searchDuring(Change change, LinuxGuardedSnapshotSetParamsArray& sets, const std::string& name) {
-  std::atomic<bool> changed{false};
-  std::thread thread;
+  std::optional<test::OtherThread> changing;
   {
     const test::BeforeNextLock standing([&] {
-      thread = std::thread([&] { changed = change(); });
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      EXPECT_FALSE(changed);
+      changing.emplace([&] { EXPECT_TRUE(change()); });
+      EXPECT_TRUE(changing->comesToWait());
     });
     EXPECT_NE(HeldVolume(sets.FindVolume(name.c_str())), nullptr);
   }
-  thread.join();
-  EXPECT_TRUE(changed);
+  EXPECT_TRUE(changing.has_value());
 }
 
 }  // namespace
