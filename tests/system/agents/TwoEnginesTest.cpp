@@ -4,13 +4,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <memory>
-#include <thread>
 
 #include "Agent.h"
 #include "Base.h"
 #include "DriverClient.h"
+#include "Gate.h"
+#include "ProcessState.h"
+#include "Waiting.h"
 
 namespace {
 
@@ -54,10 +56,13 @@ TEST(SecondEngine, that_waits_is_woken_when_the_firsts_set_is_deleted) {
   Engine first = agent.openedSet({&volume});
   ASSERT_EQ(first.snap(), 0);
   Engine second = agent.engine();
-  second.beginWaitForNewSet(60000);
-  EXPECT_EQ(second.endWaitForNewSet(100), std::nullopt);
+  second.beginWaitForNewSet(600'000);
+  EXPECT_TRUE(test::comesTrue([&] {
+    const std::vector<pid_t> threads = test::threadsOf(agent.id());
+    return std::any_of(threads.begin(), threads.end(), test::waitsForAThread);
+  }));
   EXPECT_EQ(first.deleteSet(), S_OK);
-  EXPECT_EQ(second.endWaitForNewSet(10000), USC_S_ASYNC_FINISHED);
+  EXPECT_EQ(second.endWaitForNewSet(), USC_S_ASYNC_FINISHED);
   ASSERT_EQ(second.start(), S_OK);
   ASSERT_EQ(second.add(volume), S_OK);
   EXPECT_EQ(second.snap(), 0);
@@ -185,20 +190,21 @@ TEST(Library, without_a_driver_says_so_in_each_of_its_ways) {
 }
 
 TEST(Agent, that_drops_the_library_while_its_job_runs_goes_on_and_so_does_the_job) {
-  const Volume volume("ext4", 256 << 20);
+  const Volume volume("xfs", 300 << 20);
+  test::Gate gate;
   Session session;
   DriverClient driver(session);
-  Agent agent(session);
+  Agent agent(session, {.environment = gate.environment("held-relocation-file")});
   Engine engine = agent.openedSet({&volume});
+  ASSERT_EQ(engine.setRelocation(0, volume.folder(), 256), S_OK);
+  const std::size_t threads = test::threadsOf(agent.id()).size();
   ASSERT_EQ(engine.startJob(), S_OK);
+  gate.waitForProgram();
   EXPECT_EQ(agent.call("unload")["result"], 0);
-  EXPECT_TRUE(driver.snapped().empty()) << "the job is done too early for this test";
-  for (int attempt = 0; attempt < 2000 && driver.snapped().empty(); ++attempt) {
-    ASSERT_TRUE(agent.process().running());
-    usleep(5000);
-  }
+  EXPECT_TRUE(driver.snapped().empty());
+  gate.letGoOn();
+  EXPECT_TRUE(test::comesTrue([&] { return test::threadsOf(agent.id()).size() == threads; })) << "the job goes on";
   EXPECT_EQ(driver.snapped().size(), 1u);
-  usleep(200000);  // for the thread's end
   EXPECT_TRUE(agent.process().running());
   EXPECT_NO_THROW(agent.messages());
   agent.kill();

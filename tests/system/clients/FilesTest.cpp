@@ -211,7 +211,6 @@ TEST(ARecipe, that_is_terminated_ends_when_its_client_has_and_leaves_nothing) {
     Recipe recipe(session, name, arguments, client);
     recipe.waitForClient();
     recipe.terminate();
-    usleep(100000);
     recipe.release();
     EXPECT_EQ(recipe.finish().code, 143) << name;
   }

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "Waiting.h"
+
 namespace test {
 namespace {
 
@@ -84,11 +86,8 @@ void Ledger::work() {
 }
 
 bool Ledger::goesOn(long more) const {
-  for (const long until = mAcknowledged + more; mAcknowledged < until;) {
-    if (mEnded) return false;
-    usleep(1000);
-  }
-  return true;
+  const long until = mAcknowledged + more;
+  return comesTrue([&] { return mEnded || mAcknowledged >= until; }) && mAcknowledged >= until;
 }
 
 long Ledger::lastBefore(const std::string& wanted, Moment moment) const {

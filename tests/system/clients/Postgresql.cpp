@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "LoopVolume.h"
+#include "Waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -89,11 +90,8 @@ Server::~Server() {
 }
 
 bool Server::becomesReady() {
-  while (!logHas("database system is ready to accept connections")) {
-    if (!mProcess.running()) return false;
-    usleep(5000);
-  }
-  return true;
+  const auto ready = [this] { return logHas("database system is ready to accept connections"); };
+  return comesTrue([&] { return ready() || !mProcess.running(); }) && ready();
 }
 
 std::string Server::ask(const std::string& statement) const {

@@ -2,7 +2,6 @@
 //
 // PostgreSQL with its data and its write-ahead log on two volumes: what one set of both is worth, and two sets are not.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -87,7 +86,7 @@ class PostgresqlCopyUnderLoad : public PostgresqlCopy {
     Ledger::makeTable(*live, "elsewhere");
     const Ended made = live->run("pgbench", {"--initialize", "--quiet", "postgres"});
     if (made.code != 0) throw std::runtime_error(made.errors);
-    pgbench.emplace(live->start("pgbench", {"--no-vacuum", "--client=4", "--time=120", "postgres"}));
+    pgbench.emplace(live->start("pgbench", {"--no-vacuum", "--client=4", "--time=86400", "postgres"}));
     for (int client = 0; client < 2; ++client) ledgers.push_back(std::make_unique<Ledger>(*live, client));
   }
 

@@ -4,9 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+
+#include "ProcessState.h"
+#include "Waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -29,21 +33,31 @@ Recipe::Recipe(Session& session, const std::string& name, const std::vector<std:
   // Stands before the client where programs are looked for.
   fs::create_directory(mDir / "bin");
   const std::string gate = mDir / ("bin/" + client);
-  writeFile(gate, "#!/bin/sh\n: >" + mDir / "held" + "\nwhile [ ! -e " + mDir / "released" +
-                      " ]; do sleep 0.01; done\nPATH=\"" + searchPath() + "\" exec " + client + " \"$@\"\n");
+  writeFile(gate, "#!/bin/sh\necho $PPID >" + mDir / "caller" + "\n: >" + mDir / "held" + "\nwhile [ ! -e " +
+                      mDir / "released" + " ]; do sleep 0.01; done\nPATH=\"" + searchPath() + "\" exec " + client +
+                      " \"$@\"\n");
   chmod(gate.c_str(), 0755);
   environment["PATH"] = mDir / "bin" + ":" + searchPath();
   mProcess = session.start(command(name, arguments), {.environment = std::move(environment)});
 }
 
 void Recipe::waitForClient() {
-  while (!fs::exists(mDir / "held")) {
-    if (!mProcess->running()) throw std::runtime_error("the recipe ends early: " + mProcess->errors());
-    usleep(5000);
+  const auto held = [this] { return fs::exists(mDir / "held"); };
+  if (!comesTrue([&] { return held() || !mProcess->running(); }) || !held()) {
+    throw std::runtime_error("the recipe does not come to its client: " + mProcess->errors());
   }
 }
 
 void Recipe::release() { writeFile(mDir / "released", ""); }
+
+void Recipe::terminate() {
+  mProcess->signal(SIGTERM);
+  // mirelsnap passes it on to the shell that called the client.
+  const pid_t caller = std::stoi(readFile(mDir / "caller"));
+  if (!comesTrue([&] { return hasTaken(mProcess->id(), SIGTERM) && hasTaken(caller, SIGTERM); })) {
+    throw std::runtime_error("the recipe does not take its signal");
+  }
+}
 
 Ended Recipe::finish() {
   const int code = mProcess->wait();

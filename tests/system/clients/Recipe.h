@@ -26,7 +26,8 @@ class Recipe {
   void waitForClient();
   // Lets the client go on.
   void release();
-  void terminate() { mProcess->signal(SIGTERM); }
+  // Sends SIGTERM; returns when it has arrived everywhere.
+  void terminate();
   Ended finish();
 
   // The same in one, with nothing held.

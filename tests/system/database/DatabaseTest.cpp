@@ -3,13 +3,13 @@
 // A database writes while it is snapped: what the snapshot holds is a database, with every transaction that was
 // acknowledged before.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <sstream>
 
 #include "Agent.h"
 #include "Base.h"
+#include "Waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -43,7 +43,7 @@ class Database {
     return last;
   }
   void waitFor(long transaction) {
-    while (acknowledged() < transaction && mWriter.running()) usleep(5000);
+    EXPECT_TRUE(test::comesTrue([&] { return acknowledged() >= transaction || !mWriter.running(); }));
     EXPECT_TRUE(mWriter.running()) << mWriter.errors();
   }
 

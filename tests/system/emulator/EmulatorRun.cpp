@@ -227,14 +227,6 @@ Finished runToTheEnd(std::vector<std::string> options, std::vector<std::string> 
   return {exitCode, run.output(), run.errors()};
 }
 
-bool comesTrue(const std::function<bool()>& done) {
-  for (int i = 0; i < 1000; ++i) {
-    if (done()) return true;
-    usleep(5000);
-  }
-  return false;
-}
-
 std::vector<std::string> loopDevicesOver(const std::string& folder) {
   std::vector<std::string> devices;
   for (const auto& device : std::filesystem::directory_iterator("/sys/block")) {

@@ -118,9 +118,6 @@ struct Finished {
 Finished runToTheEnd(
     std::vector<std::string> options, std::vector<std::string> command, const std::function<void()>& prepare = [] {});
 
-// Whether `done` comes true within some seconds.
-bool comesTrue(const std::function<bool()>& done);
-
 // The loop devices whose file lies, or lay, in a folder.
 std::vector<std::string> loopDevicesOver(const std::string& folder);
 

@@ -24,6 +24,8 @@
 #include <filesystem>
 
 #include "EmulatorRun.h"
+#include "ProcessState.h"
+#include "Waiting.h"
 #include "World.h"
 #include "base/Handle.h"
 
@@ -230,6 +232,7 @@ TEST(End, of_a_killed_emulator_takes_the_command_with_it_and_is_cleaned_up_behin
 
 TEST(End, leaves_the_default_store_as_it_was) {
   const Volume volume("ext4", 16 << 20);
+  const test::Mounted store("tests", "/var/tmp", "tmpfs");  // of which nobody else knows
   const auto entries = [] {
     return std::distance(std::filesystem::directory_iterator("/var/tmp"), std::filesystem::directory_iterator());
   };
@@ -297,9 +300,7 @@ TEST(End, a_command_that_does_not_want_to_end_is_killed) {
   ASSERT_TRUE(comesTrue([&] { return exists(dir / "ready"); }));
   run.signal(SIGTERM);
   EXPECT_EQ(run.wait(), 137);
-  const auto lasted = std::chrono::steady_clock::now() - start;
-  EXPECT_GT(lasted, std::chrono::seconds(10));
-  EXPECT_LT(lasted, std::chrono::seconds(20));
+  EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << "what it is given";
 }
 
 TEST(End, processes_that_the_command_left_get_SIGTERM_and_are_still_served) {
@@ -312,7 +313,7 @@ TEST(End, processes_that_the_command_left_get_SIGTERM_and_are_still_served) {
   EXPECT_EQ(test::readFile(dir / "said"), "1 3\n");
 }
 
-TEST(End, processes_that_ignore_SIGTERM_or_are_stopped_are_gone_after_two_seconds) {
+TEST(End, processes_that_ignore_SIGTERM_or_are_stopped_are_killed_after_two_seconds) {
   const test::TempDir dir;
   const auto start = std::chrono::steady_clock::now();
   const auto done = runToTheEnd({}, shell("setsid sh -c 'trap \"\" TERM; echo $$ > " + dir / "a" +
@@ -325,7 +326,7 @@ TEST(End, processes_that_ignore_SIGTERM_or_are_stopped_are_gone_after_two_second
   EXPECT_EQ(done.exitCode, 0);
   EXPECT_NE(kill(std::stoi(test::readFile(dir / "a")), 0), 0);
   EXPECT_NE(kill(std::stoi(test::readFile(dir / "b")), 0), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+  EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << "what they are given";
 }
 
 TEST(End, gives_up_a_snap_whose_client_is_gone) {
@@ -338,10 +339,14 @@ TEST(End, gives_up_a_snap_whose_client_is_gone) {
   const pid_t client = run->process();
   ASSERT_EQ(ioctl(root.get(), FIFREEZE, 0), 0);  // the snap waits for its store
   run->begin(IOC_SNAP, test::snapCommand({candidate.wire()}));
-  usleep(100000);
+  const pid_t emulator = run.emulator().process();
+  EXPECT_TRUE(comesTrue([&] {
+    const std::vector<pid_t> threads = test::threadsOf(emulator);
+    return std::any_of(threads.begin(), threads.end(), [](pid_t thread) { return test::stateOf(thread) == 'D'; });
+  }));
   run.emulator().signal(SIGTERM);
   EXPECT_TRUE(comesTrue([&] { return kill(client, 0) != 0; }));
-  usleep(200000);
+  EXPECT_TRUE(comesTrue([&] { return test::waitsForAThread(emulator); })) << "for the one with the snap";
   ioctl(root.get(), FITHAW, 0);
   EXPECT_EQ(run.emulator().wait(), 143);
   EXPECT_FALSE(exists(candidate.node()));

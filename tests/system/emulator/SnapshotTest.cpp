@@ -14,11 +14,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <thread>
 
 #include "EmulatorRun.h"
+#include "ProcessState.h"
+#include "Waiting.h"
 #include "World.h"
 #include "base/Handle.h"
 
@@ -217,11 +218,7 @@ TEST(Snap, of_sixteen_volumes_at_once) {
 // ---- others meanwhile
 
 // Whether a process waits for the answer to a device request.
-bool isInRequest(pid_t process) {
-  std::ifstream call(std::string(test::kRealProc) + "/" + std::to_string(process) + "/syscall");
-  std::string number;
-  return call >> number && number == std::to_string(SYS_ioctl);
-}
+bool isInRequest(pid_t process) { return test::isInCall(process, SYS_ioctl); }
 
 // A store that takes no writes until it is let go: a snap into it lasts as long as a test wants.
 class StuckStore {

@@ -10,12 +10,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <memory>
 #include <string>
 
 #include "EmulatorRun.h"
+#include "ProcessState.h"
+#include "Waiting.h"
 #include "World.h"
 #include "base/Handle.h"
 
@@ -45,24 +46,26 @@ class Terminal {
   }
   // Waits until the terminal shows a text, and forgets all up to it.
   bool shows(const std::string& text) {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (true) {
-      if (const std::size_t at = mSeen.find(text); at != std::string::npos) {
-        mSeen.erase(0, at + text.size());
-        return true;
-      }
-      pollfd waiting{mMaster.get(), POLLIN, 0};
-      char piece[1024];
-      const ssize_t got = poll(&waiting, 1, 100) == 1 ? read(mMaster.get(), piece, sizeof piece) : 0;
-      if (got > 0) mSeen.append(piece, static_cast<std::size_t>(got));
-      if (std::chrono::steady_clock::now() > until) break;
-    }
-    ADD_FAILURE() << "\"" << text << "\" is not shown, but \"" << mSeen << "\"";
-    return false;
+    const bool shown = test::comesTrue([&] { return readOn().find(text) != std::string::npos; });
+    EXPECT_TRUE(shown) << "\"" << text << "\" is not shown, but \"" << mSeen << "\"";
+    if (shown) mSeen.erase(0, mSeen.find(text) + text.size());
+    return shown;
+  }
+  // Waits until `program` gets what is typed.
+  bool givesKeysTo(const std::string& program) {
+    return test::comesTrue([&] { return test::runsInForeground(mMaster.get(), program); });
   }
   test::EmulatorRun& emulator() { return *mRun; }
 
  private:
+  const std::string& readOn() {
+    pollfd waiting{mMaster.get(), POLLIN, 0};
+    char piece[1024];
+    const ssize_t got = poll(&waiting, 1, 0) == 1 ? read(mMaster.get(), piece, sizeof piece) : 0;
+    if (got > 0) mSeen.append(piece, static_cast<std::size_t>(got));
+    return mSeen;
+  }
+
   test::TempDir mFolder;
   test::Mounted mPts;
   UniqueFd mMaster;
@@ -82,13 +85,13 @@ TEST_F(OnATerminal, a_shell_stops_continues_and_interrupts_its_jobs) {
   EXPECT_TRUE(terminal.shows("ready$ "));
   terminal.type("sleep 1000\n");
   EXPECT_TRUE(terminal.shows("sleep 1000\r\n"));
-  usleep(200000);
+  EXPECT_TRUE(terminal.givesKeysTo("sleep"));
   terminal.type("\x1A");
   EXPECT_TRUE(terminal.shows("Stopped"));
   EXPECT_TRUE(terminal.shows("ready$ "));
   terminal.type("fg\n");
   EXPECT_TRUE(terminal.shows("sleep 1000\r\n"));
-  usleep(200000);
+  EXPECT_TRUE(terminal.givesKeysTo("sleep"));
   terminal.type("\x03");
   EXPECT_TRUE(terminal.shows("ready$ "));
   terminal.type("echo status $?\n");
@@ -98,9 +101,9 @@ TEST_F(OnATerminal, a_shell_stops_continues_and_interrupts_its_jobs) {
 }
 
 TEST_F(OnATerminal, a_typed_interrupt_is_the_commands_to_handle) {
-  Terminal terminal({"sh", "-c", "trap 'echo interrupted' INT; echo begun; sleep 1000; echo after; exit 4"});
+  Terminal terminal(
+      {"sh", "-c", "trap 'echo interrupted' INT; sh -c 'echo begun; exec sleep 1000'; echo after; exit 4"});
   ASSERT_TRUE(terminal.shows("begun"));
-  usleep(200000);
   terminal.type("\x03");
   EXPECT_TRUE(terminal.shows("interrupted"));
   EXPECT_TRUE(terminal.shows("after"));
@@ -110,7 +113,6 @@ TEST_F(OnATerminal, a_typed_interrupt_is_the_commands_to_handle) {
 TEST_F(OnATerminal, a_typed_interrupt_ends_a_command_that_does_not_handle_it) {
   Terminal terminal({"sh", "-c", "echo begun; exec sleep 1000"});
   ASSERT_TRUE(terminal.shows("begun"));
-  usleep(200000);
   terminal.type("\x03");
   EXPECT_EQ(terminal.emulator().wait(), 130);
 }

@@ -142,8 +142,13 @@ TEST_F(RunCommand, gets_its_arguments_and_its_working_directory_as_they_are) {
 }
 
 TEST_F(RunCommand, that_left_processes_behind_outside_the_snapshot_does_not_hinder_the_clean_up) {
+  const test::TempDir dir;
   Session session;
-  EXPECT_EQ(runScript(session, {"--volume", volume.device()}, "cd /; sleep 0.3 >/dev/null 2>&1 & exit 3").code, 3);
+  EXPECT_EQ(runScript(session, {"--volume", volume.device()},
+                      "cd /; until [ -e " + dir / "go" + " ]; do sleep 0.01; done >/dev/null 2>&1 & exit 3")
+                .code,
+            3);
+  test::writeFile(dir / "go", "");
 }
 
 TEST_F(RunCommand, reads_a_snapshot_that_equals_the_instant_while_the_live_files_move_on) {
@@ -156,7 +161,7 @@ TEST_F(RunCommand, reads_a_snapshot_that_equals_the_instant_while_the_live_files
                          {"/bin/sh", "-c",
                           "echo ready; until [ -e " + copy.path() +
                               "/go ]; do sleep 0.01; done; cp -a $MIRELSNAP_VOLUME_1/. " + copy.path() + "/copy"}));
-  while (process.running() && process.output() != "ready\n") usleep(10000);
+  ASSERT_TRUE(process.writesLine()) << process.errors();
   test::disturbTree(volume.folder());
   test::writeFile(copy / "go", "");
   EXPECT_EQ(process.wait(), 0) << process.errors();
@@ -213,9 +218,15 @@ TEST_F(RunCommand, sees_a_bind_inside_another_whatever_their_order_and_spelling)
 
 TEST_F(RunCommand, runs_beside_another_run_on_another_volume) {
   const Volume other("ext4", 32 << 20);
+  const test::TempDir dir;
   Session session;
-  test::Process first = session.start(test::runArguments({"--volume", volume.device()}, {"/bin/sleep", "0.5"}));
-  test::Process second = session.start(test::runArguments({"--volume", other.device()}, {"/bin/sleep", "0.5"}));
+  const auto start = [&](const Volume& its, const std::string& own, const std::string& others) {
+    return session.start(test::runArguments(
+        {"--volume", its.device()},
+        {"/bin/sh", "-c", ": >" + dir / own + "; until [ -e " + dir / others + " ]; do sleep 0.01; done"}));
+  };
+  test::Process first = start(volume, "first", "second");
+  test::Process second = start(other, "second", "first");
   EXPECT_EQ(first.wait(), 0) << first.errors();
   EXPECT_EQ(second.wait(), 0) << second.errors();
 }

@@ -151,7 +151,8 @@ TEST(RunVerbose, into_a_pipe_that_nobody_reads_still_runs_and_cleans_up) {
   const test::TempDir dir;
   Session session;
   session.shell(std::string("{ ") + MIRELSNAP_PROGRAM + " run --verbose --json --volume " + volume.device() +
-                " -- sh -c 'sleep 0.3; exit 6'; echo $? >" + (dir / "code") + "; } 2>&1 | true");
+                " -- sh -c 'until [ -e " + dir / "gone" + " ]; do sleep 0.01; done; exit 6'; echo $? >" + dir / "code" +
+                "; } 2>&1 | { exec <&-; : >" + dir / "gone" + "; }");
   EXPECT_EQ(test::readFile(dir / "code"), "6\n");
 }
 

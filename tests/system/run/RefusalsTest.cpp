@@ -17,6 +17,7 @@
 #include "DriverClient.h"
 #include "MountList.h"
 #include "Run.h"
+#include "Waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -182,7 +183,7 @@ TEST(RunRefused, on_a_volume_that_is_just_being_snapped_is_114) {
   test::Process first = session.start(test::runArguments({"--volume", volume.device()}, kTrue),
                                       {.environment = test::withMischief("stop-after-mapping")});
   test::DriverClient driver(session);
-  while (first.running() && driver.mappings().empty()) usleep(1000);
+  ASSERT_TRUE(test::comesTrue([&] { return !first.running() || !driver.mappings().empty(); })) << first.errors();
   expectFailure(run(session, {"--volume", volume.device()}, kTrue), 114,
                 "mirelsnap: " + volume.device() + ": is being snapped by process " + std::to_string(first.id()) +
                     " (mirelsnap); wait until that snapshot is deleted");
@@ -338,8 +339,8 @@ TEST_F(RunRefusedBase, on_which_something_is_mounted_is_117) {
 TEST_F(RunRefusedBase, that_a_killed_run_left_its_snapshot_in_is_117_and_free_after_what_it_is_told_to_do) {
   const std::string base = dir / "base";
   const Texts options = {"--volume", volume.device(), "--base", base};
-  test::Process killed = session.start(test::runArguments(options, {"/bin/sh", "-c", "echo $$; exec sleep 60"}));
-  while (killed.running() && killed.output().empty()) usleep(1000);
+  test::Process killed = session.start(test::runArguments(options, {"/bin/sh", "-c", "echo $$; exec sleep infinity"}));
+  ASSERT_TRUE(killed.writesLine()) << killed.errors();
   killed.kill();
   kill(std::stoi(killed.output()), SIGKILL);
   expectFailure(run(session, options, kTrue), 117,
@@ -417,7 +418,8 @@ TEST(RunCannotCleanUp, while_a_process_sits_in_the_exposed_tree_is_118) {
   const TempDir dir;
   Session session;
   const Ended ended = runScript(session, {"--volume", volume.device(), "--base", dir / "base"},
-                                "cd $MIRELSNAP_VOLUME_1; sleep 60 >/dev/null 2>&1 & echo $!");
+                                "cd $MIRELSNAP_VOLUME_1; sleep infinity >/dev/null 2>&1 & "
+                                "until [ $(cat /proc/$!/comm) = sleep ]; do :; done; echo $!");
   const std::string exposed = dir / "base" + volume.folder();
   const std::string sleeper = ended.output.substr(0, ended.output.size() - 1);
   EXPECT_EQ(ended.code, 118);
@@ -427,7 +429,7 @@ TEST(RunCannotCleanUp, while_a_process_sits_in_the_exposed_tree_is_118) {
                               "; stop what uses it, then: umount " + exposed + "\n");
   kill(std::stoi(sleeper), SIGKILL);
   // What the line says is to be done is enough.
-  for (int attempt = 0; attempt < 100 && umount(exposed.c_str()) != 0; ++attempt) usleep(20000);
+  EXPECT_TRUE(test::comesTrue([&] { return umount(exposed.c_str()) == 0; }));
   EXPECT_EQ(test::mountsUnder(dir.path()), Texts());
   EXPECT_EQ(session.run({MIRELSNAP_PROGRAM, "reconcile"}).output, "Removed the folder " + dir / "base" + "\n");
 }
@@ -451,9 +453,9 @@ TEST(RunCannotCleanUp, when_the_driver_keeps_the_snapshot_is_118) {
 TEST(RunAfterAKilledRun, removes_what_that_left_and_snaps_the_same_volume) {
   const Volume volume("ext4", 32 << 20);
   Session session;
-  test::Process killed =
-      session.start(test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep 60"}));
-  while (killed.running() && killed.output().empty()) usleep(1000);
+  test::Process killed = session.start(
+      test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep infinity"}));
+  ASSERT_TRUE(killed.writesLine()) << killed.errors();
   const std::string base = "/run/mirelsnap/" + std::to_string(killed.id());
   killed.kill();
   kill(std::stoi(killed.output()), SIGKILL);
@@ -490,10 +492,10 @@ TEST(RunAfterAKilledRun, leaves_live_folders_alone_that_were_bound_and_are_in_us
   fs::create_directories(live.folder() + "/used");
   fs::create_directories(live.folder() + "/empty/empty");
   Session session;
-  test::Process killed = session.start(
-      test::runArguments({"--volume", volume.device(), "--bind", live.folder()},
-                         {"/bin/sh", "-c", "cd $MIRELSNAP_BASE" + live.folder() + "/used; echo $$; exec sleep 60"}));
-  while (killed.running() && killed.output().empty()) usleep(1000);
+  test::Process killed = session.start(test::runArguments(
+      {"--volume", volume.device(), "--bind", live.folder()},
+      {"/bin/sh", "-c", "cd $MIRELSNAP_BASE" + live.folder() + "/used; echo $$; exec sleep infinity"}));
+  ASSERT_TRUE(killed.writesLine()) << killed.errors();
   const std::string base = "/run/mirelsnap/" + std::to_string(killed.id());
   killed.kill();
   EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
@@ -501,7 +503,7 @@ TEST(RunAfterAKilledRun, leaves_live_folders_alone_that_were_bound_and_are_in_us
   EXPECT_TRUE(fs::exists(live.folder() + "/empty/empty"));
   EXPECT_TRUE(fs::exists(live.folder() + "/used"));
   kill(std::stoi(killed.output()), SIGKILL);
-  for (int attempt = 0; attempt < 100 && umount((base + live.folder()).c_str()) != 0; ++attempt) usleep(20000);
+  EXPECT_TRUE(test::comesTrue([&] { return umount((base + live.folder()).c_str()) == 0; }));
   EXPECT_EQ(test::mountsUnder(base), Texts());
   EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
   EXPECT_FALSE(fs::exists(base));
@@ -511,14 +513,14 @@ TEST(RunAfterAKilledRun, leaves_what_a_living_one_holds_alone) {
   const Volume volume("ext4", 32 << 20);
   const Volume held("ext4", 32 << 20);
   Session session;
-  test::Process killed =
-      session.start(test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep 60"}));
+  test::Process killed = session.start(
+      test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep infinity"}));
   const TempDir dir;
   test::Process living = session.start(test::runArguments(
       {"--volume", held.device()},
       {"/bin/sh", "-c", "echo ready; until [ -e " + (dir / "go") + " ]; do sleep 0.01; done; ls $MIRELSNAP_VOLUME_1"}));
-  while (killed.running() && killed.output().empty()) usleep(1000);
-  while (living.running() && living.output().empty()) usleep(1000);
+  ASSERT_TRUE(killed.writesLine()) << killed.errors();
+  ASSERT_TRUE(living.writesLine()) << living.errors();
   killed.kill();
   kill(std::stoi(killed.output()), SIGKILL);
   EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);

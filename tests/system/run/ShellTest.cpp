@@ -3,7 +3,6 @@
 // `mirelsnap shell`: a person sits down in the snapshots.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <csignal>
 
@@ -75,14 +74,14 @@ TEST_F(ShellAtTerminal, has_job_control_and_gives_the_terminal_back) {
                                        "; echo outer-$?; read line; echo read-$line"},
                                   at(terminal, "/bin/bash"));
   ASSERT_TRUE(terminal.waitFor("A shell in the snapshots")) << terminal.written();
-  terminal.type("set -o | grep monitor; sleep 100\r");
+  terminal.type("set -o | grep monitor; sleep infinity\r");
   ASSERT_TRUE(terminal.waitFor("on\r\n")) << terminal.written();
-  usleep(300000);
+  ASSERT_TRUE(terminal.waitForForeground("sleep"));
   terminal.type("\x1a");  // Ctrl-Z stops the job, not the shell
   ASSERT_TRUE(terminal.waitFor("Stopped")) << terminal.written();
   terminal.type("fg\r");
-  ASSERT_TRUE(terminal.waitFor("\r\nsleep 100\r\n")) << terminal.written();
-  usleep(300000);
+  ASSERT_TRUE(terminal.waitFor("\r\nsleep infinity\r\n")) << terminal.written();
+  ASSERT_TRUE(terminal.waitForForeground("sleep"));
   terminal.type("\x03");  // Ctrl-C ends the job alone
   terminal.type("echo in-$((1 + 1))er\r");
   ASSERT_TRUE(terminal.waitFor("in-2er\r\n")) << terminal.written();

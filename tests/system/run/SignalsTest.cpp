@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 
+#include "Gate.h"
 #include "Run.h"
 #include "Terminal.h"
 
@@ -22,16 +23,17 @@ class RunSignal : public testing::TestWithParam<int> {};
 
 // The job cannot be cancelled: the signal is honoured when the snapshot is there.
 TEST_P(RunSignal, while_the_snapshot_is_taken_keeps_the_command_from_running) {
-  const Volume volume("xfs", 700 << 20);
+  const Volume volume("xfs", 300 << 20);
   const test::TempDir dir;
+  test::Gate gate;
   Session session;
-  Process process = session.start(
-      runArguments({"--volume", volume.device(), "--reloc-mount", volume.folder(), "--reloc-size", "40000"},
-                   {"/bin/touch", dir / "ran"}));
-  const std::string file = volume.folder() + "/.verrelocarea/" + volume.device().substr(5);
-  while (process.running() && access(file.c_str(), F_OK) != 0) usleep(1000);
-  ASSERT_TRUE(session.trace("snap").empty()) << "too late";
+  Process process =
+      session.start(runArguments({"--volume", volume.device(), "--reloc-mount", volume.folder(), "--reloc-size", "256"},
+                                 {"/bin/touch", dir / "ran"}),
+                    {.environment = gate.environment("held-relocation-file")});
+  gate.waitForProgram();
   process.signal(GetParam());
+  gate.letGoOn();
   EXPECT_EQ(process.wait(), 128 + GetParam());
   EXPECT_EQ(process.errors(), "mirelsnap: interrupted by signal " + std::to_string(GetParam()) + " (" +
                                   strsignal(GetParam()) + "); everything is being removed\n");
@@ -42,8 +44,8 @@ TEST_P(RunSignal, while_the_command_runs_is_passed_on_to_it) {
   const Volume volume("ext4", 32 << 20);
   Session session;
   Process process =
-      session.start(runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo ready; exec sleep 60"}));
-  while (process.running() && process.output() != "ready\n") usleep(1000);
+      session.start(runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo ready; exec sleep infinity"}));
+  ASSERT_TRUE(process.writesLine()) << process.errors();
   process.signal(GetParam());
   EXPECT_EQ(process.wait(), 128 + GetParam());
   EXPECT_EQ(process.errors(), "");
@@ -56,7 +58,7 @@ TEST_P(RunSignal, that_the_command_catches_leaves_the_exit_code_to_it) {
       {"--volume", volume.device()},
       {"/bin/sh", "-c",
        "trap 'echo caught; exit 9' " + std::to_string(GetParam()) + "; echo ready; while :; do sleep 0.01; done"}));
-  while (process.running() && process.output() != "ready\n") usleep(1000);
+  ASSERT_TRUE(process.writesLine()) << process.errors();
   process.signal(GetParam());
   EXPECT_EQ(process.wait(), 9);
   EXPECT_EQ(process.output(), "ready\ncaught\n");
@@ -64,12 +66,14 @@ TEST_P(RunSignal, that_the_command_catches_leaves_the_exit_code_to_it) {
 
 TEST_P(RunSignal, that_comes_again_and_again_until_the_end_hinders_nothing) {
   const Volume volume("ext4", 32 << 20);
+  const test::TempDir dir;
   Session session;
   const std::string number = std::to_string(GetParam());
-  Process process = session.start(runArguments(
-      {"--volume", volume.device()},
-      {"/bin/sh", "-c",
-       "trap '' " + number + "; (while kill -" + number + " $PPID 2>/dev/null; do :; done) & sleep 0.05; exit 5"}));
+  Process process = session.start(
+      runArguments({"--volume", volume.device()},
+                   {"/bin/sh", "-c",
+                    "trap '' " + number + "; (while kill -" + number + " $PPID 2>/dev/null; do : >" + dir / "sent" +
+                        "; done) & until [ -e " + dir / "sent" + " ]; do sleep 0.01; done; exit 5"}));
   EXPECT_EQ(process.wait(), 5);
 }
 
@@ -92,7 +96,7 @@ TEST(RunAtKeyboard, interrupted_ends_as_the_command_does_and_removes_everything)
   Session session;
   test::Terminal terminal;
   Process process =
-      session.start(runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo ready; exec sleep 60"}),
+      session.start(runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo ready; exec sleep infinity"}),
                     {.terminal = terminal.inner()});
   EXPECT_TRUE(terminal.waitFor("ready"));
   terminal.type("\x03");
@@ -104,8 +108,8 @@ TEST(RunKilledCommand, leaves_nothing) {
   const Volume volume("ext4", 32 << 20);
   Session session;
   Process process =
-      session.start(runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep 60"}));
-  while (process.running() && process.output().empty()) usleep(1000);
+      session.start(runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "echo $$; exec sleep infinity"}));
+  ASSERT_TRUE(process.writesLine()) << process.errors();
   kill(std::stoi(process.output()), SIGKILL);
   EXPECT_EQ(process.wait(), 128 + SIGKILL);
 }

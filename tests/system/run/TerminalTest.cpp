@@ -3,7 +3,6 @@
 // What a person at a terminal sees.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <regex>
@@ -12,6 +11,7 @@
 #include "LoopVolume.h"
 #include "Run.h"
 #include "Terminal.h"
+#include "Waiting.h"
 
 namespace {
 
@@ -43,7 +43,10 @@ std::size_t cellsOf(std::string text) {
 
 // What the program shows in `terminal`, to its end, which is a good one.
 std::string shownToEnd(Process& process, test::Terminal& terminal) {
-  while (process.running()) terminal.written();
+  EXPECT_TRUE(test::comesTrue([&] {
+    terminal.written();
+    return !process.running();
+  }));
   EXPECT_EQ(process.wait(), 0);
   return terminal.written();
 }

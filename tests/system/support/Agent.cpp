@@ -64,11 +64,6 @@ int Engine::start() {
   return answer["result"];
 }
 
-std::optional<int> Engine::endWaitForNewSet(unsigned int ms) {
-  const Json answer = call("end_wait_for_new_set", {{"ms", ms}});
-  return answer.contains("result") ? std::optional<int>(answer["result"]) : std::nullopt;
-}
-
 int Engine::add(const std::string& volume, const std::string& mountPoint) {
   const Json answer = call("add", {{"volume", volume}, {"mount_point", mountPoint}});
   mSnapshots.push_back(answer["snapshot"]);

@@ -67,9 +67,9 @@ class Engine {
 
   int start();
   int waitForNewSet(unsigned int ms) { return code("wait_for_new_set", {{"ms", ms}}); }
-  // The same on a thread of the agent's; then its result, nothing while it is not there within `ms`.
+  // The same on a thread of the agent's; then its result, which is waited for.
   void beginWaitForNewSet(unsigned int ms) { call("begin_wait_for_new_set", {{"ms", ms}}); }
-  std::optional<int> endWaitForNewSet(unsigned int ms);
+  int endWaitForNewSet() { return code("end_wait_for_new_set"); }
   // Keeps the snapshot's identifier, see snapshot().
   int add(const std::string& volume, const std::string& mountPoint);
   int add(const Volume& volume) { return add(volume.device(), volume.folder()); }

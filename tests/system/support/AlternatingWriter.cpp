@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "Waiting.h"
 #include "World.h"
 
 namespace test {
@@ -22,7 +23,7 @@ AlternatingWriter::~AlternatingWriter() {
 }
 
 void AlternatingWriter::waitForSteps(std::uint64_t more) const {
-  for (const std::uint64_t until = mStep + more; mStep < until;) std::this_thread::yield();
+  if (!comesTrue([this, until = mStep + more] { return mStep >= until; })) throw std::runtime_error("no more steps");
 }
 
 std::uint64_t AlternatingWriter::valueIn(const std::string& folder) {

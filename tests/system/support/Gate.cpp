@@ -10,13 +10,9 @@
 #include <stdexcept>
 
 #include "Session.h"
+#include "Waiting.h"
 
 namespace test {
-namespace {
-
-constexpr int kPatienceMs = 60'000;
-
-}  // namespace
 
 Gate::Gate() : mListening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_un address{};
@@ -41,7 +37,8 @@ std::map<std::string, std::string> Gate::environment(const std::string& mischief
 
 void Gate::waitForProgram() {
   pollfd waiting{mListening, POLLIN, 0};
-  if (poll(&waiting, 1, kPatienceMs) != 1) throw std::runtime_error("no program comes to the gate within a minute");
+  if (poll(&waiting, 1, std::chrono::milliseconds(kPatience).count()) != 1)
+    throw std::runtime_error("no program comes to the gate");
   mProgram = accept4(mListening, nullptr, nullptr, SOCK_CLOEXEC);
   if (mProgram < 0) throw std::runtime_error("the gate cannot be opened");
 }

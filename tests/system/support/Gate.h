@@ -19,7 +19,7 @@ class Gate {
 
   // The environment of a program whose `mischief` stands still here.
   std::map<std::string, std::string> environment(const std::string& mischief) const;
-  // Waits until a program stands at the gate; throws when none comes within a minute.
+  // Waits until a program stands at the gate; throws when none comes within kPatience.
   void waitForProgram();
   // The program that stands at the gate goes on.
   void letGoOn();

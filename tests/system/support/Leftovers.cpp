@@ -4,15 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <thread>
 
 #include "MountList.h"
+#include "Waiting.h"
 #include "World.h"
 
 namespace fs = std::filesystem;
@@ -40,10 +39,7 @@ pid_t parentOf(const fs::path& process) {
 template <class Find>
 auto findWithPatience(Find find) {
   auto found = find();
-  for (int attempt = 0; attempt < 100 && !found.empty(); ++attempt) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    found = find();
-  }
+  static_cast<void>(comesTrue([&] { return (found = find()).empty(); }));
   return found;
 }
 

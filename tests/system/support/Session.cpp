@@ -15,16 +15,14 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "DriverClient.h"
 #include "Leftovers.h"
 #include "MountList.h"
+#include "Waiting.h"
 
 namespace test {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 std::vector<std::string> linesOf(const std::string& path) {
   std::vector<std::string> lines;
@@ -85,16 +83,6 @@ Json orderFor(const std::vector<std::string>& arguments, const StartOptions& opt
   return order;
 }
 
-template <class Condition>
-bool becomesTrue(Condition condition, std::chrono::milliseconds limit) {
-  const auto end = Clock::now() + limit;
-  while (!condition()) {
-    if (Clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
 }  // namespace
 
 std::map<std::string, std::string> withMischief(const std::string& mischief) {
@@ -115,8 +103,8 @@ bool Process::running() {
   return !mStatus;
 }
 
-int Process::wait(std::chrono::seconds limit) {
-  if (!becomesTrue([this] { return !running(); }, limit)) {
+int Process::wait() {
+  if (!comesTrue([this] { return !running(); })) {
     ADD_FAILURE() << "process " << mProcess << " does not end; it wrote: " << errors();
     kill();
   }
@@ -139,9 +127,14 @@ void Process::waitUntilStopped() {
 
 void Process::kill() {
   signal(SIGKILL);
-  if (!becomesTrue([this] { return !running(); }, std::chrono::seconds(60))) {
+  if (!comesTrue([this] { return !running(); })) {
     throw std::runtime_error("process " + std::to_string(mProcess) + " cannot be killed");
   }
+}
+
+bool Process::writesLine() {
+  return comesTrue([this] { return !running() || output().find('\n') != std::string::npos; }) &&
+         output().find('\n') != std::string::npos;
 }
 
 std::string Process::output() const { return readFile(mFiles->folder / "output"); }
@@ -193,7 +186,7 @@ Session::~Session() {
   }
   mHost.close();
   int status = 0;
-  if (!becomesTrue([&] { return waitpid(mProcess, &status, WNOHANG) != 0; }, std::chrono::seconds(30))) {
+  if (!comesTrue([&] { return waitpid(mProcess, &status, WNOHANG) != 0; })) {
     ADD_FAILURE() << "the emulator does not end";
     kill(mProcess, SIGKILL);
     waitpid(mProcess, &status, 0);
@@ -249,14 +242,12 @@ void Session::waitForTrace() {
   mMarker->mark();
   ++mMarks;
   const std::string mark = "\"pid\":" + std::to_string(mMarker->id()) + ",";
-  const bool complete = becomesTrue(
-      [&] {
-        const std::vector<std::string> lines = linesOf(mDir / "trace");
-        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-                 return line.find(mark) != std::string::npos && Json::accept(line);
-               })) == mMarks;
-      },
-      std::chrono::seconds(20));
+  const bool complete = comesTrue([&] {
+    const std::vector<std::string> lines = linesOf(mDir / "trace");
+    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+             return line.find(mark) != std::string::npos && Json::accept(line);
+           })) == mMarks;
+  });
   if (!complete) throw std::runtime_error("the trace does not go on");
 }
 
@@ -278,12 +269,10 @@ std::vector<Json> Session::trace(const std::string& command) {
 
 std::vector<std::string> Session::takeComplaints(std::size_t count) {
   std::vector<std::string> lines;
-  becomesTrue(
-      [&] {
-        lines = linesOf(mDir / "errors");
-        return lines.size() >= mComplaintsTaken + count;
-      },
-      std::chrono::seconds(20));
+  static_cast<void>(comesTrue([&] {
+    lines = linesOf(mDir / "errors");
+    return lines.size() >= mComplaintsTaken + count;
+  }));
   lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(std::min(mComplaintsTaken, lines.size())));
   mComplaintsTaken += lines.size();
   return lines;
@@ -293,7 +282,7 @@ void Session::check() {
   mMarker.reset();
   // The emulator and its host; a plain host has nobody above it.
   const std::size_t ours = mDriver ? 1 : 0;
-  becomesTrue([&] { return processesBelow(mProcess).size() <= ours; }, std::chrono::seconds(2));
+  static_cast<void>(comesTrue([&] { return processesBelow(mProcess).size() <= ours; }));
   for (const pid_t process : processesBelow(mProcess)) {
     if (processesBelow(process).empty() && processesBelow(mProcess).size() <= ours) continue;  // the host
     ADD_FAILURE() << "left behind: process " << process << " "

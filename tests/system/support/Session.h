@@ -6,7 +6,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -41,13 +40,15 @@ class Process {
 
   pid_t id() const { return mProcess; }
   bool running();
-  // Its exit code, or 128 + the signal that ended it. One that outlives `limit` is killed and fails the test.
-  int wait(std::chrono::seconds limit = std::chrono::seconds(60));
+  // Its exit code, or 128 + the signal that ended it. One that outlives kPatience is killed and fails the test.
+  int wait();
   void signal(int number) const;
   // Waits until it has stopped (SIGSTOP). One that does not fails the test.
   void waitUntilStopped();
   // SIGKILL, and waits: afterwards nobody finds the process any more.
   void kill();
+  // Waits until it has written a line to its output; false when it ends without.
+  [[nodiscard]] bool writesLine();
   // What it wrote to its streams so far.
   std::string output() const;
   std::string errors() const;

@@ -6,9 +6,11 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
+
+#include "ProcessState.h"
+#include "Waiting.h"
 
 namespace test {
 
@@ -31,10 +33,10 @@ void Terminal::type(const std::string& keys) const {
   if (write(mOuter, keys.data(), keys.size()) < 0) throw std::runtime_error("cannot type");
 }
 
-bool Terminal::readOn(int ms) {
+bool Terminal::readOn() {
   pollfd waiting{mOuter, POLLIN, 0};
   char piece[4096];
-  if (poll(&waiting, 1, ms) <= 0) return false;
+  if (poll(&waiting, 1, 0) <= 0) return false;
   const ssize_t got = read(mOuter, piece, sizeof piece);
   if (got <= 0) return false;
   mWritten.append(piece, static_cast<std::size_t>(got));
@@ -42,16 +44,18 @@ bool Terminal::readOn(int ms) {
 }
 
 bool Terminal::waitFor(const std::string& text) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (mWritten.find(text) == std::string::npos) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    readOn(100);
-  }
-  return true;
+  return comesTrue([&] { return written().find(text) != std::string::npos; });
+}
+
+bool Terminal::waitForForeground(const std::string& program) {
+  return comesTrue([&] {
+    written();
+    return runsInForeground(mOuter, program);
+  });
 }
 
 const std::string& Terminal::written() {
-  while (readOn(0)) {
+  while (readOn()) {
   }
   return mWritten;
 }

@@ -17,14 +17,16 @@ class Terminal {
   // The descriptor for the program's streams.
   int inner() const { return mInner; }
   void type(const std::string& keys) const;
-  // Reads on until `text` has been written, at most some seconds.
+  // Reads on until `text` has been written; false when it is not within kPatience.
   bool waitFor(const std::string& text);
+  // Waits until `program` is what gets the keys that are typed; reads on meanwhile.
+  bool waitForForeground(const std::string& program);
   // All that has been written so far.
   const std::string& written();
 
  private:
-  // False when nothing comes within `ms`.
-  bool readOn(int ms);
+  // False when nothing is there.
+  bool readOn();
 
   int mOuter = -1;
   int mInner = -1;

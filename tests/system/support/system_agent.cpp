@@ -6,7 +6,6 @@
 #include <mirelsnap/SnapshotEngine.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -167,11 +166,7 @@ Json beginWaitForNewSet(const Json& order) {
   return Json::object();
 }
 
-Json endWaitForNewSet(const Json& order) {
-  std::future<int>& waiting = engineOf(order).waiting;
-  const auto limit = std::chrono::milliseconds(order["ms"].get<int>());
-  return waiting.wait_for(limit) == std::future_status::ready ? result(waiting.get()) : Json::object();
-}
+Json endWaitForNewSet(const Json& order) { return result(engineOf(order).waiting.get()); }
 
 Json add(const Json& order) {
   _SSGUIDPLAIN id{};

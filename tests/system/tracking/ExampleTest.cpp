@@ -13,6 +13,7 @@
 #include "BlockDifference.h"
 #include "LoopVolume.h"
 #include "Tree.h"
+#include "Waiting.h"
 
 namespace {
 
@@ -27,14 +28,6 @@ constexpr char kUsage[] = "Usage: changed-blocks [--reloc-mount DIR] DEVICE IMAG
 std::uint64_t numberBefore(const std::string& what, const std::string& text) {
   std::smatch found;
   return std::regex_search(text, found, std::regex("([0-9]+) " + what)) ? std::stoull(found[1]) : 0;
-}
-
-bool comesTrue(const std::function<bool()>& done) {
-  for (int i = 0; i < 2000; ++i) {
-    if (done()) return true;
-    usleep(5000);
-  }
-  return false;
 }
 
 struct Kind {
@@ -58,7 +51,7 @@ TEST_P(ChangedBlocks, copies_what_changed_and_the_image_equals_the_device) {
   test::Process program =
       session.start({CHANGED_BLOCKS_PROGRAM, "--reloc-mount", relocation.folder(), volume.device(), image, "--",
                      "/bin/sh", "-c", "cd " + folder.path() + "; : > waiting; until test -e go; do sleep 0.01; done"});
-  ASSERT_TRUE(comesTrue([&] { return std::filesystem::exists(folder / "waiting"); })) << program.errors();
+  ASSERT_TRUE(test::comesTrue([&] { return std::filesystem::exists(folder / "waiting"); })) << program.errors();
   const std::string first = test::wholeOf(image, 0);
   EXPECT_EQ(first.size(), GetParam().bytes);
   test::disturbTree(volume.folder());

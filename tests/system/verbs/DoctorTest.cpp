@@ -15,7 +15,9 @@
 
 #include "MountList.h"
 #include "NamedVolume.h"
+#include "ProcessState.h"
 #include "Verbs.h"
+#include "Waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -358,7 +360,7 @@ TEST_F(Reconcile, leaves_what_a_living_process_holds_alone) {
   test::Process living = session.start(
       {MIRELSNAP_PROGRAM, "run", "--volume", volume.device(), "--base", dir / "base", "--", "/bin/sh", "-c",
        "echo ready; until [ -e " + (dir / "go") + " ]; do sleep 0.01; done; ls $MIRELSNAP_VOLUME_1"});
-  while (living.running() && living.output() != "ready\n") usleep(1000);
+  ASSERT_TRUE(living.writesLine()) << living.errors();
   expectText(verb(session, {"reconcile"}), "Nothing is left of dead processes.\n");
   expectFailure(verb(session, {"reconcile", "--base", dir / "base"}), 2,
                 dir / "base" + ": shows a snapshot of process " + std::to_string(living.id()) +
@@ -379,8 +381,8 @@ TEST_F(Reconcile, refuses_a_base_below_which_other_volumes_are_mounted) {
 TEST_F(Reconcile, says_who_keeps_a_mount_and_is_118) {
   const std::string process = std::to_string(test::killedRun(session, volume));
   const std::string exposed = "/run/mirelsnap/" + process + volume.folder();
-  test::Process sitting = session.start({"/bin/sleep", "60"}, {.folder = exposed});
-  usleep(100000);
+  test::Process sitting = session.start({"/bin/sleep", "infinity"}, {.folder = exposed});
+  ASSERT_TRUE(test::comesTrue([&] { return test::programOf(sitting.id()) == "sleep"; }));
   const Ended ended = verb(session, {"reconcile"});
   expectFailure(ended, 118,
                 exposed + ": is still mounted: process " + std::to_string(sitting.id()) + " (sleep) uses " + exposed +

@@ -8,8 +8,10 @@
 #include <regex>
 
 #include "NamedVolume.h"
+#include "ProcessState.h"
 #include "Terminal.h"
 #include "Verbs.h"
+#include "Waiting.h"
 
 namespace fs = std::filesystem;
 
@@ -205,7 +207,7 @@ TEST_F(Freeze, lets_writers_wait_until_the_thaw) {
   expectText(verb(session, {"freeze", volume.device(), other.folder()}),
              "Frozen: " + volume.device() + " and " + other.device() + "\n");
   test::Process writer = session.start({"/bin/sh", "-c", "echo >" + volume.folder() + "/file"});
-  usleep(300000);
+  EXPECT_TRUE(test::comesTrue([&] { return !writer.running() || test::stateOf(writer.id()) == 'D'; }));
   EXPECT_TRUE(writer.running());
   expectText(verb(session, {"thaw", volume.device(), other.device()}),
              "Thawed: " + volume.device() + " and " + other.device() + "\n");

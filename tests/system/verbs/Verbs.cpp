@@ -26,9 +26,9 @@ void fillVolume(const std::string& folder, unsigned int share) {
 pid_t killedRun(Session& session, const Volume& volume, const std::string& base) {
   Texts arguments = {MIRELSNAP_PROGRAM, "run", "--volume", volume.device()};
   if (!base.empty()) arguments.insert(arguments.end(), {"--base", base});
-  arguments.insert(arguments.end(), {"--", "/bin/sh", "-c", "echo $$; exec sleep 60"});
+  arguments.insert(arguments.end(), {"--", "/bin/sh", "-c", "echo $$; exec sleep infinity"});
   Process killed = session.start(arguments);
-  while (killed.running() && killed.output().empty()) usleep(1000);
+  EXPECT_TRUE(killed.writesLine()) << killed.errors();
   const pid_t process = killed.id();
   killed.kill();
   kill(std::stoi(killed.output()), SIGKILL);
