@@ -15,10 +15,10 @@ TEST(SnapshotDevice, has_the_numbers_of_its_volume) {
   EXPECT_EQ(cli::volumeOf("/dev/snap007_010"), makedev(7, 10));
 }
 
-TEST(SnapshotDevice, has_numbers_of_nine_digits_at_most) {
-  EXPECT_EQ(cli::volumeOf("/dev/snap999999999_999999999"), makedev(999999999, 999999999));
-  EXPECT_FALSE(cli::isSnapshotDevice("/dev/snap1000000000_1"));
-  EXPECT_FALSE(cli::isSnapshotDevice("/dev/snap1_1000000000"));
+TEST(SnapshotDevice, has_numbers_of_32_bits_at_most) {
+  EXPECT_EQ(cli::volumeOf("/dev/snap4294967295_4294967295"), makedev(4294967295, 4294967295));
+  EXPECT_FALSE(cli::isSnapshotDevice("/dev/snap4294967296_1"));
+  EXPECT_FALSE(cli::isSnapshotDevice("/dev/snap1_4294967296"));
 }
 
 TEST(SnapshotDevice, is_named_so_from_the_first_character_to_the_last) {
