@@ -76,11 +76,11 @@ class Planted : public testing::TestWithParam<Place> {
     fs::remove_all(area);
     fs::remove(probe);
   }
-  // Ended by itself, and soon.
+  // Ended by itself.
   int mirelsnap(Texts arguments) {
     arguments.insert(arguments.begin(), MIRELSNAP_PROGRAM);
     test::Process process = session.start(arguments);
-    const int code = process.wait(std::chrono::seconds(20));
+    const int code = process.wait();
     errors = process.errors();
     output = process.output();
     return code;

@@ -121,7 +121,7 @@ void Process::waitUntilStopped() {
     const std::size_t state = stat.rfind(") ");
     return state != std::string::npos && stat[state + 2] == 'T';
   };
-  if (!becomesTrue([&] { return hasStopped() || !running(); }, std::chrono::seconds(60)) || !hasStopped())
+  if (!comesTrue([&] { return hasStopped() || !running(); }) || !hasStopped())
     ADD_FAILURE() << "process " << mProcess << " does not stop; it wrote: " << errors();
 }
 
