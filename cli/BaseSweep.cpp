@@ -122,7 +122,8 @@ std::vector<std::string> abandonedFolders() {
     for (std::string& folder : record.shownFolders()) found.push_back(std::move(folder));
   }
   std::error_code error;
-  if (fs::is_empty(kRunDirectory, error) && !error) found.push_back(kRunDirectory);
+  if (fs::is_directory(kRunDirectory, error) && fs::is_empty(kRunDirectory, error) && !error)
+    found.push_back(kRunDirectory);
   return found;
 }
 

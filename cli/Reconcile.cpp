@@ -217,7 +217,8 @@ std::vector<Cause> sweep(const std::string& base, Report& report) {
   struct Release {
     void operator()(IUscSnapshotEngine* engine) const { engine->Release(); }
   };
-  if (const Outcome failure = sweepBases(base)) report.failed(*failure);
+  const Outcome unswept = sweepBases(base);
+  if (unswept && unknownBases().empty()) report.failed(*unswept);  // else it is told with what is unknown
   const std::unique_ptr<IUscSnapshotEngine, Release> engine((*GetCreatorFunction())());
   if (engine == nullptr) return {{"the engine", "memory is short"}};
   Attempt last;

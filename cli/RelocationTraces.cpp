@@ -14,6 +14,7 @@
 #include "base/Handle.h"
 #include "base/Resolve.h"
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/Planted.h"
 
 namespace cli {
 namespace {
@@ -22,10 +23,6 @@ namespace {
 constexpr char kProbeName[] = "qorTESTfile.KQTA";
 
 FileId idOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
-
-bool isOurs(const struct stat& found, mode_t kind, dev_t device) {
-  return (found.st_mode & S_IFMT) == kind && found.st_uid == 0 && found.st_dev == device;
-}
 
 // The top of a mounted file system, open.
 class Top {
@@ -41,15 +38,13 @@ class Top {
   std::optional<struct stat> file(int folder, const char* name) const {
     struct stat found {};
     if (fstatat(folder, name, &found, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
-    return isOurs(found, S_IFREG, mStatus.st_dev) && found.st_nlink == 1 ? std::optional(found) : std::nullopt;
+    return whyNotOurFile(found, mStatus.st_dev) ? std::nullopt : std::optional(found);
   }
   // The directory for relocation files, in which nobody but root can have put anything.
   UniqueFd relocationDirectory() const {
     UniqueFd opened = openBeneath(mFolder.get(), RELOC_FILE_LOCATION.c_str(), O_RDONLY | O_DIRECTORY);
     struct stat found {};
-    if (opened && (fstat(opened.get(), &found) != 0 || !isOurs(found, S_IFDIR, mStatus.st_dev) ||
-                   (found.st_mode & (S_IWGRP | S_IWOTH)) != 0))
-      opened.reset();
+    if (opened && (fstat(opened.get(), &found) != 0 || whyNotRelocationDirectory(mStatus, found))) opened.reset();
     return opened;
   }
 

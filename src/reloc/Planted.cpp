@@ -8,6 +8,7 @@
 namespace {
 
 constexpr mode_t kWritableForOthers = S_IWGRP | S_IWOTH;
+constexpr mode_t kSearchable = S_IXUSR | S_IXGRP | S_IXOTH;
 
 constexpr std::pair<mode_t, const char*> kKinds[] = {
     {S_IFREG, "is a file"},         {S_IFDIR, "is a directory"}, {S_IFLNK, "is a symbolic link"},
@@ -20,6 +21,13 @@ std::string kindOf(mode_t mode) {
     if ((mode & S_IFMT) == kind) return text;
   }
   return "is a special file";
+}
+
+// The owner of a directory renames what he likes in it, whoever that belongs to, and so does who may write to it,
+// unless it is sticky.
+bool mayBeRenamedByUsers(const struct stat& top) {
+  if (top.st_uid != 0) return true;
+  return (top.st_mode & kWritableForOthers) != 0 && (top.st_mode & S_ISVTX) == 0;
 }
 
 std::optional<std::string> whyNotOurs(const struct stat& found, mode_t kind, dev_t device) {
@@ -40,6 +48,13 @@ std::optional<std::string> whyNotOurFile(const struct stat& file, dev_t device) 
 std::optional<std::string> whyNotOurDirectory(const struct stat& directory, dev_t device) {
   if (auto why = whyNotOurs(directory, S_IFDIR, device)) return why;
   if ((directory.st_mode & kWritableForOthers) != 0) return "may be written to by others than root";
+  return std::nullopt;
+}
+
+std::optional<std::string> whyNotRelocationDirectory(const struct stat& top, const struct stat& directory) {
+  if (auto why = whyNotOurDirectory(directory, top.st_dev)) return why;
+  if (mayBeRenamedByUsers(top) && (directory.st_mode & kSearchable) != 0)
+    return "may be another directory of root's that a user renamed: it can be searched";
   return std::nullopt;
 }
 

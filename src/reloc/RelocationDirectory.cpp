@@ -24,7 +24,6 @@ constexpr mode_t kStatedMode = 0644;  // of directory and file, when they are ma
 // it. The directory has no search bits either, which root needs none of and which no other directory lacks.
 constexpr mode_t kPrivateMode = 0600;
 
-constexpr mode_t kSearchable = S_IXUSR | S_IXGRP | S_IXOTH;
 constexpr mode_t kForOthers = S_IRWXG | S_IRWXO;
 
 int makeDirectory(int parent, const char* name) {
@@ -45,7 +44,7 @@ RelocationDirectory RelocationDirectory::make(std::string path, std::optional<de
   made.openTop();
   if (!made.mTop) return made;
   // A file system with a number of no device (btrfs, tmpfs) cannot be compared.
-  if (device && *device != made.mDevice && major(made.mDevice) != 0) {
+  if (device && *device != made.mTopStatus.st_dev && major(made.mTopStatus.st_dev) != 0) {
     made.refuse("would lie on another file system");
   } else if (const int error = makeDirectory(made.mTop.get(), made.mName.c_str()); error != 0) {
     made.fail(error);
@@ -72,9 +71,7 @@ void RelocationDirectory::openTop() {
     return fail(error);
   }
   mTop = std::move(opened);
-  mDevice = status.st_dev;
-  mTopMode = status.st_mode;
-  mTopOwner = status.st_uid;
+  mTopStatus = status;
 }
 
 void RelocationDirectory::openDirectory() {
@@ -87,15 +84,12 @@ void RelocationDirectory::openDirectory() {
     if (mError == EXDEV) return tell(mPath, "is a mount point");
     if (mError != ENOTDIR && mError != ELOOP) return;
     if (fstatat(mTop.get(), mName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (const auto why = whyNotOurDirectory(status, mDevice)) tell(mPath, *why);
+    if (const auto why = whyNotOurDirectory(status, mTopStatus.st_dev)) tell(mPath, *why);
     return;
   }
   if (fstat(mDirectory.get(), &status) != 0) return fail(errno);
-  if (!stated) mDevice = status.st_dev;
-  if (const auto why = whyNotOurDirectory(status, mDevice)) return refuse(*why);
-  if (mayBeRenamedByUsers() && (status.st_mode & kSearchable) != 0) {
-    refuse("may be another directory of root's that a user renamed: it can be searched");
-  }
+  if (!stated) mTopStatus.st_dev = status.st_dev;
+  if (const auto why = whyNotRelocationDirectory(mTopStatus, status)) refuse(*why);
 }
 
 void RelocationDirectory::closeToOthers() {
@@ -103,13 +97,6 @@ void RelocationDirectory::closeToOthers() {
   if (fchmod(mDirectory.get(), kPrivateMode) != 0 || fstat(mDirectory.get(), &status) != 0) return fail(errno);
   // FAT, for one: all that is on it has the mode that it was mounted with.
   if ((status.st_mode & kForOthers) != 0) refuse("is open to others, and the file system keeps no modes");
-}
-
-// The owner of a directory renames what he likes in it, whoever that belongs to, and so does who may write to it,
-// unless it is sticky.
-bool RelocationDirectory::mayBeRenamedByUsers() const {
-  if (mTopOwner != 0) return true;
-  return (mTopMode & (S_IWGRP | S_IWOTH)) != 0 && (mTopMode & S_ISVTX) == 0;
 }
 
 // Only what keeps a file from being made is a failure: what merely stands there is left alone.
@@ -168,7 +155,7 @@ bool RelocationDirectory::isOurs(const std::string& name) const {
     return false;
   }
   if (fstatat(mDirectory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  const auto why = whyNotOurFile(status, mDevice);
+  const auto why = whyNotOurFile(status, mTopStatus.st_dev);
   if (!why) return true;
   tell(mPath + FILE_PATH_SEPERATOR + name, *why);
   errno = S_ISDIR(status.st_mode) ? EISDIR : EACCES;

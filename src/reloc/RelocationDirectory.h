@@ -9,6 +9,7 @@
 // log, once.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <list>
@@ -57,7 +58,6 @@ class RelocationDirectory {
   void tell(const std::string& path, const std::string& why) const;
   void refuse(const std::string& why);
   void fail(int error);
-  bool mayBeRenamedByUsers() const;
   bool isOurs(const std::string& name) const;
   // The directory to be read from its beginning; null, with errno set, when it cannot be.
   UniqueDirectory stream() const;
@@ -68,9 +68,7 @@ class RelocationDirectory {
   std::string mName;  // last component of the path
   bool mMaking = false;
   int mError = 0;
-  dev_t mDevice = 0;
-  mode_t mTopMode = 0;
-  uid_t mTopOwner = 0;
+  struct stat mTopStatus {};
   UniqueFd mTop;
   UniqueFd mDirectory;
 };
