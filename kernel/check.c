@@ -13,7 +13,7 @@
 
 /* ---- the header ---- */
 
-static int check_handshake(struct request *rq)
+static int check_handshake(struct ms_request *rq)
 {
 	u32 right = (rq->header->handshake_value % 12 + 1234) % 20;
 
@@ -23,7 +23,7 @@ static int check_handshake(struct request *rq)
 		      rq->header->handshake_check, right);
 }
 
-static int check_request_value(struct request *rq)
+static int check_request_value(struct ms_request *rq)
 {
 	u32 value = rq->header->request_value;
 
@@ -45,7 +45,7 @@ static int check_request_value(struct request *rq)
 	}
 }
 
-int check_header(struct request *rq)
+int check_header(struct ms_request *rq)
 {
 	const struct ms_header *header = rq->header;
 
@@ -61,7 +61,7 @@ int check_header(struct request *rq)
 /* ---- fields ---- */
 
 /* Bytes that user space leaves zero: spare ones, and those that are answered. */
-static int check_zero(struct request *rq, const void *start, const void *end)
+static int check_zero(struct ms_request *rq, const void *start, const void *end)
 {
 	const void *bad = memchr_inv(start, 0, end - start);
 
@@ -70,14 +70,14 @@ static int check_zero(struct request *rq, const void *start, const void *end)
 	return refuse(rq, -EINVAL, "the byte at offset %td is not zero", bad - rq->buffer);
 }
 
-static int check_trailer(struct request *rq)
+static int check_trailer(struct ms_request *rq)
 {
 	const void *end = rq->buffer + rq->length;
 
 	return check_zero(rq, end - MS_TRAILER, end);
 }
 
-static int check_terminated(struct request *rq, const char *field, size_t size,
+static int check_terminated(struct ms_request *rq, const char *field, size_t size,
 			    const char *what)
 {
 	if (memchr(field, '\0', size))
@@ -85,7 +85,7 @@ static int check_terminated(struct request *rq, const char *field, size_t size,
 	return refuse(rq, -EINVAL, "the %s has no end", what);
 }
 
-static int check_name(struct request *rq, const char *field, size_t size, const char *what)
+static int check_name(struct ms_request *rq, const char *field, size_t size, const char *what)
 {
 	int result = check_terminated(rq, field, size, what);
 
@@ -96,14 +96,14 @@ static int check_name(struct request *rq, const char *field, size_t size, const 
 	return refuse(rq, -EINVAL, "the %s \"%.64s\" is not a full path", what, field);
 }
 
-static int check_flag(struct request *rq, u32 value, const char *what)
+static int check_flag(struct ms_request *rq, u32 value, const char *what)
 {
 	if (value <= 1)
 		return 0;
 	return refuse(rq, -EINVAL, "the %s is %u, not 0 or 1", what, value);
 }
 
-static int check_process(struct request *rq, s64 process)
+static int check_process(struct ms_request *rq, s64 process)
 {
 	if (process > 0 && process <= S32_MAX)
 		return 0;
@@ -118,7 +118,7 @@ static int compare_volumes(const void *a, const void *b)
 }
 
 /* Whether a volume is named twice; `volumes` (major << 32 | minor) is sorted. */
-static int check_distinct(struct request *rq, u64 *volumes, u32 count)
+static int check_distinct(struct ms_request *rq, u64 *volumes, u32 count)
 {
 	u32 i;
 
@@ -131,7 +131,7 @@ static int check_distinct(struct request *rq, u64 *volumes, u32 count)
 }
 
 /* Room for the volumes that a command names; kvfree() it. */
-static u64 *alloc_volumes(struct request *rq)
+static u64 *alloc_volumes(struct ms_request *rq)
 {
 	u64 *volumes = kvmalloc_array(rq->header->request_value, sizeof(u64), GFP_KERNEL);
 
@@ -142,12 +142,12 @@ static u64 *alloc_volumes(struct request *rq)
 
 /* ---- records ---- */
 
-int check_all_zero(struct request *rq)
+int check_all_zero(struct ms_request *rq)
 {
 	return check_zero(rq, rq->buffer + HEADER, rq->buffer + rq->length);
 }
 
-int check_log_level(struct request *rq)
+int check_log_level(struct ms_request *rq)
 {
 	u32 level = rq_record(rq, struct ms_log_level, 0)->level;
 
@@ -156,12 +156,12 @@ int check_log_level(struct request *rq)
 	return refuse(rq, -EINVAL, "the log level is %u, above 7", level);
 }
 
-int check_volume(struct request *rq)
+int check_volume(struct ms_request *rq)
 {
 	return check_trailer(rq);
 }
 
-int check_volume_list(struct request *rq)
+int check_volume_list(struct ms_request *rq)
 {
 	const struct ms_volume *volume = rq_record(rq, struct ms_volume, 0);
 	u32 i, count = rq->header->request_value;
@@ -179,14 +179,14 @@ int check_volume_list(struct request *rq)
 	return result;
 }
 
-static int check_mapping_volume(struct request *rq, const struct ms_mapping *mapping)
+static int check_mapping_volume(struct ms_request *rq, const struct ms_mapping *mapping)
 {
 	return check_process(rq, mapping->app_pid) ?:
 	       check_name(rq, mapping->volume_name, sizeof(mapping->volume_name),
 			  "volume name");
 }
 
-int check_create_mapping(struct request *rq)
+int check_create_mapping(struct ms_request *rq)
 {
 	const struct ms_mapping *mapping = rq_record(rq, struct ms_mapping, 0);
 
@@ -196,7 +196,7 @@ int check_create_mapping(struct request *rq)
 	       check_trailer(rq);
 }
 
-int check_delete_mapping(struct request *rq)
+int check_delete_mapping(struct ms_request *rq)
 {
 	const struct ms_mapping *mapping = rq_record(rq, struct ms_mapping, 0);
 
@@ -205,7 +205,7 @@ int check_delete_mapping(struct request *rq)
 	       check_trailer(rq);
 }
 
-int check_discard(struct request *rq)
+int check_discard(struct ms_request *rq)
 {
 	const struct ms_discard *entry = rq_record(rq, struct ms_discard, 0);
 	u32 i, count = rq->header->request_value;
@@ -225,7 +225,7 @@ int check_discard(struct request *rq)
 	return result;
 }
 
-int check_tracking_vars(struct request *rq)
+int check_tracking_vars(struct ms_request *rq)
 {
 	const struct ms_tracking_vars *vars = rq_record(rq, struct ms_tracking_vars, 0);
 
@@ -237,7 +237,7 @@ int check_tracking_vars(struct request *rq)
  * byte after the header mean something: user space leaves the rest as its
  * memory happened to be.
  */
-int check_verify(struct request *rq)
+int check_verify(struct ms_request *rq)
 {
 	int result = check_handshake(rq) ?: check_request_value(rq) ?:
 		     check_zero(rq, rq->buffer + HEADER, rq->buffer + HEADER + 1);
@@ -247,7 +247,7 @@ int check_verify(struct request *rq)
 	return result;
 }
 
-int check_dump_state(struct request *rq)
+int check_dump_state(struct ms_request *rq)
 {
 	const struct ms_dump_state *dump = rq_record(rq, struct ms_dump_state, 0);
 	int result = check_zero(rq, dump->reserved, dump->file_name);
@@ -266,7 +266,7 @@ int check_dump_state(struct request *rq)
 #define BITMAP_LENGTH(runs) \
 	(HEADER + sizeof(struct ms_bitmap) + (runs) * sizeof(struct ms_run) + MS_TRAILER)
 
-int check_bitmap_length(struct request *rq)
+int check_bitmap_length(struct ms_request *rq)
 {
 	u32 length = rq->header->length;
 
@@ -282,7 +282,7 @@ int check_bitmap_length(struct request *rq)
  * Where the runs of a push lie is looked at when the volume is known; those of
  * a reading are room to be filled.
  */
-int check_bitmap(struct request *rq)
+int check_bitmap(struct ms_request *rq)
 {
 	const struct ms_bitmap *bitmap = rq_record(rq, struct ms_bitmap, 0);
 	u32 room = (rq->length - BITMAP_LENGTH(0)) / sizeof(struct ms_run);
@@ -301,7 +301,7 @@ int check_bitmap(struct request *rq)
 
 #define ENTRY_SIZE	(sizeof(struct ms_snap_entry) + MS_SNAP_TAIL)
 
-int check_snap_length(struct request *rq)
+int check_snap_length(struct ms_request *rq)
 {
 	u64 without_runs = HEADER + (u64)rq->header->request_value * ENTRY_SIZE + MS_TRAILER;
 
@@ -314,7 +314,7 @@ int check_snap_length(struct request *rq)
 	return 0;
 }
 
-struct ms_snap_entry *next_snap_entry(struct request *rq, u32 *position)
+struct ms_snap_entry *next_snap_entry(struct ms_request *rq, u32 *position)
 {
 	struct ms_snap_entry *entry;
 	u32 at = *position ?: HEADER, room = rq->length - at;
@@ -344,7 +344,7 @@ static bool is_guid(const char *text)
 }
 
 /* A GUID where tracking wants one, else nothing. */
-static int check_guid(struct request *rq, const struct ms_snap_entry *entry)
+static int check_guid(struct ms_request *rq, const struct ms_snap_entry *entry)
 {
 	if (!entry->vtrack_request || entry->independent_snapshot_request) {
 		if (memchr_inv(entry->tracking_guid, 0, sizeof(entry->tracking_guid)))
@@ -357,7 +357,7 @@ static int check_guid(struct request *rq, const struct ms_snap_entry *entry)
 	return refuse(rq, -EINVAL, "\"%s\" is not a tracking GUID", entry->tracking_guid);
 }
 
-static int check_sizes(struct request *rq, const struct ms_snap_entry *entry)
+static int check_sizes(struct ms_request *rq, const struct ms_snap_entry *entry)
 {
 	if (entry->block_size < 512 || !is_power_of_2(entry->block_size))
 		return refuse(rq, -EINVAL,
@@ -373,7 +373,7 @@ static int check_sizes(struct request *rq, const struct ms_snap_entry *entry)
 }
 
 /* Whether the runs lie in the volume, as it says that it is. */
-static int check_runs(struct request *rq, struct ms_snap_entry *entry)
+static int check_runs(struct ms_request *rq, struct ms_snap_entry *entry)
 {
 	const struct ms_run *run = entry_runs(entry), *end = run + entry->num_runs;
 
@@ -387,7 +387,7 @@ static int check_runs(struct request *rq, struct ms_snap_entry *entry)
 	return check_zero(rq, end, (const void *)end + MS_SNAP_TAIL);
 }
 
-static int check_snap_entry(struct request *rq, struct ms_snap_entry *entry)
+static int check_snap_entry(struct ms_request *rq, struct ms_snap_entry *entry)
 {
 	return check_name(rq, entry->volume_name, sizeof(entry->volume_name), "volume name") ?:
 	       check_name(rq, entry->reloc_file_name, sizeof(entry->reloc_file_name),
@@ -403,7 +403,7 @@ static int check_snap_entry(struct request *rq, struct ms_snap_entry *entry)
 	       check_runs(rq, entry);
 }
 
-int check_snap(struct request *rq)
+int check_snap(struct ms_request *rq)
 {
 	u32 i, count = rq->header->request_value, position = 0;
 	u64 *volumes = alloc_volumes(rq);

@@ -11,7 +11,7 @@
 
 struct command;
 
-struct request {
+struct ms_request {
 	const struct command *command;
 	union {
 		void *buffer;			/* the whole command */
@@ -34,9 +34,9 @@ struct command {
 	} value;
 	bool bitmap;		/* carries runs, and 1 as its flags */
 	bool answers;		/* with its records, not just with the header */
-	int (*check_length)(struct request *rq);
-	int (*check)(struct request *rq);
-	int (*carry_out)(struct request *rq);
+	int (*check_length)(struct ms_request *rq);
+	int (*check)(struct ms_request *rq);
+	int (*carry_out)(struct ms_request *rq);
 };
 
 /* More than any machine has; bounds what one command can make the driver do. */
@@ -55,8 +55,8 @@ struct command {
  * Notes why a request is refused, for the log, and its driver status.  Return
  * `error`, a negative errno.
  */
-__printf(3, 4) int refuse(struct request *rq, int error, const char *format, ...);
-__printf(4, 5) int refuse_as(struct request *rq, int error, int status,
+__printf(3, 4) int refuse(struct ms_request *rq, int error, const char *format, ...);
+__printf(4, 5) int refuse_as(struct ms_request *rq, int error, int status,
 			     const char *format, ...);
 
 /*
@@ -71,62 +71,62 @@ static inline dev_t volume_dev(u32 major_num, u32 minor_num)
 }
 
 /* check.c: what a command looks like */
-int check_header(struct request *rq);
-int check_log_level(struct request *rq);
-int check_volume(struct request *rq);
-int check_volume_list(struct request *rq);
-int check_create_mapping(struct request *rq);
-int check_delete_mapping(struct request *rq);
-int check_all_zero(struct request *rq);
-int check_snap_length(struct request *rq);
-int check_snap(struct request *rq);
-int check_discard(struct request *rq);
-int check_verify(struct request *rq);
-int check_tracking_vars(struct request *rq);
-int check_bitmap_length(struct request *rq);
-int check_bitmap(struct request *rq);
-int check_dump_state(struct request *rq);
+int check_header(struct ms_request *rq);
+int check_log_level(struct ms_request *rq);
+int check_volume(struct ms_request *rq);
+int check_volume_list(struct ms_request *rq);
+int check_create_mapping(struct ms_request *rq);
+int check_delete_mapping(struct ms_request *rq);
+int check_all_zero(struct ms_request *rq);
+int check_snap_length(struct ms_request *rq);
+int check_snap(struct ms_request *rq);
+int check_discard(struct ms_request *rq);
+int check_verify(struct ms_request *rq);
+int check_tracking_vars(struct ms_request *rq);
+int check_bitmap_length(struct ms_request *rq);
+int check_bitmap(struct ms_request *rq);
+int check_dump_state(struct ms_request *rq);
 
 /*
  * Steps to the next entry of a snap command; null after the last, and where
  * the next does not fit into the command.  Begin with *position 0.
  */
-struct ms_snap_entry *next_snap_entry(struct request *rq, u32 *position);
+struct ms_snap_entry *next_snap_entry(struct ms_request *rq, u32 *position);
 /* The runs of an entry. */
 #define entry_runs(entry)	((struct ms_run *)((entry) + 1))
 
 /* commands.c */
 long serve_command(unsigned int number, void __user *address);
-int do_version(struct request *rq);
-int do_set_log_level(struct request *rq);
+int do_version(struct ms_request *rq);
+int do_set_log_level(struct ms_request *rq);
 
 /* volumes.c */
-int do_check_snapped(struct request *rq);
-int do_count_snapped(struct request *rq);
-int do_list_snapped(struct request *rq);
-int do_create_mapping(struct request *rq);
-int do_delete_mapping(struct request *rq);
-int do_count_mappings(struct request *rq);
-int do_list_mappings(struct request *rq);
-int do_verify_and_clean(struct request *rq);
+int do_check_snapped(struct ms_request *rq);
+int do_count_snapped(struct ms_request *rq);
+int do_list_snapped(struct ms_request *rq);
+int do_create_mapping(struct ms_request *rq);
+int do_delete_mapping(struct ms_request *rq);
+int do_count_mappings(struct ms_request *rq);
+int do_list_mappings(struct ms_request *rq);
+int do_verify_and_clean(struct ms_request *rq);
 
 /* freeze.c */
-int do_check_frozen(struct request *rq);
-int do_freeze(struct request *rq);
-int do_thaw(struct request *rq);
+int do_check_frozen(struct ms_request *rq);
+int do_freeze(struct ms_request *rq);
+int do_thaw(struct ms_request *rq);
 
 /* snap.c */
-int do_snap(struct request *rq);
-int do_discard(struct request *rq);
+int do_snap(struct ms_request *rq);
+int do_discard(struct ms_request *rq);
 
 /* tracking.c */
-int do_check_tracked(struct request *rq);
-int do_tracking_vars(struct request *rq);
-int do_read_bitmap(struct request *rq);
-int do_push_bitmap(struct request *rq);
-int do_stop_tracking(struct request *rq);
+int do_check_tracked(struct ms_request *rq);
+int do_tracking_vars(struct ms_request *rq);
+int do_read_bitmap(struct ms_request *rq);
+int do_push_bitmap(struct ms_request *rq);
+int do_stop_tracking(struct ms_request *rq);
 
 /* state.c */
-int do_dump_state(struct request *rq);
+int do_dump_state(struct ms_request *rq);
 
 #endif /* MIRELSNAP_COMMAND_H */

@@ -73,12 +73,12 @@ static const struct command commands[] = {
 };
 
 __printf(2, 0)
-static void note_why(struct request *rq, const char *format, va_list args)
+static void note_why(struct ms_request *rq, const char *format, va_list args)
 {
 	vscnprintf(rq->why, sizeof(rq->why), format, args);
 }
 
-int refuse(struct request *rq, int error, const char *format, ...)
+int refuse(struct ms_request *rq, int error, const char *format, ...)
 {
 	va_list args;
 
@@ -88,7 +88,7 @@ int refuse(struct request *rq, int error, const char *format, ...)
 	return error;
 }
 
-int refuse_as(struct request *rq, int error, int status, const char *format, ...)
+int refuse_as(struct ms_request *rq, int error, int status, const char *format, ...)
 {
 	va_list args;
 
@@ -109,7 +109,7 @@ static const struct command *find_command(unsigned int number)
 	return NULL;
 }
 
-static int check_length(struct request *rq)
+static int check_length(struct ms_request *rq)
 {
 	const struct command *command = rq->command;
 	u64 right = command->length;
@@ -129,7 +129,7 @@ static int check_length(struct request *rq)
 }
 
 /* Copies the command in; the caller frees the buffer. */
-static int read_command(struct request *rq, const void __user *address)
+static int read_command(struct ms_request *rq, const void __user *address)
 {
 	struct ms_header header;
 	int result;
@@ -155,7 +155,7 @@ static int read_command(struct request *rq, const void __user *address)
 	return 0;
 }
 
-static int carry_out_command(struct request *rq, void __user *address)
+static int carry_out_command(struct ms_request *rq, void __user *address)
 {
 	const struct command *command = rq->command;
 	int result = command->check == check_verify ? 0 : check_header(rq);
@@ -178,7 +178,7 @@ long serve_command(unsigned int number, void __user *address)
 {
 	static DEFINE_RATELIMIT_STATE(refusals, DEFAULT_RATELIMIT_INTERVAL,
 				      DEFAULT_RATELIMIT_BURST);
-	struct request *rq;
+	struct ms_request *rq;
 	int result;
 
 	rq = kzalloc(sizeof(*rq), GFP_KERNEL);
@@ -203,7 +203,7 @@ long serve_command(unsigned int number, void __user *address)
 	return result;
 }
 
-int do_version(struct request *rq)
+int do_version(struct ms_request *rq)
 {
 	struct ms_driver_version *answer = rq_record(rq, struct ms_driver_version, 0);
 
@@ -211,7 +211,7 @@ int do_version(struct request *rq)
 	return 0;
 }
 
-int do_set_log_level(struct request *rq)
+int do_set_log_level(struct ms_request *rq)
 {
 	WRITE_ONCE(log_level, rq_record(rq, struct ms_log_level, 0)->level);
 	return 0;

@@ -18,6 +18,7 @@
 #include "cow.h"
 #include "inject.h"
 #include "intercept.h"
+#include "snapdev.h"
 
 /*
  * From this many reads in flight on, further first writes are gathered, so
@@ -127,6 +128,7 @@ void cow_break_locked(struct snapshot *snapshot, int error)
 	       snapshot->entry.volume_name, MAJOR(snapshot->dev), MINOR(snapshot->dev),
 	       why_broken(error), -error);
 	cow_room_locked(snapshot);
+	queue_work(system_unbound_wq, &snapshot->shed_work);
 }
 
 void cow_break(struct snapshot *snapshot, int error)
@@ -413,10 +415,44 @@ static void done_work(struct work_struct *work)
 
 /* ---- life ---- */
 
+/* No write and no old content is on its way any more; `live` is false. */
+static void wait_until_idle(struct snapshot *snapshot)
+{
+	wait_event(snapshot->idle, !atomic_read(&snapshot->aside) &&
+				   !READ_ONCE(snapshot->reading));
+	hrtimer_cancel(&snapshot->gather);
+}
+
+static void free_kept(struct snapshot *snapshot)
+{
+	store_free_ring(&snapshot->store);
+	table_exit(&snapshot->table);
+	kvfree(snapshot->kept);
+	kvfree(snapshot->seen);
+	snapshot->kept = NULL;
+	snapshot->seen = NULL;
+}
+
+/* What a broken snapshot kept is of no use to anybody. */
+static void shed_work(struct work_struct *work)
+{
+	struct snapshot *snapshot = container_of(work, struct snapshot, shed_work);
+
+	if (!READ_ONCE(snapshot->added))
+		return;		/* it never appeared, and goes at once */
+	intercept_wait();
+	wait_until_idle(snapshot);
+	flush_work(&snapshot->store.work);
+	snapdev_wait(snapshot);
+	WRITE_ONCE(snapshot->shed, true);
+	free_kept(snapshot);
+}
+
 /* No more than an eighth of the machine's memory for all rings of a set. */
 static u32 ring_slots(unsigned int sets_volumes)
 {
-	u64 most = min_t(u64, (u64)ring_mib << 20, ((u64)totalram_pages() << PAGE_SHIFT) / 8 / sets_volumes);
+	u64 share = ((u64)totalram_pages() << PAGE_SHIFT) / 8 / sets_volumes;
+	u64 most = min_t(u64, (u64)ring_mib << 20, share);
 
 	return rounddown_pow_of_two(clamp_t(u64, most, 1 << 20, 1 << 30) / COW_BYTES);
 }
@@ -447,6 +483,7 @@ int cow_prepare(struct snapshot *snapshot, unsigned int sets_volumes)
 	bio_list_init(&snapshot->todo);
 	init_waitqueue_head(&snapshot->idle);
 	INIT_WORK(&snapshot->todo_work, todo_work);
+	INIT_WORK(&snapshot->shed_work, shed_work);
 	hrtimer_init(&snapshot->gather, CLOCK_MONOTONIC, HRTIMER_MODE_REL);
 	snapshot->gather.function = gather_end;
 	snapshot->next = U64_MAX;
@@ -487,9 +524,8 @@ void cow_stop(struct snapshot *snapshot)
 	spin_lock(&snapshot->lock);
 	cow_room_locked(snapshot);
 	spin_unlock(&snapshot->lock);
-	wait_event(snapshot->idle, !atomic_read(&snapshot->aside) &&
-				   !READ_ONCE(snapshot->reading));
-	hrtimer_cancel(&snapshot->gather);
+	wait_until_idle(snapshot);
+	flush_work(&snapshot->shed_work);
 	for_each_possible_cpu(cpu)
 		flush_work(&per_cpu_ptr(snapshot->done, cpu)->work);
 	flush_work(&snapshot->todo_work);
@@ -498,14 +534,10 @@ void cow_stop(struct snapshot *snapshot)
 void cow_release(struct snapshot *snapshot)
 {
 	store_release(snapshot);
-	table_exit(&snapshot->table);
+	free_kept(snapshot);
 	bioset_exit(&snapshot->copies);
 	free_percpu(snapshot->done);
-	kvfree(snapshot->kept);
-	kvfree(snapshot->seen);
 	snapshot->done = NULL;
-	snapshot->kept = NULL;
-	snapshot->seen = NULL;
 }
 
 u64 cow_blocks_kept(const struct snapshot *snapshot)
@@ -515,6 +547,8 @@ u64 cow_blocks_kept(const struct snapshot *snapshot)
 
 size_t cow_memory(const struct snapshot *snapshot)
 {
+	if (READ_ONCE(snapshot->shed))
+		return 0;
 	return 2 * sizeof(long) * BITS_TO_LONGS(snapshot->blocks) +
 	       table_memory(&snapshot->table) + store_memory(&snapshot->store);
 }

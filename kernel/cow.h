@@ -56,6 +56,7 @@ struct snapshot {
 	bool prepared, added;		/* there is something to stop, a disk */
 	bool live;			/* first writes are kept now */
 	int broken;			/* 0, or why: a negative errno */
+	bool shed;			/* broken, and what it kept is freed */
 
 	/*
 	 * Blocks that need no keeping any more: their old content is in memory
@@ -81,6 +82,7 @@ struct snapshot {
 	struct done_here __percpu *done;
 	struct hrtimer gather;
 	struct work_struct todo_work;
+	struct work_struct shed_work;
 	struct work_struct again_work;	/* snapdev.c */
 	struct bio_list again;		/* under again_lock */
 	spinlock_t again_lock;
@@ -117,7 +119,7 @@ void cow_break_locked(struct snapshot *snapshot, int error);
 /* Writes that waited for room are looked at again; under the lock. */
 void cow_room_locked(struct snapshot *snapshot);
 
-/* In bytes: tables, bitmaps and ring. */
+/* In bytes: tables, bitmaps and ring; none when they are freed. */
 size_t cow_memory(const struct snapshot *snapshot);
 u64 cow_blocks_kept(const struct snapshot *snapshot);
 

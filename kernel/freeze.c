@@ -195,7 +195,7 @@ static struct frozen *find_frozen(dev_t dev)
 	return NULL;
 }
 
-int do_check_frozen(struct request *rq)
+int do_check_frozen(struct ms_request *rq)
 {
 	const struct ms_volume_check *volume = rq_record(rq, struct ms_volume_check, 0);
 	struct frozen *frozen;
@@ -223,7 +223,7 @@ static void thaw_list(struct list_head *list)
 	}
 }
 
-static struct frozen *open_frozen(struct request *rq, const struct ms_volume *volume, int *result)
+static struct frozen *open_frozen(struct ms_request *rq, const struct ms_volume *volume, int *result)
 {
 	struct frozen *frozen = kzalloc(sizeof(*frozen), GFP_KERNEL);
 
@@ -250,7 +250,7 @@ static void add_in_order(struct list_head *unordered, struct list_head *list,
 }
 
 /* Opens the volumes of the command, inside out. */
-static int open_volumes(struct request *rq, struct list_head *list)
+static int open_volumes(struct ms_request *rq, struct list_head *list)
 {
 	const struct ms_volume *volume = rq_record(rq, struct ms_volume, 0);
 	u32 i, count = rq->header->request_value;
@@ -282,7 +282,7 @@ static int open_volumes(struct request *rq, struct list_head *list)
 }
 
 /* Whether one is frozen already; then it is refused, else they are claimed. */
-static int claim(struct request *rq, struct list_head *list)
+static int claim(struct ms_request *rq, struct list_head *list)
 {
 	struct frozen *frozen;
 	int result = 0;
@@ -302,7 +302,7 @@ static int claim(struct request *rq, struct list_head *list)
 }
 
 /* The claimed volumes of a command go into a list of their own. */
-static void take_back(struct request *rq, struct list_head *list)
+static void take_back(struct ms_request *rq, struct list_head *list)
 {
 	const struct ms_volume *volume = rq_record(rq, struct ms_volume, 0);
 	struct frozen *frozen, *next;
@@ -316,7 +316,7 @@ static void take_back(struct request *rq, struct list_head *list)
 			}
 }
 
-static int freeze_one(struct request *rq, struct frozen *frozen)
+static int freeze_one(struct ms_request *rq, struct frozen *frozen)
 {
 	int result = freeze_bdev(frozen->volume.bdev);
 
@@ -331,7 +331,7 @@ static int freeze_one(struct request *rq, struct frozen *frozen)
 }
 
 /* The first claimed volume of the command that does not stand yet. */
-static struct frozen *next_to_freeze(struct request *rq)
+static struct frozen *next_to_freeze(struct ms_request *rq)
 {
 	const struct ms_volume *volume = rq_record(rq, struct ms_volume, 0);
 	struct frozen *frozen, *found = NULL;
@@ -347,7 +347,7 @@ static struct frozen *next_to_freeze(struct request *rq)
 	return found;
 }
 
-static int freeze_claimed(struct request *rq, struct list_head *list)
+static int freeze_claimed(struct ms_request *rq, struct list_head *list)
 {
 	struct frozen *frozen;
 	int result = 0;
@@ -363,7 +363,7 @@ static int freeze_claimed(struct request *rq, struct list_head *list)
 }
 
 /* All or none. */
-int do_freeze(struct request *rq)
+int do_freeze(struct ms_request *rq)
 {
 	LIST_HEAD(list);	/* those that are not claimed, or not any more */
 	int result = open_volumes(rq, &list) ?: claim(rq, &list) ?: freeze_claimed(rq, &list);
@@ -374,7 +374,7 @@ int do_freeze(struct request *rq)
 }
 
 /* All or none. */
-int do_thaw(struct request *rq)
+int do_thaw(struct ms_request *rq)
 {
 	const struct ms_volume *volume = rq_record(rq, struct ms_volume, 0);
 	LIST_HEAD(list);

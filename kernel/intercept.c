@@ -141,13 +141,18 @@ int intercept_add(struct snapshot *snapshot)
 	return result;
 }
 
+void intercept_wait(void)
+{
+	synchronize_rcu();
+	synchronize_srcu(&redirected);
+}
+
 void intercept_remove(struct snapshot *snapshot)
 {
 	mutex_lock(&hook_lock);
 	if (hash_hashed(&snapshot->by_disk)) {
 		hash_del_rcu(&snapshot->by_disk);
-		synchronize_rcu();
-		synchronize_srcu(&redirected);
+		intercept_wait();
 		if (!--snapshots && !hook_stays)
 			uninstall();
 	}

@@ -15,6 +15,8 @@ void intercept_exit(void);
 int intercept_add(struct snapshot *snapshot);
 /* And no more; nobody looks at the snapshot on their way any longer.  May sleep. */
 void intercept_remove(struct snapshot *snapshot);
+/* Until nobody looks at a snapshot any longer that was live before. */
+void intercept_wait(void);
 
 /* Submits a bio, unless a snapshot takes it first. */
 void intercept_submit(struct bio *bio);

@@ -29,7 +29,7 @@ static u64 blocks_in_runs(struct ms_snap_entry *entry)
 	return blocks;
 }
 
-static int check_file(struct request *rq, const struct ms_snap_entry *entry,
+static int check_file(struct ms_request *rq, const struct ms_snap_entry *entry,
 		      const struct inode *inode)
 {
 	const char *name = entry->reloc_file_name;
@@ -59,7 +59,7 @@ static int check_file(struct request *rq, const struct ms_snap_entry *entry,
 	return 0;
 }
 
-int reloc_file_open(struct request *rq, const struct ms_snap_entry *entry,
+int reloc_file_open(struct ms_request *rq, const struct ms_snap_entry *entry,
 		    struct reloc_file *file)
 {
 	struct path path;
@@ -230,7 +230,7 @@ static int map_and_guard(struct reloc_file *file, u32 most)
 	return result;
 }
 
-int reloc_file_map(struct request *rq, const struct ms_snap_entry *entry,
+int reloc_file_map(struct ms_request *rq, const struct ms_snap_entry *entry,
 		   struct reloc_file *file)
 {
 	u64 most = needed_bytes(entry) / COW_BYTES;

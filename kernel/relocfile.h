@@ -29,13 +29,13 @@ struct reloc_file {
  * Opens the relocation file of an entry, in the view of the caller, and looks
  * whether it is what the command says.
  */
-int reloc_file_open(struct request *rq, const struct ms_snap_entry *entry,
+int reloc_file_open(struct ms_request *rq, const struct ms_snap_entry *entry,
 		    struct reloc_file *file);
 /*
  * Finds where the file lies and guards it as a swap file is guarded: it can
  * be neither written, cut, removed nor cloned until it is closed.
  */
-int reloc_file_map(struct request *rq, const struct ms_snap_entry *entry,
+int reloc_file_map(struct ms_request *rq, const struct ms_snap_entry *entry,
 		   struct reloc_file *file);
 /* Also of one that is not open. */
 void reloc_file_close(struct reloc_file *file);

@@ -20,7 +20,7 @@
 
 /* The snapshots of one command, in its order. */
 struct set {
-	struct request *rq;
+	struct ms_request *rq;
 	u32 count;
 	struct snapshot **snapshots;
 	struct ms_snap_entry **entries;		/* in the command's buffer */
@@ -103,7 +103,7 @@ static int claim(struct set *set)
 	return result;
 }
 
-static int open_origin(struct request *rq, struct snapshot *snapshot)
+static int open_origin(struct ms_request *rq, struct snapshot *snapshot)
 {
 	const struct ms_snap_entry *entry = &snapshot->entry;
 	char text[24];
@@ -320,7 +320,7 @@ static int show_set(struct set *set)
 		if (result)
 			return refuse(set->rq, result, "the disk %s cannot be made: error %d",
 				      set->snapshots[i]->disk->disk_name, -result);
-		set->snapshots[i]->added = true;
+		WRITE_ONCE(set->snapshots[i]->added, true);
 	}
 	mutex_lock(&volumes_lock);
 	for (i = 0; i < set->count; i++) {
@@ -340,7 +340,7 @@ static void undo_set(struct set *set)
 			snapshot_end(set->snapshots[i]);
 }
 
-int do_snap(struct request *rq)
+int do_snap(struct ms_request *rq)
 {
 	struct set set = { .rq = rq };
 	int result;
@@ -389,7 +389,7 @@ void snapshot_end(struct snapshot *snapshot)
 }
 
 /* All are held: then all are on their way out. */
-static int begin_discard(struct request *rq, struct snapshot **going)
+static int begin_discard(struct ms_request *rq, struct snapshot **going)
 {
 	struct ms_discard *entry = rq_record(rq, struct ms_discard, 0);
 	u32 i, count = rq->header->request_value;
@@ -414,7 +414,7 @@ static int begin_discard(struct request *rq, struct snapshot **going)
  * All or none: when one of several is not snapped, nothing is discarded and
  * the records stay as they came.
  */
-int do_discard(struct request *rq)
+int do_discard(struct ms_request *rq)
 {
 	struct ms_discard *entry = rq_record(rq, struct ms_discard, 0);
 	u32 i, count = rq->header->request_value;

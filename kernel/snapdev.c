@@ -7,6 +7,7 @@
  * enough, since no write is let go before the mark of its blocks.  No lock is
  * shared with writers.
  */
+#include <linux/blk-mq.h>
 #include <linux/module.h>
 #include "cow.h"
 #include "snapdev.h"
@@ -221,11 +222,24 @@ int snapdev_add(struct snapshot *snapshot)
 	return add_disk(snapshot->disk);
 }
 
+static void wait_for_reads(struct snapshot *snapshot)
+{
+	wait_event(snapshot->idle, !atomic_read(&snapshot->reads));
+	flush_work(&snapshot->again_work);
+}
+
+void snapdev_wait(struct snapshot *snapshot)
+{
+	/* Those that are being submitted. */
+	blk_mq_freeze_queue(snapshot->disk->queue);
+	blk_mq_unfreeze_queue(snapshot->disk->queue);
+	wait_for_reads(snapshot);
+}
+
 void snapdev_remove(struct snapshot *snapshot)
 {
 	del_gendisk(snapshot->disk);
-	wait_event(snapshot->idle, !atomic_read(&snapshot->reads));
-	flush_work(&snapshot->again_work);
+	wait_for_reads(snapshot);
 }
 
 void snapdev_release(struct snapshot *snapshot)

@@ -23,6 +23,8 @@ int snapdev_add(struct snapshot *snapshot);
  * touches the snapshot.
  */
 void snapdev_remove(struct snapshot *snapshot);
+/* Of a snapshot that is not live any more: until no read of it is under way. */
+void snapdev_wait(struct snapshot *snapshot);
 /* Frees what was prepared; the disk was removed or never added. */
 void snapdev_release(struct snapshot *snapshot);
 

@@ -170,7 +170,7 @@ static void log_text(char *text, size_t length)
  * Whoever makes a file on a frozen file system waits for its thaw.  The file
  * itself when it is there, else where it would be made.
  */
-static int check_place(struct request *rq, const char *name)
+static int check_place(struct ms_request *rq, const char *name)
 {
 	struct path path;
 	char *folder;
@@ -196,7 +196,7 @@ static int check_place(struct request *rq, const char *name)
 	return result;
 }
 
-static int write_text(struct request *rq, const char *name, const char *text, size_t length)
+static int write_text(struct ms_request *rq, const char *name, const char *text, size_t length)
 {
 	struct file *file;
 	loff_t position = 0;
@@ -221,7 +221,7 @@ static int write_text(struct request *rq, const char *name, const char *text, si
 	return 0;
 }
 
-int do_dump_state(struct request *rq)
+int do_dump_state(struct ms_request *rq)
 {
 	const struct ms_dump_state *dump = rq_record(rq, struct ms_dump_state, 0);
 	int result = 0;

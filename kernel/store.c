@@ -184,7 +184,8 @@ static void grow_table(struct snapshot *snapshot)
 	struct table *table = &snapshot->table;
 
 	/* As much as can be asked for before this is called again. */
-	while (table->room < table->slots && table->room - READ_ONCE(store->next) < store->ring) {
+	while (READ_ONCE(snapshot->live) && table->room < table->slots &&
+	       table->room - READ_ONCE(store->next) < store->ring) {
 		if (!inject(INJECT_TABLE) &&
 		    !table_grow(table, GFP_NOIO | __GFP_NORETRY | __GFP_NOWARN))
 			continue;
@@ -262,15 +263,10 @@ int store_prepare(struct snapshot *snapshot, u32 ring)
 	return result ?: alloc_ring(store);
 }
 
-void store_release(struct snapshot *snapshot)
+void store_free_ring(struct store *store)
 {
-	struct store *store = &snapshot->store;
 	u32 i;
 
-	if (store->queue)
-		destroy_workqueue(store->queue);
-	store->queue = NULL;
-	bioset_exit(&store->bios);
 	for (i = 0; store->pages && i < store->ring >> RING_ORDER && store->pages[i]; i++)
 		__free_pages(store->pages[i], RING_ORDER);
 	kvfree(store->pages);
@@ -279,6 +275,17 @@ void store_release(struct snapshot *snapshot)
 	store->pages = NULL;
 	store->readers = NULL;
 	store->filled = NULL;
+}
+
+void store_release(struct snapshot *snapshot)
+{
+	struct store *store = &snapshot->store;
+
+	if (store->queue)
+		destroy_workqueue(store->queue);
+	store->queue = NULL;
+	bioset_exit(&store->bios);
+	store_free_ring(store);
 }
 
 size_t store_memory(const struct store *store)

@@ -33,6 +33,8 @@ struct store {
 /* The file is mapped.  `ring`: slots at most. */
 int store_prepare(struct snapshot *snapshot, u32 ring);
 void store_release(struct snapshot *snapshot);
+/* Nothing is on its way. */
+void store_free_ring(struct store *store);
 
 /* How many slots can be given out now; under the snapshot's lock. */
 u32 store_room(struct snapshot *snapshot);

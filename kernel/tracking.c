@@ -129,7 +129,7 @@ static struct tracking *tracking_of(const struct snapshot *snapshot)
 }
 
 /* Under volumes_lock. */
-static int find_tracked(struct request *rq, u32 major_num, u32 minor_num,
+static int find_tracked(struct ms_request *rq, u32 major_num, u32 minor_num,
 			struct snapshot **snapshot)
 {
 	*snapshot = find_held(volume_dev(major_num, minor_num));
@@ -142,7 +142,7 @@ static int find_tracked(struct request *rq, u32 major_num, u32 minor_num,
 	return 0;
 }
 
-int do_check_tracked(struct request *rq)
+int do_check_tracked(struct ms_request *rq)
 {
 	const struct ms_volume_check *volume = rq_record(rq, struct ms_volume_check, 0);
 	struct snapshot *snapshot;
@@ -155,7 +155,7 @@ int do_check_tracked(struct request *rq)
 	return 0;
 }
 
-int do_tracking_vars(struct request *rq)
+int do_tracking_vars(struct ms_request *rq)
 {
 	struct ms_tracking_vars *vars = rq_record(rq, struct ms_tracking_vars, 0);
 	struct snapshot *snapshot;
@@ -172,7 +172,7 @@ int do_tracking_vars(struct request *rq)
 }
 
 /* What waits in the page cache of a volume without a file system is written. */
-static int write_out(struct request *rq, const struct ms_bitmap *bitmap)
+static int write_out(struct ms_request *rq, const struct ms_bitmap *bitmap)
 {
 	struct volume volume = {};
 	int result = volume_open(rq, &volume, bitmap->major_num, bitmap->minor_num);
@@ -187,7 +187,7 @@ static int write_out(struct request *rq, const struct ms_bitmap *bitmap)
 	return 0;
 }
 
-static void fill_runs(struct request *rq, const struct tracking *tracking, u64 block)
+static void fill_runs(struct ms_request *rq, const struct tracking *tracking, u64 block)
 {
 	struct ms_bitmap *bitmap = rq_record(rq, struct ms_bitmap, 0);
 	struct ms_run *run = rq_runs(rq), *end = run + bitmap->num_runs;
@@ -205,7 +205,7 @@ static void fill_runs(struct request *rq, const struct tracking *tracking, u64 b
 	bitmap->num_runs = run - rq_runs(rq);
 }
 
-int do_read_bitmap(struct request *rq)
+int do_read_bitmap(struct ms_request *rq)
 {
 	const struct ms_bitmap *bitmap = rq_record(rq, struct ms_bitmap, 0);
 	u64 first = bitmap->update_type == MS_UPDATE_CONTINUE && bitmap->num_runs ?
@@ -231,7 +231,7 @@ int do_read_bitmap(struct request *rq)
 	return result;
 }
 
-static int check_pushed(struct request *rq, u64 blocks)
+static int check_pushed(struct ms_request *rq, u64 blocks)
 {
 	const struct ms_bitmap *bitmap = rq_record(rq, struct ms_bitmap, 0);
 	const struct ms_run *run = rq_runs(rq), *end = run + bitmap->num_runs;
@@ -246,7 +246,7 @@ static int check_pushed(struct request *rq, u64 blocks)
 }
 
 /* Instead of the runs pushed before, or beside them. */
-static int keep_used(struct request *rq, struct tracking *tracking)
+static int keep_used(struct ms_request *rq, struct tracking *tracking)
 {
 	const struct ms_bitmap *bitmap = rq_record(rq, struct ms_bitmap, 0);
 	u32 before = bitmap->update_type == MS_UPDATE_WHOLE ? 0 : tracking->nr_used;
@@ -266,7 +266,7 @@ static int keep_used(struct request *rq, struct tracking *tracking)
 	return 0;
 }
 
-int do_push_bitmap(struct request *rq)
+int do_push_bitmap(struct ms_request *rq)
 {
 	const struct ms_bitmap *bitmap = rq_record(rq, struct ms_bitmap, 0);
 	struct snapshot *snapshot;
@@ -285,7 +285,7 @@ int do_push_bitmap(struct request *rq)
  * Of those that are snapped, whatever the others are: user space takes the
  * refusal for success, as what is not snapped is not tracked either.
  */
-int do_stop_tracking(struct request *rq)
+int do_stop_tracking(struct ms_request *rq)
 {
 	const struct ms_volume *volume = rq_record(rq, struct ms_volume, 0);
 	u32 i, count = rq->header->request_value;

@@ -22,7 +22,7 @@ bool volume_is_gone(const struct block_device *bdev)
 	return !disk_live(bdev->bd_disk) || !bdev_nr_sectors((struct block_device *)bdev);
 }
 
-int volume_open(struct request *rq, struct volume *volume, u32 major_num, u32 minor_num)
+int volume_open(struct ms_request *rq, struct volume *volume, u32 major_num, u32 minor_num)
 {
 	dev_t dev = volume_dev(major_num, minor_num);
 	int result = dev ? volume_open_dev(volume, dev) : -ENXIO;
@@ -57,7 +57,7 @@ struct snapshot *find_held(dev_t dev)
 
 /* ---- snapped volumes ---- */
 
-int do_check_snapped(struct request *rq)
+int do_check_snapped(struct ms_request *rq)
 {
 	const struct ms_volume_check *volume = rq_record(rq, struct ms_volume_check, 0);
 
@@ -69,7 +69,7 @@ int do_check_snapped(struct request *rq)
 	return 0;
 }
 
-int do_count_snapped(struct request *rq)
+int do_count_snapped(struct ms_request *rq)
 {
 	struct snapshot *snapshot;
 
@@ -96,7 +96,7 @@ static void describe(const struct snapshot *snapshot, struct ms_snapped_volume *
 }
 
 /* As many as there is room for. */
-int do_list_snapped(struct request *rq)
+int do_list_snapped(struct ms_request *rq)
 {
 	u32 room = rq->header->request_value, filled = 0;
 	struct snapshot *snapshot;
@@ -150,7 +150,7 @@ unsigned int drop_mappings(s32 pid, const char *volume_name)
  * A volume has one mapping.  The process that made it may make it again, which
  * replaces it in its place; another process may not.
  */
-int do_create_mapping(struct request *rq)
+int do_create_mapping(struct ms_request *rq)
 {
 	struct mapping *mapping = kmalloc(sizeof(*mapping), GFP_KERNEL), *old;
 	int result = 0;
@@ -182,7 +182,7 @@ int do_create_mapping(struct request *rq)
  * Any process may delete a mapping, naming the one that made it: so a dead
  * one's mappings can be cleaned up.
  */
-int do_delete_mapping(struct request *rq)
+int do_delete_mapping(struct ms_request *rq)
 {
 	const struct ms_mapping *wire = rq_record(rq, struct ms_mapping, 0);
 	unsigned int dropped;
@@ -196,7 +196,7 @@ int do_delete_mapping(struct request *rq)
 		      wire->app_pid);
 }
 
-int do_count_mappings(struct request *rq)
+int do_count_mappings(struct ms_request *rq)
 {
 	struct mapping *mapping;
 
@@ -207,7 +207,7 @@ int do_count_mappings(struct request *rq)
 	return 0;
 }
 
-int do_list_mappings(struct request *rq)
+int do_list_mappings(struct ms_request *rq)
 {
 	u32 room = rq->header->request_value, filled = 0;
 	struct mapping *mapping;
@@ -288,7 +288,7 @@ static void drop_mappings_of(dev_t dev)
 	mutex_unlock(&volumes_lock);
 }
 
-int do_verify_and_clean(struct request *rq)
+int do_verify_and_clean(struct ms_request *rq)
 {
 	struct snapshot *snapshot;
 	unsigned int n = 0;

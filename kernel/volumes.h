@@ -38,7 +38,7 @@ bool has_mapping(const struct ms_snap_entry *entry);
 unsigned int drop_mappings(s32 pid, const char *volume_name);
 
 /* Opens a volume for reading; -ENXIO also when nothing is behind it. */
-int volume_open(struct request *rq, struct volume *volume, u32 major_num, u32 minor_num);
+int volume_open(struct ms_request *rq, struct volume *volume, u32 major_num, u32 minor_num);
 bool volume_is_gone(const struct block_device *bdev);
 
 /* Discards a held snapshot that is SNAPSHOT_GOING.  May sleep. */

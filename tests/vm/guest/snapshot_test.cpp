@@ -171,6 +171,7 @@ TEST_F(RawVolume, is_broken_when_its_relocation_file_is_full_and_the_volume_goes
   writers.waitFor(2000);
   EXPECT_EQ(writers.stop(), 0);
   EXPECT_EQ(stateOf(kDevice), "broken:full");
+  while (wordOf(snapshotLines()[0], "memory") != "0") usleep(1000);  // it is freed
   EXPECT_EQ(listSnapped(1)[0].deviceState, 2u);
   const int file = open(snapshotOf(kDevice).c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(file, 0);
