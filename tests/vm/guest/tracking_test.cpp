@@ -117,14 +117,15 @@ TEST_F(Tracked, goes_on_when_the_snapshot_breaks) {
 TEST_F(Tracked, runs_in_use_are_taken_and_counted) {
   ASSERT_EQ(snap({volume()}), (Result{0, 0}));
   const Number number = numberOf("/dev/vda");
+  const std::uint64_t last = sectorsOf("/dev/vda") / 8 - 1;
   Command command(IOC_UPDATE_BITMAP, 1, bitmapCommandLength(2));
   command.put(0, std::uint32_t{1});
   command.putRecord(0, BitmapPayload{number.major, number.minor, 0, 2});
   command.put(kBitmapRunsOffset, _run{0, 10});
-  command.put(kBitmapRunsOffset + sizeof(_run), _run{65535, 1});
+  command.put(kBitmapRunsOffset + sizeof(_run), _run{last, 1});
   EXPECT_EQ(command.issue(), 0);
   EXPECT_NE(dumpedState().find("2 runs in use"), std::string::npos);
-  command.put(kBitmapRunsOffset + sizeof(_run), _run{65535, 2});
+  command.put(kBitmapRunsOffset + sizeof(_run), _run{last, 2});
   EXPECT_EQ(command.issue(), EINVAL);
 }
 
