@@ -150,6 +150,7 @@ unsigned int LinuxSnapshotreloc::writeOut(UniqueFd file, int allocationError) {
 
 // One seek and one write a block and nothing else: this loop bounds the time that a snapshot waits for its file.
 bool LinuxSnapshotreloc::writeBlocks(UniqueFd& file, const void* zeros) {
+  if (mBlockSize == 0) return true;  // blocks of no size fill no file
   for (std::uint64_t i = 0; i < mRelocNumBlks; ++i) {
     const std::uint64_t offset = mBlockSize * i;
     errno = 0;

@@ -61,7 +61,8 @@ std::vector<MountEntry> LinuxSystemInfo::GetProcMounts() {
   }
   std::erase_if(*mounts, [](const MountEntry& entry) { return !isListedDevice(entry.fsname); });
   for (MountEntry& entry : *mounts) entry.fsname = realDeviceOf(entry.fsname);
-  std::sort(mounts->begin(), mounts->end(), MountEntryDeviceLess());
+  // Of several mounts of one device the earlier line comes first, however many there are.
+  std::stable_sort(mounts->begin(), mounts->end(), MountEntryDeviceLess());
   return std::move(*mounts);
 }
 

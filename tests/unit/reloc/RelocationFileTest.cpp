@@ -293,6 +293,20 @@ TEST_F(CreateRelocFile, seeks_in_64_bits) {
 
 // --- A file of no blocks.
 
+TEST_F(CreateRelocFile, of_blocks_of_no_size_is_empty_at_once_however_many_there_are) {
+  LinuxSnapshotreloc sizeless("/dev/a", 0, 0xFFFFFFFF, "", 1000);
+  sizeless.mRelocDirName = reloc.mRelocDirName;
+  sizeless.mRelocFileName = reloc.mRelocFileName;
+  sizeless.mFSType = kXfs;
+  hooks.write = [](int, const void*, std::size_t) -> std::optional<ssize_t> {
+    ADD_FAILURE() << "written";
+    errno = EIO;
+    return -1;
+  };
+  EXPECT_EQ(sizeless.CreateRelocFile(), 0u);
+  EXPECT_EQ(fileSize(), 0u);
+}
+
 TEST_F(CreateRelocFile, of_no_blocks_cannot_be_allocated_and_is_written_out_empty) {
   reloc.mRelocNumBlks = 0;
   EXPECT_EQ(reloc.CreateRelocFile(), 0u);

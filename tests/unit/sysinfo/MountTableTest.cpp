@@ -150,6 +150,19 @@ TEST(GetProcMounts, sorts_any_number_of_entries_by_device) {
   EXPECT_EQ(names[2], "/dev/d10");
 }
 
+TEST(GetProcMounts, keeps_the_order_of_the_table_among_many_mounts_of_one_device) {
+  std::string table;
+  std::vector<std::string> directories;
+  for (int i = 0; i < 40; ++i) {
+    directories.push_back("/m" + std::to_string(i));
+    table += line("/dev/d", directories.back());
+  }
+  const test::ProcFile mounts("mounts", table);
+  std::vector<std::string> found;
+  for (const MountEntry& entry : LinuxSystemInfo().GetProcMounts()) found.push_back(entry.dir);
+  EXPECT_EQ(found, directories);
+}
+
 TEST(GetProcMounts, replaces_an_alias_by_the_real_device) {
   test::DevTree dev;
   dev.block("/dev/sda1", 8, 1);
