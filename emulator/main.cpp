@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <exception>
 
-#include "Kernel.h"
-#include "Options.h"
-#include "Session.h"
+#include "emulator/machine/Kernel.h"
+#include "emulator/supervise/Options.h"
+#include "emulator/supervise/Session.h"
 #include "qxtools/StandardStreams.h"
 
 int main(int argc, char** argv) {

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
-#include "CommandCheck.h"
 #include "FuzzWorld.h"
+#include "emulator/driver/CommandCheck.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1 + sizeof(_ioctlCmd)) return 0;

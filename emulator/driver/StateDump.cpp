@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The driver's state as text.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+#include <sstream>
+
+#include "emulator/driver/EmulatedDriver.h"
+#include "emulator/machine/BlockDevice.h"
+
+namespace emulator {
+namespace {
+
+constexpr std::int8_t kIntoFile = 1;
+
+// "process 812", and whether it still is.
+std::string ownerText(const Kernel& kernel, std::int64_t process) {
+  const std::string number = std::to_string(process);
+  const bool lives = faccessat(kernel.proc(), number.c_str(), F_OK, 0) == 0;
+  return "process " + number + (lives ? "" : " (gone)");
+}
+
+std::string folderOf(const std::string& path) { return path.substr(0, std::max<std::size_t>(path.rfind('/'), 1)); }
+
+Answer writeText(const UniqueFd& file, const std::string& name, const std::string& text) {
+  for (std::size_t done = 0; done < text.size();) {
+    const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return failedCall(written < 0 ? errno : ENOSPC, "cannot write the file " + name);
+    done += static_cast<std::size_t>(written);
+  }
+  return done();
+}
+
+}  // namespace
+
+std::string EmulatedDriver::describeState() const {
+  std::ostringstream text;
+  const auto heading = [&](const char* what, std::size_t count) { text << what << ": " << count << '\n'; };
+  text << "version: " << mSettings.version << "\nlog level: " << mLogLevel << '\n';
+
+  heading("snapped volumes", mSnapped.size());
+  for (const Snapped& snapped : mSnapped) {
+    const SnapVolumeEntry& entry = snapped.entry;
+    const DeviceNumber relocVolume{entry.relocVolumeMajor, entry.relocVolumeMinor};
+    text << "  " << snapped.image.volume().text() << ' ' << textOf(entry.volumeName) << ": " << entry.numBlocks
+         << " blocks of " << entry.blockSize << " bytes, of " << ownerText(mKernel, entry.appPid)
+         << ", relocation file " << textOf(entry.relocFileName) << " of " << entry.relocFileSize << " blocks on "
+         << relocVolume.text() << ", snapshot /dev/" << snapshotNodeName(snapped.image.volume()) << '\n';
+  }
+  heading("mappings", mMappings.size());
+  for (const Mapping& mapping : mMappings) {
+    text << "  " << mapping.volumeName << ": " << mapping.relocFileName << ", of "
+         << ownerText(mKernel, mapping.process) << '\n';
+  }
+  heading("frozen volumes", mFrozen.size());
+  for (const FileSystem& frozen : mFrozen) text << "  " << frozen.device().text() << '\n';
+  const auto isTracked = [](const Snapped& snapped) { return snapped.tracking.has_value(); };
+  heading("tracked volumes", static_cast<std::size_t>(std::count_if(mSnapped.begin(), mSnapped.end(), isTracked)));
+  for (const Snapped& snapped : mSnapped) {
+    if (!snapped.tracking) continue;
+    text << "  " << snapped.image.volume().text() << ": " << snapped.tracking->guid << ", sequence number "
+         << snapped.tracking->sequenceNumber << ", " << snapped.tracking->used.size() << " runs in use\n";
+  }
+  return text.str();
+}
+
+// Whoever writes to a frozen file system waits for its thaw, which no other command could bring meanwhile.
+Answer EmulatedDriver::refuseFrozenPlace(const UniqueFd& place, const Caller& caller) const {
+  const std::set<DeviceNumber> under = devicesUnder(mKernel, deviceHolding(place, caller));
+  for (const FileSystem& frozen : mFrozen) {
+    if (under.contains(frozen.device())) {
+      return refuse(EDEADLK, "the file lies on the volume " + frozen.device().text() + ", which is frozen");
+    }
+  }
+  return done();
+}
+
+Answer EmulatedDriver::dumpState(const Caller& caller, const CommandBuffer& buffer) {
+  const auto payload = buffer.record<DumpStatePayload>(0);
+  const std::string text = describeState();
+  if (payload.fileFlag != kIntoFile) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) mMessages.say(line);
+    return done();
+  }
+  const std::string name = textOf(payload.fileName);
+  UniqueFd place = caller.open(name, O_PATH);
+  const bool exists = place.valid();
+  struct stat found;
+  if (exists && (fstat(place.get(), &found) != 0 || !S_ISREG(found.st_mode))) {
+    return refuse(EINVAL, name + " is no file");
+  }
+  if (!exists) place = caller.open(folderOf(name), O_PATH | O_DIRECTORY);
+  if (!place) return failedCall(errno, "cannot open the folder of " + name);
+  if (Answer answer = refuseFrozenPlace(place, caller); answer.failed()) return answer;
+  const int how = exists ? O_TRUNC : O_CREAT | O_EXCL;
+  const UniqueFd file = caller.open(name, O_WRONLY | O_NONBLOCK | how, exists ? 0 : 0600);
+  if (!file) return failedCall(errno, "cannot open the file " + name);
+  return writeText(file, name, text);
+}
+
+}  // namespace emulator

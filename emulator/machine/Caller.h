@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A process that issues a command, seen from outside: its memory, its descriptors, and the file tree that it sees,
+// which need not be the emulator's.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/Handle.h"
+#include "emulator/machine/DeviceNumber.h"
+#include "emulator/machine/Kernel.h"
+#include "emulator/machine/MountInfo.h"
+
+namespace emulator {
+
+// The memory of a process or thread, by its number: the asker makes sure that it is still the same one.
+class CallerMemory {
+ public:
+  explicit CallerMemory(pid_t task) : mTask(task) {}
+
+  pid_t task() const { return mTask; }
+  // Copies memory out or in; false when not all of it is there.
+  bool readMemory(std::uint64_t address, std::span<std::byte> to) const;
+  bool writeMemory(std::uint64_t address, std::span<const std::byte> from) const;
+  // A text of at most `limit` bytes; shorter when the memory ends first.
+  std::string readText(std::uint64_t address, std::size_t limit) const;
+
+ private:
+  pid_t mTask;
+};
+
+class Caller : public CallerMemory {
+ public:
+  // The process or thread `task`. What is asked of it later is asked of that very process: when it is gone, questions
+  // fail, and a new process with its number never answers them. Only the memory goes by number.
+  Caller(const Kernel& kernel, pid_t task);
+  Caller(Caller&&) = default;
+  Caller& operator=(Caller&&) = default;
+
+  // The process that the thread belongs to; the task itself when that cannot be told.
+  pid_t process() const;
+
+  // What descriptor `number` of the caller is open on.
+  std::optional<struct stat> descriptor(int number) const;
+
+  // Opens a path as the caller sees it; a relative one starts at its root. Invalid on failure, errno says why.
+  // With O_CREAT a new file gets `mode`.
+  UniqueFd open(const std::string& path, int flags, mode_t mode = 0) const;
+  // Whether the caller, asked to execute `path`, finds a file there; a relative path starts at its working directory.
+  bool findsProgram(const std::string& path) const;
+  // The device that a path leads to, when it leads to a block device.
+  std::optional<DeviceNumber> blockDevice(const std::string& path) const;
+  std::vector<MountLine> mounts() const;
+
+ private:
+  UniqueFd mFolder;  // its folder in the process table
+};
+
+}  // namespace emulator

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "emulator/machine/Mounts.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ranges>
+#include <vector>
+
+#include "emulator/machine/Caller.h"
+#include "emulator/supervise/DriverFile.h"
+
+namespace emulator {
+
+void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices,
+                const std::function<void(const std::string&)>& tell) {
+  const std::vector<MountLine> mounts = Caller(kernel, getpid()).mounts();
+  for (const MountLine& mount : std::views::reverse(mounts)) {
+    if (!devices.contains(mount.device)) continue;
+    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
+    const int error = errno;
+    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0) {
+      tell(mount.folder + " is still in use: its snapshot is detached, and goes when its last user does");
+    } else {
+      tell("cannot unmount the snapshot on " + mount.folder + ": " + std::strerror(error));
+    }
+  }
+}
+
+void removeControlNode() {
+  struct stat found;
+  if (lstat(kControlNode, &found) == 0 && S_ISCHR(found.st_mode) && numberOf(found.st_rdev) == kControlDevice) {
+    unlink(kControlNode);
+  }
+}
+
+}  // namespace emulator

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A snapshot as a disk: an image of a volume on a read-only loop device, with a node of its own.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/Handle.h"
+#include "emulator/machine/DeviceNumber.h"
+#include "emulator/machine/Kernel.h"
+#include "emulator/machine/Result.h"
+#include "emulator/machine/SafetyNet.h"
+
+namespace emulator {
+
+// A new nameless file in `folder`: gone with its last user, even when the emulator is killed.
+Result<UniqueFd> makeNamelessFile(const std::string& folder);
+
+// The name of a volume's snapshot device, without its folder: "snap7_3".
+std::string snapshotNodeName(DeviceNumber volume);
+
+// Removes a snapshot's node from a folder, when it still is this device's.
+void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumber device);
+
+class SnapshotImage {
+ public:
+  // Puts an image on a loop device. The device lives as long as this object and whoever else uses it: a mount, or
+  // somebody who has it open.
+  static Result<SnapshotImage> attach(const Kernel& kernel, DeviceNumber volume, UniqueFd image,
+                                      unsigned int sectorSize);
+  SnapshotImage(SnapshotImage&&) = default;
+  SnapshotImage& operator=(SnapshotImage&& other);
+  // Removes the node.
+  ~SnapshotImage();
+
+  // Makes the node in a folder, which is kept open; a block device's node that is there already makes room.
+  Answer makeNode(UniqueFd folder);
+  void removeNode();
+
+  DeviceNumber volume() const { return mVolume; }
+  // The loop device behind the node.
+  DeviceNumber device() const { return mDevice; }
+  // The image, a sparse file as long as the volume.
+  const UniqueFd& file() const { return mFile; }
+
+ private:
+  SnapshotImage(SafetyNet* net, DeviceNumber volume, DeviceNumber device, UniqueFd file, UniqueFd loop)
+      : mNet(net), mVolume(volume), mDevice(device), mFile(std::move(file)), mLoop(std::move(loop)) {}
+
+  SafetyNet* mNet;
+  DeviceNumber mVolume;
+  DeviceNumber mDevice;
+  UniqueFd mFile;
+  UniqueFd mLoop;        // keeps the loop device, which goes with its last user
+  UniqueFd mNodeFolder;  // invalid: there is no node
+  SafetyNet::Hold mHold;
+};
+
+}  // namespace emulator

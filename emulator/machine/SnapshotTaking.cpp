@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "emulator/machine/SnapshotTaking.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <optional>
+
+#include "emulator/machine/FileSystem.h"
+#include "emulator/machine/SparseCopy.h"
+
+namespace emulator {
+namespace {
+
+// One volume with everything that is needed of it opened: while file systems stand still, nothing is looked up.
+struct Source {
+  BlockDevice device;
+  FileSystem fileSystem;
+  DeviceData data;
+  UniqueFd image;
+};
+
+DeviceNumber deviceOfFolder(const Kernel& kernel, const std::string& folder) {
+  const UniqueFd opened(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return deviceHolding(opened, Caller(kernel, getpid()));
+}
+
+// The first store that stands on none of the devices that are, or will be, held still.
+Result<std::string> chooseStore(const Kernel& kernel, const SnapshotRequest& request) {
+  for (const std::string& store : request.stores) {
+    if (access(store.c_str(), W_OK) != 0) continue;
+    const std::set<DeviceNumber> under = devicesUnder(kernel, deviceOfFolder(kernel, store));
+    const auto isUnder = [&](DeviceNumber device) { return under.contains(device); };
+    if (std::none_of(request.volumes.begin(), request.volumes.end(), isUnder) &&
+        std::none_of(request.frozen.begin(), request.frozen.end(), isUnder)) {
+      return store;
+    }
+  }
+  return refuse(EDEADLK,
+                "the store " + request.stores.front() +
+                    " lies on a volume that must stand still, or cannot be written: choose another with --store");
+}
+
+Result<Source> openSource(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request,
+                          DeviceNumber volume, const std::string& store) {
+  auto device = BlockDevice::open(kernel, volume);
+  if (!device) return std::move(device).refusal();
+  auto fileSystem = FileSystem::on(kernel, volume, caller);
+  if (!fileSystem) return std::move(fileSystem).refusal();
+  for (const DeviceNumber frozen : request.frozen) {
+    if (fileSystem->standsOn(frozen)) {
+      return refuse(EDEADLK, "the volume " + volume.text() + " stands on " + frozen.text() + ", which is frozen");
+    }
+  }
+  auto data = openDeviceData(kernel, *device, caller);
+  if (!data) return std::move(data).refusal();
+  auto image = makeNamelessFile(store);
+  if (!image) return std::move(image).refusal();
+  return Source{std::move(*device), std::move(*fileSystem), std::move(*data), std::move(*image)};
+}
+
+Result<std::vector<Source>> openSources(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request) {
+  auto store = chooseStore(kernel, request);
+  if (!store) return std::move(store).refusal();
+  std::vector<Source> sources;
+  for (const DeviceNumber volume : request.volumes) {
+    auto source = openSource(kernel, caller, request, volume, *store);
+    if (!source) return std::move(source).refusal();
+    sources.push_back(std::move(*source));
+  }
+  return sources;
+}
+
+Answer copySources(const std::vector<Source>& sources, const std::function<int()>& stop) {
+  std::vector<SparseCopy> copies;
+  for (const Source& source : sources) {
+    const DeviceData& data = source.data;
+    copies.push_back({data.file.get(), data.offset, source.device.bytes(), data.hasHoles, source.image.get()});
+  }
+  const CopyResult result = copyAll(copies, stop);
+  if (result.error == 0) return done();
+  const std::string volume = sources[result.copy].device.number().text();
+  switch (result.error) {
+    case ETIMEDOUT:
+      return refuse(ETIMEDOUT, "copying took longer than the volumes may stand still");
+    case ECANCELED:
+      return refuse(ECANCELED, "the emulator is ending");
+    case ENOSPC:
+      return refuse(ENOSPC, "the store has no room for the image of " + volume);
+    default:
+      return failedCall(result.error, (result.whileWriting ? "cannot write the image of " : "cannot read ") + volume);
+  }
+}
+
+Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& request,
+                        const std::atomic<bool>& cancelled) {
+  std::vector<FileSystem*> toFreeze;
+  for (Source& source : sources) {
+    source.fileSystem.sync();  // leaves little to be written during the standstill
+    writeOut(source.device);
+    if (!request.frozen.contains(source.device.number())) toFreeze.push_back(&source.fileSystem);
+  }
+  Standstill standstill(request.limit);
+  if (Answer answer = standstill.begin(insideOut(toFreeze)); answer.failed()) return answer;
+  Answer answer = copySources(sources, [&] { return standstill.expired() ? ETIMEDOUT : cancelled ? ECANCELED : 0; });
+  standstill.end();
+  if (!answer.failed() && standstill.expired()) {
+    answer = refuse(ETIMEDOUT, "the volumes could not be held still long enough");
+  }
+  return answer;
+}
+
+}  // namespace
+
+Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Caller& caller,
+                                                 const SnapshotRequest& request, const std::atomic<bool>& cancelled) {
+  // Opened while the caller is certainly there: it may be killed meanwhile.
+  const UniqueFd folder = caller.open("/dev", O_PATH | O_DIRECTORY);
+  if (!folder) return failedCall(errno, "cannot open the caller's /dev");
+  auto sources = openSources(kernel, caller, request);
+  if (!sources) return std::move(sources).refusal();
+  if (Answer answer = copyAtOneInstant(*sources, request, cancelled); answer.failed()) return answer;
+
+  std::vector<SnapshotImage> images;
+  for (Source& source : *sources) {
+    auto image =
+        SnapshotImage::attach(kernel, source.device.number(), std::move(source.image), source.device.sectorSize());
+    if (!image) return std::move(image).refusal();
+    images.push_back(std::move(*image));
+    UniqueFd nodeFolder(fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));
+    if (!nodeFolder) return failedCall(errno, "cannot keep the caller's /dev open");
+    if (Answer answer = images.back().makeNode(std::move(nodeFolder)); answer.failed()) return answer;
+  }
+  return images;
+}
+
+}  // namespace emulator

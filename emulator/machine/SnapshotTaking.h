@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Taking the snapshots of a set: all volumes at one instant, all or none.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "emulator/machine/BlockDevice.h"
+#include "emulator/machine/Caller.h"
+#include "emulator/machine/DeviceNumber.h"
+#include "emulator/machine/Kernel.h"
+#include "emulator/machine/Result.h"
+#include "emulator/machine/SnapshotImage.h"
+
+namespace emulator {
+
+struct SnapshotRequest {
+  std::vector<DeviceNumber> volumes;
+  std::set<DeviceNumber> frozen;       // volumes that are frozen already, and stay so
+  std::vector<std::string> stores;     // folders for the images, the first that fits is taken
+  std::chrono::milliseconds limit{0};  // how long the volumes may be held still
+};
+
+// Images of the volumes, in their order, each on its loop device with its node in the caller's /dev. Nothing is left
+// when it is refused: ENOSPC where the store has no room, EDEADLK where every store lies on a volume that is to be held
+// still, ETIMEDOUT after the limit, ECANCELED once `cancelled` is set.
+Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Caller& caller,
+                                                 const SnapshotRequest& request, const std::atomic<bool>& cancelled);
+
+}  // namespace emulator

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// COMMAND and all that it starts.
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Handle.h"
+#include "emulator/machine/Kernel.h"
+#include "emulator/machine/Result.h"
+#include "emulator/supervise/SyscallFilter.h"
+
+namespace emulator {
+
+// COMMAND, ready and waiting behind the filter.
+struct StartedCommand {
+  pid_t process = -1;
+  UniqueFd listener;  // where its system calls arrive
+  UniqueFd go;        // a byte here lets it start; closed without one, it ends
+  UniqueFd failure;   // the errno of starting the program (an int), or the end when it runs
+};
+
+// Starts it with the signal mask `mask` and the default action for SIGPIPE. It is killed when this process is. To be
+// called before there are threads.
+Result<StartedCommand> startCommand(const std::vector<std::string>& command, const FilterOptions& options,
+                                    const sigset_t& mask);
+
+// Closes the descriptors that this process was started with, but the standard ones: they are COMMAND's, and whoever
+// waits for their end shall wait for COMMAND only.
+void closeInheritedDescriptors(const Kernel& kernel);
+
+// Lets it start. The errno when the program cannot be executed; 0 once it runs. Somebody must be taking its calls
+// already.
+int letGo(StartedCommand& command);
+
+// All processes below this one, parents first.
+std::vector<pid_t> descendants(const Kernel& kernel);
+
+// Reaps children that have ended. The wait status of `process`, when it is among them.
+std::optional<int> reap(pid_t process);
+
+// Ends all processes below this one: SIGTERM, `grace`, SIGKILL (`beforeKill` is called first).
+void endAll(const Kernel& kernel, std::chrono::milliseconds grace, const std::function<void()>& beforeKill);
+
+}  // namespace emulator
