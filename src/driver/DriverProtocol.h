@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include <mirelsnap/VolumeRecords.h>
 
@@ -41,6 +42,45 @@ inline constexpr unsigned long IOC_STOP_VTRACK = driverRequest(23);
 inline constexpr unsigned long IOC_IS_VTRACK_ACTIVE = driverRequest(24);
 inline constexpr unsigned long IOC_VERIFY_AND_CLEAN_VOLUMES = driverRequest(25);
 
+// Where a driver is met: the file that names its control node's numbers, the node itself, and what the nodes of
+// snapshot devices begin with ("/dev/snap8_1" for the volume 8:1).
+inline constexpr char kDriverNumbersPath[] = "/proc/mirelsnap/dev";
+inline constexpr char kControlNodePath[] = "/dev/mirelsnapctl";
+inline constexpr char kSnapshotDevicePrefix[] = "/dev/snap";
+
+// What a driver answers in `driverStatus`; 0 says nothing. The checks answer on success, the others when they fail.
+enum DriverStatus : std::int32_t {
+  kStatusSnapped = -2,        // IOC_CHECK_VOLUME_SNAPPED: snapped. IOC_SNAP of one volume: it is snapped already
+  kStatusOneSnapped = -3,     // IOC_SNAP of several volumes: one of them is snapped already
+  kStatusNotSnapped = -4,     // IOC_CHECK_VOLUME_SNAPPED: not snapped. IOC_SNAP_DISCARD, IOC_STOP_VTRACK: of one volume
+  kStatusOneNotSnapped = -5,  // IOC_SNAP_DISCARD, IOC_STOP_VTRACK of several volumes: one of them is not snapped
+  kStatusFrozen = -6,         // IOC_CHECK_VOLUME_FROZEN: frozen. IOC_FREEZE: a volume is frozen already
+  kStatusNotFrozen = -7,      // IOC_CHECK_VOLUME_FROZEN: not frozen. IOC_THAW: a volume is not frozen
+  kStatusSizeChanged = -8,    // IOC_SNAP: a device has not the size that the command names
+  kStatusTracked = 2,         // IOC_IS_VTRACK_ACTIVE: changes are tracked
+  kStatusNotTracked = 3,      // IOC_IS_VTRACK_ACTIVE: changes are not tracked
+};
+
+// The statuses by name, as logs and JSON show them.
+inline constexpr std::pair<DriverStatus, const char*> kDriverStatusNames[] = {
+    {kStatusSnapped, "snapped"},
+    {kStatusOneSnapped, "one-snapped"},
+    {kStatusNotSnapped, "not-snapped"},
+    {kStatusOneNotSnapped, "one-not-snapped"},
+    {kStatusFrozen, "frozen"},
+    {kStatusNotFrozen, "not-frozen"},
+    {kStatusSizeChanged, "size-changed"},
+    {kStatusTracked, "tracked"},
+    {kStatusNotTracked, "not-tracked"},
+};
+// Null for 0 and for what no command answers.
+constexpr const char* driverStatusName(std::int32_t status) {
+  for (const auto& [known, name] : kDriverStatusNames) {
+    if (known == status) return name;
+  }
+  return nullptr;
+}
+
 // Room for a path in every record, the terminating NUL included.
 inline constexpr std::size_t kDriverPathSize = 1024;
 // Spare bytes behind the records of most commands.
@@ -58,7 +98,7 @@ struct _ioctlCmd {
   std::uint32_t handshakeValue;  // in
   std::uint32_t handshakeCheck;  // in: ((value mod 12) + 1234) mod 20
   std::uint32_t length;          // in: bytes of the whole buffer, this header included
-  std::int32_t driverStatus;     // out: 0 or the command's own status codes
+  std::int32_t driverStatus;     // out: 0 or a DriverStatus
 };
 static_assert(sizeof(_ioctlCmd) == 24);
 MIRELSNAP_FIELD(_ioctlCmd, flags, 0);
@@ -76,12 +116,12 @@ static_assert(sizeof(DriverVersionPayload) == 67);
 
 // IOC_SET_LOG_LEVEL, 28 bytes with its header.
 struct LogLevelPayload {
-  std::uint32_t level;  // in: a syslog priority
+  std::uint32_t level;  // in: a syslog priority; what is above 7 (debug) means 7
 };
 static_assert(sizeof(LogLevelPayload) == 4);
 
 // IOC_CHECK_VOLUME_SNAPPED, IOC_CHECK_VOLUME_FROZEN and IOC_IS_VTRACK_ACTIVE, 35 bytes with header and trailer; request
-// value 1. Status: -2 snapped, -4 not snapped; -6 frozen, -7 not frozen; 2 tracked, 3 not tracked.
+// value 1. The answer is the status.
 struct VolumeCheckPayload {
   std::uint32_t majorNum;  // in
   std::uint32_t minorNum;  // in
@@ -91,7 +131,6 @@ MIRELSNAP_FIELD(VolumeCheckPayload, majorNum, 0);
 MIRELSNAP_FIELD(VolumeCheckPayload, minorNum, 4);
 
 // IOC_FREEZE, IOC_THAW and IOC_STOP_VTRACK: one entry a volume; request value: their number.
-// Status: -6 a volume is frozen already (freeze); -7 one is not frozen (thaw); -4 or -5 one is not snapped (stop).
 struct VolumeListEntry {
   std::uint32_t majorNum;   // in
   std::uint32_t minorNum;   // in
@@ -145,8 +184,7 @@ MIRELSNAP_FIELD(SnappedVolumeEntry, relocFileName, 32);
 MIRELSNAP_FIELD(SnappedVolumeEntry, snappedVolumeName, 1056);
 
 // IOC_SNAP: one variable entry a volume, the next right behind; request value: their number. An entry is this fixed
-// part, then numRuns runs, then 16 bytes that stay zero: 2160 + 16 * numRuns bytes. Status: -2 the device is already
-// snapped; -3 one of several is; -8 a device's size changed.
+// part, then numRuns runs, then 16 bytes that stay zero: 2160 + 16 * numRuns bytes.
 struct SnapVolumeEntry {
   std::uint64_t numBlocks;                   // in: size of the volume in blocks
   std::uint32_t blockSize;                   // in: bytes
@@ -187,7 +225,7 @@ inline constexpr std::size_t kSnapEntryTail = 16;
 inline constexpr std::size_t kSnapEntrySize = sizeof(SnapVolumeEntry) + kSnapEntryTail;
 static_assert(kSnapEntrySize == 2160);
 
-// IOC_SNAP_DISCARD: one record a volume; request value: their number. Status: -4 or -5 a volume is not snapped.
+// IOC_SNAP_DISCARD: one record a volume; request value: their number.
 struct DiscardEntry {
   std::uint32_t majorNum;               // in
   std::uint32_t minorNum;               // in

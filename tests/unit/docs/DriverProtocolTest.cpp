@@ -237,4 +237,36 @@ TEST(DriverProtocolDocument, has_the_size_of_a_snap_entry) {
             std::string::npos);
 }
 
+struct Status {
+  std::string value;
+  std::string name;
+  bool operator==(const Status&) const = default;
+};
+void PrintTo(const Status& status, std::ostream* out) { *out << status.value << ' ' << status.name; }
+
+// The rows that begin with a value; the others say more of the row before.
+std::map<std::string, Status> writtenStatuses() {
+  std::map<std::string, Status> statuses;
+  std::istringstream lines(test::readFile(PROTOCOL_DOCUMENT));
+  for (std::string line; std::getline(lines, line);) {
+    const std::vector<std::string> row = cells(line);
+    if (row.size() == 5 && row[1].rfind("`kStatus", 0) == 0) statuses[unquoted(row[1])] = {row[0], unquoted(row[2])};
+  }
+  return statuses;
+}
+
+#define STATUS(name)                                                          \
+  {                                                                           \
+#name, { std::to_string(static_cast<int>(name)), driverStatusName(name) } \
+  }
+
+TEST(DriverProtocolDocument, has_every_status_with_its_value_and_its_name) {
+  const std::map<std::string, Status> compiled = {
+      STATUS(kStatusSnapped),       STATUS(kStatusOneSnapped), STATUS(kStatusNotSnapped),
+      STATUS(kStatusOneNotSnapped), STATUS(kStatusFrozen),     STATUS(kStatusNotFrozen),
+      STATUS(kStatusSizeChanged),   STATUS(kStatusTracked),    STATUS(kStatusNotTracked)};
+  EXPECT_EQ(keys(compiled), test::namesIn(PROTOCOL_HEADER, "  (kStatus\\w+) = "));
+  EXPECT_EQ(writtenStatuses(), compiled);
+}
+
 }  // namespace
