@@ -1,7 +1,7 @@
 # Sourced by ./check and ./demo: Debian's packages that the project builds, runs and tests with.
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libmount-dev uuid-dev libcli11-dev nlohmann-json3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev)
+  libexpected-dev libgtest-dev libgmock-dev libbenchmark-dev)
 RUN_PACKAGES=(kmod mount util-linux e2fsprogs xfsprogs)
 TEST_PACKAGES=("${RUN_PACKAGES[@]}" btrfs-progs procps sqlite3 clang libclang-rt-dev
   binutils bsdextrautils dpkg-dev file groff-base make man-db python3 systemd

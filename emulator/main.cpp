@@ -3,11 +3,21 @@
 // mirelsnap-emulator: runs a command as if the driver were loaded.
 #include <cstdio>
 #include <exception>
+#include <string>
 
 #include "emulator/machine/Kernel.h"
 #include "emulator/supervise/Options.h"
 #include "emulator/supervise/Session.h"
 #include "qxtools/StandardStreams.h"
+
+namespace {
+
+int complain(const std::string& what) {
+  std::fprintf(stderr, "mirelsnap-emulator: %s\n", what.c_str());
+  return emulator::kExitRefused;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   using namespace emulator;
@@ -15,16 +25,11 @@ int main(int argc, char** argv) {
   try {
     const ParsedOptions parsed = parseOptions(argc, argv);
     if (parsed.exit) return *parsed.exit;
-    std::string refusal = whyNot();
-    auto kernel = refusal.empty() ? Kernel::reach() : Result<Kernel>(Answer{});
-    if (refusal.empty() && !kernel) refusal = std::move(kernel).refusal().why;
-    if (!refusal.empty()) {
-      std::fprintf(stderr, "mirelsnap-emulator: %s\n", refusal.c_str());
-      return kExitRefused;
-    }
+    if (const std::string refusal = whyNot(); !refusal.empty()) return complain(refusal);
+    auto kernel = Kernel::reach();
+    if (!kernel) return complain(kernel.error().why);
     return runSession(*kernel, parsed.options);
   } catch (const std::exception& problem) {
-    std::fprintf(stderr, "mirelsnap-emulator: %s\n", problem.what());
-    return kExitRefused;
+    return complain(problem.what());
   }
 }

@@ -34,22 +34,23 @@ std::optional<EmulatedDriver::Tracking> EmulatedDriver::startTracking(const Snap
 
 Result<EmulatedDriver::Snapped*> EmulatedDriver::findTracked(DeviceNumber volume) {
   const auto snapped = findSnapped(volume);
-  if (snapped == mSnapped.end()) return refuse(ENOENT, "the volume " + volume.text() + " is not snapped", kNotSnapped);
+  if (snapped == mSnapped.end())
+    return refuse(ENOENT, "the volume " + volume.text() + " is not snapped", kStatusNotSnapped);
   if (!snapped->tracking) return refuse(ENODATA, "changes of the volume " + volume.text() + " are not tracked");
   return &*snapped;
 }
 
-Answer EmulatedDriver::checkTracked(CommandBuffer& buffer) {
+Answer EmulatedDriver::checkTracked(const Caller&, CommandBuffer& buffer) {
   const auto payload = buffer.record<VolumeCheckPayload>(0);
   const auto snapped = findSnapped({payload.majorNum, payload.minorNum});
-  buffer.putStatus(snapped != mSnapped.end() && snapped->tracking ? kTracked : kNotTracked);
+  buffer.putStatus(snapped != mSnapped.end() && snapped->tracking ? kStatusTracked : kStatusNotTracked);
   return done();
 }
 
-Answer EmulatedDriver::trackingVars(CommandBuffer& buffer) {
+Answer EmulatedDriver::trackingVars(const Caller&, CommandBuffer& buffer) {
   auto payload = buffer.record<TrackingVarsPayload>(0);
   auto tracked = findTracked({payload.majorNum, payload.minorNum});
-  if (!tracked) return std::move(tracked).refusal();
+  if (!tracked) return refusalOf(tracked);
   const Tracking& tracking = *(*tracked)->tracking;
   payload.sequenceNumber = tracking.sequenceNumber;
   putText(payload.guid, tracking.guid);
@@ -61,12 +62,12 @@ Answer EmulatedDriver::trackingVars(CommandBuffer& buffer) {
 Answer EmulatedDriver::readBitmap(const Caller& caller, CommandBuffer& buffer) {
   auto bitmap = buffer.record<BitmapPayload>(0);
   auto tracked = findTracked(volumeOf(bitmap));
-  if (!tracked) return std::move(tracked).refusal();
+  if (!tracked) return refusalOf(tracked);
   const Snapped& snapped = **tracked;
   auto device = BlockDevice::open(mKernel, volumeOf(bitmap));
-  if (!device) return std::move(device).refusal();
+  if (!device) return refusalOf(device);
   auto data = openDeviceData(mKernel, *device, caller);
-  if (!data) return std::move(data).refusal();
+  if (!data) return refusalOf(data);
   writeOut(*device);
 
   const bool goesOn = bitmap.updateType == UPDATE_BITMAP_CONTINUE && bitmap.numRuns > 0;
@@ -88,10 +89,10 @@ Answer EmulatedDriver::readBitmap(const Caller& caller, CommandBuffer& buffer) {
   return done();
 }
 
-Answer EmulatedDriver::pushBitmap(const CommandBuffer& buffer) {
+Answer EmulatedDriver::pushBitmap(const Caller&, CommandBuffer& buffer) {
   const auto bitmap = buffer.record<BitmapPayload>(0);
   auto tracked = findTracked(volumeOf(bitmap));
-  if (!tracked) return std::move(tracked).refusal();
+  if (!tracked) return refusalOf(tracked);
   const std::uint64_t numBlocks = (*tracked)->entry.numBlocks;
   std::vector<_run> pushed;
   for (std::uint32_t i = 0; i < bitmap.numRuns; ++i) {
@@ -114,7 +115,7 @@ Answer EmulatedDriver::pushBitmap(const CommandBuffer& buffer) {
 
 // Of those that are snapped, whatever the others are: the client takes the refusal for success, as what is not snapped
 // is not tracked either.
-Answer EmulatedDriver::stopTracking(const CommandBuffer& buffer) {
+Answer EmulatedDriver::stopTracking(const Caller&, CommandBuffer& buffer) {
   const std::uint32_t count = buffer.header().requestValue;
   std::optional<DeviceNumber> unknown;
   for (std::uint32_t i = 0; i < count; ++i) {
@@ -129,7 +130,7 @@ Answer EmulatedDriver::stopTracking(const CommandBuffer& buffer) {
   }
   if (!unknown) return done();
   return refuse(ENOENT, "the volume " + unknown->text() + " is not snapped",
-                count == 1 ? kNotSnapped : kOneIsNotSnapped);
+                count == 1 ? kStatusNotSnapped : kStatusOneNotSnapped);
 }
 
 }  // namespace emulator

@@ -1,26 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "emulator/driver/Commands.h"
-
-#include <algorithm>
+#include "emulator/driver/CommandBuffer.h"
 
 namespace emulator {
-namespace {
-
-template <class Predicate>
-const Command* findCommandIf(Predicate predicate) {
-  const auto found = std::find_if(kCommands.begin(), kCommands.end(), predicate);
-  return found == kCommands.end() ? nullptr : &*found;
-}
-
-}  // namespace
-
-const Command* findCommand(unsigned long request) {
-  return findCommandIf([=](const Command& command) { return command.request == request; });
-}
-
-const Command* findCommand(std::string_view name) {
-  return findCommandIf([=](const Command& command) { return command.name == name; });
-}
 
 std::optional<SnapEntry> SnapEntries::next() {
   const std::size_t room = mCommand.size() - mPosition;

@@ -15,21 +15,17 @@
 namespace emulator {
 namespace {
 
-constexpr std::uint32_t kDebug = 7;  // the log level at which what went well is told too
+constexpr std::uint32_t kDebug = 7;  // the log level from which on successes are reported too
 
-// How much of the buffer the driver writes: of a command that only asks for something to be done, the header.
-std::size_t writtenBytes(Layout layout, std::size_t size) {
-  switch (layout) {
-    case Layout::Version:
-    case Layout::MappingListing:
-    case Layout::SnappedListing:
-    case Layout::Discard:
-    case Layout::TrackingVars:
-    case Layout::ReadBitmap:
-      return size;
-    default:
-      return sizeof(_ioctlCmd);
-  }
+std::span<std::byte> answeredBytes(const Command& command, std::vector<std::byte>& bytes) {
+  return std::span(bytes).first(command.answered == Answered::Whole ? bytes.size() : sizeof(_ioctlCmd));
+}
+
+// " (status not-snapped)"; empty where the refusal has none.
+std::string statusText(const Refusal& refusal) {
+  if (!refusal.status) return "";
+  const char* name = driverStatusName(*refusal.status);
+  return " (status " + (name != nullptr ? name : std::to_string(*refusal.status)) + ")";
 }
 
 std::string hexadecimal(unsigned long number) {
@@ -44,35 +40,35 @@ std::optional<int> CommandDesk::serve(const Caller& caller, unsigned long reques
                                       const StillWaits& stillWaits) {
   const Command* command = findCommand(request);
   if (command == nullptr) {
-    mMessages.say("request " + hexadecimal(request) + " is no command of the driver");
+    mMessages.say("unknown driver request " + hexadecimal(request));
     return ENOTTY;
   }
   const Injection* injection = mInjections.next(*command);
-  const auto refuseUnread = [&](Answer answer) {
-    tell(*command, caller, nullptr, 0, answer, false);
-    return answer.error;
+  const auto refuseUnread = [&](int error, std::string why) {
+    tell(*command, caller, nullptr, 0, refuse(error, std::move(why)), false);
+    return error;
   };
 
   std::array<std::byte, sizeof(_ioctlCmd)> start;
   const bool readStart = caller.readMemory(address, start);
   if (!stillWaits()) return std::nullopt;
-  if (!readStart) return refuseUnread(refuse(EFAULT, "its header cannot be read"));
+  if (!readStart) return refuseUnread(EFAULT, "its header cannot be read");
   const _ioctlCmd header = CommandBuffer(start).header();
-  if (auto complaint = checkLength(*command, header)) return refuseUnread(refuse(EINVAL, *complaint));
+  if (auto complaint = checkLength(*command, header)) return refuseUnread(EINVAL, *complaint);
 
   std::vector<std::byte> bytes;
   try {
     bytes.resize(header.length);
   } catch (const std::bad_alloc&) {
-    return refuseUnread(refuse(ENOMEM, "no memory for its " + std::to_string(header.length) + " bytes"));
+    return refuseUnread(ENOMEM, "no memory for its " + std::to_string(header.length) + " bytes");
   }
   const bool readAll = caller.readMemory(address, bytes);
   if (!stillWaits()) return std::nullopt;
-  if (!readAll) return refuseUnread(refuse(EFAULT, "its " + std::to_string(header.length) + " bytes cannot be read"));
+  if (!readAll) return refuseUnread(EFAULT, "its " + std::to_string(header.length) + " bytes cannot be read");
   CommandBuffer buffer(bytes);
   // Another thread of the caller may have changed the header between the two reads.
   if (buffer.header().length != header.length || buffer.header().requestValue != header.requestValue) {
-    return refuseUnread(refuse(EINVAL, "it changes while it is read"));
+    return refuseUnread(EINVAL, "it changed while it was read");
   }
 
   Answer answer;
@@ -80,17 +76,16 @@ std::optional<int> CommandDesk::serve(const Caller& caller, unsigned long reques
     answer = refuse(EINVAL, *complaint);
   } else {
     answer = carryOut(*command, injection, caller, buffer);
-    if (answer.status) buffer.putStatus(*answer.status);
-    const auto written = std::span(bytes).first(writtenBytes(command->layout, bytes.size()));
+    if (!answer && answer.error().status) buffer.putStatus(*answer.error().status);
+    const auto written = answeredBytes(*command, bytes);
     if (!stillWaits()) {
       tell(*command, caller, &buffer, header.requestValue, answer, injection != nullptr);
       return std::nullopt;
     }
-    if (!caller.writeMemory(address, written) && !answer.failed())
-      answer = refuse(EFAULT, "its answer cannot be written");
+    if (!caller.writeMemory(address, written) && answer) answer = refuse(EFAULT, "its answer cannot be written");
   }
   tell(*command, caller, &buffer, header.requestValue, answer, injection != nullptr);
-  return answer.error;
+  return answer ? 0 : answer.error().error;
 }
 
 Answer CommandDesk::carryOut(const Command& command, const Injection* injection, const Caller& caller,
@@ -100,11 +95,11 @@ Answer CommandDesk::carryOut(const Command& command, const Injection* injection,
     std::vector<std::byte> unseen(buffer.bytes().begin(), buffer.bytes().end());
     CommandBuffer answered(unseen);
     static_cast<void>(handle(command, caller, answered));
-    return refuse(injection->error, "as asked, though it was carried out", injection->status);
+    return refuse(injection->error, "failure injected after it was carried out", injection->status);
   }
-  if (injection->error != 0) return refuse(injection->error, "as asked", injection->status);
+  if (injection->error != 0) return refuse(injection->error, "failure injected", injection->status);
   Answer answer = handle(command, caller, buffer);
-  if (!answer.failed()) answer.status = injection->status;
+  if (answer && injection->status) buffer.putStatus(*injection->status);
   return answer;
 }
 
@@ -121,8 +116,9 @@ Answer CommandDesk::handle(const Command& command, const Caller& caller, Command
 void CommandDesk::tell(const Command& command, const Caller& caller, const CommandBuffer* buffer,
                        std::uint32_t requestValue, const Answer& answer, bool injected) {
   const pid_t process = caller.process();
-  if (answer.failed()) {
-    mMessages.say(std::string(command.name) + " from process " + std::to_string(process) + " refused: " + answer.why);
+  if (!answer) {
+    mMessages.say(std::string(command.name) + " from process " + std::to_string(process) +
+                  " refused: " + answer.error().why + statusText(answer.error()));
   } else if (mDriver.logLevel() >= kDebug) {
     mMessages.say(std::string(command.name) + " from process " + std::to_string(process) + " done");
   }

@@ -31,7 +31,7 @@ class CommandDesk {
                            const StillWaits& stillWaits);
 
  private:
-  // As asked, where something is.
+  // Does what an injection asks for, where there is one.
   Answer carryOut(const Command& command, const Injection* injection, const Caller& caller, CommandBuffer& buffer);
   Answer handle(const Command& command, const Caller& caller, CommandBuffer& buffer);
   void tell(const Command& command, const Caller& caller, const CommandBuffer* buffer, std::uint32_t requestValue,

@@ -29,64 +29,19 @@ void EmulatedDriver::undo() {
 }
 
 Answer EmulatedDriver::handle(const Command& command, const Caller& caller, CommandBuffer& buffer) {
-  // What was discarded while it was in use goes with its last user, of which nobody tells.
+  // A snapshot that was discarded while in use goes with its last user, and nothing reports that user's end.
   releaseUnused();
-  switch (command.request) {
-    case IOC_GET_DRIVER_VERSION:
-      return version(buffer);
-    case IOC_SET_LOG_LEVEL:
-      return setLogLevel(buffer);
-    case IOC_CHECK_VOLUME_SNAPPED:
-      return checkSnapped(buffer);
-    case IOC_CHECK_VOLUME_FROZEN:
-      return checkFrozen(buffer);
-    case IOC_FREEZE:
-      return freeze(caller, buffer);
-    case IOC_THAW:
-      return thaw(buffer);
-    case IOC_CREATE_RELOC_FILE_MAPPING:
-      return createMapping(caller, buffer);
-    case IOC_DELETE_RELOC_FILE_MAPPING:
-      return deleteMapping(buffer);
-    case IOC_GET_NUM_OF_RELOC_FILE_MAPPING:
-      return countMappings(buffer);
-    case IOC_GET_RELOC_FILE_MAPPING:
-      return listMappings(buffer);
-    case IOC_SNAP:
-      return snap(caller, buffer);
-    case IOC_GET_NUM_OF_SNAPPED_VOLUMES:
-      return countSnapped(buffer);
-    case IOC_GET_SNAPPED_VOL_DETAILS:
-      return listSnapped(buffer);
-    case IOC_SNAP_DISCARD:
-      return discard(buffer);
-    case IOC_VERIFY_AND_CLEAN_VOLUMES:
-      return verifyAndClean();
-    case IOC_IS_VTRACK_ACTIVE:
-      return checkTracked(buffer);
-    case IOC_GET_VTRACK_VARS:
-      return trackingVars(buffer);
-    case IOC_GET_VDIFF:
-      return readBitmap(caller, buffer);
-    case IOC_UPDATE_BITMAP:
-      return pushBitmap(buffer);
-    case IOC_STOP_VTRACK:
-      return stopTracking(buffer);
-    case IOC_DUMP_STATE:
-      return dumpState(caller, buffer);
-    default:
-      return refuse(ENOTTY, "there is no such command");
-  }
+  return (this->*command.carryOut)(caller, buffer);
 }
 
-Answer EmulatedDriver::version(CommandBuffer& buffer) {
+Answer EmulatedDriver::version(const Caller&, CommandBuffer& buffer) {
   DriverVersionPayload payload;
   putText(payload.version, mSettings.version);
   buffer.putRecord(0, payload);
   return done();
 }
 
-Answer EmulatedDriver::setLogLevel(const CommandBuffer& buffer) {
+Answer EmulatedDriver::setLogLevel(const Caller&, CommandBuffer& buffer) {
   mLogLevel = buffer.record<LogLevelPayload>(0).level;
   return done();
 }

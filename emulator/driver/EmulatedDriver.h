@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The driver: what it holds, and a method a command. Its state lives as long as the object, whichever process asked.
+// The driver: what it holds, and what it does on each command. Its state lives as long as the object, whichever process
+// asked.
 //
-// A method gets a command that was found in order (CommandCheck) and answers into its buffer. A refusal carries the
-// errno of the request, the driver status where the command has one, and the reason; it changes nothing.
+// A method a command, which its row in Commands.cpp names: it gets a command that was checked (CommandCheck) and writes
+// its answer into the buffer. A refusal carries the errno of the request, the driver status where the command has one,
+// and the reason; it changes nothing.
 #pragma once
 
 #include <atomic>
@@ -40,40 +42,40 @@ class EmulatedDriver {
   EmulatedDriver(const EmulatedDriver&) = delete;
   EmulatedDriver& operator=(const EmulatedDriver&) = delete;
 
-  // Carries out a command.
+  // Carries out a command by its row.
   Answer handle(const Command& command, const Caller& caller, CommandBuffer& buffer);
 
-  Answer version(CommandBuffer& buffer);
-  Answer setLogLevel(const CommandBuffer& buffer);
-  // A syslog priority, 3 (errors) at first.
+  Answer version(const Caller& caller, CommandBuffer& buffer);
+  Answer setLogLevel(const Caller& caller, CommandBuffer& buffer);
+  // A syslog priority, 3 (errors) at first; more than 7 means 7.
   std::uint32_t logLevel() const { return mLogLevel; }
 
-  Answer checkSnapped(CommandBuffer& buffer);
-  Answer checkFrozen(CommandBuffer& buffer);
-  Answer freeze(const Caller& caller, const CommandBuffer& buffer);
-  Answer thaw(const CommandBuffer& buffer);
+  Answer checkSnapped(const Caller& caller, CommandBuffer& buffer);
+  Answer checkFrozen(const Caller& caller, CommandBuffer& buffer);
+  Answer freeze(const Caller& caller, CommandBuffer& buffer);
+  Answer thaw(const Caller& caller, CommandBuffer& buffer);
 
-  Answer createMapping(const Caller& caller, const CommandBuffer& buffer);
-  Answer deleteMapping(const CommandBuffer& buffer);
-  Answer countMappings(CommandBuffer& buffer);
-  Answer listMappings(CommandBuffer& buffer);
+  Answer createMapping(const Caller& caller, CommandBuffer& buffer);
+  Answer deleteMapping(const Caller& caller, CommandBuffer& buffer);
+  Answer countMappings(const Caller& caller, CommandBuffer& buffer);
+  Answer listMappings(const Caller& caller, CommandBuffer& buffer);
 
-  Answer snap(const Caller& caller, const CommandBuffer& buffer);
-  Answer countSnapped(CommandBuffer& buffer);
-  Answer listSnapped(CommandBuffer& buffer);
-  Answer discard(CommandBuffer& buffer);
-  Answer verifyAndClean();
+  Answer snap(const Caller& caller, CommandBuffer& buffer);
+  Answer countSnapped(const Caller& caller, CommandBuffer& buffer);
+  Answer listSnapped(const Caller& caller, CommandBuffer& buffer);
+  Answer discard(const Caller& caller, CommandBuffer& buffer);
+  Answer verifyAndClean(const Caller& caller, CommandBuffer& buffer);
 
   // Change tracking belongs to a snapshot: it starts with a snap that asks for it and is not an independent one, and
   // ends with the snapshot, or earlier when it is stopped.
-  Answer checkTracked(CommandBuffer& buffer);
-  Answer trackingVars(CommandBuffer& buffer);
+  Answer checkTracked(const Caller& caller, CommandBuffer& buffer);
+  Answer trackingVars(const Caller& caller, CommandBuffer& buffer);
   Answer readBitmap(const Caller& caller, CommandBuffer& buffer);
-  Answer pushBitmap(const CommandBuffer& buffer);
-  Answer stopTracking(const CommandBuffer& buffer);
+  Answer pushBitmap(const Caller& caller, CommandBuffer& buffer);
+  Answer stopTracking(const Caller& caller, CommandBuffer& buffer);
 
   // What it holds, as text: into a file of the caller's, or told.
-  Answer dumpState(const Caller& caller, const CommandBuffer& buffer);
+  Answer dumpState(const Caller& caller, CommandBuffer& buffer);
 
   // Thaws every volume that is frozen.
   void thawAll();

@@ -37,6 +37,26 @@ bool parseErrno(std::string_view text, int& error) {
   return false;
 }
 
+std::string statusNames() {
+  std::string names;
+  for (const auto& [status, name] : kDriverStatusNames) {
+    if (!names.empty()) names += ", ";
+    names += name;
+  }
+  return names;
+}
+
+// "size-changed" or "-8".
+bool parseStatus(std::string_view text, std::int32_t& status) {
+  if (parseNumber(text, status)) return true;
+  for (const auto& [known, name] : kDriverStatusNames) {
+    if (text != name) continue;
+    status = known;
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::optional<std::string> Injection::parse(const std::string& text, Injection& injection) {
@@ -45,15 +65,16 @@ std::optional<std::string> Injection::parse(const std::string& text, Injection& 
   if (parts.size() != 3 && parts.size() != 4) return complain("not COMMAND:N:[lost=]ERRNO[:STATUS]");
   Injection parsed;
   parsed.command = findCommand(parts[0]);
-  if (parsed.command == nullptr) return complain("there is no command \"" + std::string(parts[0]) + "\"");
+  if (parsed.command == nullptr) return complain("unknown command \"" + std::string(parts[0]) + "\"");
   if (!parseNumber(parts[1], parsed.number) || parsed.number == 0) return complain("N counts from 1");
   std::string_view error = parts[2];
   parsed.lost = error.starts_with(kLost);
   if (parsed.lost) error.remove_prefix(kLost.size());
   if (!parseErrno(error, parsed.error)) return complain("ERRNO is a name such as EIO, a number, or 0");
-  if (parts.size() == 4 && !parseNumber(parts[3], parsed.status.emplace())) return complain("STATUS is a number");
-  if (parsed.error == 0 && parsed.lost) return complain("an answer is lost with an errno");
-  if (parsed.error == 0 && !parsed.status) return complain("without an errno it needs a STATUS");
+  if (parts.size() == 4 && !parseStatus(parts[3], parsed.status.emplace()))
+    return complain("STATUS is a number or one of " + statusNames());
+  if (parsed.error == 0 && parsed.lost) return complain("lost= needs an ERRNO other than 0");
+  if (parsed.error == 0 && !parsed.status) return complain("ERRNO 0 needs a STATUS");
   injection = parsed;
   return std::nullopt;
 }

@@ -13,7 +13,7 @@
 
 namespace emulator {
 
-// COMMAND:N:[lost=]ERRNO[:STATUS], e.g. "snap:1:EIO:-8", "check-snapped:2:0:99", "snap:1:lost=EIO".
+// COMMAND:N:[lost=]ERRNO[:STATUS], e.g. "snap:1:EIO:size-changed", "check-snapped:2:0:99", "snap:1:lost=EIO".
 struct Injection {
   const Command* command = nullptr;
   unsigned int number = 0;             // which command of the kind, from 1

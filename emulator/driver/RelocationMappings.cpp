@@ -9,7 +9,7 @@
 namespace emulator {
 
 // A volume has one mapping. The process that made it may make it again, which replaces it; another process may not.
-Answer EmulatedDriver::createMapping(const Caller& caller, const CommandBuffer& buffer) {
+Answer EmulatedDriver::createMapping(const Caller& caller, CommandBuffer& buffer) {
   const auto entry = buffer.record<RelocFileMappingEntry>(0);
   Mapping mapping{entry.appPid, textOf(entry.snappedVolumeName), textOf(entry.relocFileName), std::nullopt};
   mapping.volume = caller.blockDevice(mapping.volumeName);
@@ -26,7 +26,7 @@ Answer EmulatedDriver::createMapping(const Caller& caller, const CommandBuffer& 
 }
 
 // Any process may delete a mapping, naming the one that made it: so a dead one's mappings can be cleaned up.
-Answer EmulatedDriver::deleteMapping(const CommandBuffer& buffer) {
+Answer EmulatedDriver::deleteMapping(const Caller&, CommandBuffer& buffer) {
   const auto entry = buffer.record<RelocFileMappingEntry>(0);
   const std::string volumeName = textOf(entry.snappedVolumeName);
   const auto removed = std::erase_if(mMappings, [&](const Mapping& mapping) {
@@ -36,13 +36,13 @@ Answer EmulatedDriver::deleteMapping(const CommandBuffer& buffer) {
   return refuse(ENOENT, volumeName + " has no mapping of process " + std::to_string(entry.appPid));
 }
 
-Answer EmulatedDriver::countMappings(CommandBuffer& buffer) {
+Answer EmulatedDriver::countMappings(const Caller&, CommandBuffer& buffer) {
   buffer.putRequestValue(static_cast<std::uint32_t>(mMappings.size()));
   return done();
 }
 
 // As many as there is room for.
-Answer EmulatedDriver::listMappings(CommandBuffer& buffer) {
+Answer EmulatedDriver::listMappings(const Caller&, CommandBuffer& buffer) {
   const std::size_t filled = std::min<std::size_t>(buffer.header().requestValue, mMappings.size());
   for (std::size_t i = 0; i < filled; ++i) {
     RelocFileMappingEntry entry{};

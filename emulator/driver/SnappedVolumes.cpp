@@ -29,13 +29,13 @@ SnappedVolumeEntry describe(const SnapVolumeEntry& snapped) {
 
 }  // namespace
 
-Answer EmulatedDriver::countSnapped(CommandBuffer& buffer) {
+Answer EmulatedDriver::countSnapped(const Caller&, CommandBuffer& buffer) {
   buffer.putRequestValue(static_cast<std::uint32_t>(mSnapped.size()));
   return done();
 }
 
 // As many as there is room for.
-Answer EmulatedDriver::listSnapped(CommandBuffer& buffer) {
+Answer EmulatedDriver::listSnapped(const Caller&, CommandBuffer& buffer) {
   const std::size_t filled = std::min<std::size_t>(buffer.header().requestValue, mSnapped.size());
   for (std::size_t i = 0; i < filled; ++i) buffer.putRecord(i, describe(mSnapped[i].entry));
   buffer.putRequestValue(static_cast<std::uint32_t>(filled));
@@ -43,14 +43,14 @@ Answer EmulatedDriver::listSnapped(CommandBuffer& buffer) {
 }
 
 // All or none: when one of several is not snapped, nothing is discarded and the records stay as they came.
-Answer EmulatedDriver::discard(CommandBuffer& buffer) {
+Answer EmulatedDriver::discard(const Caller&, CommandBuffer& buffer) {
   const std::uint32_t count = buffer.header().requestValue;
   for (std::uint32_t i = 0; i < count; ++i) {
     const auto entry = buffer.record<DiscardEntry>(i);
     const DeviceNumber volume{entry.majorNum, entry.minorNum};
     if (findSnapped(volume) == mSnapped.end()) {
       return refuse(ENOENT, "the volume " + volume.text() + " is not snapped",
-                    count == 1 ? kNotSnapped : kOneIsNotSnapped);
+                    count == 1 ? kStatusNotSnapped : kStatusOneNotSnapped);
     }
   }
   for (std::uint32_t i = 0; i < count; ++i) {
@@ -66,11 +66,11 @@ Answer EmulatedDriver::discard(CommandBuffer& buffer) {
 }
 
 // Drops snapshots, mappings and freezes of volumes that have no device any more.
-Answer EmulatedDriver::verifyAndClean() {
+Answer EmulatedDriver::verifyAndClean(const Caller&, CommandBuffer&) {
   const auto isGone = [&](DeviceNumber volume) {
     auto device = BlockDevice::open(mKernel, volume);
     if (device) return false;
-    const int error = std::move(device).refusal().error;
+    const int error = device.error().error;
     return error == ENXIO || error == ENODEV;
   };
   for (std::size_t i = mSnapped.size(); i-- > 0;) {

@@ -70,7 +70,7 @@ Answer EmulatedDriver::refuseSnapped(const std::vector<SnapEntry>& entries) {
     const DeviceNumber volume = volumeOf(entry.fixed);
     if (findSnapped(volume) == mSnapped.end()) continue;
     return refuse(EBUSY, "the volume " + volume.text() + " is snapped already",
-                  entries.size() == 1 ? kSnapped : kOneIsSnapped);
+                  entries.size() == 1 ? kStatusSnapped : kStatusOneSnapped);
   }
   return done();
 }
@@ -78,13 +78,13 @@ Answer EmulatedDriver::refuseSnapped(const std::vector<SnapEntry>& entries) {
 Answer EmulatedDriver::refuseChangedSize(const std::vector<SnapEntry>& entries) {
   for (const SnapEntry& entry : entries) {
     auto device = BlockDevice::open(mKernel, volumeOf(entry.fixed));
-    if (!device) return std::move(device).refusal();
+    if (!device) return refusalOf(device);
     const std::uint64_t blocks = device->bytes() / entry.fixed.blockSize;
     if (blocks != entry.fixed.numBlocks) {
       return refuse(ESTALE,
                     "the volume " + device->number().text() + " has " + std::to_string(blocks) + " blocks of " +
                         std::to_string(entry.fixed.blockSize) + " bytes, not " + std::to_string(entry.fixed.numBlocks),
-                    kSizeChanged);
+                    kStatusSizeChanged);
     }
   }
   return done();
@@ -109,23 +109,23 @@ Answer EmulatedDriver::refuseUnmapped(const std::vector<SnapEntry>& entries) {
 Answer EmulatedDriver::refuseRelocationFiles(const Caller& caller, const std::vector<SnapEntry>& entries,
                                              const CommandBuffer& buffer) {
   for (const SnapEntry& entry : entries) {
-    if (Answer answer = refuseRelocationFile(caller, entry, buffer); answer.failed()) return answer;
+    if (Answer answer = refuseRelocationFile(caller, entry, buffer); !answer) return answer;
   }
   return done();
 }
 
-Answer EmulatedDriver::snap(const Caller& caller, const CommandBuffer& buffer) {
+Answer EmulatedDriver::snap(const Caller& caller, CommandBuffer& buffer) {
   const std::vector<SnapEntry> entries = allEntries(buffer);
-  if (Answer answer = refuseSnapped(entries); answer.failed()) return answer;
-  if (Answer answer = refuseChangedSize(entries); answer.failed()) return answer;
-  if (Answer answer = refuseUnmapped(entries); answer.failed()) return answer;
-  if (Answer answer = refuseRelocationFiles(caller, entries, buffer); answer.failed()) return answer;
+  if (Answer answer = refuseSnapped(entries); !answer) return answer;
+  if (Answer answer = refuseChangedSize(entries); !answer) return answer;
+  if (Answer answer = refuseUnmapped(entries); !answer) return answer;
+  if (Answer answer = refuseRelocationFiles(caller, entries, buffer); !answer) return answer;
 
   SnapshotRequest request{{}, {}, mSettings.stores, mSettings.freezeLimit};
   for (const SnapEntry& entry : entries) request.volumes.push_back(volumeOf(entry.fixed));
   for (const FileSystem& frozen : mFrozen) request.frozen.insert(frozen.device());
   auto images = takeSnapshots(mKernel, caller, request, mCancelled);
-  if (!images) return std::move(images).refusal();
+  if (!images) return refusalOf(images);
   std::vector<Snapped> taken;
   for (std::size_t i = 0; i < entries.size(); ++i) {
     taken.push_back({entries[i].fixed, std::move((*images)[i]), startTracking(entries[i].fixed)});

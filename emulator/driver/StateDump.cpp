@@ -51,7 +51,7 @@ std::string EmulatedDriver::describeState() const {
     text << "  " << snapped.image.volume().text() << ' ' << textOf(entry.volumeName) << ": " << entry.numBlocks
          << " blocks of " << entry.blockSize << " bytes, of " << ownerText(mKernel, entry.appPid)
          << ", relocation file " << textOf(entry.relocFileName) << " of " << entry.relocFileSize << " blocks on "
-         << relocVolume.text() << ", snapshot /dev/" << snapshotNodeName(snapped.image.volume()) << '\n';
+         << relocVolume.text() << ", snapshot " << snapshotDevicePath(snapped.image.volume()) << '\n';
   }
   heading("mappings", mMappings.size());
   for (const Mapping& mapping : mMappings) {
@@ -81,7 +81,7 @@ Answer EmulatedDriver::refuseFrozenPlace(const UniqueFd& place, const Caller& ca
   return done();
 }
 
-Answer EmulatedDriver::dumpState(const Caller& caller, const CommandBuffer& buffer) {
+Answer EmulatedDriver::dumpState(const Caller& caller, CommandBuffer& buffer) {
   const auto payload = buffer.record<DumpStatePayload>(0);
   const std::string text = describeState();
   if (payload.fileFlag != kIntoFile) {
@@ -98,7 +98,7 @@ Answer EmulatedDriver::dumpState(const Caller& caller, const CommandBuffer& buff
   }
   if (!exists) place = caller.open(folderOf(name), O_PATH | O_DIRECTORY);
   if (!place) return failedCall(errno, "cannot open the folder of " + name);
-  if (Answer answer = refuseFrozenPlace(place, caller); answer.failed()) return answer;
+  if (Answer answer = refuseFrozenPlace(place, caller); !answer) return answer;
   const int how = exists ? O_TRUNC : O_CREAT | O_EXCL;
   const UniqueFd file = caller.open(name, O_WRONLY | O_NONBLOCK | how, exists ? 0 : 0600);
   if (!file) return failedCall(errno, "cannot open the file " + name);

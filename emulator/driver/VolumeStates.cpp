@@ -32,13 +32,13 @@ std::string standing(const FileSystem& upper, const FileSystem& lower) {
 
 }  // namespace
 
-Answer EmulatedDriver::checkSnapped(CommandBuffer& buffer) {
-  buffer.putStatus(findSnapped(checkedVolume(buffer)) == mSnapped.end() ? kNotSnapped : kSnapped);
+Answer EmulatedDriver::checkSnapped(const Caller&, CommandBuffer& buffer) {
+  buffer.putStatus(findSnapped(checkedVolume(buffer)) == mSnapped.end() ? kStatusNotSnapped : kStatusSnapped);
   return done();
 }
 
-Answer EmulatedDriver::checkFrozen(CommandBuffer& buffer) {
-  buffer.putStatus(isFrozen(checkedVolume(buffer)) ? kFrozen : kNotFrozen);
+Answer EmulatedDriver::checkFrozen(const Caller&, CommandBuffer& buffer) {
+  buffer.putStatus(isFrozen(checkedVolume(buffer)) ? kStatusFrozen : kStatusNotFrozen);
   return done();
 }
 
@@ -48,14 +48,14 @@ bool EmulatedDriver::isFrozen(DeviceNumber volume) const {
 }
 
 // All or none.
-Answer EmulatedDriver::freeze(const Caller& caller, const CommandBuffer& buffer) {
+Answer EmulatedDriver::freeze(const Caller& caller, CommandBuffer& buffer) {
   std::vector<FileSystem> fileSystems;
   for (const DeviceNumber volume : listedVolumes(buffer)) {
-    if (isFrozen(volume)) return refuse(EBUSY, "the volume " + volume.text() + " is frozen already", kFrozen);
+    if (isFrozen(volume)) return refuse(EBUSY, "the volume " + volume.text() + " is frozen already", kStatusFrozen);
     auto device = BlockDevice::open(mKernel, volume);
-    if (!device) return std::move(device).refusal();
+    if (!device) return refusalOf(device);
     auto fileSystem = FileSystem::on(mKernel, volume, caller);
-    if (!fileSystem) return std::move(fileSystem).refusal();
+    if (!fileSystem) return refusalOf(fileSystem);
     for (const FileSystem& frozen : mFrozen) {
       if (fileSystem->standsOn(frozen.device())) return refuse(EDEADLK, standing(*fileSystem, frozen));
     }
@@ -67,7 +67,7 @@ Answer EmulatedDriver::freeze(const Caller& caller, const CommandBuffer& buffer)
   for (FileSystem& fileSystem : fileSystems) order.push_back(&fileSystem);
   order = insideOut(std::move(order));
   for (std::size_t i = 0; i < order.size(); ++i) {
-    if (Answer answer = order[i]->freeze(); answer.failed()) {
+    if (Answer answer = order[i]->freeze(); !answer) {
       while (i > 0) order[--i]->thaw();
       return answer;
     }
@@ -77,13 +77,13 @@ Answer EmulatedDriver::freeze(const Caller& caller, const CommandBuffer& buffer)
 }
 
 // All or none, the last frozen first: what a thaw writes goes down to a device that was frozen later.
-Answer EmulatedDriver::thaw(const CommandBuffer& buffer) {
+Answer EmulatedDriver::thaw(const Caller&, CommandBuffer& buffer) {
   const std::vector<DeviceNumber> volumes = listedVolumes(buffer);
   const auto isListed = [&](const FileSystem& frozen) {
     return std::find(volumes.begin(), volumes.end(), frozen.device()) != volumes.end();
   };
   for (const DeviceNumber volume : volumes) {
-    if (!isFrozen(volume)) return refuse(EINVAL, "the volume " + volume.text() + " is not frozen", kNotFrozen);
+    if (!isFrozen(volume)) return refuse(EINVAL, "the volume " + volume.text() + " is not frozen", kStatusNotFrozen);
   }
   for (const FileSystem& upper : mFrozen) {
     for (const FileSystem& lower : mFrozen) {

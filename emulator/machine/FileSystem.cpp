@@ -127,7 +127,7 @@ Standstill::~Standstill() {
 Answer Standstill::begin(const std::vector<FileSystem*>& fileSystems) {
   for (FileSystem* fileSystem : fileSystems) {
     if (!fileSystem->mounted()) continue;
-    if (Answer answer = fileSystem->freeze(); answer.failed()) {
+    if (Answer answer = fileSystem->freeze(); !answer) {
       end();
       return answer;
     }

@@ -2,7 +2,6 @@
 #include "emulator/machine/Mounts.h"
 
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,7 +10,6 @@
 #include <vector>
 
 #include "emulator/machine/Caller.h"
-#include "emulator/supervise/DriverFile.h"
 
 namespace emulator {
 
@@ -27,13 +25,6 @@ void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices,
     } else {
       tell("cannot unmount the snapshot on " + mount.folder + ": " + std::strerror(error));
     }
-  }
-}
-
-void removeControlNode() {
-  struct stat found;
-  if (lstat(kControlNode, &found) == 0 && S_ISCHR(found.st_mode) && numberOf(found.st_rdev) == kControlDevice) {
-    unlink(kControlNode);
   }
 }
 

@@ -17,7 +17,4 @@ namespace emulator {
 void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices,
                 const std::function<void(const std::string&)>& tell);
 
-// Removes the control node when it has the control device's numbers.
-void removeControlNode();
-
 }  // namespace emulator

@@ -1,46 +1,44 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a step of a command comes to: done, or refused with an errno and the reason in words.
+// What a step of a command comes to: a value or nothing, or the refusal of the command.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
+#include <tl/expected.hpp>
 #include <utility>
-#include <variant>
 
 namespace emulator {
 
-struct [[nodiscard]] Answer {
-  int error = 0;                       // errno that the request fails with; 0: it succeeds
-  std::string why;                     // the reason, for the line on the standard error
-  std::optional<std::int32_t> status;  // the driver status to answer, where the command has one
-
-  bool failed() const { return error != 0; }
+struct Refusal {
+  int error = 0;                            // errno that the request fails with
+  std::string why;                          // the reason, for the trace and the line on the standard error
+  std::optional<std::int32_t> status = {};  // the driver status to answer, where the command has one
 };
+
+template <class T>
+class [[nodiscard]] Result : public tl::expected<T, Refusal> {
+ public:
+  using tl::expected<T, Refusal>::expected;
+};
+
+// What a whole command comes to; its values go into its buffer.
+using Answer = Result<void>;
 
 inline Answer done() { return {}; }
-inline Answer refuse(int error, std::string why, std::optional<std::int32_t> status = std::nullopt) {
-  return {error, std::move(why), status};
+inline tl::unexpected<Refusal> refuse(int error, std::string why, std::optional<std::int32_t> status = std::nullopt) {
+  return tl::unexpected(Refusal{error, std::move(why), status});
 }
 // A system call that failed with `error` while doing what `what` says.
-inline Answer failedCall(int error, const std::string& what) { return {error, what + ": " + std::strerror(error), {}}; }
-
-// A value, or the answer that says why there is none.
+inline tl::unexpected<Refusal> failedCall(int error, const std::string& what) {
+  return refuse(error, what + ": " + std::strerror(error));
+}
+// Passes on why there is no value.
 template <class T>
-class [[nodiscard]] Result {
- public:
-  Result(T value) : mContent(std::move(value)) {}           // NOLINT: meant to convert
-  Result(Answer refusal) : mContent(std::move(refusal)) {}  // NOLINT: meant to convert
-
-  explicit operator bool() const { return mContent.index() == 0; }
-  T& operator*() { return std::get<0>(mContent); }
-  T* operator->() { return &std::get<0>(mContent); }
-  Answer refusal() && { return std::get<1>(std::move(mContent)); }
-
- private:
-  std::variant<T, Answer> mContent;
-};
+tl::unexpected<Refusal> refusalOf(Result<T>& result) {
+  return tl::unexpected(std::move(result.error()));
+}
 
 }  // namespace emulator

@@ -16,10 +16,10 @@
 #include <ranges>
 #include <set>
 
+#include "emulator/machine/ControlNode.h"
 #include "emulator/machine/Kernel.h"
 #include "emulator/machine/Mounts.h"
 #include "emulator/machine/SnapshotImage.h"
-#include "emulator/supervise/DriverFile.h"
 
 namespace emulator {
 namespace {

@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "driver/DriverProtocol.h"
+
 namespace emulator {
 namespace {
 
@@ -24,6 +26,12 @@ DeviceNumber loopNumber(const Kernel& kernel, int index) {
   const std::string text = Kernel::readText(kernel.sys(), "block/loop" + std::to_string(index) + "/dev");
   std::sscanf(text.c_str(), "%u:%u", &number.majorNum, &number.minorNum);
   return number;
+}
+
+// The name of a volume's snapshot device in /dev.
+std::string nodeName(DeviceNumber volume) {
+  const std::string path = snapshotDevicePath(volume);
+  return path.substr(path.rfind('/') + 1);
 }
 
 loop_config configuration(DeviceNumber volume, const UniqueFd& image, unsigned int sectorSize) {
@@ -49,12 +57,12 @@ Result<UniqueFd> makeNamelessFile(const std::string& folder) {
   return file;
 }
 
-std::string snapshotNodeName(DeviceNumber volume) {
-  return "snap" + std::to_string(volume.majorNum) + "_" + std::to_string(volume.minorNum);
+std::string snapshotDevicePath(DeviceNumber volume) {
+  return kSnapshotDevicePrefix + std::to_string(volume.majorNum) + "_" + std::to_string(volume.minorNum);
 }
 
 void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumber device) {
-  const std::string name = snapshotNodeName(volume);
+  const std::string name = nodeName(volume);
   struct stat found;
   if (fstatat(folder.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISBLK(found.st_mode) &&
       numberOf(found.st_rdev) == device) {
@@ -95,14 +103,14 @@ SnapshotImage& SnapshotImage::operator=(SnapshotImage&& other) {
 SnapshotImage::~SnapshotImage() { removeNode(); }
 
 Answer SnapshotImage::makeNode(UniqueFd folder) {
-  const std::string name = snapshotNodeName(mVolume);
+  const std::string name = nodeName(mVolume);
   struct stat found;
   if (fstatat(folder.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISBLK(found.st_mode)) {
     unlinkat(folder.get(), name.c_str(), 0);
   }
   if (mNet != nullptr) mHold = mNet->holdSnapshot(folder, mVolume, mDevice);
   if (mknodat(folder.get(), name.c_str(), S_IFBLK | 0600, mDevice.value()) != 0) {
-    return failedCall(errno, "cannot make the node /dev/" + name);
+    return failedCall(errno, "cannot make the node " + snapshotDevicePath(mVolume));
   }
   mNodeFolder = std::move(folder);
   return done();

@@ -17,8 +17,8 @@ namespace emulator {
 // A new nameless file in `folder`: gone with its last user, even when the emulator is killed.
 Result<UniqueFd> makeNamelessFile(const std::string& folder);
 
-// The name of a volume's snapshot device, without its folder: "snap7_3".
-std::string snapshotNodeName(DeviceNumber volume);
+// The path of a volume's snapshot device: "/dev/snap7_3".
+std::string snapshotDevicePath(DeviceNumber volume);
 
 // Removes a snapshot's node from a folder, when it still is this device's.
 void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumber device);

@@ -48,28 +48,28 @@ Result<std::string> chooseStore(const Kernel& kernel, const SnapshotRequest& req
 Result<Source> openSource(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request,
                           DeviceNumber volume, const std::string& store) {
   auto device = BlockDevice::open(kernel, volume);
-  if (!device) return std::move(device).refusal();
+  if (!device) return refusalOf(device);
   auto fileSystem = FileSystem::on(kernel, volume, caller);
-  if (!fileSystem) return std::move(fileSystem).refusal();
+  if (!fileSystem) return refusalOf(fileSystem);
   for (const DeviceNumber frozen : request.frozen) {
     if (fileSystem->standsOn(frozen)) {
       return refuse(EDEADLK, "the volume " + volume.text() + " stands on " + frozen.text() + ", which is frozen");
     }
   }
   auto data = openDeviceData(kernel, *device, caller);
-  if (!data) return std::move(data).refusal();
+  if (!data) return refusalOf(data);
   auto image = makeNamelessFile(store);
-  if (!image) return std::move(image).refusal();
+  if (!image) return refusalOf(image);
   return Source{std::move(*device), std::move(*fileSystem), std::move(*data), std::move(*image)};
 }
 
 Result<std::vector<Source>> openSources(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request) {
   auto store = chooseStore(kernel, request);
-  if (!store) return std::move(store).refusal();
+  if (!store) return refusalOf(store);
   std::vector<Source> sources;
   for (const DeviceNumber volume : request.volumes) {
     auto source = openSource(kernel, caller, request, volume, *store);
-    if (!source) return std::move(source).refusal();
+    if (!source) return refusalOf(source);
     sources.push_back(std::move(*source));
   }
   return sources;
@@ -105,10 +105,10 @@ Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& req
     if (!request.frozen.contains(source.device.number())) toFreeze.push_back(&source.fileSystem);
   }
   Standstill standstill(request.limit);
-  if (Answer answer = standstill.begin(insideOut(toFreeze)); answer.failed()) return answer;
+  if (Answer answer = standstill.begin(insideOut(toFreeze)); !answer) return answer;
   Answer answer = copySources(sources, [&] { return standstill.expired() ? ETIMEDOUT : cancelled ? ECANCELED : 0; });
   standstill.end();
-  if (!answer.failed() && standstill.expired()) {
+  if (answer && standstill.expired()) {
     answer = refuse(ETIMEDOUT, "the volumes could not be held still long enough");
   }
   return answer;
@@ -122,18 +122,18 @@ Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Cal
   const UniqueFd folder = caller.open("/dev", O_PATH | O_DIRECTORY);
   if (!folder) return failedCall(errno, "cannot open the caller's /dev");
   auto sources = openSources(kernel, caller, request);
-  if (!sources) return std::move(sources).refusal();
-  if (Answer answer = copyAtOneInstant(*sources, request, cancelled); answer.failed()) return answer;
+  if (!sources) return refusalOf(sources);
+  if (Answer answer = copyAtOneInstant(*sources, request, cancelled); !answer) return refusalOf(answer);
 
   std::vector<SnapshotImage> images;
   for (Source& source : *sources) {
     auto image =
         SnapshotImage::attach(kernel, source.device.number(), std::move(source.image), source.device.sectorSize());
-    if (!image) return std::move(image).refusal();
+    if (!image) return refusalOf(image);
     images.push_back(std::move(*image));
     UniqueFd nodeFolder(fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));
     if (!nodeFolder) return failedCall(errno, "cannot keep the caller's /dev open");
-    if (Answer answer = images.back().makeNode(std::move(nodeFolder)); answer.failed()) return answer;
+    if (Answer answer = images.back().makeNode(std::move(nodeFolder)); !answer) return refusalOf(answer);
   }
   return images;
 }

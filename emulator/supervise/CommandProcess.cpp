@@ -73,7 +73,7 @@ UniqueFd fetchDescriptor(pid_t child, int number) {
   return UniqueFd(static_cast<int>(syscall(SYS_pidfd_getfd, process.get(), number, 0)));
 }
 
-Answer cannotSupervise(int error) {
+tl::unexpected<Refusal> cannotSupervise(int error) {
   if (error == EBUSY)
     return refuse(error, "somebody takes the system calls of this process already (another emulator?)");
   return failedCall(error, "cannot take system calls (seccomp user notification)");
@@ -100,9 +100,9 @@ bool waitForAll(Clock::time_point until) {
 Result<StartedCommand> startCommand(const std::vector<std::string>& command, const FilterOptions& options,
                                     const sigset_t& mask) {
   auto reports = Pipe::make();
-  if (!reports) return std::move(reports).refusal();
+  if (!reports) return refusalOf(reports);
   auto go = Pipe::make();
-  if (!go) return std::move(go).refusal();
+  if (!go) return refusalOf(go);
   const pid_t parent = getpid();
   StartedCommand started;
   started.process = fork();

@@ -12,6 +12,9 @@
 #include <span>
 #include <string>
 
+#include "driver/DriverProtocol.h"
+#include "emulator/machine/ControlNode.h"
+
 namespace emulator {
 namespace {
 
@@ -57,7 +60,7 @@ Result<DriverFile> DriverFile::make() {
 
 bool namesDriverFile(const seccomp_data& call, const CallerMemory& caller) {
   const int argument = pathArgument(call.nr);
-  return argument >= 0 && caller.readText(call.args[argument], sizeof kDriverFile) == kDriverFile;
+  return argument >= 0 && caller.readText(call.args[argument], sizeof kDriverNumbersPath) == kDriverNumbersPath;
 }
 
 std::optional<DriverFile::Reply> DriverFile::answer(const Kernel& kernel, const seccomp_data& call,

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// /proc/mirelsnap/dev, the file that names the control device's numbers. The numbers are those of the null device, so
-// that making and opening the control node stay real.
+// The file in /proc that names the control device's numbers.
 #pragma once
 
 #include <linux/seccomp.h>
@@ -13,15 +12,10 @@
 
 #include "base/Handle.h"
 #include "emulator/machine/Caller.h"
-#include "emulator/machine/DeviceNumber.h"
 #include "emulator/machine/Kernel.h"
 #include "emulator/machine/Result.h"
 
 namespace emulator {
-
-inline constexpr char kDriverFile[] = "/proc/mirelsnap/dev";
-inline constexpr char kControlNode[] = "/dev/mirelsnapctl";
-inline constexpr DeviceNumber kControlDevice{1, 3};
 
 class DriverFile {
  public:

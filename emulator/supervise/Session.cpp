@@ -24,7 +24,7 @@
 #include "emulator/driver/EmulatedDriver.h"
 #include "emulator/driver/Messages.h"
 #include "emulator/driver/Trace.h"
-#include "emulator/machine/Mounts.h"
+#include "emulator/machine/ControlNode.h"
 #include "emulator/machine/SafetyNet.h"
 #include "emulator/supervise/CommandProcess.h"
 #include "emulator/supervise/DriverFile.h"
@@ -193,16 +193,16 @@ int runSession(Kernel& kernel, const Options& options) {
       return complain("cannot write the trace " + options.trace + ": " + std::strerror(errno), kExitRefused);
   }
   auto driverFile = DriverFile::make();
-  if (!driverFile) return complain(std::move(driverFile).refusal().why, kExitRefused);
+  if (!driverFile) return complain(driverFile.error().why, kExitRefused);
 
   Signals signals;
   FilterOptions filter;
   filter.executions = options.unloaded;
   auto command = startCommand(options.command, filter, signals.oldMask());
-  if (!command) return complain(std::move(command).refusal().why, kExitRefused);
+  if (!command) return complain(command.error().why, kExitRefused);
   closeInheritedDescriptors(kernel);
   auto net = SafetyNet::spread(kernel);
-  if (!net) return complain(std::move(net).refusal().why, kExitRefused);
+  if (!net) return complain(net.error().why, kExitRefused);
   const Kernel::NetInUse netInUse = kernel.use(*net);
   // What is left of COMMAND's processes comes to the emulator, whoever their parents were.
   prctl(PR_SET_CHILD_SUBREAPER, 1);

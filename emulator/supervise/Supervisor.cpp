@@ -16,6 +16,8 @@
 #include <string>
 #include <system_error>
 
+#include "emulator/machine/ControlNode.h"
+
 #ifndef SECCOMP_IOCTL_NOTIF_SET_FLAGS
 #define SECCOMP_IOCTL_NOTIF_SET_FLAGS SECCOMP_IOW(4, __u64)
 #define SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP (1UL << 0)

@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "driver/DriverProtocol.h"
+
 #ifndef SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV
 #define SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV (1UL << 5)
 #endif
@@ -21,7 +23,7 @@ namespace emulator {
 namespace {
 
 constexpr std::uint32_t kWorkingDirectory = static_cast<std::uint32_t>(AT_FDCWD);
-constexpr std::uint32_t kDriverRequests = 0xC01C5300;  // the low byte is the command's number
+constexpr auto kDriverRequests = static_cast<std::uint32_t>(driverRequest(0));  // the low byte is the command's number
 
 // The low half of an argument: all that the kernel looks at in a descriptor, flags or a request.
 constexpr std::uint32_t argument(unsigned int index) {

@@ -11,7 +11,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1 + sizeof(_ioctlCmd)) return 0;
-  const emulator::Command& command = emulator::kCommands.at(data[0] % emulator::kCommands.size());
+  const emulator::Command& command = emulator::kCommands[data[0] % emulator::kCommands.size()];
   std::vector<std::byte> bytes(size - 1);
   std::memcpy(bytes.data(), data + 1, bytes.size());
   // The length is the one thing that the emulator takes from the header before it has the rest.
@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (emulator::checkLength(command, header)) return 0;
   const emulator::CommandBuffer buffer(bytes);
   if (emulator::checkCommand(command, buffer)) return 0;
-  if (command.layout != emulator::Layout::Snap) return 0;
+  if (command.request != IOC_SNAP) return 0;
   emulator::SnapEntries entries(buffer);
   std::uint32_t count = 0;
   while (entries.next()) ++count;

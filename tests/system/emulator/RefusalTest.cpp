@@ -46,7 +46,7 @@ TEST(Refusal, of_what_is_no_command_is_ENOTTY_with_one_line) {
   ClientRun run;
   EXPECT_EQ(run->issue(driverRequest(5), test::countCommand()).error, ENOTTY);
   run.end();
-  EXPECT_EQ(run.emulator().errors(), "mirelsnap-emulator: request 0xC01C5305 is no command of the driver\n");
+  EXPECT_EQ(run.emulator().errors(), "mirelsnap-emulator: unknown driver request 0xC01C5305\n");
 }
 
 TEST(Refusal, is_the_kernels_for_a_driver_request_on_another_device) {
@@ -56,11 +56,15 @@ TEST(Refusal, is_the_kernels_for_a_driver_request_on_another_device) {
   EXPECT_EQ(run.emulator().errors(), "");
 }
 
-TEST(Refusal, of_a_discard_brings_its_status_to_the_client) {
+TEST(Refusal, of_a_discard_brings_its_status_to_the_client_and_its_name_to_the_user) {
   ClientRun run;
+  const pid_t process = run->process();
   const auto outcome = run->issue(IOC_SNAP_DISCARD, test::discardCommand({{7, 200}}));
   EXPECT_EQ(outcome.error, ENOENT);
   EXPECT_EQ(outcome.status(), -4);
+  run.end();
+  EXPECT_EQ(run.emulator().errors(), "mirelsnap-emulator: discard from process " + std::to_string(process) +
+                                         " refused: the volume 7:200 is not snapped (status not-snapped)\n");
 }
 
 // ---- options

@@ -32,13 +32,15 @@ void expectNothingLeft(Session& session) {
   EXPECT_EQ(test::snapshotNodes(), Texts());
 }
 
-std::string refused(const std::string& command, const Agent& agent) {
-  return "mirelsnap-emulator: " + command + " from process " + std::to_string(agent.id()) + " refused: as asked";
+std::string refused(const std::string& command, const Agent& agent, const std::string& status = "") {
+  return "mirelsnap-emulator: " + command + " from process " + std::to_string(agent.id()) +
+         " refused: failure injected" + status;
 }
 
 struct Refusal {
   const char* name;
   const char* injection;
+  const char* told;  // what the emulator says of the status
   int snapResult;
   int status;
 };
@@ -59,7 +61,7 @@ TEST_P(SnapRefusal, reaches_the_agent_and_leaves_nothing) {
   EXPECT_EQ(status.result, S_OK);
   EXPECT_EQ(status.status, refusal.status);
   EXPECT_EQ(status.snapResult, refusal.snapResult);
-  EXPECT_EQ(session.takeComplaints(1), Texts{refused("snap", agent)});
+  EXPECT_EQ(session.takeComplaints(1), Texts{refused("snap", agent, refusal.told)});
   expectNothingLeft(session);
 
   // A failed job has nothing to delete, and no set is in progress any more.
@@ -73,11 +75,14 @@ TEST_P(SnapRefusal, reaches_the_agent_and_leaves_nothing) {
 
 INSTANTIATE_TEST_SUITE_P(
     Statuses, SnapRefusal,
-    testing::Combine(testing::Values(Refusal{"minus_2_is_11", "snap:1:EBUSY:-2", 11, USC_E_VOLUME_ALREADY_SNAPPED},
-                                     Refusal{"minus_3_is_12", "snap:1:EBUSY:-3", 12, USC_E_VOLUME_ALREADY_SNAPPED},
-                                     Refusal{"minus_8_is_26", "snap:1:ESTALE:-8", 26, E_UNEXPECTED},
-                                     Refusal{"another_status_is_6", "snap:1:EIO:-9", 6, E_UNEXPECTED},
-                                     Refusal{"an_errno_alone_is_6", "snap:1:ENOMEM", 6, E_UNEXPECTED}),
+    testing::Combine(testing::Values(Refusal{"minus_2_is_11", "snap:1:EBUSY:-2", " (status snapped)", 11,
+                                             USC_E_VOLUME_ALREADY_SNAPPED},
+                                     Refusal{"minus_3_is_12", "snap:1:EBUSY:one-snapped", " (status one-snapped)", 12,
+                                             USC_E_VOLUME_ALREADY_SNAPPED},
+                                     Refusal{"minus_8_is_26", "snap:1:ESTALE:-8", " (status size-changed)", 26,
+                                             E_UNEXPECTED},
+                                     Refusal{"another_status_is_6", "snap:1:EIO:-9", " (status -9)", 6, E_UNEXPECTED},
+                                     Refusal{"an_errno_alone_is_6", "snap:1:ENOMEM", "", 6, E_UNEXPECTED}),
                      testing::Values(1, 2)),
     [](const auto& instance) {
       return std::string(std::get<0>(instance.param).name) +

@@ -239,7 +239,7 @@ TEST(ReconcileStep, of_a_driver_that_does_not_tell_what_it_holds_is_118_and_no_f
                    "--inject", "count-mappings:7:EIO", "--inject", "count-mappings:8:EIO"});
   test::DriverClient driver(session);
   ASSERT_EQ(driver.snap({{.device = volume.device(), .folder = volume.folder()}}).result, 0);
-  session.tolerateComplaints(".*count-mappings from process [0-9]+ refused: as asked");
+  session.tolerateComplaints(".*count-mappings from process [0-9]+ refused: failure injected");
   const Ended ended = verb(session, {"reconcile"});
   EXPECT_EQ(ended.code, 118);
   EXPECT_EQ(ended.output, "");

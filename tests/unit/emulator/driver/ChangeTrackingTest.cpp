@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Change tracking, and dumps of the state.
+// Change tracking.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,7 +15,6 @@ namespace {
 using test::WireCommand;
 using test::WireDevice;
 
-constexpr char kGuid[] = "0123cdef-89ab-1def-8012-0123456789ab";
 constexpr std::uint32_t kBlock = 4096;
 
 struct Run {
@@ -26,12 +24,7 @@ struct Run {
 void PrintTo(const Run& run, std::ostream* out) { *out << run.start << '+' << run.blocks; }
 using Runs = std::vector<Run>;
 
-struct DriverTracking : DriverTest {
-  void snapTracked(const test::LoopDevice& volume) {
-    test::WireSnapVolume wire = candidate(volume);
-    wire.trackingGuid = kGuid;
-    ASSERT_EQ(error(IOC_SNAP, test::snapCommand({wire})), 0);
-  }
+struct ChangeTracking : DriverTest {
   void discard(const test::LoopDevice& volume) {
     ASSERT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({deviceOf(volume)})), 0);
   }
@@ -46,7 +39,7 @@ struct DriverTracking : DriverTest {
     std::vector<_run> sent(room, {0xAAAA, 0xBBBB});
     if (room > 0) sent[0].startBlock = from;
     WireCommand command = test::bitmapCommand(volume, sent, type);
-    const int error = ask(IOC_GET_VDIFF, command).error;
+    const int error = ask(IOC_GET_VDIFF, command);
     const auto bitmap = command.record<BitmapPayload>();
     Reading reading{error, bitmap.updateType, {}};
     for (std::uint32_t i = 0; error == 0 && i < bitmap.numRuns; ++i) {
@@ -66,11 +59,6 @@ struct DriverTracking : DriverTest {
     const UniqueFd opened(open(volume.path().c_str(), O_WRONLY | O_CLOEXEC));
     ASSERT_EQ(pwrite(opened.get(), &byte, 1, static_cast<off_t>(at)), 1);
   }
-  std::string dump() {
-    const std::string file = files / "state";
-    EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(file)), 0);
-    return test::readFile(file);
-  }
 
   const test::LoopDevice loop{kVolumeBytes};
   const WireDevice device = deviceOf(loop);
@@ -78,17 +66,17 @@ struct DriverTracking : DriverTest {
 
 // ---- its life
 
-TEST_F(DriverTracking, starts_with_a_snap_that_asks_for_it_and_has_the_identifier_of_that) {
+TEST_F(ChangeTracking, starts_with_a_snap_that_asks_for_it_and_has_the_identifier_of_that) {
   EXPECT_EQ(status(IOC_IS_VTRACK_ACTIVE, device), 3);
   snapTracked(loop);
   EXPECT_EQ(status(IOC_IS_VTRACK_ACTIVE, device), 2);
   WireCommand vars = test::trackingVarsCommand(device);
-  ASSERT_EQ(ask(IOC_GET_VTRACK_VARS, vars).error, 0);
+  ASSERT_EQ(ask(IOC_GET_VTRACK_VARS, vars), 0);
   EXPECT_STREQ(vars.record<TrackingVarsPayload>().guid, kGuid);
   EXPECT_EQ(vars.record<TrackingVarsPayload>().sequenceNumber, 1u);
 }
 
-TEST_F(DriverTracking, does_not_start_with_a_snap_that_asks_for_none) {
+TEST_F(ChangeTracking, does_not_start_with_a_snap_that_asks_for_none) {
   ASSERT_EQ(error(IOC_SNAP, test::snapCommand({candidate(loop)})), 0);
   EXPECT_FALSE(isTracked(loop));
   EXPECT_EQ(error(IOC_GET_VTRACK_VARS, test::trackingVarsCommand(device)), ENODATA);
@@ -96,18 +84,18 @@ TEST_F(DriverTracking, does_not_start_with_a_snap_that_asks_for_none) {
   EXPECT_EQ(error(IOC_UPDATE_BITMAP, test::bitmapCommand(device, {})), ENODATA);
 }
 
-TEST_F(DriverTracking, does_not_start_with_an_independent_snapshot_that_asks_for_it) {
+TEST_F(ChangeTracking, does_not_start_with_an_independent_snapshot_that_asks_for_it) {
   WireCommand command = test::snapCommand({candidate(loop)});
   command.put(24 + 2092, std::uint32_t{1});
   ASSERT_EQ(error(IOC_SNAP, command), 0);
   EXPECT_FALSE(isTracked(loop));
 }
 
-TEST_F(DriverTracking, counts_the_trackings_of_a_volume) {
+TEST_F(ChangeTracking, counts_the_trackings_of_a_volume) {
   const test::LoopDevice other(kVolumeBytes);
   const auto sequenceNumber = [&](WireDevice of) {
     WireCommand vars = test::trackingVarsCommand(of);
-    EXPECT_EQ(ask(IOC_GET_VTRACK_VARS, vars).error, 0);
+    EXPECT_EQ(ask(IOC_GET_VTRACK_VARS, vars), 0);
     return vars.record<TrackingVarsPayload>().sequenceNumber;
   };
   for (const std::uint32_t number : {1u, 2u, 3u}) {
@@ -119,16 +107,16 @@ TEST_F(DriverTracking, counts_the_trackings_of_a_volume) {
   EXPECT_EQ(sequenceNumber(deviceOf(other)), 1u);
 }
 
-TEST_F(DriverTracking, ends_with_the_snapshot) {
+TEST_F(ChangeTracking, ends_with_the_snapshot) {
   snapTracked(loop);
   discard(loop);
   EXPECT_FALSE(isTracked(loop));
   WireCommand vars = test::trackingVarsCommand(device);
-  EXPECT_EQ(ask(IOC_GET_VTRACK_VARS, vars).error, ENOENT);
+  EXPECT_EQ(ask(IOC_GET_VTRACK_VARS, vars), ENOENT);
   EXPECT_EQ(vars.status(), -4);
 }
 
-TEST_F(DriverTracking, ends_when_it_is_stopped_and_the_snapshot_stays) {
+TEST_F(ChangeTracking, ends_when_it_is_stopped_and_the_snapshot_stays) {
   snapTracked(loop);
   EXPECT_EQ(error(IOC_STOP_VTRACK, test::volumeListCommand({device})), 0);
   EXPECT_FALSE(isTracked(loop));
@@ -136,25 +124,25 @@ TEST_F(DriverTracking, ends_when_it_is_stopped_and_the_snapshot_stays) {
   EXPECT_EQ(error(IOC_STOP_VTRACK, test::volumeListCommand({device})), 0) << "once more does no harm";
 }
 
-TEST_F(DriverTracking, stopping_it_on_a_volume_that_is_not_snapped_is_refused_and_stops_the_others) {
+TEST_F(ChangeTracking, stopping_it_on_a_volume_that_is_not_snapped_is_refused_and_stops_the_others) {
   WireCommand one = test::volumeListCommand({{240, 1}});
-  EXPECT_EQ(ask(IOC_STOP_VTRACK, one).error, ENOENT);
+  EXPECT_EQ(ask(IOC_STOP_VTRACK, one), ENOENT);
   EXPECT_EQ(one.status(), -4);
   snapTracked(loop);
   WireCommand two = test::volumeListCommand({{240, 1}, device});
-  EXPECT_EQ(ask(IOC_STOP_VTRACK, two).error, ENOENT);
+  EXPECT_EQ(ask(IOC_STOP_VTRACK, two), ENOENT);
   EXPECT_EQ(two.status(), -5);
   EXPECT_FALSE(isTracked(loop));
 }
 
 // ---- what changed
 
-TEST_F(DriverTracking, reads_nothing_while_nothing_changes) {
+TEST_F(ChangeTracking, reads_nothing_while_nothing_changes) {
   snapTracked(loop);
   EXPECT_EQ(changed(loop), Runs{});
 }
 
-TEST_F(DriverTracking, reads_the_blocks_that_differ_neighbours_as_one_run) {
+TEST_F(ChangeTracking, reads_the_blocks_that_differ_neighbours_as_one_run) {
   touch(loop, 7 * kBlock, 'b');
   snapTracked(loop);
   touch(loop, 0);
@@ -167,7 +155,7 @@ TEST_F(DriverTracking, reads_the_blocks_that_differ_neighbours_as_one_run) {
   EXPECT_EQ(changed(loop), (Runs{{0, 1}, {3, 2}, {7, 1}, {255, 2}, {kVolumeBytes / kBlock - 1, 1}}));
 }
 
-TEST_F(DriverTracking, a_block_that_is_as_it_was_again_has_not_changed) {
+TEST_F(ChangeTracking, a_block_that_is_as_it_was_again_has_not_changed) {
   touch(loop, 5 * kBlock, 'a');
   snapTracked(loop);
   touch(loop, 5 * kBlock, 'b');
@@ -176,7 +164,7 @@ TEST_F(DriverTracking, a_block_that_is_as_it_was_again_has_not_changed) {
   EXPECT_EQ(changed(loop), Runs{});
 }
 
-TEST_F(DriverTracking, counts_in_blocks_of_the_snapshots_size) {
+TEST_F(ChangeTracking, counts_in_blocks_of_the_snapshots_size) {
   for (const std::uint32_t size : {512u, 1024u, 65536u}) {
     test::WireSnapVolume volume = candidate(loop);
     volume.trackingGuid = kGuid;
@@ -191,7 +179,7 @@ TEST_F(DriverTracking, counts_in_blocks_of_the_snapshots_size) {
   }
 }
 
-TEST_F(DriverTracking, a_reading_fills_the_first_runs_that_there_is_room_for_and_says_that_more_follow) {
+TEST_F(ChangeTracking, a_reading_fills_the_first_runs_that_there_is_room_for_and_says_that_more_follow) {
   snapTracked(loop);
   for (const std::uint64_t block : {2u, 10u, 11u, 20u}) touch(loop, block * kBlock);
   Reading reading = read(device, 2);
@@ -207,7 +195,7 @@ TEST_F(DriverTracking, a_reading_fills_the_first_runs_that_there_is_room_for_and
   EXPECT_EQ(reading.runs, Runs{});
 }
 
-TEST_F(DriverTracking, a_reading_goes_on_from_the_block_that_the_first_run_names) {
+TEST_F(ChangeTracking, a_reading_goes_on_from_the_block_that_the_first_run_names) {
   snapTracked(loop);
   for (const std::uint64_t block : {2u, 10u, 11u, 20u}) touch(loop, block * kBlock);
   EXPECT_EQ(read(device, 2, 1, 12).runs, (Runs{{20, 1}}));
@@ -219,7 +207,7 @@ TEST_F(DriverTracking, a_reading_goes_on_from_the_block_that_the_first_run_names
   EXPECT_EQ(read(device, 2, 0, 12).runs, (Runs{{2, 1}, {10, 2}})) << "only when asked to";
 }
 
-TEST_F(DriverTracking, thousands_of_runs_are_read_in_pieces) {
+TEST_F(ChangeTracking, thousands_of_runs_are_read_in_pieces) {
   snapTracked(loop);
   Runs all;
   for (std::uint64_t block = 1; block < kVolumeBytes / kBlock; block += 2) {
@@ -239,15 +227,15 @@ TEST_F(DriverTracking, thousands_of_runs_are_read_in_pieces) {
   EXPECT_EQ(found, all);
 }
 
-TEST_F(DriverTracking, a_volume_that_is_gone_cannot_be_compared) {
+TEST_F(ChangeTracking, a_volume_that_is_gone_cannot_be_compared) {
   WireCommand command = test::bitmapCommand({240, 1}, {});
-  EXPECT_EQ(ask(IOC_GET_VDIFF, command).error, ENOENT);
+  EXPECT_EQ(ask(IOC_GET_VDIFF, command), ENOENT);
   EXPECT_EQ(command.status(), -4);
 }
 
 // ---- what is in use
 
-TEST_F(DriverTracking, pushed_runs_take_the_place_of_those_before_or_come_to_them) {
+TEST_F(ChangeTracking, pushed_runs_take_the_place_of_those_before_or_come_to_them) {
   snapTracked(loop);
   const std::uint64_t end = kVolumeBytes / kBlock;
   EXPECT_EQ(error(IOC_UPDATE_BITMAP, test::bitmapCommand(device, {{0, 1}, {5, end - 5}})), 0);
@@ -258,94 +246,13 @@ TEST_F(DriverTracking, pushed_runs_take_the_place_of_those_before_or_come_to_the
   EXPECT_NE(dump().find(", 1 runs in use\n"), std::string::npos);
 }
 
-TEST_F(DriverTracking, pushed_runs_lie_in_the_volume) {
+TEST_F(ChangeTracking, pushed_runs_lie_in_the_volume) {
   snapTracked(loop);
   const std::uint64_t end = kVolumeBytes / kBlock;
   for (const _run& run : {_run{end, 1}, _run{0, end + 1}, _run{end - 1, 2}, _run{1, 0}, _run{2, UINT64_MAX}}) {
     EXPECT_EQ(error(IOC_UPDATE_BITMAP, test::bitmapCommand(device, {{0, 1}, run})), EINVAL);
   }
   EXPECT_NE(dump().find(", 0 runs in use\n"), std::string::npos);
-}
-
-// ---- dumps
-
-TEST_F(DriverTracking, a_dump_of_nothing_tells_so) {
-  EXPECT_EQ(dump(),
-            "version: version 1\n"
-            "log level: 3\n"
-            "snapped volumes: 0\n"
-            "mappings: 0\n"
-            "frozen volumes: 0\n"
-            "tracked volumes: 0\n");
-}
-
-TEST_F(DriverTracking, a_dump_tells_volumes_mappings_freezes_trackings_and_their_owners) {
-  snapTracked(loop);
-  const test::LoopDevice frozen(kVolumeBytes);
-  ASSERT_EQ(error(IOC_FREEZE, test::volumeListCommand({deviceOf(frozen)})), 0);
-  ASSERT_EQ(error(IOC_SET_LOG_LEVEL, test::logLevelCommand(6)), 0);
-  ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(2000000000, "/dev/dead", "/r/dead")), 0);
-  const std::string minor = std::to_string(loop.minor());
-  const std::string owner = std::to_string(getpid());
-  const std::string reloc = files / ("reloc" + minor);
-  EXPECT_EQ(dump(),
-            "version: version 1\n"
-            "log level: 6\n"
-            "snapped volumes: 1\n"
-            "  7:" +
-                minor + " " + loop.path() + ": 2048 blocks of 4096 bytes, of process " + owner + ", relocation file " +
-                reloc + " of 4 blocks on 0:0, snapshot /dev/snap7_" + minor +
-                "\n"
-                "mappings: 2\n"
-                "  " +
-                loop.path() + ": " + reloc + ", of process " + owner +
-                "\n"
-                "  /dev/dead: /r/dead, of process 2000000000 (gone)\n"
-                "frozen volumes: 1\n"
-                "  7:" +
-                std::to_string(frozen.minor()) +
-                "\n"
-                "tracked volumes: 1\n"
-                "  7:" +
-                minor + ": " + kGuid + ", sequence number 1, 0 runs in use\n");
-}
-
-TEST_F(DriverTracking, a_dump_makes_its_file_for_its_owner_alone_and_replaces_what_was_in_it) {
-  const std::string file = files / "state";
-  EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(file)), 0);
-  struct stat found;
-  ASSERT_EQ(stat(file.c_str(), &found), 0);
-  EXPECT_EQ(found.st_mode, S_IFREG | 0600u);
-  test::writeFile(file, std::string(100000, 'x'));
-  EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(file)), 0);
-  EXPECT_TRUE(test::readFile(file).starts_with("version: version 1\n"));
-  EXPECT_TRUE(test::readFile(file).ends_with("tracked volumes: 0\n"));
-}
-
-TEST_F(DriverTracking, a_dump_goes_into_no_folder_pipe_or_missing_place) {
-  EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(files.path())), EINVAL);
-  const std::string pipe = files / "pipe";
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(pipe)), EINVAL);
-  EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(files / "no/such/file")), ENOENT);
-}
-
-// Whoever writes there waits for the thaw, which no other command could bring.
-TEST_F(DriverTracking, a_dump_onto_a_frozen_volume_is_refused) {
-  const test::Volume outer("ext4", 32 << 20);
-  const test::Volume inner("ext4", kVolumeBytes, {}, outer.folder());
-  test::writeFile(outer.folder() + "/old", "old");
-  ASSERT_EQ(error(IOC_FREEZE, test::volumeListCommand({deviceOf(outer.loop()), deviceOf(inner.loop())})), 0);
-  for (const std::string& file : {outer.folder() + "/new", outer.folder() + "/old", inner.folder() + "/new"}) {
-    EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(file)), EDEADLK) << file;
-  }
-  driver->thawAll();
-  EXPECT_EQ(test::readFile(outer.folder() + "/old"), "old");
-  EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(outer.folder() + "/new")), 0);
-}
-
-TEST_F(DriverTracking, a_dump_into_the_log_writes_no_file) {
-  EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand()), 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "emulator/driver/EmulatedDriver.h"
 
@@ -19,6 +20,8 @@
 namespace {
 
 inline constexpr std::uint64_t kVolumeBytes = 8 << 20;
+// Of every tracking.
+inline constexpr char kGuid[] = "0123cdef-89ab-1def-8012-0123456789ab";
 
 struct DriverTest : testing::Test {
   DriverTest() { make(); }
@@ -30,24 +33,30 @@ struct DriverTest : testing::Test {
   }
 
   // Answers a command into its buffer.
-  emulator::Answer ask(unsigned long request, test::WireCommand& command) {
+  emulator::Answer answer(unsigned long request, test::WireCommand& command) {
     emulator::CommandBuffer buffer(command.bytes());
     emulator::Answer answer = driver->handle(*emulator::findCommand(request), self, buffer);
-    if (answer.status) buffer.putStatus(*answer.status);
+    if (!answer && answer.error().status) buffer.putStatus(*answer.error().status);
     return answer;
   }
-  int error(unsigned long request, test::WireCommand command) { return ask(request, command).error; }
+  // The errno, 0 when it succeeds.
+  int ask(unsigned long request, test::WireCommand& command) {
+    const emulator::Answer answered = answer(request, command);
+    return answered ? 0 : answered.error().error;
+  }
+  int error(unsigned long request, test::WireCommand command) { return ask(request, command); }
+  int snap(const std::vector<test::WireSnapVolume>& volumes) { return error(IOC_SNAP, test::snapCommand(volumes)); }
 
   // The driver status of a successful check.
   std::int32_t status(unsigned long request, test::WireDevice device) {
     test::WireCommand command = test::volumeCheckCommand(device);
-    EXPECT_EQ(ask(request, command).error, 0);
+    EXPECT_EQ(ask(request, command), 0);
     return command.status();
   }
   bool isSnapped(test::WireDevice device) { return status(IOC_CHECK_VOLUME_SNAPPED, device) == -2; }
   std::uint32_t count(unsigned long request) {
     test::WireCommand command = test::countCommand();
-    EXPECT_EQ(ask(request, command).error, 0);
+    EXPECT_EQ(ask(request, command), 0);
     return command.requestValue();
   }
 
@@ -67,6 +76,16 @@ struct DriverTest : testing::Test {
     EXPECT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(getpid(), volume.name, volume.relocFile)),
               0);
     return volume;
+  }
+  void snapTracked(const test::LoopDevice& loop) {
+    test::WireSnapVolume wire = candidate(loop);
+    wire.trackingGuid = kGuid;
+    ASSERT_EQ(snap({wire}), 0);
+  }
+  std::string dump() {
+    const std::string file = files / "state";
+    EXPECT_EQ(error(IOC_DUMP_STATE, test::dumpStateCommand(file)), 0);
+    return test::readFile(file);
   }
   static std::string nodeOf(const test::LoopDevice& loop) { return "/dev/snap7_" + std::to_string(loop.minor()); }
   static bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }

@@ -48,9 +48,15 @@ TEST(Injection, an_answer_may_be_lost_with_an_errno) {
   EXPECT_EQ(injection.status, std::nullopt);
   EXPECT_EQ(parsed("snap:1:lost=5:-8").status, -8);
   EXPECT_FALSE(parsed("snap:1:EIO").lost);
-  EXPECT_EQ(complaint("snap:1:lost=0"), "\"snap:1:lost=0\": an answer is lost with an errno");
-  EXPECT_EQ(complaint("snap:1:lost=0:-8"), "\"snap:1:lost=0:-8\": an answer is lost with an errno");
+  EXPECT_EQ(complaint("snap:1:lost=0"), "\"snap:1:lost=0\": lost= needs an ERRNO other than 0");
+  EXPECT_EQ(complaint("snap:1:lost=0:-8"), "\"snap:1:lost=0:-8\": lost= needs an ERRNO other than 0");
   EXPECT_EQ(complaint("snap:1:lost="), "\"snap:1:lost=\": ERRNO is a name such as EIO, a number, or 0");
+}
+
+TEST(Injection, a_status_may_be_given_by_its_name) {
+  EXPECT_EQ(parsed("snap:1:EIO:size-changed").status, -8);
+  EXPECT_EQ(parsed("check-frozen:1:0:frozen").status, -6);
+  EXPECT_EQ(parsed("is-vtrack-active:1:0:not-tracked").status, 3);
 }
 
 TEST(Injection, every_command_can_be_named) {
@@ -62,7 +68,7 @@ TEST(Injection, every_command_can_be_named) {
 TEST(Injection, says_what_is_wrong_with_a_text) {
   EXPECT_EQ(complaint("snap"), "\"snap\": not COMMAND:N:[lost=]ERRNO[:STATUS]");
   EXPECT_EQ(complaint("snap:1:EIO:-8:0"), "\"snap:1:EIO:-8:0\": not COMMAND:N:[lost=]ERRNO[:STATUS]");
-  EXPECT_EQ(complaint("snapshot:1:EIO"), "\"snapshot:1:EIO\": there is no command \"snapshot\"");
+  EXPECT_EQ(complaint("snapshot:1:EIO"), "\"snapshot:1:EIO\": unknown command \"snapshot\"");
   for (const char* number : {"0", "", "-1", "x", "1x"}) {
     const std::string text = std::string("snap:") + number + ":EIO";
     EXPECT_EQ(complaint(text), "\"" + text + "\": N counts from 1");
@@ -71,9 +77,12 @@ TEST(Injection, says_what_is_wrong_with_a_text) {
     const std::string text = std::string("snap:1:") + error;
     EXPECT_EQ(complaint(text), "\"" + text + "\": ERRNO is a name such as EIO, a number, or 0");
   }
-  EXPECT_EQ(complaint("snap:1:EIO:x"), "\"snap:1:EIO:x\": STATUS is a number");
-  EXPECT_EQ(complaint("snap:1:EIO:"), "\"snap:1:EIO:\": STATUS is a number");
-  EXPECT_EQ(complaint("snap:1:0"), "\"snap:1:0\": without an errno it needs a STATUS");
+  const std::string statuses =
+      "STATUS is a number or one of snapped, one-snapped, not-snapped, one-not-snapped, frozen, not-frozen, "
+      "size-changed, tracked, not-tracked";
+  EXPECT_EQ(complaint("snap:1:EIO:x"), "\"snap:1:EIO:x\": " + statuses);
+  EXPECT_EQ(complaint("snap:1:EIO:"), "\"snap:1:EIO:\": " + statuses);
+  EXPECT_EQ(complaint("snap:1:0"), "\"snap:1:0\": ERRNO 0 needs a STATUS");
 }
 
 TEST(Injections, hit_the_nth_command_of_their_kind_only) {

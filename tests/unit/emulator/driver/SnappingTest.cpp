@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Snapping, listing, discarding, cleaning up.
+// The snap command.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <linux/loop.h>
@@ -20,47 +20,14 @@ namespace {
 using test::WireCommand;
 using test::WireSnapVolume;
 
-struct DriverSnap : DriverTest {
-  // Snaps; the errno.
-  int snap(const std::vector<WireSnapVolume>& volumes) { return error(IOC_SNAP, test::snapCommand(volumes)); }
-  emulator::Answer refusal(const std::vector<WireSnapVolume>& volumes) {
+struct Snapping : DriverTest {
+  emulator::Refusal refusal(const std::vector<WireSnapVolume>& volumes) {
     WireCommand command = test::snapCommand(volumes);
-    return ask(IOC_SNAP, command);
+    return answer(IOC_SNAP, command).error();
   }
 };
 
-TEST_F(DriverSnap, a_snapped_volume_is_counted_checked_and_listed) {
-  const test::Volume volume("ext4", kVolumeBytes);
-  const WireSnapVolume wire = candidate(volume.loop());
-  ASSERT_EQ(snap({wire}), 0);
-  EXPECT_EQ(status(IOC_CHECK_VOLUME_SNAPPED, wire.device), -2);
-  EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 1u);
-  WireCommand list = test::snappedListingCommand(3);
-  ASSERT_EQ(ask(IOC_GET_SNAPPED_VOL_DETAILS, list).error, 0);
-  EXPECT_EQ(list.requestValue(), 1u);
-  const auto entry = list.record<SnappedVolumeEntry>(0);
-  EXPECT_EQ(entry.numBlocks, wire.numBlocks);
-  EXPECT_EQ(entry.blockSize, 4096u);
-  EXPECT_EQ(entry.relocFileSize, 4u);
-  EXPECT_EQ(entry.majorNum, 7u);
-  EXPECT_EQ(entry.minorNum, volume.loop().minor());
-  EXPECT_EQ(entry.appPid, getpid());
-  EXPECT_EQ(entry.deviceState, 1u);
-  EXPECT_STREQ(entry.relocFileName, wire.relocFile.c_str());
-  EXPECT_STREQ(entry.snappedVolumeName, volume.device().c_str());
-}
-
-TEST_F(DriverSnap, a_listing_of_snapped_volumes_fills_no_more_than_the_room_asked) {
-  const test::LoopDevice one(kVolumeBytes);
-  const test::LoopDevice two(kVolumeBytes);
-  ASSERT_EQ(snap({candidate(one), candidate(two)}), 0);
-  WireCommand list = test::snappedListingCommand(1);
-  ASSERT_EQ(ask(IOC_GET_SNAPPED_VOL_DETAILS, list).error, 0);
-  EXPECT_EQ(list.requestValue(), 1u);
-  EXPECT_STREQ(list.record<SnappedVolumeEntry>(0).snappedVolumeName, one.path().c_str());
-}
-
-TEST_F(DriverSnap, the_snapshot_is_a_read_only_block_device_of_the_same_size_and_sector_size) {
+TEST_F(Snapping, the_snapshot_is_a_read_only_block_device_of_the_same_size_and_sector_size) {
   const test::LoopDevice loop(kVolumeBytes);
   ASSERT_EQ(snap({candidate(loop)}), 0);
   struct stat node;
@@ -78,7 +45,7 @@ TEST_F(DriverSnap, the_snapshot_is_a_read_only_block_device_of_the_same_size_and
   EXPECT_EQ(sectorSize, 512);
 }
 
-TEST_F(DriverSnap, an_unmounted_volumes_snapshot_holds_its_bytes) {
+TEST_F(Snapping, an_unmounted_volumes_snapshot_holds_its_bytes) {
   const test::LoopDevice loop(kVolumeBytes);
   const std::string data(8192, 'd');
   {
@@ -94,29 +61,29 @@ TEST_F(DriverSnap, an_unmounted_volumes_snapshot_holds_its_bytes) {
   EXPECT_EQ(seen, data);
 }
 
-TEST_F(DriverSnap, a_snapped_volume_alone_is_refused_with_2_and_among_several_with_3) {
+TEST_F(Snapping, a_snapped_volume_alone_is_refused_with_2_and_among_several_with_3) {
   const test::LoopDevice one(kVolumeBytes);
   const test::LoopDevice two(kVolumeBytes);
   const WireSnapVolume first = candidate(one);
   const WireSnapVolume second = candidate(two);
   ASSERT_EQ(snap({first}), 0);
-  const emulator::Answer alone = refusal({first});
+  const emulator::Refusal alone = refusal({first});
   EXPECT_EQ(alone.error, EBUSY);
   EXPECT_EQ(alone.status, -2);
-  const emulator::Answer among = refusal({second, first});
+  const emulator::Refusal among = refusal({second, first});
   EXPECT_EQ(among.error, EBUSY);
   EXPECT_EQ(among.status, -3);
   EXPECT_FALSE(isSnapped(second.device));
   EXPECT_FALSE(exists(nodeOf(two)));
 }
 
-TEST_F(DriverSnap, a_size_that_is_no_longer_the_devices_is_refused_with_8) {
+TEST_F(Snapping, a_size_that_is_no_longer_the_devices_is_refused_with_8) {
   const test::LoopDevice loop(kVolumeBytes + 1024);
   WireSnapVolume volume = candidate(loop);
   for (const int more : {-1, 1}) {
     WireSnapVolume changed = volume;
     changed.numBlocks += static_cast<std::uint64_t>(more);
-    const emulator::Answer answer = refusal({changed});
+    const emulator::Refusal answer = refusal({changed});
     EXPECT_EQ(answer.error, ESTALE);
     EXPECT_EQ(answer.status, -8);
   }
@@ -124,14 +91,14 @@ TEST_F(DriverSnap, a_size_that_is_no_longer_the_devices_is_refused_with_8) {
   EXPECT_EQ(snap({volume}), 0);
 }
 
-TEST_F(DriverSnap, a_volume_without_a_device_is_refused) {
+TEST_F(Snapping, a_volume_without_a_device_is_refused) {
   const test::LoopDevice loop(kVolumeBytes);
   WireSnapVolume volume = candidate(loop);
   volume.device = {240, 77};
   EXPECT_EQ(snap({volume}), ENXIO);
 }
 
-TEST_F(DriverSnap, is_refused_without_the_mapping_of_its_process_volume_and_file) {
+TEST_F(Snapping, is_refused_without_the_mapping_of_its_process_volume_and_file) {
   const test::LoopDevice loop(kVolumeBytes);
   const WireSnapVolume volume = candidate(loop);
   WireSnapVolume other = volume;
@@ -150,7 +117,7 @@ TEST_F(DriverSnap, is_refused_without_the_mapping_of_its_process_volume_and_file
 
 // ---- relocation files
 
-TEST_F(DriverSnap, is_refused_without_its_relocation_file_or_when_that_is_too_small_or_no_file) {
+TEST_F(Snapping, is_refused_without_its_relocation_file_or_when_that_is_too_small_or_no_file) {
   const test::LoopDevice loop(kVolumeBytes);
   const WireSnapVolume volume = candidate(loop);
   WireSnapVolume bigger = volume;
@@ -162,7 +129,7 @@ TEST_F(DriverSnap, is_refused_without_its_relocation_file_or_when_that_is_too_sm
   EXPECT_EQ(snap({volume}), EINVAL);
 }
 
-TEST_F(DriverSnap, the_relocation_file_lies_on_the_volume_that_is_said_to_hold_it) {
+TEST_F(Snapping, the_relocation_file_lies_on_the_volume_that_is_said_to_hold_it) {
   const test::LoopDevice loop(kVolumeBytes);
   const test::Volume holder("ext4", kVolumeBytes);
   WireSnapVolume volume = candidate(loop);
@@ -176,7 +143,7 @@ TEST_F(DriverSnap, the_relocation_file_lies_on_the_volume_that_is_said_to_hold_i
   EXPECT_EQ(snap({volume}), 0);
 }
 
-TEST_F(DriverSnap, a_relocation_file_on_its_own_volume_is_covered_by_the_runs) {
+TEST_F(Snapping, a_relocation_file_on_its_own_volume_is_covered_by_the_runs) {
   const test::Volume own("ext4", kVolumeBytes);
   WireSnapVolume volume = candidate(own.loop());
   volume.relocFile = own.folder() + "/reloc";
@@ -193,7 +160,7 @@ TEST_F(DriverSnap, a_relocation_file_on_its_own_volume_is_covered_by_the_runs) {
 
 // ---- all or nothing
 
-TEST_F(DriverSnap, leaves_nothing_when_one_volume_of_several_cannot_be_snapped) {
+TEST_F(Snapping, leaves_nothing_when_one_volume_of_several_cannot_be_snapped) {
   const test::Volume good("ext4", kVolumeBytes);
   const test::Volume bad("ext4", kVolumeBytes);
   const UniqueFd root(open(bad.folder().c_str(), O_RDONLY | O_CLOEXEC));
@@ -205,7 +172,7 @@ TEST_F(DriverSnap, leaves_nothing_when_one_volume_of_several_cannot_be_snapped) 
   test::writeFile(good.folder() + "/written", "it is thawed");
 }
 
-TEST_F(DriverSnap, a_node_that_cannot_be_made_undoes_the_whole_set) {
+TEST_F(Snapping, a_node_that_cannot_be_made_undoes_the_whole_set) {
   const test::LoopDevice one(kVolumeBytes);
   const test::LoopDevice two(kVolumeBytes);
   const std::vector<WireSnapVolume> both = {candidate(one), candidate(two)};
@@ -217,7 +184,7 @@ TEST_F(DriverSnap, a_node_that_cannot_be_made_undoes_the_whole_set) {
   EXPECT_EQ(snap(both), 0);
 }
 
-TEST_F(DriverSnap, a_node_that_an_earlier_run_left_makes_room) {
+TEST_F(Snapping, a_node_that_an_earlier_run_left_makes_room) {
   const test::LoopDevice loop(kVolumeBytes);
   const test::Node stale(nodeOf(loop), S_IFBLK, 7, 255);
   ASSERT_EQ(snap({candidate(loop)}), 0);
@@ -226,18 +193,18 @@ TEST_F(DriverSnap, a_node_that_an_earlier_run_left_makes_room) {
   EXPECT_NE(node.st_rdev, makedev(7, 255));
 }
 
-TEST_F(DriverSnap, a_store_without_room_is_named_and_leaves_nothing) {
+TEST_F(Snapping, a_store_without_room_is_named_and_leaves_nothing) {
   const test::Volume volume("ext4", kVolumeBytes);
   test::writeFile(volume.folder() + "/data", std::string(4 << 20, 'x'));
   const test::Mounted room("room", store.path(), "tmpfs", 0, "size=256k");
-  const emulator::Answer answer = refusal({candidate(volume.loop())});
+  const emulator::Refusal answer = refusal({candidate(volume.loop())});
   EXPECT_EQ(answer.error, ENOSPC);
   EXPECT_EQ(answer.why,
             "the store has no room for the image of " + std::string("7:") + std::to_string(volume.loop().minor()));
   test::writeFile(volume.folder() + "/written", "it is thawed");
 }
 
-TEST_F(DriverSnap, a_store_on_a_volume_of_the_set_is_refused) {
+TEST_F(Snapping, a_store_on_a_volume_of_the_set_is_refused) {
   const test::Volume volume("ext4", kVolumeBytes);
   driver = std::make_unique<emulator::EmulatedDriver>(
       kernel, messages, emulator::DriverSettings{"", {volume.folder()}, std::chrono::seconds(60)});
@@ -245,7 +212,7 @@ TEST_F(DriverSnap, a_store_on_a_volume_of_the_set_is_refused) {
 }
 
 // The store's file system lies in a file on the volume: it would stand still with it.
-TEST_F(DriverSnap, a_store_that_stands_on_a_volume_of_the_set_is_passed_by_for_the_next) {
+TEST_F(Snapping, a_store_that_stands_on_a_volume_of_the_set_is_passed_by_for_the_next) {
   const test::Volume volume("ext4", 32 << 20);
   const test::Volume inner("ext4", kVolumeBytes, {}, volume.folder());
   driver = std::make_unique<emulator::EmulatedDriver>(
@@ -257,7 +224,7 @@ TEST_F(DriverSnap, a_store_that_stands_on_a_volume_of_the_set_is_passed_by_for_t
   driver.reset();
 }
 
-TEST_F(DriverSnap, a_standstill_that_lasts_too_long_is_given_up_and_thawed) {
+TEST_F(Snapping, a_standstill_that_lasts_too_long_is_given_up_and_thawed) {
   const test::Volume volume("ext4", kVolumeBytes);
   make(std::chrono::milliseconds(0));
   EXPECT_EQ(snap({candidate(volume.loop())}), ETIMEDOUT);
@@ -265,7 +232,7 @@ TEST_F(DriverSnap, a_standstill_that_lasts_too_long_is_given_up_and_thawed) {
   EXPECT_FALSE(exists(nodeOf(volume.loop())));
 }
 
-TEST_F(DriverSnap, is_refused_once_the_emulator_is_ending) {
+TEST_F(Snapping, is_refused_once_the_emulator_is_ending) {
   const test::Volume volume("ext4", kVolumeBytes);
   const WireSnapVolume wire = candidate(volume.loop());
   driver->cancel();
@@ -273,7 +240,7 @@ TEST_F(DriverSnap, is_refused_once_the_emulator_is_ending) {
   test::writeFile(volume.folder() + "/written", "it is thawed");
 }
 
-TEST_F(DriverSnap, a_volume_that_is_frozen_is_snapped_and_stays_frozen) {
+TEST_F(Snapping, a_volume_that_is_frozen_is_snapped_and_stays_frozen) {
   const test::Volume volume("ext4", kVolumeBytes);
   const WireSnapVolume wire = candidate(volume.loop());
   ASSERT_EQ(error(IOC_FREEZE, test::volumeListCommand({wire.device})), 0);
@@ -282,179 +249,10 @@ TEST_F(DriverSnap, a_volume_that_is_frozen_is_snapped_and_stays_frozen) {
   EXPECT_EQ(error(IOC_THAW, test::volumeListCommand({wire.device})), 0);
 }
 
-TEST_F(DriverSnap, a_device_in_use_whose_mount_cannot_be_seen_is_refused) {
+TEST_F(Snapping, a_device_in_use_whose_mount_cannot_be_seen_is_refused) {
   const test::LoopDevice loop(kVolumeBytes);
   const UniqueFd claim(open(loop.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
   EXPECT_EQ(snap({candidate(loop)}), EBUSY);
-}
-
-// ---- discard
-
-TEST_F(DriverSnap, discarding_names_the_relocation_file_and_takes_node_mapping_and_state_with_it) {
-  const test::LoopDevice one(kVolumeBytes);
-  const test::LoopDevice two(kVolumeBytes);
-  const WireSnapVolume first = candidate(one);
-  const WireSnapVolume second = candidate(two);
-  ASSERT_EQ(snap({first, second}), 0);
-  WireCommand command = test::discardCommand({first.device}, 1);
-  ASSERT_EQ(ask(IOC_SNAP_DISCARD, command).error, 0);
-  const auto record = command.record<DiscardEntry>(0);
-  EXPECT_EQ(record.result, 0u);
-  EXPECT_EQ(record.flag, 1u);
-  EXPECT_STREQ(record.relocFileName, first.relocFile.c_str());
-  EXPECT_FALSE(isSnapped(first.device));
-  EXPECT_TRUE(isSnapped(second.device));
-  EXPECT_FALSE(exists(nodeOf(one)));
-  EXPECT_TRUE(exists(nodeOf(two)));
-  WireCommand mappings = test::mappingListingCommand(2);
-  ASSERT_EQ(ask(IOC_GET_RELOC_FILE_MAPPING, mappings).error, 0);
-  EXPECT_EQ(mappings.requestValue(), 1u);
-  EXPECT_STREQ(mappings.record<RelocFileMappingEntry>(0).snappedVolumeName, two.path().c_str());
-  // The file is the caller's to remove.
-  EXPECT_TRUE(exists(first.relocFile));
-}
-
-TEST_F(DriverSnap, discarding_a_volume_that_is_not_snapped_fails_with_4_and_leaves_the_record) {
-  WireCommand command = test::discardCommand({{7, 99}});
-  EXPECT_EQ(ask(IOC_SNAP_DISCARD, command).error, ENOENT);
-  EXPECT_EQ(command.status(), -4);
-  EXPECT_EQ(command.record<DiscardEntry>(0).result, 0u);
-  EXPECT_STREQ(command.record<DiscardEntry>(0).relocFileName, "");
-}
-
-TEST_F(DriverSnap, discarding_several_of_which_one_is_not_snapped_fails_with_5_and_discards_none) {
-  const test::LoopDevice loop(kVolumeBytes);
-  const WireSnapVolume volume = candidate(loop);
-  ASSERT_EQ(snap({volume}), 0);
-  WireCommand command = test::discardCommand({volume.device, {7, 99}});
-  EXPECT_EQ(ask(IOC_SNAP_DISCARD, command).error, ENOENT);
-  EXPECT_EQ(command.status(), -5);
-  EXPECT_STREQ(command.record<DiscardEntry>(0).relocFileName, "");
-  EXPECT_TRUE(isSnapped(volume.device));
-  EXPECT_TRUE(exists(nodeOf(loop)));
-}
-
-TEST_F(DriverSnap, a_volume_can_be_snapped_again_after_the_discard) {
-  const test::LoopDevice loop(kVolumeBytes);
-  for (int i = 0; i < 3; ++i) {
-    const WireSnapVolume volume = candidate(loop);
-    ASSERT_EQ(snap({volume}), 0);
-    ASSERT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({volume.device})), 0);
-  }
-}
-
-TEST_F(DriverSnap, a_snapshot_that_is_mounted_while_it_is_discarded_stays_until_it_is_not) {
-  const test::Volume volume("ext4", kVolumeBytes);
-  test::writeFile(volume.folder() + "/file", "kept");
-  const WireSnapVolume wire = candidate(volume.loop());
-  ASSERT_EQ(snap({wire}), 0);
-  const test::TempDir folder;
-  {
-    const test::Mounted snapshot(nodeOf(volume.loop()), folder.path(), "ext4", MS_RDONLY);
-    EXPECT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({wire.device})), 0);
-    EXPECT_EQ(test::readFile(folder / "file"), "kept");
-    EXPECT_FALSE(isSnapped(wire.device));
-  }
-  ASSERT_EQ(snap({candidate(volume.loop())}), 0);
-}
-
-TEST_F(DriverSnap, a_snapshot_that_was_discarded_while_it_was_mounted_goes_with_the_first_command_after_that) {
-  const test::Volume volume("ext4", kVolumeBytes);
-  const WireSnapVolume wire = candidate(volume.loop());
-  ASSERT_EQ(snap({wire}), 0);
-  const test::TempDir folder;
-  std::string loop;
-  {
-    const test::Mounted snapshot(nodeOf(volume.loop()), folder.path(), "ext4", MS_RDONLY);
-    struct stat inside;
-    ASSERT_EQ(stat(folder.path().c_str(), &inside), 0);
-    loop = "/sys/dev/block/7:" + std::to_string(gnu_dev_minor(inside.st_dev)) + "/loop/backing_file";
-    EXPECT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({wire.device})), 0);
-    EXPECT_FALSE(isSnapped(wire.device));
-    EXPECT_EQ(access(loop.c_str(), F_OK), 0) << "it is in use";
-  }
-  EXPECT_FALSE(isSnapped(wire.device));
-  EXPECT_EQ(access(loop.c_str(), F_OK), -1);
-}
-
-TEST_F(DriverSnap, the_drivers_end_unmounts_snapshots_also_discarded_ones_and_frees_their_devices) {
-  const test::Volume one("ext4", kVolumeBytes);
-  const test::Volume two("ext4", kVolumeBytes);
-  const WireSnapVolume first = candidate(one.loop());
-  ASSERT_EQ(snap({first, candidate(two.loop())}), 0);
-  const test::TempDir folders;
-  const std::string a = folders / "a";
-  const std::string b = folders / "b";
-  mkdir(a.c_str(), 0755);
-  mkdir(b.c_str(), 0755);
-  ASSERT_EQ(mount(nodeOf(one.loop()).c_str(), a.c_str(), "ext4", MS_RDONLY, nullptr), 0);
-  ASSERT_EQ(mount(nodeOf(two.loop()).c_str(), b.c_str(), "ext4", MS_RDONLY, nullptr), 0);
-  struct stat inside;
-  ASSERT_EQ(stat(a.c_str(), &inside), 0);
-  const std::string bound = "/sys/dev/block/7:" + std::to_string(gnu_dev_minor(inside.st_dev)) + "/loop/backing_file";
-  // The device may be another program's right after: what matters is whose file is behind it.
-  const auto showsAnImage = [&] {
-    std::ifstream file(bound);
-    std::string path;
-    return std::getline(file, path) && path.starts_with(store.path());
-  };
-  EXPECT_TRUE(showsAnImage());
-  ASSERT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({first.device})), 0);
-  driver.reset();
-  EXPECT_NE(umount(a.c_str()), 0);
-  EXPECT_NE(umount(b.c_str()), 0);
-  EXPECT_FALSE(showsAnImage());
-  EXPECT_FALSE(exists(nodeOf(two.loop())));
-}
-
-// ---- verify and clean
-
-// Whether a loop device has a file behind it. Another program may take a device that a test has let go: then the test
-// tries once more.
-bool isBound(test::WireDevice device) {
-  return access(("/sys/dev/block/7:" + std::to_string(device.minorNum) + "/loop").c_str(), F_OK) == 0;
-}
-constexpr int kAttempts = 10;
-
-TEST_F(DriverSnap, verify_and_clean_drops_what_has_no_device_any_more_and_keeps_the_rest) {
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    make();
-    const test::LoopDevice stays(kVolumeBytes);
-    auto goes = std::make_unique<test::LoopDevice>(kVolumeBytes);
-    const test::WireDevice gone = deviceOf(*goes);
-    const std::string node = nodeOf(*goes);
-    ASSERT_EQ(snap({candidate(stays), candidate(*goes)}), 0);
-    ASSERT_EQ(error(IOC_VERIFY_AND_CLEAN_VOLUMES, test::verifyCommand()), 0);
-    EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 2u);
-    EXPECT_EQ(count(IOC_GET_NUM_OF_RELOC_FILE_MAPPING), 2u);
-    goes.reset();
-    ASSERT_EQ(error(IOC_VERIFY_AND_CLEAN_VOLUMES, test::verifyCommand()), 0);
-    if (isBound(gone)) continue;
-    EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 1u);
-    EXPECT_EQ(count(IOC_GET_NUM_OF_RELOC_FILE_MAPPING), 1u);
-    EXPECT_FALSE(isSnapped(gone));
-    EXPECT_FALSE(exists(node));
-    EXPECT_TRUE(isSnapped(deviceOf(stays)));
-    return;
-  }
-  FAIL() << "other programs took the device every time";
-}
-
-TEST_F(DriverSnap, verify_and_clean_drops_mappings_of_devices_that_are_gone) {
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    make();
-    auto goes = std::make_unique<test::LoopDevice>(kVolumeBytes);
-    const test::WireDevice gone = deviceOf(*goes);
-    candidate(*goes);
-    ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(1, "/dev/never-there", "/r")), 0);
-    goes.reset();
-    ASSERT_EQ(error(IOC_VERIFY_AND_CLEAN_VOLUMES, test::verifyCommand()), 0);
-    if (isBound(gone)) continue;
-    // What never named a device cannot be said to have lost one.
-    EXPECT_EQ(count(IOC_GET_NUM_OF_RELOC_FILE_MAPPING), 1u);
-    return;
-  }
-  FAIL() << "other programs took the device every time";
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Finding a volume's file system, holding it still, the order of freezing, what lies under a device.
+// Finding a volume's file system, holding it still, the order of freezing.
 #include "emulator/machine/FileSystem.h"
 
 #include <fcntl.h>
@@ -17,10 +17,8 @@
 #include <optional>
 
 #include "LoopVolume.h"
-#include "Waiting.h"
 #include "World.h"
 #include "emulator/machine/BlockDevice.h"
-#include "emulator/machine/SafetyNet.h"
 
 namespace {
 
@@ -61,7 +59,7 @@ TEST_F(FileSystems, are_found_through_any_mount_of_the_device) {
   const test::Mounted cover("cover", volume.folder(), "tmpfs");
   FileSystem found = on(volume.loop());
   ASSERT_TRUE(found.mounted());
-  ASSERT_FALSE(found.freeze().failed());
+  ASSERT_TRUE(found.freeze());
   EXPECT_TRUE(standsStill(other.path()));
   found.thaw();
   EXPECT_FALSE(standsStill(other.path()));
@@ -81,7 +79,7 @@ TEST_F(FileSystems, that_are_mounted_nowhere_need_no_freezing) {
   const test::LoopDevice loop(kBytes);
   FileSystem none = on(loop);
   EXPECT_FALSE(none.mounted());
-  EXPECT_FALSE(none.freeze().failed());
+  EXPECT_TRUE(none.freeze());
   none.thaw();
 }
 
@@ -113,7 +111,7 @@ TEST_F(FileSystems, on_devices_in_use_in_another_way_are_refused) {
   const UniqueFd claim(open(loop.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
   auto found = FileSystem::on(*kernel, numberOf(loop), self);
   ASSERT_FALSE(found);
-  EXPECT_EQ(std::move(found).refusal().error, EBUSY);
+  EXPECT_EQ(found.error().error, EBUSY);
 }
 
 TEST_F(FileSystems, stand_on_the_device_that_holds_their_image) {
@@ -163,7 +161,7 @@ TEST_F(FileSystems, stand_still_until_the_end) {
   const test::Volume volume("ext4", kBytes);
   FileSystem fileSystem = on(volume.loop());
   Standstill standstill(milliseconds(60000));
-  ASSERT_FALSE(standstill.begin({&fileSystem}).failed());
+  ASSERT_TRUE(standstill.begin({&fileSystem}));
   EXPECT_TRUE(standsStill(volume.folder()));
   standstill.end();
   EXPECT_FALSE(standsStill(volume.folder()));
@@ -174,7 +172,7 @@ TEST_F(FileSystems, are_let_go_when_the_time_is_up) {
   const test::Volume volume("ext4", kBytes);
   FileSystem fileSystem = on(volume.loop());
   Standstill standstill(milliseconds(50));
-  ASSERT_FALSE(standstill.begin({&fileSystem}).failed());
+  ASSERT_TRUE(standstill.begin({&fileSystem}));
   test::writeFile(volume.folder() + "/file", "waits for the thaw");
   EXPECT_TRUE(standstill.expired());
 }
@@ -184,7 +182,7 @@ TEST_F(FileSystems, are_let_go_when_the_standstill_goes_out_of_scope) {
   FileSystem fileSystem = on(volume.loop());
   {
     Standstill standstill(milliseconds(60000));
-    ASSERT_FALSE(standstill.begin({&fileSystem}).failed());
+    ASSERT_TRUE(standstill.begin({&fileSystem}));
   }
   EXPECT_FALSE(standsStill(volume.folder()));
 }
@@ -194,9 +192,9 @@ TEST_F(FileSystems, are_all_let_go_when_one_cannot_be_frozen) {
   const test::Volume two("ext4", kBytes);
   FileSystem first = on(one.loop());
   FileSystem second = on(two.loop());
-  ASSERT_FALSE(second.freeze().failed());
+  ASSERT_TRUE(second.freeze());
   Standstill standstill(milliseconds(60000));
-  EXPECT_EQ(standstill.begin({&first, &second}).error, EBUSY);
+  EXPECT_EQ(standstill.begin({&first, &second}).error().error, EBUSY);
   EXPECT_FALSE(standsStill(one.folder()));
   second.thaw();
 }
@@ -214,60 +212,6 @@ TEST_F(FileSystems, in_the_wrong_order_wait_for_each_other_only_until_the_time_i
   standstill.end();
   EXPECT_FALSE(standsStill(outer.folder()));
   EXPECT_FALSE(standsStill(stacked.folder()));
-}
-
-// ---- the net
-
-TEST_F(FileSystems, that_were_thawed_are_held_by_nobody) {
-  auto net = emulator::SafetyNet::spread(*kernel);
-  ASSERT_TRUE(net);
-  const auto netInUse = kernel->use(*net);
-  for (int i = 0; i < 10; ++i) {
-    const test::LoopDevice loop(kBytes);
-    const test::TempDir folder;
-    loop.mkfs("ext4");
-    ASSERT_EQ(mount(loop.path().c_str(), folder.path().c_str(), "ext4", 0, nullptr), 0);
-    {
-      FileSystem fileSystem = on(loop);
-      ASSERT_FALSE(fileSystem.freeze().failed());
-      fileSystem.thaw();
-    }
-    EXPECT_EQ(umount(folder.path().c_str()), 0) << std::strerror(errno);
-  }
-}
-
-TEST_F(FileSystems, tell_a_net_only_while_it_is_in_use) {
-  auto net = emulator::SafetyNet::spread(*kernel);
-  ASSERT_TRUE(net);
-  {
-    const auto netInUse = kernel->use(*net);
-    EXPECT_EQ(kernel->net(), &*net);
-  }
-  EXPECT_EQ(kernel->net(), nullptr);
-}
-
-TEST_F(FileSystems, of_an_emulator_that_is_killed_are_thawed_by_its_net) {
-  const test::LoopDevice loop(kBytes);
-  loop.mkfs("ext4");
-  const test::TempDir folder;
-  ASSERT_EQ(mount(loop.path().c_str(), folder.path().c_str(), "ext4", 0, nullptr), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    auto net = emulator::SafetyNet::spread(*kernel);
-    if (!net) _exit(1);
-    const auto netInUse = kernel->use(*net);
-    auto fileSystem = FileSystem::on(*kernel, numberOf(loop), self);
-    if (!fileSystem || fileSystem->freeze().failed()) _exit(2);
-    kill(getpid(), SIGKILL);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status));
-  // Waits for the thaw; without the net it would wait for ever, and the test with it.
-  test::writeFile(folder / "file", "written");
-  EXPECT_EQ(test::readFile(folder / "file"), "written");
-  // The net lets go of the file system right after the thaw.
-  EXPECT_TRUE(test::comesTrue([&] { return umount(folder.path().c_str()) == 0; }));
 }
 
 }  // namespace
