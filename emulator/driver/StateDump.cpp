@@ -10,6 +10,8 @@
 #include <set>
 #include <sstream>
 
+#include "base/Paths.h"
+
 #include "emulator/driver/EmulatedDriver.h"
 #include "emulator/machine/BlockDevice.h"
 
@@ -24,8 +26,6 @@ std::string ownerText(const Kernel& kernel, std::int64_t process) {
   const bool lives = faccessat(kernel.proc(), number.c_str(), F_OK, 0) == 0;
   return "process " + number + (lives ? "" : " (gone)");
 }
-
-std::string folderOf(const std::string& path) { return path.substr(0, std::max<std::size_t>(path.rfind('/'), 1)); }
 
 Answer writeText(const UniqueFd& file, const std::string& name, const std::string& text) {
   for (std::size_t done = 0; done < text.size();) {
@@ -96,7 +96,7 @@ Answer EmulatedDriver::dumpState(const Caller& caller, CommandBuffer& buffer) {
   if (exists && (fstat(place.get(), &found) != 0 || !S_ISREG(found.st_mode))) {
     return refuse(EINVAL, name + " is no file");
   }
-  if (!exists) place = caller.open(folderOf(name), O_PATH | O_DIRECTORY);
+  if (!exists) place = caller.open(std::string(folderOf(name)), O_PATH | O_DIRECTORY);
   if (!place) return failedCall(errno, "cannot open the folder of " + name);
   if (Answer answer = refuseFrozenPlace(place, caller); !answer) return answer;
   const int how = exists ? O_TRUNC : O_CREAT | O_EXCL;

@@ -90,6 +90,8 @@ std::optional<DeviceNumber> Caller::blockDevice(const std::string& path) const {
   return numberOf(found.st_rdev);
 }
 
-std::vector<MountLine> Caller::mounts() const { return parseMountInfo(Kernel::readText(mFolder.get(), "mountinfo")); }
+std::vector<MountLine> Caller::mounts() const {
+  return readMountInfo(UniqueFd(openat(mFolder.get(), "mountinfo", O_RDONLY | O_CLOEXEC)));
+}
 
 }  // namespace emulator

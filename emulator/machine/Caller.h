@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "base/Handle.h"
+#include "base/MountInfo.h"
 #include "emulator/machine/DeviceNumber.h"
 #include "emulator/machine/Kernel.h"
-#include "emulator/machine/MountInfo.h"
 
 namespace emulator {
 

@@ -14,15 +14,18 @@
 #include <set>
 #include <string>
 
+#include "base/Paths.h"
+
 #include "emulator/machine/BlockDevice.h"
 
 namespace emulator {
 namespace {
 
 bool isMountOf(const MountLine& mount, DeviceNumber device, const Caller& viewer) {
-  if (mount.device == device) return true;
+  const DeviceNumber shown = numberOf(mount.device);
+  if (shown == device) return true;
   // A file system of several devices (btrfs) shows a number of its own: then its source tells.
-  return mount.device.majorNum == 0 && mount.source.starts_with('/') && viewer.blockDevice(mount.source) == device;
+  return shown.majorNum == 0 && mount.source.starts_with('/') && viewer.blockDevice(mount.source) == device;
 }
 
 struct Found {
@@ -38,7 +41,7 @@ Found findMount(DeviceNumber device, const Caller& viewer) {
     struct statx seen;
     if (root && statx(root.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &seen) == 0 &&
         seen.stx_mnt_id == static_cast<std::uint64_t>(mount.id)) {
-      return {std::move(root), mount.depth()};
+      return {std::move(root), depthOf(mount.folder)};
     }
   }
   return {};

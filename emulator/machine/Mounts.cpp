@@ -17,7 +17,7 @@ void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices,
                 const std::function<void(const std::string&)>& tell) {
   const std::vector<MountLine> mounts = Caller(kernel, getpid()).mounts();
   for (const MountLine& mount : std::views::reverse(mounts)) {
-    if (!devices.contains(mount.device)) continue;
+    if (!devices.contains(numberOf(mount.device))) continue;
     if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
     const int error = errno;
     if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0) {

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/Paths.h"
 #include "driver/DriverProtocol.h"
 
 namespace emulator {
@@ -29,10 +30,7 @@ DeviceNumber loopNumber(const Kernel& kernel, int index) {
 }
 
 // The name of a volume's snapshot device in /dev.
-std::string nodeName(DeviceNumber volume) {
-  const std::string path = snapshotDevicePath(volume);
-  return path.substr(path.rfind('/') + 1);
-}
+std::string nodeName(DeviceNumber volume) { return std::string(lastPart(snapshotDevicePath(volume))); }
 
 loop_config configuration(DeviceNumber volume, const UniqueFd& image, unsigned int sectorSize) {
   loop_config config{};

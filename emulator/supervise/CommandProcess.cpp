@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "emulator/supervise/Options.h"
@@ -47,11 +48,11 @@ std::optional<int> receive(const UniqueFd& from) {
 
 // In the child: nothing here may open a file, for nobody takes its calls yet.
 [[noreturn]] void becomeCommand(const std::vector<std::string>& command, const FilterOptions& options,
-                                const sigset_t& mask, pid_t parent, const Pipe& reports, const Pipe& go) {
+                                const HeldSignals& signals, pid_t parent, const Pipe& reports, const Pipe& go) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(kExitRefused);
+  signals.restoreInChild();
   signal(SIGPIPE, SIG_DFL);
-  sigprocmask(SIG_SETMASK, &mask, nullptr);
   std::vector<char*> arguments;
   for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
@@ -88,7 +89,7 @@ bool hasChildren() { return waitid(P_ALL, 0, nullptr, WEXITED | WNOHANG | WNOWAI
 // Reaps until nobody is left or the time is up.
 bool waitForAll(Clock::time_point until) {
   while (true) {
-    reap(-1);
+    reapAll();
     if (!hasChildren()) return true;
     if (Clock::now() >= until) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -98,7 +99,7 @@ bool waitForAll(Clock::time_point until) {
 }  // namespace
 
 Result<StartedCommand> startCommand(const std::vector<std::string>& command, const FilterOptions& options,
-                                    const sigset_t& mask) {
+                                    const HeldSignals& signals) {
   auto reports = Pipe::make();
   if (!reports) return refusalOf(reports);
   auto go = Pipe::make();
@@ -110,7 +111,7 @@ Result<StartedCommand> startCommand(const std::vector<std::string>& command, con
   if (started.process == 0) {
     reports->readEnd.reset();
     go->writeEnd.reset();
-    becomeCommand(command, options, mask, parent, *reports, *go);
+    becomeCommand(command, options, signals, parent, *reports, *go);
   }
   reports->writeEnd.reset();
   go->readEnd.reset();
@@ -170,17 +171,8 @@ std::vector<pid_t> descendants(const Kernel& kernel) {
   return found;
 }
 
-std::optional<int> reap(pid_t process) {
-  std::optional<int> statusOfProcess;
-  int status = 0;
-  for (pid_t ended; (ended = waitpid(-1, &status, WNOHANG)) > 0;) {
-    if (ended == process) statusOfProcess = status;
-  }
-  return statusOfProcess;
-}
-
 void endAll(const Kernel& kernel, std::chrono::milliseconds grace, const std::function<void()>& beforeKill) {
-  reap(-1);
+  reapAll();
   if (!hasChildren()) return;
   const std::vector<pid_t> processes = descendants(kernel);
   signalAll(processes, SIGTERM);

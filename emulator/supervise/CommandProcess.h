@@ -3,15 +3,14 @@
 // COMMAND and all that it starts.
 #pragma once
 
-#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "base/ChildProcess.h"
 #include "base/Handle.h"
 #include "emulator/machine/Kernel.h"
 #include "emulator/machine/Result.h"
@@ -27,10 +26,10 @@ struct StartedCommand {
   UniqueFd failure;   // the errno of starting the program (an int), or the end when it runs
 };
 
-// Starts it with the signal mask `mask` and the default action for SIGPIPE. It is killed when this process is. To be
-// called before there are threads.
+// Starts it with the signals as they were before `signals` held them, but for SIGPIPE, which acts. It is killed when
+// this process is. To be called before there are threads.
 Result<StartedCommand> startCommand(const std::vector<std::string>& command, const FilterOptions& options,
-                                    const sigset_t& mask);
+                                    const HeldSignals& signals);
 
 // Closes the descriptors that this process was started with, but the standard ones: they are COMMAND's, and whoever
 // waits for their end shall wait for COMMAND only.
@@ -42,9 +41,6 @@ int letGo(StartedCommand& command);
 
 // All processes below this one, parents first.
 std::vector<pid_t> descendants(const Kernel& kernel);
-
-// Reaps children that have ended. The wait status of `process`, when it is among them.
-std::optional<int> reap(pid_t process);
 
 // Ends all processes below this one: SIGTERM, `grace`, SIGKILL (`beforeKill` is called first).
 void endAll(const Kernel& kernel, std::chrono::milliseconds grace, const std::function<void()>& beforeKill);

@@ -16,6 +16,7 @@
 #include <string>
 #include <system_error>
 
+#include "base/Paths.h"
 #include "emulator/machine/ControlNode.h"
 
 #ifndef SECCOMP_IOCTL_NOTIF_SET_FLAGS
@@ -46,8 +47,6 @@ class Notification {
 
 constexpr std::size_t kLongestPath = 4096;
 constexpr unsigned int kMostArguments = 64;
-
-std::string lastPart(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 }  // namespace
 

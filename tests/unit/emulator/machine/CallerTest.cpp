@@ -174,7 +174,7 @@ TEST_F(Callers, mounts_are_those_of_its_namespace) {
   const auto isThere = [&](pid_t process) {
     const auto mounts = Caller(*kernel, process).mounts();
     return std::any_of(mounts.begin(), mounts.end(),
-                       [&](const emulator::MountLine& mount) { return mount.folder == folder.path(); });
+                       [&](const MountLine& mount) { return mount.folder == folder.path(); });
   };
   EXPECT_TRUE(isThere(child.process()));
   EXPECT_FALSE(isThere(getpid()));
