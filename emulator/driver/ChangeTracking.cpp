@@ -26,7 +26,7 @@ std::string runText(const _run& run) {
 
 }  // namespace
 
-// An independent snapshot asks for none: it carries no identifier.
+// An independent snapshot is not tracked: it carries no identifier.
 std::optional<EmulatedDriver::Tracking> EmulatedDriver::startTracking(const SnapVolumeEntry& entry) {
   if (entry.vtrackRequest == 0 || entry.independentSnapshotRequest != 0) return std::nullopt;
   return Tracking{textOf(entry.trackingGuid), ++mSequenceNumbers[{entry.volumeMajor, entry.volumeMinor}], {}};
@@ -58,7 +58,8 @@ Answer EmulatedDriver::trackingVars(const Caller&, CommandBuffer& buffer) {
   return done();
 }
 
-// The blocks in which the device differs from its snapshot now; what the file system has not written yet is no change.
+// The blocks in which the device differs from its snapshot now. What the file system has not written yet is not a
+// change.
 Answer EmulatedDriver::readBitmap(const Caller& caller, CommandBuffer& buffer) {
   auto bitmap = buffer.record<BitmapPayload>(0);
   auto tracked = findTracked(volumeOf(bitmap));
@@ -73,8 +74,8 @@ Answer EmulatedDriver::readBitmap(const Caller& caller, CommandBuffer& buffer) {
   const bool goesOn = bitmap.updateType == UPDATE_BITMAP_CONTINUE && bitmap.numRuns > 0;
   const std::uint64_t firstBlock = goesOn ? runAt(buffer, 0).startBlock : 0;
   if (firstBlock > snapped.entry.numBlocks) {
-    return refuse(EINVAL, "block " + std::to_string(firstBlock) + " lies behind the volume's " +
-                              std::to_string(snapped.entry.numBlocks));
+    return refuse(EINVAL, "block " + std::to_string(firstBlock) + " is beyond the volume's " +
+                              std::to_string(snapped.entry.numBlocks) + " blocks");
   }
   const ChangedRuns changed =
       findChangedRuns({*data, snapped.image.file().get(), snapped.entry.numBlocks, snapped.entry.blockSize}, firstBlock,
@@ -98,8 +99,8 @@ Answer EmulatedDriver::pushBitmap(const Caller&, CommandBuffer& buffer) {
   for (std::uint32_t i = 0; i < bitmap.numRuns; ++i) {
     const _run run = runAt(buffer, i);
     if (run.numBlocks == 0 || run.startBlock >= numBlocks || run.numBlocks > numBlocks - run.startBlock) {
-      return refuse(EINVAL, "run " + std::to_string(i) + " (" + runText(run) + ") does not lie in the volume's " +
-                                std::to_string(numBlocks));
+      return refuse(EINVAL, "run " + std::to_string(i) + " (" + runText(run) + ") does not lie within the volume's " +
+                                std::to_string(numBlocks) + " blocks");
     }
     pushed.push_back(run);
   }
@@ -108,13 +109,13 @@ Answer EmulatedDriver::pushBitmap(const Caller&, CommandBuffer& buffer) {
     used = std::move(pushed);
     return done();
   }
-  if (used.size() + pushed.size() > kMostUsedRuns) return refuse(ENOSPC, "there are too many runs of blocks in use");
+  if (used.size() + pushed.size() > kMostUsedRuns) return refuse(ENOSPC, "too many runs of used blocks");
   used.insert(used.end(), pushed.begin(), pushed.end());
   return done();
 }
 
-// Of those that are snapped, whatever the others are: the client takes the refusal for success, as what is not snapped
-// is not tracked either.
+// Stops the volumes that are snapped even when others are not: the client takes the refusal for success, as a volume
+// that is not snapped is not tracked either.
 Answer EmulatedDriver::stopTracking(const Caller&, CommandBuffer& buffer) {
   const std::uint32_t count = buffer.header().requestValue;
   std::optional<DeviceNumber> unknown;

@@ -77,7 +77,7 @@ template <std::size_t N>
 std::string textOf(const char (&field)[N]) {
   return std::string(field, strnlen(field, N));
 }
-// Fills a field with a text, cut to what leaves room for the NUL, and NULs.
+// Fills a field with a text, truncated to leave room for the NUL, and pads it with NULs.
 template <std::size_t N>
 void putText(char (&field)[N], const std::string& text) {
   std::memset(field, 0, N);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where a command passes through: read from the caller, checked, carried out (or made to fail), written back, told.
+// The way of a command: read from the caller, checked, carried out (or made to fail), written back, reported.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ class CommandDesk {
   using StillWaits = std::function<bool()>;
 
   // Answers a request on the control node whose argument is the address of the buffer. The errno that the request fails
-  // with, 0 when it succeeds; nothing when the caller went away meanwhile.
+  // with, 0 when it succeeds; nothing when the caller has gone away.
   std::optional<int> serve(const Caller& caller, unsigned long request, std::uint64_t address,
                            const StillWaits& stillWaits);
 

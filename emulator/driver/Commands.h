@@ -30,7 +30,7 @@ struct LengthRule {
   std::size_t bytes = 0;
 };
 
-// What stands in the header beside the length and the handshake.
+// The fields of the header other than length and handshake.
 enum class HeaderRule {
   Plain,      // request value 0
   OneVolume,  // request value 1
@@ -40,7 +40,7 @@ enum class HeaderRule {
   Unset,      // request value 0; the client does not set flags and status
 };
 
-// What of the buffer the caller gets back.
+// How much of the buffer is written back to the caller.
 enum class Answered { Header, Whole };
 
 struct Command {

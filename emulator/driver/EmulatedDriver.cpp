@@ -17,7 +17,7 @@ EmulatedDriver::~EmulatedDriver() {
   try {
     undo();
   } catch (const std::exception&) {
-    // Memory is short: the loop devices and nodes still go with their owners.
+    // Out of memory: the loop devices and nodes are still released by their owners.
   }
 }
 

@@ -28,7 +28,7 @@ namespace emulator {
 
 struct DriverSettings {
   std::string version;              // at most kLongestVersion bytes
-  std::vector<std::string> stores;  // folders for images, in the order of preference
+  std::vector<std::string> stores;  // directories for images, in order of preference
   std::chrono::milliseconds freezeLimit{60000};
 };
 inline constexpr std::size_t kLongestVersion = sizeof(DriverVersionPayload) - 1;
@@ -74,7 +74,7 @@ class EmulatedDriver {
   Answer pushBitmap(const Caller& caller, CommandBuffer& buffer);
   Answer stopTracking(const Caller& caller, CommandBuffer& buffer);
 
-  // What it holds, as text: into a file of the caller's, or told.
+  // Its state as text: into a file of the caller's, or as messages.
   Answer dumpState(const Caller& caller, CommandBuffer& buffer);
 
   // Thaws every volume that is frozen.

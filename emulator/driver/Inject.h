@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Failures on purpose: the n-th command of a kind fails, or answers, as the user says.
+// Failures on purpose: the n-th command of a kind fails, or returns a status, as the user asked.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ struct Injection {
   bool lost = false;                   // it is carried out and fails all the same: what it answered is lost
   std::optional<std::int32_t> status;  // the driver status to answer
 
-  // What is wrong with the text, in words, or nothing and `injection` filled.
+  // Fills `injection`, or returns what is wrong with the text.
   static std::optional<std::string> parse(const std::string& text, Injection& injection);
 };
 
@@ -29,7 +29,7 @@ class Injections {
  public:
   explicit Injections(std::vector<Injection> injections) : mInjections(std::move(injections)) {}
 
-  // Counts a command that came, and says what is to happen to it; null: nothing.
+  // Counts a command that arrived. The injection for it, or null.
   const Injection* next(const Command& command);
 
  private:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Lines that go out behind the emulator's back: whoever speaks never waits for the file, which may lie on a file system
-// that the emulator holds still at that moment.
+// Lines that are written by a thread of their own: a caller never waits for the file, which may lie on a file system
+// that the emulator keeps frozen at that moment.
 #pragma once
 
 #include <condition_variable>
@@ -16,7 +16,7 @@ class LineWriter {
  public:
   // Writes to `descriptor`, which the caller keeps open. Lines that it does not take are lost.
   explicit LineWriter(int descriptor);
-  // Writes what is left first.
+  // Writes the remaining lines first.
   ~LineWriter();
   LineWriter(const LineWriter&) = delete;
   LineWriter& operator=(const LineWriter&) = delete;
@@ -35,13 +35,13 @@ class LineWriter {
   std::thread mThread;
 };
 
-// What the emulator tells its user, on the standard error.
+// The emulator's messages on the standard error.
 class Messages {
  public:
   explicit Messages(bool quiet);
-  // Unless the user wants it quiet.
+  // A notice, suppressed by --quiet.
   void say(const std::string& text);
-  // Whatever the user wants: something did not go as it should.
+  // A warning, never suppressed.
   void warn(const std::string& text);
 
  private:

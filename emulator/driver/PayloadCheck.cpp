@@ -133,7 +133,7 @@ Complaint checkSnapEntry(const CommandBuffer& buffer, const SnapEntry& entry) {
 
 Complaint checkEmpty(const CommandBuffer& buffer) { return checkZero(buffer, kHeader, buffer.size()); }
 
-// Any level will do: what is above the last one means the last one.
+// Any level is accepted: agents may set any, and what is above 7 means 7.
 Complaint checkLogLevel(const CommandBuffer&) { return kFine; }
 
 Complaint checkVolumeCheck(const CommandBuffer& buffer) { return checkTrailer(buffer); }

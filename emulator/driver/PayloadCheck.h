@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether the payload of a command is what the protocol says. Each function looks at everything behind the header, and
+// Whether the payload of a command is what the protocol says. Each function looks at everything after the header, and
 // is called once length and header are known to be right.
 #pragma once
 

@@ -20,7 +20,7 @@ Answer EmulatedDriver::createMapping(const Caller& caller, CommandBuffer& buffer
   } else if (same->process == mapping.process) {
     *same = std::move(mapping);
   } else {
-    return refuse(EEXIST, mapping.volumeName + " has a mapping of process " + std::to_string(same->process));
+    return refuse(EEXIST, mapping.volumeName + " is mapped by process " + std::to_string(same->process) + " already");
   }
   return done();
 }
@@ -33,7 +33,7 @@ Answer EmulatedDriver::deleteMapping(const Caller&, CommandBuffer& buffer) {
     return mapping.process == entry.appPid && mapping.volumeName == volumeName;
   });
   if (removed > 0) return done();
-  return refuse(ENOENT, volumeName + " has no mapping of process " + std::to_string(entry.appPid));
+  return refuse(ENOENT, "process " + std::to_string(entry.appPid) + " has no mapping for " + volumeName);
 }
 
 Answer EmulatedDriver::countMappings(const Caller&, CommandBuffer& buffer) {

@@ -76,7 +76,7 @@ Answer EmulatedDriver::verifyAndClean(const Caller&, CommandBuffer&) {
   for (std::size_t i = mSnapped.size(); i-- > 0;) {
     const DeviceNumber volume = mSnapped[i].image.volume();
     if (!isGone(volume)) continue;
-    mMessages.say("the volume " + volume.text() + " is gone, and its snapshot with it");
+    mMessages.say("the volume " + volume.text() + " is gone; its snapshot was dropped");
     dropSnapped(mSnapped.begin() + static_cast<std::ptrdiff_t>(i));
   }
   std::erase_if(mMappings, [&](const Mapping& mapping) { return mapping.volume && isGone(*mapping.volume); });
@@ -89,7 +89,7 @@ Answer EmulatedDriver::verifyAndClean(const Caller&, CommandBuffer&) {
   return done();
 }
 
-// The snapshot goes, its mapping with it. One that is mounted stays until it is not.
+// Drops the snapshot and its mapping. The device of a mounted snapshot is released once it is unmounted.
 void EmulatedDriver::dropSnapped(std::vector<Snapped>::iterator snapped) {
   const auto process = static_cast<std::int32_t>(snapped->entry.appPid);
   const std::string volumeName = textOf(snapped->entry.volumeName);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The driver's snap command: what must hold before it, and taking the snapshots.
+// The driver's snap command: its preconditions, and taking the snapshots.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -43,10 +43,10 @@ Answer refuseRelocationFile(const Caller& caller, const SnapEntry& entry, const 
   const UniqueFd file = caller.open(name, O_PATH);
   struct stat found;
   if (!file || fstat(file.get(), &found) != 0) return failedCall(errno, what);
-  if (!S_ISREG(found.st_mode)) return refuse(EINVAL, what + " is no file");
+  if (!S_ISREG(found.st_mode)) return refuse(EINVAL, what + " is not a regular file");
   const DeviceNumber holder = numberOf(found.st_dev);
   const DeviceNumber named = relocVolumeOf(entry.fixed);
-  // A file system of several devices (btrfs) shows a number of its own, which says nothing.
+  // A file system of several devices (btrfs) shows a number of its own, which cannot be compared.
   if (holder.majorNum != 0 && holder != named) {
     return refuse(EINVAL, what + " lies on " + holder.text() + ", not on " + named.text());
   }

@@ -70,7 +70,7 @@ std::string EmulatedDriver::describeState() const {
   return text.str();
 }
 
-// Whoever writes to a frozen file system waits for its thaw, which no other command could bring meanwhile.
+// A write to a frozen file system would wait for the thaw, and the thaw command would wait for this one.
 Answer EmulatedDriver::refuseFrozenPlace(const UniqueFd& place, const Caller& caller) const {
   const std::set<DeviceNumber> under = devicesUnder(mKernel, deviceHolding(place, caller));
   for (const FileSystem& frozen : mFrozen) {
@@ -94,10 +94,10 @@ Answer EmulatedDriver::dumpState(const Caller& caller, CommandBuffer& buffer) {
   const bool exists = place.valid();
   struct stat found;
   if (exists && (fstat(place.get(), &found) != 0 || !S_ISREG(found.st_mode))) {
-    return refuse(EINVAL, name + " is no file");
+    return refuse(EINVAL, name + " is not a regular file");
   }
   if (!exists) place = caller.open(std::string(folderOf(name)), O_PATH | O_DIRECTORY);
-  if (!place) return failedCall(errno, "cannot open the folder of " + name);
+  if (!place) return failedCall(errno, "cannot open the directory of " + name);
   if (Answer answer = refuseFrozenPlace(place, caller); !answer) return answer;
   const int how = exists ? O_TRUNC : O_CREAT | O_EXCL;
   const UniqueFd file = caller.open(name, O_WRONLY | O_NONBLOCK | how, exists ? 0 : 0600);

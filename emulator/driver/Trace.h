@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One JSON line a command: what was asked, what was answered.
+// One line of JSON per command: request and answer.
 #pragma once
 
 #include <sys/types.h>
@@ -19,7 +19,7 @@ namespace emulator {
 struct TraceEntry {
   pid_t process;
   const Command* command;
-  const CommandBuffer* buffer;  // as it goes back; null when it could not be read
+  const CommandBuffer* buffer;  // as it is written back; null if it could not be read
   std::uint32_t requestValue;   // as it came
   const Answer* answer;
   bool injected;

@@ -27,7 +27,7 @@ std::vector<DeviceNumber> listedVolumes(const CommandBuffer& buffer) {
 }
 
 std::string standing(const FileSystem& upper, const FileSystem& lower) {
-  return "the volume " + upper.device().text() + " stands on " + lower.device().text() + ", which is frozen";
+  return "the volume " + upper.device().text() + " lies on " + lower.device().text() + ", which is frozen";
 }
 
 }  // namespace
@@ -76,7 +76,7 @@ Answer EmulatedDriver::freeze(const Caller& caller, CommandBuffer& buffer) {
   return done();
 }
 
-// All or none, the last frozen first: what a thaw writes goes down to a device that was frozen later.
+// All or none. The last one frozen is thawed first: a thaw writes to the devices below, which were frozen later.
 Answer EmulatedDriver::thaw(const Caller&, CommandBuffer& buffer) {
   const std::vector<DeviceNumber> volumes = listedVolumes(buffer);
   const auto isListed = [&](const FileSystem& frozen) {

@@ -70,9 +70,9 @@ Result<BlockDevice> BlockDevice::open(const Kernel& kernel, DeviceNumber number)
   std::uint64_t bytes = 0;
   int sectorSize = 0;
   if (ioctl(descriptor.get(), BLKGETSIZE64, &bytes) != 0 || ioctl(descriptor.get(), BLKSSZGET, &sectorSize) != 0) {
-    return failedCall(errno, "cannot ask the device " + number.text() + " for its size");
+    return failedCall(errno, "cannot get the size of the device " + number.text());
   }
-  if (bytes == 0) return refuse(ENXIO, "nothing is behind the device " + number.text());
+  if (bytes == 0) return refuse(ENXIO, "the device " + number.text() + " has no medium");
   return BlockDevice(number, std::move(descriptor), bytes, static_cast<unsigned int>(sectorSize));
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Block devices by their numbers: how large they are, what lies under them, where their data is.
+// Block devices by their numbers: their size, the devices below them, where their data is.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace emulator {
 
 class BlockDevice {
  public:
-  // Opens it for reading. Refused with the errno of opening, and with ENXIO when nothing is behind it (an empty loop
+  // Opens it for reading. Refused with the errno of opening, and with ENXIO when it has no medium (an empty loop
   // device).
   static Result<BlockDevice> open(const Kernel& kernel, DeviceNumber number);
 
@@ -36,11 +36,11 @@ class BlockDevice {
   unsigned int mSectorSize;  // logical, bytes
 };
 
-// Whether something has the device for itself: a mount in any namespace, a mapping over it.
+// Whether the device is claimed exclusively: by a mount in any namespace, by a mapping over it.
 bool isClaimed(const Kernel& kernel, DeviceNumber number);
 
-// All devices that `number` stands on, itself included: the disk of a partition, the disks under a mapping, the device
-// of the file system that holds a loop device's file, and so on down.
+// All devices that `number` is built on, itself included: the disk of a partition, the disks under a mapping, the
+// device of the file system that holds a loop device's file, and so on down.
 std::set<DeviceNumber> devicesUnder(const Kernel& kernel, DeviceNumber number);
 
 // A loop device's file, where it can be found: opened for reading, and where in it the device begins.
@@ -58,7 +58,7 @@ struct DeviceData {
   bool hasHoles;         // whether it can say where its holes are
 };
 Result<DeviceData> openDeviceData(const Kernel& kernel, const BlockDevice& device, const Caller& caller);
-// What the page cache of a device that is mounted nowhere still holds goes down to where its data are read.
+// Flushes the page cache of a device that is not mounted, so that its data can be read past the cache.
 void writeOut(const BlockDevice& device);
 
 }  // namespace emulator

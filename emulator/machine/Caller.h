@@ -39,16 +39,16 @@ class CallerMemory {
 
 class Caller : public CallerMemory {
  public:
-  // The process or thread `task`. What is asked of it later is asked of that very process: when it is gone, questions
-  // fail, and a new process with its number never answers them. Only the memory goes by number.
+  // The process or thread `task`. Later queries refer to this very process: once it is gone they fail, even if its
+  // number was given to a new process. Only the memory is accessed by number.
   Caller(const Kernel& kernel, pid_t task);
   Caller(Caller&&) = default;
   Caller& operator=(Caller&&) = default;
 
-  // The process that the thread belongs to; the task itself when that cannot be told.
+  // The process that the thread belongs to; the task itself when that cannot be found out.
   pid_t process() const;
 
-  // What descriptor `number` of the caller is open on.
+  // The file that descriptor `number` of the caller refers to.
   std::optional<struct stat> descriptor(int number) const;
 
   // Opens a path as the caller sees it; a relative one starts at its root. Invalid on failure, errno says why.
@@ -61,7 +61,7 @@ class Caller : public CallerMemory {
   std::vector<MountLine> mounts() const;
 
  private:
-  UniqueFd mFolder;  // its folder in the process table
+  UniqueFd mFolder;  // its directory in /proc
 };
 
 }  // namespace emulator

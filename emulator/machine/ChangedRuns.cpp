@@ -23,7 +23,7 @@ struct Side {
   std::uint64_t offset;
   bool hasHoles;
 
-  // The first byte at or behind `start` that need not be zero; `end` when there is none.
+  // The first byte at or after `start` that may be other than zero; `end` when there is none.
   std::uint64_t nextData(std::uint64_t start, std::uint64_t end) const {
     if (!hasHoles) return start;
     const off_t data = lseek(file, static_cast<off_t>(offset + start), SEEK_DATA);
@@ -31,7 +31,7 @@ struct Side {
     return std::min(static_cast<std::uint64_t>(data) - offset, end);
   }
 
-  // Fills the buffer; zeros behind the file's end. An errno.
+  // Fills the buffer, with zeros past the end of the file. An errno.
   int read(char* buffer, std::size_t length, std::uint64_t start) const {
     while (length > 0) {
       const ssize_t got = pread(file, buffer, length, static_cast<off_t>(offset + start));

@@ -21,12 +21,12 @@ struct Comparison {
 };
 
 struct ChangedRuns {
-  int error = 0;           // errno; what `stop` said when it ended the work
+  int error = 0;           // errno; that of `stop` when it ended the work
   std::vector<_run> runs;  // in rising order, no two of them adjacent
-  bool more = false;       // another one lies behind the last
+  bool more = false;       // another one follows the last
 };
 
-// The first `room` runs from block `firstBlock` on. `stop` is asked often: an errno ends the work.
+// The first `room` runs from block `firstBlock` on. `stop` is called often: a non-zero errno ends the work.
 ChangedRuns findChangedRuns(const Comparison& comparison, std::uint64_t firstBlock, std::size_t room,
                             const std::function<int()>& stop);
 

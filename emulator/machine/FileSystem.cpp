@@ -24,7 +24,7 @@ namespace {
 bool isMountOf(const MountLine& mount, DeviceNumber device, const Caller& viewer) {
   const DeviceNumber shown = numberOf(mount.device);
   if (shown == device) return true;
-  // A file system of several devices (btrfs) shows a number of its own: then its source tells.
+  // A file system of several devices (btrfs) shows a number of its own: then its source names one of them.
   return shown.majorNum == 0 && mount.source.starts_with('/') && viewer.blockDevice(mount.source) == device;
 }
 
@@ -33,7 +33,7 @@ struct Found {
   std::size_t depth = 0;
 };
 
-// Opens a mount of the device as the viewer sees it. What another mount lies over is passed by.
+// Opens a mount of the device as the viewer sees it. Mounts that are covered by others are skipped.
 Found findMount(DeviceNumber device, const Caller& viewer) {
   for (const MountLine& mount : viewer.mounts()) {
     if (!isMountOf(mount, device, viewer)) continue;
@@ -87,7 +87,7 @@ Result<FileSystem> FileSystem::on(const Kernel& kernel, DeviceNumber device, con
       found = findMount(device, Caller(kernel, viewer));
       if (found.root) break;
     }
-    if (!found.root) return refuse(EBUSY, "the device " + device.text() + " is in use, but no mount of it can be seen");
+    if (!found.root) return refuse(EBUSY, "the device " + device.text() + " is in use, but no mount of it is visible");
   }
   return FileSystem(kernel.net(), device, devicesUnder(kernel, device), std::move(found.root), found.depth);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The file system on a volume, held still while its volume is copied.
+// The file system on a volume, frozen while its volume is copied.
 #pragma once
 
 #include <atomic>
@@ -27,7 +27,7 @@ DeviceNumber deviceHolding(const UniqueFd& file, const Caller& viewer);
 
 class FileSystem {
  public:
-  // The file system on the device, found through a mount that the caller sees, else the emulator, else anybody. One
+  // The file system on the device, found through a mount that the caller sees, else the emulator, else any process. One
   // that is mounted nowhere is fine and needs no freezing. Refused with EBUSY when the device is in use in another way.
   static Result<FileSystem> on(const Kernel& kernel, DeviceNumber device, const Caller& caller);
 
@@ -35,11 +35,11 @@ class FileSystem {
   bool mounted() const { return mRoot.valid(); }
   // Whether its writes end up on `other`, another device: a loop device's file system on that of its file.
   bool standsOn(DeviceNumber other) const { return other != mDevice && mUnder.contains(other); }
-  // How many folders down it is mounted.
+  // How many directories below the root it is mounted.
   std::size_t depth() const { return mDepth; }
-  // Writes out what is dirty, so that freezing takes less long.
+  // Writes dirty data out, so that freezing takes less time.
   void sync() const;
-  // Stops all writing to it; a file system that is mounted nowhere has none. The other way round: thaw().
+  // Blocks all writes to it until thaw(); one that is mounted nowhere needs nothing.
   Answer freeze();
   void thaw();
 
@@ -49,17 +49,17 @@ class FileSystem {
 
   SafetyNet* mNet;
   DeviceNumber mDevice;
-  std::set<DeviceNumber> mUnder;  // all devices that it stands on, its own included
+  std::set<DeviceNumber> mUnder;  // all devices that it is built on, its own included
   UniqueFd mRoot;
   std::size_t mDepth;
   SafetyNet::Hold mHold;  // while it is frozen
 };
 
-// The order to freeze file systems in, inside out: first whatever stands on another one of them (its last writes go
-// there), then the deeper mount before the one that it is mounted in. They are thawed the other way round.
+// The order in which to freeze file systems, inside out: a file system that lies on another one of them comes first
+// (its last writes go there), then deeper mounts before those they are mounted in. They are thawed in reverse order.
 std::vector<FileSystem*> insideOut(std::vector<FileSystem*> fileSystems);
 
-// Several file systems held still together, for a limited time.
+// Several file systems frozen together, for a limited time.
 class Standstill {
  public:
   explicit Standstill(std::chrono::milliseconds limit);
@@ -67,12 +67,12 @@ class Standstill {
   Standstill(const Standstill&) = delete;
   Standstill& operator=(const Standstill&) = delete;
 
-  // Freezes in the order given: whatever stands on another comes before it. When one cannot be frozen, the standstill
-  // is over. The file systems outlive it.
+  // Freezes in the given order: a file system that lies on another comes before it. When one cannot be frozen, the
+  // standstill is over. The file systems outlive it.
   Answer begin(const std::vector<FileSystem*>& fileSystems);
   // Thaws, the last one first. Also done when the time is up, and at the end of the object's life.
   void end();
-  // Whether the time was up before end(): what was copied meanwhile is worth nothing.
+  // Whether the time was up before end(): then the copies are not consistent.
   bool expired() const { return mExpired; }
 
  private:

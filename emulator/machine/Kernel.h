@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The emulator's own way to the kernel's tables and devices: file systems that nobody else sees, so that neither what
-// lies over /proc and /sys nor what /dev lacks matters. They are gone with the process.
+// The emulator's own access to the kernel's tables and devices: private mounts of procfs, sysfs and a tmpfs, so that
+// mounts over /proc and /sys, and what /dev lacks, do not matter. They vanish with the process.
 #pragma once
 
 #include <sys/types.h>
@@ -27,7 +27,7 @@ class Kernel {
   int sys() const { return mSys.get(); }
   int nodes() const { return mNodes.get(); }
 
-  // A net in use; when this goes, before the net, it is in use no more.
+  // Marks a net as in use for its own lifetime, which ends before that of the net.
   class [[nodiscard]] NetInUse {
    public:
     NetInUse(Kernel& kernel, SafetyNet& net) : mKernel(kernel) { mKernel.mNet = &net; }
@@ -38,7 +38,7 @@ class Kernel {
    private:
     Kernel& mKernel;
   };
-  // What must be undone even when the emulator is killed is told to the net in use; without one, nobody is told.
+  // Registers the net that undoes, should the emulator be killed, what must be undone.
   NetInUse use(SafetyNet& net) { return {*this, net}; }
   SafetyNet* net() const { return mNet; }
 

@@ -21,9 +21,9 @@ void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices,
     if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
     const int error = errno;
     if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0) {
-      tell(mount.folder + " is still in use: its snapshot is detached, and goes when its last user does");
+      tell(mount.folder + ": still in use; detached, the snapshot goes away with its last user");
     } else {
-      tell("cannot unmount the snapshot on " + mount.folder + ": " + std::strerror(error));
+      tell(mount.folder + ": cannot unmount the snapshot: " + std::strerror(error));
     }
   }
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Taking away what the emulator's devices left in the tree where it lives.
+// Unmounting snapshots in the emulator's own mount namespace.
 #pragma once
 
 #include <functional>
@@ -12,8 +12,8 @@
 
 namespace emulator {
 
-// Unmounts what is mounted from the devices where the emulator lives, the last mount first; what is busy is detached.
-// `tell` is told of what did not go as it should.
+// Unmounts everything that is mounted from the devices, the last mount first; what is busy is detached. Problems are
+// passed to `tell`.
 void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices,
                 const std::function<void(const std::string&)>& tell);
 

@@ -24,7 +24,7 @@
 namespace emulator {
 namespace {
 
-// What goes over the socket, with a descriptor where something is to be held.
+// What is sent over the socket, with a descriptor of what is to be held.
 struct Note {
   enum Kind : unsigned int { kFrozen, kSnapshot, kReleased } kind;
   unsigned int number;
@@ -97,7 +97,7 @@ void undo(const Kernel& kernel, std::map<unsigned int, Held>& holds) {
   removeControlNode();
 }
 
-// Nobody who waits for the other end of a pipe shall wait for this process.
+// A reader waiting for the end of a pipe must not wait for this process.
 void closeAllBut(const std::set<int>& kept) {
   unsigned int next = 0;
   for (const int descriptor : kept) {
@@ -109,7 +109,7 @@ void closeAllBut(const std::set<int>& kept) {
 }
 
 [[noreturn]] void keepNet(const Kernel& kernel, int socket) {
-  setsid();  // what kills the emulator's process group does not reach it
+  setsid();  // out of reach of signals to the emulator's process group
   sigset_t all;
   sigfillset(&all);
   sigprocmask(SIG_BLOCK, &all, nullptr);
@@ -126,7 +126,7 @@ void closeAllBut(const std::set<int>& kept) {
     }
     if (!holds.empty()) undo(kernel, holds);
   } catch (const std::exception&) {
-    // Memory is short: what is held goes as far as closing it takes it.
+    // Out of memory: closing the descriptors has to do.
   }
   _exit(0);
 }
@@ -143,7 +143,7 @@ void SafetyNet::Hold::release() noexcept {
   mNet = nullptr;
 }
 
-// Waits until it is done: as long as the net holds a file system, nobody can unmount it.
+// Waits until it is done: a file system that the net holds open cannot be unmounted.
 void SafetyNet::letGo(unsigned int number) noexcept {
   const std::lock_guard lock(*mMutex);
   send(mSocket.get(), {Note::kReleased, number, {}, {}}, -1);
@@ -153,14 +153,14 @@ void SafetyNet::letGo(unsigned int number) noexcept {
 Result<SafetyNet> SafetyNet::spread(const Kernel& kernel) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
-    return failedCall(errno, "cannot make a socket");
+    return failedCall(errno, "cannot create a socket");
   UniqueFd emulatorEnd(ends[0]);
   UniqueFd netEnd(ends[1]);
   const pid_t child = fork();
-  if (child < 0) return failedCall(errno, "cannot start a process");
+  if (child < 0) return failedCall(errno, "cannot create a process");
   if (child == 0) {
     emulatorEnd.reset();
-    // A grandchild is nobody's to wait for.
+    // A grandchild need not be waited for.
     if (fork() == 0) keepNet(kernel, netEnd.get());
     _exit(0);
   }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A small process that outlives the emulator. Should the emulator be killed, it thaws what is frozen, unmounts the
-// snapshots where the emulator lived, and removes their nodes. An emulator that ends in order leaves it nothing to do.
+// snapshots in the emulator's mount namespace, and removes their nodes. After an orderly exit it has nothing to do.
 #pragma once
 
 #include <sys/types.h>
@@ -20,7 +20,7 @@ class Kernel;
 
 class SafetyNet {
  public:
-  // Something that is undone when the emulator is killed, for as long as this lives.
+  // While this exists, something is undone when the emulator is killed.
   class [[nodiscard]] Hold {
    public:
     Hold() = default;

@@ -51,7 +51,7 @@ Result<UniqueFd> makeNamelessFile(const std::string& folder) {
     file = UniqueFd(mkostemp(name.data(), O_CLOEXEC));
     if (file) unlink(name.c_str());
   }
-  if (!file) return failedCall(errno, "cannot make an image in the store " + folder);
+  if (!file) return failedCall(errno, "cannot create an image in the store " + folder);
   return file;
 }
 
@@ -71,7 +71,7 @@ void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumbe
 Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber volume, UniqueFd image,
                                             unsigned int sectorSize) {
   const UniqueFd control = kernel.openDevice(S_IFCHR, kLoopControl, O_RDWR);
-  if (!control) return failedCall(errno, "cannot open the control node of the loop devices");
+  if (!control) return failedCall(errno, "cannot open the loop control device");
   loop_config config = configuration(volume, image, sectorSize);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const int index = ioctl(control.get(), LOOP_CTL_GET_FREE);
@@ -80,10 +80,10 @@ Result<SnapshotImage> SnapshotImage::attach(const Kernel& kernel, DeviceNumber v
     UniqueFd loop = kernel.openDevice(S_IFBLK, number, O_RDONLY);
     if (loop && ioctl(loop.get(), LOOP_CONFIGURE, &config) == 0)
       return SnapshotImage(kernel.net(), volume, number, std::move(image), std::move(loop));
-    // Somebody else was quicker: ask again.
+    // Another process took it first: ask again.
     if (errno != EBUSY && errno != ENXIO) return failedCall(errno, "cannot set up the loop device " + number.text());
   }
-  return refuse(EBUSY, "no free loop device: others were quicker " + std::to_string(kAttempts) + " times");
+  return refuse(EBUSY, "no free loop device: others took it first " + std::to_string(kAttempts) + " times");
 }
 
 SnapshotImage& SnapshotImage::operator=(SnapshotImage&& other) {
@@ -108,7 +108,7 @@ Answer SnapshotImage::makeNode(UniqueFd folder) {
   }
   if (mNet != nullptr) mHold = mNet->holdSnapshot(folder, mVolume, mDevice);
   if (mknodat(folder.get(), name.c_str(), S_IFBLK | 0600, mDevice.value()) != 0) {
-    return failedCall(errno, "cannot make the node " + snapshotDevicePath(mVolume));
+    return failedCall(errno, "cannot create the node " + snapshotDevicePath(mVolume));
   }
   mNodeFolder = std::move(folder);
   return done();

@@ -14,19 +14,19 @@
 
 namespace emulator {
 
-// A new nameless file in `folder`: gone with its last user, even when the emulator is killed.
+// A new unnamed file in `folder`: it vanishes with its last user, even when the emulator is killed.
 Result<UniqueFd> makeNamelessFile(const std::string& folder);
 
 // The path of a volume's snapshot device: "/dev/snap7_3".
 std::string snapshotDevicePath(DeviceNumber volume);
 
-// Removes a snapshot's node from a folder, when it still is this device's.
+// Removes a snapshot's node from a directory, unless it belongs to another device by now.
 void removeSnapshotNode(const UniqueFd& folder, DeviceNumber volume, DeviceNumber device);
 
 class SnapshotImage {
  public:
-  // Puts an image on a loop device. The device lives as long as this object and whoever else uses it: a mount, or
-  // somebody who has it open.
+  // Attaches an image to a loop device. The device lives as long as this object and its other users: mounts, and
+  // processes that have it open.
   static Result<SnapshotImage> attach(const Kernel& kernel, DeviceNumber volume, UniqueFd image,
                                       unsigned int sectorSize);
   SnapshotImage(SnapshotImage&&) = default;
@@ -34,7 +34,7 @@ class SnapshotImage {
   // Removes the node.
   ~SnapshotImage();
 
-  // Makes the node in a folder, which is kept open; a block device's node that is there already makes room.
+  // Creates the node in a directory, which is kept open; a block device node of that name is replaced.
   Answer makeNode(UniqueFd folder);
   void removeNode();
 

@@ -16,7 +16,7 @@
 namespace emulator {
 namespace {
 
-// One volume with everything that is needed of it opened: while file systems stand still, nothing is looked up.
+// One volume with everything opened that is needed: while file systems are frozen, nothing is looked up.
 struct Source {
   BlockDevice device;
   FileSystem fileSystem;
@@ -29,7 +29,7 @@ DeviceNumber deviceOfFolder(const Kernel& kernel, const std::string& folder) {
   return deviceHolding(opened, Caller(kernel, getpid()));
 }
 
-// The first store that stands on none of the devices that are, or will be, held still.
+// The first store that lies on none of the devices that are, or will be, frozen.
 Result<std::string> chooseStore(const Kernel& kernel, const SnapshotRequest& request) {
   for (const std::string& store : request.stores) {
     if (access(store.c_str(), W_OK) != 0) continue;
@@ -40,9 +40,8 @@ Result<std::string> chooseStore(const Kernel& kernel, const SnapshotRequest& req
       return store;
     }
   }
-  return refuse(EDEADLK,
-                "the store " + request.stores.front() +
-                    " lies on a volume that must stand still, or cannot be written: choose another with --store");
+  return refuse(EDEADLK, "the store " + request.stores.front() +
+                             " lies on a volume to be frozen, or is not writable; choose another with --store");
 }
 
 Result<Source> openSource(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request,
@@ -53,7 +52,7 @@ Result<Source> openSource(const Kernel& kernel, const Caller& caller, const Snap
   if (!fileSystem) return refusalOf(fileSystem);
   for (const DeviceNumber frozen : request.frozen) {
     if (fileSystem->standsOn(frozen)) {
-      return refuse(EDEADLK, "the volume " + volume.text() + " stands on " + frozen.text() + ", which is frozen");
+      return refuse(EDEADLK, "the volume " + volume.text() + " lies on " + frozen.text() + ", which is frozen");
     }
   }
   auto data = openDeviceData(kernel, *device, caller);
@@ -86,9 +85,9 @@ Answer copySources(const std::vector<Source>& sources, const std::function<int()
   const std::string volume = sources[result.copy].device.number().text();
   switch (result.error) {
     case ETIMEDOUT:
-      return refuse(ETIMEDOUT, "copying took longer than the volumes may stand still");
+      return refuse(ETIMEDOUT, "copying took longer than the volumes may stay frozen; see --freeze-limit");
     case ECANCELED:
-      return refuse(ECANCELED, "the emulator is ending");
+      return refuse(ECANCELED, "the emulator is shutting down");
     case ENOSPC:
       return refuse(ENOSPC, "the store has no room for the image of " + volume);
     default:
@@ -100,7 +99,7 @@ Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& req
                         const std::atomic<bool>& cancelled) {
   std::vector<FileSystem*> toFreeze;
   for (Source& source : sources) {
-    source.fileSystem.sync();  // leaves little to be written during the standstill
+    source.fileSystem.sync();  // leaves little to write while frozen
     writeOut(source.device);
     if (!request.frozen.contains(source.device.number())) toFreeze.push_back(&source.fileSystem);
   }
@@ -109,7 +108,7 @@ Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& req
   Answer answer = copySources(sources, [&] { return standstill.expired() ? ETIMEDOUT : cancelled ? ECANCELED : 0; });
   standstill.end();
   if (answer && standstill.expired()) {
-    answer = refuse(ETIMEDOUT, "the volumes could not be held still long enough");
+    answer = refuse(ETIMEDOUT, "the volumes could not be kept frozen long enough; see --freeze-limit");
   }
   return answer;
 }
@@ -118,7 +117,7 @@ Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& req
 
 Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Caller& caller,
                                                  const SnapshotRequest& request, const std::atomic<bool>& cancelled) {
-  // Opened while the caller is certainly there: it may be killed meanwhile.
+  // Opened while the caller certainly exists: it may be killed during the copy.
   const UniqueFd folder = caller.open("/dev", O_PATH | O_DIRECTORY);
   if (!folder) return failedCall(errno, "cannot open the caller's /dev");
   auto sources = openSources(kernel, caller, request);
@@ -132,7 +131,7 @@ Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Cal
     if (!image) return refusalOf(image);
     images.push_back(std::move(*image));
     UniqueFd nodeFolder(fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));
-    if (!nodeFolder) return failedCall(errno, "cannot keep the caller's /dev open");
+    if (!nodeFolder) return failedCall(errno, "cannot duplicate the descriptor of the caller's /dev");
     if (Answer answer = images.back().makeNode(std::move(nodeFolder)); !answer) return refusalOf(answer);
   }
   return images;

@@ -21,13 +21,13 @@ namespace emulator {
 struct SnapshotRequest {
   std::vector<DeviceNumber> volumes;
   std::set<DeviceNumber> frozen;       // volumes that are frozen already, and stay so
-  std::vector<std::string> stores;     // folders for the images, the first that fits is taken
-  std::chrono::milliseconds limit{0};  // how long the volumes may be held still
+  std::vector<std::string> stores;     // directories for the images; the first suitable one is used
+  std::chrono::milliseconds limit{0};  // how long the volumes may stay frozen
 };
 
 // Images of the volumes, in their order, each on its loop device with its node in the caller's /dev. Nothing is left
-// when it is refused: ENOSPC where the store has no room, EDEADLK where every store lies on a volume that is to be held
-// still, ETIMEDOUT after the limit, ECANCELED once `cancelled` is set.
+// when it is refused: ENOSPC where the store has no room, EDEADLK where every store lies on a volume to be frozen,
+// ETIMEDOUT after the limit, ECANCELED once `cancelled` is set.
 Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Caller& caller,
                                                  const SnapshotRequest& request, const std::atomic<bool>& cancelled);
 

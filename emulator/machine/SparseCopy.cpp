@@ -20,7 +20,7 @@ namespace emulator {
 namespace {
 
 constexpr std::size_t kChunk = 1 << 20;
-constexpr std::size_t kBlock = 4096;  // what is zero is left out in pieces of this size
+constexpr std::size_t kBlock = 4096;  // zeros are skipped in units of this size
 
 bool isZero(const char* block, std::size_t length) {
   return block[0] == 0 && std::memcmp(block, block + 1, length - 1) == 0;
@@ -39,7 +39,7 @@ int writeAt(int target, const char* data, std::size_t length, std::uint64_t at) 
   return 0;
 }
 
-// Writes the pieces that are not zero, neighbours in one go.
+// Writes the pieces that are not zero, adjacent ones together.
 int writeData(int target, const char* data, std::size_t length, std::uint64_t at) {
   for (std::size_t start = 0; start < length;) {
     std::size_t end = start;
@@ -74,7 +74,7 @@ class Copier {
     std::uint64_t start, end;
   };
 
-  // The next stretch with data at or behind `start`; an empty one at the end when there is none.
+  // The next range with data at or after `start`; an empty one at the end when there is none.
   Range nextData(std::uint64_t start) const {
     if (!mCopy.hasHoles) return {start, mCopy.bytes};
     const off_t data = lseek(mCopy.source, static_cast<off_t>(mCopy.offset + start), SEEK_DATA);

@@ -18,12 +18,12 @@ struct SparseCopy {
 };
 
 struct CopyResult {
-  int error = 0;              // errno; what `stop` said when it ended the copy
+  int error = 0;              // errno; that of `stop` when it ended the copy
   std::size_t copy = 0;       // the copy that failed
   bool whileWriting = false;  // the target failed, not the source
 };
 
-// Makes all copies, several at a time. `stop` is asked often, from any thread: an errno ends the work.
+// Makes all copies, several at a time. `stop` is called often, from any thread: a non-zero errno ends the work.
 CopyResult copyAll(const std::vector<SparseCopy>& copies, const std::function<int()>& stop);
 
 }  // namespace emulator

@@ -28,12 +28,12 @@ struct Pipe {
 
   static Result<Pipe> make() {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) return failedCall(errno, "cannot make a pipe");
+    if (pipe2(ends, O_CLOEXEC) != 0) return failedCall(errno, "cannot create a pipe");
     return Pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
   }
 };
 
-// What the child reports of the filter: the number of the listener's descriptor, or minus an errno.
+// What the child reports about its filter: the number of the listener's descriptor, or a negative errno.
 void report(const UniqueFd& to, int number) { static_cast<void>(!write(to.get(), &number, sizeof number)); }
 
 std::optional<int> receive(const UniqueFd& from) {
@@ -46,7 +46,7 @@ std::optional<int> receive(const UniqueFd& from) {
   return number;
 }
 
-// In the child: nothing here may open a file, for nobody takes its calls yet.
+// In the child: nothing here may open a file, because no supervisor answers its system calls yet.
 [[noreturn]] void becomeCommand(const std::vector<std::string>& command, const FilterOptions& options,
                                 const HeldSignals& signals, pid_t parent, const Pipe& reports, const Pipe& go) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -76,8 +76,8 @@ UniqueFd fetchDescriptor(pid_t child, int number) {
 
 tl::unexpected<Refusal> cannotSupervise(int error) {
   if (error == EBUSY)
-    return refuse(error, "somebody takes the system calls of this process already (another emulator?)");
-  return failedCall(error, "cannot take system calls (seccomp user notification)");
+    return refuse(error, "the system calls of this process are already supervised (by another emulator?)");
+  return failedCall(error, "cannot supervise system calls (seccomp user notification)");
 }
 
 void signalAll(const std::vector<pid_t>& processes, int signal) {
@@ -86,7 +86,7 @@ void signalAll(const std::vector<pid_t>& processes, int signal) {
 
 bool hasChildren() { return waitid(P_ALL, 0, nullptr, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD; }
 
-// Reaps until nobody is left or the time is up.
+// Reaps until no child is left or the time is up.
 bool waitForAll(Clock::time_point until) {
   while (true) {
     reapAll();
@@ -107,7 +107,7 @@ Result<StartedCommand> startCommand(const std::vector<std::string>& command, con
   const pid_t parent = getpid();
   StartedCommand started;
   started.process = fork();
-  if (started.process < 0) return failedCall(errno, "cannot start a process");
+  if (started.process < 0) return failedCall(errno, "cannot create a process");
   if (started.process == 0) {
     reports->readEnd.reset();
     go->writeEnd.reset();
@@ -136,7 +136,7 @@ void closeInheritedDescriptors(const Kernel& kernel) {
   const UniqueDirectory descriptors(descriptor < 0 ? nullptr : fdopendir(descriptor));
   while (const dirent* entry = descriptors == nullptr ? nullptr : readdir(descriptors.get())) {
     const int number = std::atoi(entry->d_name);
-    // All that this program opens is closed on execution; what survived its own was inherited.
+    // Everything that this program opens is close-on-exec; what it was started with was inherited.
     if (number > STDERR_FILENO && fcntl(number, F_GETFD) == 0) close(number);
   }
 }
@@ -179,7 +179,7 @@ void endAll(const Kernel& kernel, std::chrono::milliseconds grace, const std::fu
   signalAll(processes, SIGCONT);  // a stopped process sees the other signal only then
   if (waitForAll(Clock::now() + grace)) return;
   beforeKill();
-  // Again and again: one that was being started was not seen the first time.
+  // Repeatedly: a process that was just being forked was not seen the first time.
   do {
     signalAll(descendants(kernel), SIGKILL);
   } while (!waitForAll(Clock::now() + std::chrono::milliseconds(50)));

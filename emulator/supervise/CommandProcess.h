@@ -18,7 +18,7 @@
 
 namespace emulator {
 
-// COMMAND, ready and waiting behind the filter.
+// COMMAND, forked with the filter installed, waiting to be executed.
 struct StartedCommand {
   pid_t process = -1;
   UniqueFd listener;  // where its system calls arrive
@@ -31,18 +31,17 @@ struct StartedCommand {
 Result<StartedCommand> startCommand(const std::vector<std::string>& command, const FilterOptions& options,
                                     const HeldSignals& signals);
 
-// Closes the descriptors that this process was started with, but the standard ones: they are COMMAND's, and whoever
-// waits for their end shall wait for COMMAND only.
+// Closes the descriptors that this process inherited, except the standard ones: they are COMMAND's, and a reader
+// waiting for end of file must not wait for the emulator.
 void closeInheritedDescriptors(const Kernel& kernel);
 
-// Lets it start. The errno when the program cannot be executed; 0 once it runs. Somebody must be taking its calls
-// already.
+// Executes it: an errno, or 0 once it runs. Its system calls must be answered already.
 int letGo(StartedCommand& command);
 
 // All processes below this one, parents first.
 std::vector<pid_t> descendants(const Kernel& kernel);
 
-// Ends all processes below this one: SIGTERM, `grace`, SIGKILL (`beforeKill` is called first).
+// Terminates all processes below this one: SIGTERM, then after `grace` beforeKill() and SIGKILL.
 void endAll(const Kernel& kernel, std::chrono::milliseconds grace, const std::function<void()>& beforeKill);
 
 }  // namespace emulator

@@ -53,7 +53,7 @@ Result<DriverFile> DriverFile::make() {
   if (!content || write(content.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
       fchmod(content.get(), 0444) != 0 ||
       fcntl(content.get(), F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
-    return failedCall(errno, "cannot make the driver's file");
+    return failedCall(errno, "cannot create the driver's file");
   }
   return DriverFile(std::move(content));
 }

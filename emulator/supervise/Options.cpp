@@ -7,40 +7,58 @@
 #include <filesystem>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "emulator/driver/EmulatedDriver.h"
 
 namespace emulator {
 namespace {
 
-std::string commandNames() {
-  std::string names;
-  std::size_t column = 0;
-  for (const Command& command : kCommands) {
-    names += column == 0 ? "\n  " : ", ";
-    names += command.name;
-    column = (column + 1) % 4;
+// Names in lines of at most four.
+std::string inLines(const std::vector<std::string_view>& names) {
+  std::string text;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    text += i % 4 == 0 ? "\n  " : ", ";
+    text += names[i];
   }
-  return names;
+  return text;
+}
+
+std::string commandNames() {
+  std::vector<std::string_view> names;
+  for (const Command& command : kCommands) names.push_back(command.name);
+  return inLines(names);
+}
+
+std::string statusNames() {
+  std::vector<std::string_view> names;
+  for (const auto& [status, name] : kDriverStatusNames) names.emplace_back(name);
+  return inLines(names);
 }
 
 std::string footer() {
-  return "COMMAND, and everything that it starts, finds /proc/mirelsnap/dev, can make and\n"
-         "open /dev/mirelsnapctl, and has its requests answered: snapshots are real, of\n"
-         "real devices, and appear as /dev/snap<major>_<minor>. When COMMAND ends, what is\n"
-         "left of it is ended too and everything is undone.\n\n"
-         "The commands that --inject can name:" +
-         commandNames() +
-         "\nExamples: --inject snap:1:EIO:-8 (the first snap fails with EIO, driver status\n"
-         "-8), --inject check-snapped:2:0:99 (the second such command is carried out and\n"
-         "answers the status 99), --inject snap:1:lost=EIO (the first snap is carried out,\n"
-         "and fails with EIO all the same).\n\n"
-         "SIGTERM, SIGINT, SIGHUP and SIGQUIT are passed on to COMMAND, which has 10\n"
-         "seconds to end. An interrupt from the terminal reaches COMMAND by itself: the\n"
-         "emulator ends when COMMAND does.\n\n"
-         "Exit code: COMMAND's; 128 + the signal that ended it; 127 COMMAND not found;\n"
-         "126 not executable; 2 wrong usage, not root, no seccomp user notification, no\n"
-         "loop devices: then nothing was touched.";
+  return std::string("COMMAND and everything it starts find ") + kDriverNumbersPath +
+         ", can create and\n"
+         "open " +
+         kControlNodePath +
+         ", and have their requests answered. Snapshots are real:\n"
+         "they are taken of real devices and appear as " +
+         kSnapshotDevicePrefix +
+         "<major>_<minor>.\n"
+         "When COMMAND exits, what it left running is terminated and everything is undone.\n\n"
+         "Commands for --inject:" +
+         commandNames() + "\nStatuses for --inject, beside numbers:" + statusNames() +
+         "\nExamples: --inject snap:1:EIO:size-changed (the first snap fails with EIO and\n"
+         "that status), --inject check-snapped:2:0:99 (the second such command is carried\n"
+         "out and returns the status 99), --inject snap:1:lost=EIO (the first snap is\n"
+         "carried out, and fails with EIO all the same).\n\n"
+         "SIGTERM, SIGINT, SIGHUP and SIGQUIT are passed on to COMMAND, which then has 10\n"
+         "seconds to exit. An interrupt typed at the terminal reaches COMMAND directly;\n"
+         "the emulator exits when COMMAND does.\n\n"
+         "Exit code: that of COMMAND; 128 + N if signal N terminated it; 127 if it was not\n"
+         "found, 126 if it could not be executed; 2 for wrong usage, for a user other than\n"
+         "root, and on a kernel without seccomp user notification or without loop devices\n"
+         "(nothing has been changed then).";
 }
 
 // No line is wider than 80 columns.
@@ -66,7 +84,7 @@ std::string checkVersion(const std::string& text) {
 
 std::string checkStore(const std::string& text) {
   std::error_code ignored;
-  return std::filesystem::is_directory(text, ignored) ? "" : "the store " + text + " is no directory";
+  return std::filesystem::is_directory(text, ignored) ? "" : "the store " + text + " is not a directory";
 }
 
 }  // namespace
@@ -78,41 +96,41 @@ ParsedOptions parseOptions(int argc, char** argv) {
   std::vector<std::string> injections;
   unsigned int freezeLimit = 60;
 
-  CLI::App app("Runs a command as if the mirelsnap driver were loaded.");
+  CLI::App app("Run a command as if the mirelsnap driver were loaded.");
   app.formatter(std::make_shared<HelpText>());
   app.footer(footer());
-  app.add_option("--trace", options.trace, "Write one JSON line a driver command to FILE")->type_name("FILE");
-  app.add_option("--inject", injections, "Make the N-th command of a kind fail or answer so; may be\nrepeated")
+  app.add_option("--trace", options.trace, "Write one line of JSON per driver command to FILE")->type_name("FILE");
+  app.add_option("--inject", injections, "Make the N-th such command fail, or return a status;\nmay be repeated")
       ->type_name("COMMAND:N:[lost=]ERRNO[:STATUS]")
       ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->check(checkInjection);
-  app.add_flag("--unloaded", options.unloaded, "No driver until a process has executed modprobe mirelsnap");
-  app.add_option("--version", options.version, "What the driver answers when asked for its version")
+  app.add_flag("--unloaded", options.unloaded, "No driver until modprobe mirelsnap is executed");
+  app.add_option("--version", options.version, "Version that the driver reports")
       ->type_name("VERSIONTEXT")
       ->capture_default_str()
       ->check(checkVersion);
   app.add_option(
          "--store", options.store,
-         "Folder for the images of snapshots (default: /var/tmp, or\n/dev/shm when that lies on a snapped volume)")
+         "Directory for snapshot images (default: /var/tmp, or\n/dev/shm if that lies on a volume to be snapped)")
       ->type_name("DIR")
       ->check(checkStore);
-  app.add_option("--freeze-limit", freezeLimit, "How long a snap may hold its volumes still, in seconds")
+  app.add_option("--freeze-limit", freezeLimit, "How long a snap may keep its volumes frozen, in seconds")
       ->type_name("SECONDS")
       ->capture_default_str();
-  app.add_flag("--quiet", options.quiet, "Do not say which commands were refused, and why");
+  app.add_flag("--quiet", options.quiet, "Do not report refused commands");
 
-  // What follows the first "--" is COMMAND's own, to the letter.
+  // Everything after the first "--" is COMMAND and its arguments, unchanged.
   const auto end = argv + argc;
   const auto separator = std::find(argv, end, std::string_view("--"));
   try {
     app.parse(static_cast<int>(separator - argv), argv);
-    if (separator == end || separator + 1 == end) throw CLI::RequiredError("-- COMMAND");
+    if (separator == end || separator + 1 == end) throw CLI::ParseError("no command given after '--'", kExitRefused);
   } catch (const CLI::CallForHelp& help) {
     parsed.exit = app.exit(help);
     return parsed;
   } catch (const CLI::ParseError& problem) {
-    std::fprintf(stderr, "mirelsnap-emulator: %s (see --help)\n", problem.what());
+    std::fprintf(stderr, "mirelsnap-emulator: %s; see 'mirelsnap-emulator --help'\n", problem.what());
     parsed.exit = kExitRefused;
     return parsed;
   }

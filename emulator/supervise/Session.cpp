@@ -32,7 +32,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kGraceAfterSignal{10000};  // for COMMAND, when the emulator is told to end
+constexpr milliseconds kGraceAfterSignal{10000};  // for COMMAND, after a signal
 constexpr milliseconds kGraceForTheRest{2000};    // for what COMMAND left running
 
 DriverSettings driverSettings(const Options& options) {
@@ -49,18 +49,18 @@ int complain(const std::string& what, int code) {
   return code;
 }
 
-// Ends what is left of COMMAND's processes, at the latest when something went wrong. They are still served meanwhile.
+// Terminates what is left of COMMAND's processes, also after an exception. They are served until then.
 class Ending {
  public:
   Ending(const Kernel& kernel, EmulatedDriver& driver, Supervisor& supervisor)
       : mKernel(kernel), mDriver(driver), mSupervisor(supervisor) {}
   ~Ending() {
     try {
-      // Nobody who waits for a frozen volume could end.
+      // A process that waits for a frozen volume cannot be terminated.
       mSupervisor.betweenCommands([&driver = mDriver] { driver.thawAll(); });
       endAll(mKernel, kGraceForTheRest, [&driver = mDriver] { driver.cancel(); });
     } catch (const std::exception&) {
-      // Memory is short: COMMAND itself dies with the emulator.
+      // Out of memory: COMMAND itself is killed with the emulator.
     }
     mDriver.cancel();
     removeControlNode();
@@ -74,7 +74,7 @@ class Ending {
   Supervisor& mSupervisor;
 };
 
-// All that exists while COMMAND runs; it goes in the reverse order.
+// Owns everything that exists while COMMAND runs; destroyed in reverse order.
 int superviseCommand(const Kernel& kernel, const Options& options, StartedCommand& command, DriverFile driverFile,
                      UniqueFd traceFile, HeldSignals& signals) {
   Messages messages(options.quiet);
@@ -96,8 +96,8 @@ int superviseCommand(const Kernel& kernel, const Options& options, StartedComman
 }  // namespace
 
 std::string whyNot() {
-  if (geteuid() != 0) return "must be run as root: it freezes file systems, and makes loop devices and nodes";
-  if (!canHandOverSystemCalls()) return "this kernel has no seccomp user notification (Linux 5.14 or newer has it)";
+  if (geteuid() != 0) return "must be run as root: it freezes file systems and creates loop devices and device nodes";
+  if (!canHandOverSystemCalls()) return "this kernel lacks seccomp user notification; Linux 5.14 or newer is needed";
   const UniqueFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
   if (!control || ioctl(control.get(), LOOP_CTL_GET_FREE) < 0) {
     return std::string("no loop devices (/dev/loop-control): ") + std::strerror(errno);
@@ -110,7 +110,7 @@ int runSession(Kernel& kernel, const Options& options) {
   if (!options.trace.empty()) {
     traceFile = UniqueFd(open(options.trace.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
     if (!traceFile)
-      return complain("cannot write the trace " + options.trace + ": " + std::strerror(errno), kExitRefused);
+      return complain("cannot write the trace file " + options.trace + ": " + std::strerror(errno), kExitRefused);
   }
   auto driverFile = DriverFile::make();
   if (!driverFile) return complain(driverFile.error().why, kExitRefused);
@@ -124,7 +124,7 @@ int runSession(Kernel& kernel, const Options& options) {
   auto net = SafetyNet::spread(kernel);
   if (!net) return complain(net.error().why, kExitRefused);
   const Kernel::NetInUse netInUse = kernel.use(*net);
-  // What is left of COMMAND's processes comes to the emulator, whoever their parents were.
+  // Orphans among COMMAND's processes become children of the emulator.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   return superviseCommand(kernel, options, *command, std::move(*driverFile), std::move(traceFile), signals);
 }

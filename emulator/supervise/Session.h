@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One run of the emulator: COMMAND from its start to its end, the signals meanwhile, and the end of everything.
+// One run of the emulator: COMMAND from start to end, the signals in between, and cleaning up.
 #pragma once
 
 #include "emulator/machine/Kernel.h"

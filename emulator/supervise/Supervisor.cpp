@@ -27,7 +27,7 @@
 namespace emulator {
 namespace {
 
-// Buffers as large as the running kernel wants them, which may know more fields than this program.
+// A buffer of the size that the running kernel needs: it may know more fields than this program.
 class Notification {
  public:
   Notification() {
@@ -96,15 +96,15 @@ void Supervisor::takeCalls() {
     if (waiting[1].revents != 0) return;
     if ((waiting[0].revents & POLLIN) == 0) {
       if (waiting[0].revents == 0) continue;
-      return;  // nobody is left who could call
+      return;  // no supervised process is left
     }
     if (notification.receive(mListener.get())) {
       takeCall(notification.call());
-    } else if (errno != EINTR && errno != ENOENT) {  // the caller went away meanwhile: ENOENT
+    } else if (errno != EINTR && errno != ENOENT) {  // ENOENT: the caller has gone away
       break;
     }
   }
-  mMessages.warn(std::string("cannot take system calls any more: ") + std::strerror(errno));
+  mMessages.warn(std::string("cannot receive system calls any more: ") + std::strerror(errno));
   mBroken();
 }
 
@@ -120,7 +120,7 @@ void Supervisor::takeCall(const seccomp_notif& call) {
     }
     letThrough(call.id);
   } catch (const std::exception& problem) {
-    mMessages.warn(std::string("a system call goes unanswered: ") + problem.what());
+    mMessages.warn(std::string("a system call could not be answered: ") + problem.what());
     answer(call.id, ENOMEM);
   }
 }
@@ -137,7 +137,7 @@ void Supervisor::takeRequest(const seccomp_notif& call) {
   queue([this, request] { serve(*request); });
 }
 
-// The driver is loaded once somebody under the emulator starts modprobe for it, whatever comes of that.
+// The driver counts as loaded once a supervised process executes modprobe for it, whatever modprobe returns.
 void Supervisor::takeExecution(const seccomp_notif& call) {
   if (mLoaded) return;
   const Caller caller(mKernel, static_cast<pid_t>(call.pid));
@@ -198,7 +198,7 @@ bool Supervisor::stillWaits(std::uint64_t id) const {
   return ioctl(mListener.get(), SECCOMP_IOCTL_NOTIF_ID_VALID, &id) == 0;
 }
 
-// An answer to somebody who went away meanwhile is no error.
+// Answering a caller that has gone away is not an error.
 void Supervisor::letThrough(std::uint64_t id) const {
   seccomp_notif_resp response{id, 0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE};
   ioctl(mListener.get(), SECCOMP_IOCTL_NOTIF_SEND, &response);

@@ -26,7 +26,7 @@ namespace emulator {
 
 class Supervisor {
  public:
-  // `listener`: where the calls arrive. With `loaded` false there is no driver until somebody loads it. `broken` is
+  // `listener`: where the calls arrive. With `loaded` false there is no driver until a process loads it. `broken` is
   // called once, from another thread, when calls cannot be taken any more.
   Supervisor(const Kernel& kernel, CommandDesk& desk, Messages& messages, DriverFile driverFile, UniqueFd listener,
              bool loaded, std::function<void()> broken);

@@ -30,7 +30,7 @@ constexpr std::uint32_t argument(unsigned int index) {
   return static_cast<std::uint32_t>(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t));
 }
 
-// A program that looks at one call after the other. Where nothing says otherwise a call goes to the kernel.
+// A filter program that tests for one call after another. By default a call goes to the kernel.
 class Program {
  public:
   Program() {
@@ -91,8 +91,8 @@ class Program {
   std::vector<sock_filter> mProgram;
 };
 
-// Only what can name the driver's file by its full path is looked at. A call that starts at an open directory is left
-// alone, and so is an open that makes files or wants a directory: tar and its like lose no time.
+// Only calls that can name the driver's file by its full path are handed over. Calls relative to an open directory, and
+// opens that create files or need a directory, are not: tar and the like lose no time.
 std::vector<sock_filter> makeProgram(const FilterOptions& options) {
   Program program;
   program.handIfMasked(SYS_ioctl, 1, 0xFFFFFF00, kDriverRequests);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The system calls that come to the emulator before the kernel looks at them.
+// The system calls that the kernel hands to the emulator before it carries them out.
 #pragma once
 
 #include "base/Handle.h"
@@ -15,7 +15,7 @@ struct FilterOptions {
 bool canHandOverSystemCalls();
 
 // Puts the filter on the calling process and all that it will start. The descriptor on which the calls arrive; invalid
-// on failure, errno says why (EBUSY: somebody supervises this process already).
+// on failure, errno says why (EBUSY: this process is supervised already).
 UniqueFd installFilter(const FilterOptions& options);
 
 }  // namespace emulator

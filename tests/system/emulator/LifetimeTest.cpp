@@ -101,13 +101,13 @@ void expectRefused(const std::string& why, const std::function<void()>& prepare)
 }
 
 TEST(Exit, code_is_2_before_anything_is_touched_where_the_caller_is_not_root) {
-  expectRefused("must be run as root: it freezes file systems, and makes loop devices and nodes", [] {
+  expectRefused("must be run as root: it freezes file systems and creates loop devices and device nodes", [] {
     if (!becomeNobody()) _exit(99);
   });
 }
 
 TEST(Exit, code_is_2_where_the_kernel_hands_no_system_calls_over) {
-  expectRefused("this kernel has no seccomp user notification (Linux 5.14 or newer has it)",
+  expectRefused("this kernel lacks seccomp user notification; Linux 5.14 or newer is needed",
                 [] { forbid(SYS_seccomp, 0, SECCOMP_GET_ACTION_AVAIL, EOPNOTSUPP); });
 }
 
@@ -125,14 +125,15 @@ TEST(Exit, code_is_2_under_another_emulator) {
   const auto nested = runToTheEnd({}, {"env", "ASAN_OPTIONS=detect_leaks=0", EMULATOR_PROGRAM, "--", "true"});
   EXPECT_EQ(nested.exitCode, 2);
   EXPECT_EQ(nested.errors,
-            "mirelsnap-emulator: somebody takes the system calls of this process already (another emulator?)\n");
+            "mirelsnap-emulator: the system calls of this process are already supervised (by another emulator?)\n");
 }
 
 TEST(Exit, code_is_2_for_wrong_usage_and_for_a_trace_that_cannot_be_written) {
   EXPECT_EQ(runToTheEnd({"--nonsense"}, {"true"}).exitCode, 2);
   const auto trace = runToTheEnd({"--trace", "/nowhere/trace"}, {"true"});
   EXPECT_EQ(trace.exitCode, 2);
-  EXPECT_EQ(trace.errors, "mirelsnap-emulator: cannot write the trace /nowhere/trace: No such file or directory\n");
+  EXPECT_EQ(trace.errors,
+            "mirelsnap-emulator: cannot write the trace file /nowhere/trace: No such file or directory\n");
 }
 
 // ---- the command's world
@@ -256,9 +257,8 @@ TEST(End, detaches_a_busy_mount_and_says_so) {
   ASSERT_EQ(mount(candidate.node().c_str(), folder.path().c_str(), "ext4", MS_RDONLY, nullptr), 0);
   UniqueFd user(open((folder / "file").c_str(), O_RDONLY | O_CLOEXEC));
   run.end();
-  EXPECT_EQ(run.emulator().errors(),
-            "mirelsnap-emulator: " + folder.path() +
-                " is still in use: its snapshot is detached, and goes when its last user does\n");
+  EXPECT_EQ(run.emulator().errors(), "mirelsnap-emulator: " + folder.path() +
+                                         ": still in use; detached, the snapshot goes away with its last user\n");
   char text[7];
   EXPECT_EQ(read(user.get(), text, 7), 7);
   EXPECT_EQ(test::loopDevicesOver(store.path()).size(), 1u);
@@ -350,7 +350,7 @@ TEST(End, gives_up_a_snap_whose_client_is_gone) {
   ioctl(root.get(), FITHAW, 0);
   EXPECT_EQ(run.emulator().wait(), 143);
   EXPECT_FALSE(exists(candidate.node()));
-  EXPECT_NE(test::readFile(dir / "trace").find("\"why\":\"the emulator is ending\""), std::string::npos);
+  EXPECT_NE(test::readFile(dir / "trace").find("\"why\":\"the emulator is shutting down\""), std::string::npos);
 }
 
 }  // namespace

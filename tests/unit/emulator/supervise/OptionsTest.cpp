@@ -68,13 +68,13 @@ TEST(EmulatorOptions, end_at_the_first_separator_and_all_behind_it_is_the_comman
 }
 
 TEST(EmulatorOptions, that_are_wrong_are_refused_with_one_line_and_2) {
-  EXPECT_EQ(complaint({}), "mirelsnap-emulator: -- COMMAND is required (see --help)\n");
+  EXPECT_EQ(complaint({}), "mirelsnap-emulator: no command given after '--'; see 'mirelsnap-emulator --help'\n");
   complaint({"--"});
   complaint({"true"});
   complaint({"--nonsense", "--", "true"});
   complaint({"--freeze-limit", "soon", "--", "true"});
   EXPECT_NE(complaint({"--inject", "snap:x:EIO", "--", "true"}).find("N counts from 1"), std::string::npos);
-  EXPECT_NE(complaint({"--store", "/nowhere", "--", "true"}).find("the store /nowhere is no directory"),
+  EXPECT_NE(complaint({"--store", "/nowhere", "--", "true"}).find("the store /nowhere is not a directory"),
             std::string::npos);
 }
 
@@ -96,6 +96,7 @@ TEST(EmulatorOptions, help_names_every_command_and_every_option) {
   EXPECT_EQ(parse({"--help"}).exit, 0);
   const std::string help = testing::internal::GetCapturedStdout();
   for (const emulator::Command& command : emulator::kCommands) EXPECT_NE(help.find(command.name), std::string::npos);
+  for (const auto& [status, name] : kDriverStatusNames) EXPECT_NE(help.find(name), std::string::npos) << name;
   for (const char* option :
        {"--trace", "--inject", "--unloaded", "--version", "--store", "--freeze-limit", "--quiet", "-- COMMAND"}) {
     EXPECT_NE(help.find(option), std::string::npos) << option;
