@@ -3,9 +3,9 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <initializer_list>
 #include <set>
+#include <span>
 
 #include "emulator/machine/DeviceNumber.h"
 
@@ -37,17 +37,16 @@ Complaint checkTrailer(const CommandBuffer& buffer) {
   return checkZero(buffer, buffer.size() - kDriverTrailerSize, buffer.size());
 }
 
-template <std::size_t N>
-Complaint checkTerminated(const char (&field)[N], const char* what) {
-  if (std::memchr(field, '\0', N) != nullptr) return kFine;
-  return std::string("the ") + what + " is not terminated";
+bool isTerminated(std::span<const char> field) { return std::find(field.begin(), field.end(), '\0') != field.end(); }
+
+Complaint checkTerminated(std::span<const char> field, const std::string& what) {
+  return isTerminated(field) ? kFine : "the " + what + " is not terminated";
 }
 
-template <std::size_t N>
-Complaint checkName(const char (&field)[N], const char* what) {
-  if (Complaint complaint = checkTerminated(field, what)) return complaint;
+Complaint checkName(std::span<const char> field, const std::string& what) {
+  if (!isTerminated(field)) return checkTerminated(field, what);
   if (field[0] == '/') return kFine;
-  return std::string("the ") + what + " \"" + field + "\" is not a full path";
+  return "the " + what + " \"" + field.data() + "\" is not a full path";
 }
 
 Complaint checkFlag(std::uint32_t value, const char* what) {
