@@ -29,9 +29,9 @@
 #include "LoopVolume.h"
 #include "RatioReporter.h"
 #include "World.h"
+#include "base/Handle.h"
 #include "driver/DriverProtocol.h"
 #include "driver/RunMap.h"
-#include "base/Handle.h"
 #include "reloc/LinuxSnapshotreloc.h"
 
 namespace {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "driver/VolumeRecords.h"
 #include "base/Handle.h"
+#include "driver/VolumeRecords.h"
 #include "reloc/DriverReference.h"
 #include "sysinfo/LinuxSystemInfo.h"
 #include "sysinfo/MountTable.h"

@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "driver/DriverCommand.h"
 #include "base/Handle.h"
+#include "driver/DriverCommand.h"
 
 // The driver's status word for the block device `volume` after `request`, which is one of the checks. Nothing, logged,
 // when the driver could not be asked; `logFailure` logs a request that failed with the errno `error`.

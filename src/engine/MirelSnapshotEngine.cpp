@@ -14,8 +14,8 @@
 #include <cstdlib>
 #include <cwchar>
 
-#include "engine/Boundary.h"
 #include "base/Handle.h"
+#include "engine/Boundary.h"
 #include "qxtools/Log.h"
 #include "qxtools/UnixUtils.h"
 

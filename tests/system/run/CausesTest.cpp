@@ -84,10 +84,11 @@ TEST_F(RunFails, to_clean_up_with_118_while_the_driver_cannot_be_asked_and_advis
   const Ended ended =
       runScript(session, {"--volume", volume.device()}, "rm /dev/mirelsnapctl && mkdir /dev/mirelsnapctl");
   EXPECT_EQ(ended.code, 118);
-  EXPECT_EQ(ended.errors, "mirelsnap: " + volume.device() +
-                              ": the snapshots may be left: /dev/mirelsnapctl: the driver does not tell what it holds: "
-                              "unlink(/dev/mirelsnapctl): Is a directory; run mirelsnap reconcile: that removes what is "
-                              "left\n");
+  EXPECT_EQ(ended.errors,
+            "mirelsnap: " + volume.device() +
+                ": the snapshots may be left: /dev/mirelsnapctl: the driver does not tell what it holds: "
+                "unlink(/dev/mirelsnapctl): Is a directory; run mirelsnap reconcile: that removes what is "
+                "left\n");
   EXPECT_TRUE(fs::exists(volume.folder() + "/.verrelocarea/" + volume.device().substr(5))) << "the snapshot uses it";
   fs::remove("/dev/mirelsnapctl");
   EXPECT_EQ(session.run({MIRELSNAP_PROGRAM, "reconcile"}).code, 0);
@@ -111,9 +112,9 @@ TEST(RunCleansUp, what_a_process_uses_when_that_lets_go_in_time_and_says_meanwhi
   const Volume volume("ext4", 32 << 20);
   const TempDir dir;
   Session session;
-  test::Process running = session.start(test::runArguments(
-      {"--volume", volume.device(), "--base", dir / "base"},
-      {"/bin/sh", "-c", "cd $MIRELSNAP_VOLUME_1; sleep 60 >/dev/null 2>&1 & echo $!; exit 3"}));
+  test::Process running = session.start(
+      test::runArguments({"--volume", volume.device(), "--base", dir / "base"},
+                         {"/bin/sh", "-c", "cd $MIRELSNAP_VOLUME_1; sleep 60 >/dev/null 2>&1 & echo $!; exit 3"}));
   while (running.running() && running.errors().empty()) usleep(1000);
   const std::string sleeper = running.output().substr(0, running.output().size() - 1);
   const std::string exposed = dir / "base" + volume.folder();
