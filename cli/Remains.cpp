@@ -13,6 +13,7 @@
 #include "BaseSweep.h"
 #include "Processes.h"
 #include "SnapshotDevice.h"
+#include "driver/FilesInUse.h"
 #include "driver/VolumeRecords.h"
 
 namespace cli {
@@ -20,13 +21,13 @@ namespace {
 
 // What living processes hold.
 struct Held {
-  std::set<FileId> files;
+  std::vector<UsedFile> files;
   std::set<dev_t> fileSystems;      // that the files lie on, or will
   std::set<std::string> snapshots;  // their devices
 };
 
 void noteFile(const std::string& path, Held& held) {
-  held.files.insert(fileAt(path));
+  held.files.emplace_back(path);
   // The file may not be there yet, nor its directory.
   held.fileSystems.insert(fileAt(std::filesystem::path(path).parent_path().parent_path()).first);
 }
@@ -46,10 +47,10 @@ bool note(const RelocFileMappingInformation& mapping, Held& held) {
 }
 
 // Of all relocation files those that no living process holds.
-std::vector<std::string> abandonedFiles(std::vector<std::string> all, const std::set<FileId>& held) {
+std::vector<std::string> abandonedFiles(std::vector<std::string> all, const std::vector<UsedFile>& held) {
   std::erase_if(all, [&](const std::string& path) {
-    const FileId id = fileAt(path);
-    return id == FileId{} || held.contains(id);
+    const auto isHeld = [&](const UsedFile& file) { return file.isAt(path); };
+    return fileAt(path) == FileId{} || std::any_of(held.begin(), held.end(), isHeld);
   });
   return all;
 }

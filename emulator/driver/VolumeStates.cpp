@@ -3,7 +3,6 @@
 // The driver's commands about the state of volumes: snapped, frozen, freezing, thawing.
 #include <algorithm>
 #include <cerrno>
-#include <ranges>
 #include <vector>
 
 #include "emulator/driver/EmulatedDriver.h"
@@ -92,15 +91,15 @@ Answer EmulatedDriver::thaw(const Caller&, CommandBuffer& buffer) {
       }
     }
   }
-  for (FileSystem& frozen : std::views::reverse(mFrozen)) {
-    if (isListed(frozen)) frozen.thaw();
+  for (auto frozen = mFrozen.rbegin(); frozen != mFrozen.rend(); ++frozen) {
+    if (isListed(*frozen)) frozen->thaw();
   }
   std::erase_if(mFrozen, isListed);
   return done();
 }
 
 void EmulatedDriver::thawAll() {
-  for (FileSystem& frozen : std::views::reverse(mFrozen)) frozen.thaw();
+  for (auto frozen = mFrozen.rbegin(); frozen != mFrozen.rend(); ++frozen) frozen->thaw();
   mFrozen.clear();
 }
 

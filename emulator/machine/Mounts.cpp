@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ranges>
 #include <vector>
 
 #include "emulator/machine/Caller.h"
@@ -16,14 +15,14 @@ namespace emulator {
 void unmountAll(const Kernel& kernel, const std::set<DeviceNumber>& devices,
                 const std::function<void(const std::string&)>& tell) {
   const std::vector<MountLine> mounts = Caller(kernel, getpid()).mounts();
-  for (const MountLine& mount : std::views::reverse(mounts)) {
-    if (!devices.contains(numberOf(mount.device))) continue;
-    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
+  for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
+    if (!devices.contains(numberOf(mount->device))) continue;
+    if (umount2(mount->folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
     const int error = errno;
-    if (umount2(mount.folder.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0) {
-      tell(mount.folder + ": still in use; detached, the snapshot goes away with its last user");
+    if (umount2(mount->folder.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0) {
+      tell(mount->folder + ": still in use; detached, the snapshot goes away with its last user");
     } else {
-      tell(mount.folder + ": cannot unmount the snapshot: " + std::strerror(error));
+      tell(mount->folder + ": cannot unmount the snapshot: " + std::strerror(error));
     }
   }
 }

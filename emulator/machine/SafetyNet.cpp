@@ -13,7 +13,6 @@
 #include <cstring>
 #include <map>
 #include <optional>
-#include <ranges>
 #include <set>
 
 #include "emulator/machine/ControlNode.h"
@@ -82,7 +81,8 @@ std::optional<Held> receive(int socket) {
 }
 
 void undo(const Kernel& kernel, std::map<unsigned int, Held>& holds) {
-  for (auto& [number, held] : std::views::reverse(holds)) {
+  for (auto hold = holds.rbegin(); hold != holds.rend(); ++hold) {
+    Held& held = hold->second;
     if (held.note.kind != Note::kFrozen) continue;
     ioctl(held.descriptor.get(), FITHAW, 0);
     held.descriptor.reset();

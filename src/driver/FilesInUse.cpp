@@ -9,6 +9,7 @@
 #include "base/Process.h"
 #include "driver/DriverProtocol.h"
 #include "driver/VolumeRecords.h"
+#include "reloc/RelocationFileRemoval.h"
 
 namespace {
 
@@ -24,11 +25,13 @@ bool holds(int owner, const std::string& file, const std::string& path, pid_t ex
 
 }  // namespace
 
-UsedFile::UsedFile(std::string path) : mPath(std::move(path)), mFile(fileBehind(mPath)) {}
+UsedFile::UsedFile(std::string path)
+    : mPath(std::move(path)), mEntry(relocFileEntry(mPath)), mFile(fileBehind(mPath)) {}
 
 bool UsedFile::isAt(const std::string& path) const {
   const bool cut = mPath.size() >= kDriverPathSize - 1;
-  return path == mPath || (mFile && fileBehind(path) == mFile) || (cut && path.starts_with(mPath));
+  const bool sameName = !mEntry.empty() && relocFileEntry(path) == mEntry;
+  return path == mPath || sameName || (mFile && fileBehind(path) == mFile) || (cut && path.starts_with(mPath));
 }
 
 bool isFileInUse(SnapDriverInterface& driver, const std::string& path, pid_t except) {

@@ -14,12 +14,15 @@
 class UsedFile {
  public:
   explicit UsedFile(std::string path);
-  // Whether `path` is that file, whatever path it has there: a second mount of its file system shows it under another
-  // one, and unlinking it there would take it from its owner. A name that fills the driver's field may have been cut.
+  // Whether `path` is that file or cannot be told from it: a second mount of its file system shows it under another
+  // path, and who owns a folder above a mount point can move it and put another in its place. So every file of that
+  // name is taken for it: the name is that of the snapped device. A name that fills the driver's field may have been
+  // cut.
   bool isAt(const std::string& path) const;
 
  private:
   std::string mPath;
+  std::string mEntry;                            // the last component
   std::optional<std::pair<dev_t, ino_t>> mFile;  // which one the path leads to
 };
 

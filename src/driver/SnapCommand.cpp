@@ -205,6 +205,7 @@ int SnapSet::sizeDriverTables() {
 
 int SnapSet::lockDriver() {
   if (mControl.take(DriverLock::Kind::kShared, kPatience) != DriverLock::Outcome::kBusy) return 0;
+  noteCause(kControlNode, "is locked by a process that removes snapshots and makes no progress");
   syslog(
       LOG_ERR,
       "Unable to take a snapshot: another process is removing snapshots or relocation files (reconcile) and makes no "

@@ -393,6 +393,26 @@ TEST_F(Reconcile, a_mapping_whose_file_is_not_there_keeps_no_other) {
   EXPECT_FALSE(fs::exists(orphan));
 }
 
+// The owner of a folder above a mount point can rename it: the mount table follows, and the driver's path does not.
+TEST_F(Reconcile, a_file_whose_mount_point_was_moved_is_kept_for_its_living_owner) {
+  const std::string used = makeFile("sdb1");
+  const std::string orphan = makeFile("sdc1");
+  mappings.push_back({getpid(), "/dev/sdb1", "/mnt/never/there/.verrelocarea/sdb1"});
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(used));
+  EXPECT_FALSE(fs::exists(orphan));
+}
+
+TEST_F(Reconcile, a_file_of_the_name_that_a_living_owner_mapped_elsewhere_is_kept_whatever_stands_there) {
+  const std::string used = makeFile("sdb1");
+  const test::TempDir decoy;
+  fs::create_directory(decoy / ".verrelocarea");
+  test::writeFile(decoy / ".verrelocarea/sdb1", "");
+  mappings.push_back({getpid(), "/dev/sdb1", decoy / ".verrelocarea/sdb1"});
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_TRUE(fs::exists(used));
+}
+
 TEST_F(Reconcile, an_orphan_that_is_no_file_of_roots_is_left_alone_and_told_of) {
   const std::string target = volume.folder() + "/target";
   test::writeFile(target, "content");
@@ -457,7 +477,7 @@ TEST_F(Reconcile, another_file_with_the_same_number_on_another_file_system_is_re
   const test::Volume other("ext4", 8 << 20);
   fs::create_directory(other.folder() + "/.verrelocarea");
   const std::string used = makeFile("sdb1");
-  const std::string orphan = other.folder() + "/.verrelocarea/sdb1";
+  const std::string orphan = other.folder() + "/.verrelocarea/sdc1";
   test::writeFile(orphan, "");
   struct stat first {
   }, second{};
