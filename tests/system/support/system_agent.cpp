@@ -22,6 +22,7 @@
 
 #include "Channel.h"
 #include "Steps.h"
+#include "Waiting.h"
 
 namespace {
 
@@ -132,8 +133,18 @@ Json create(const Json&) {
   return {{"engine", engines.size() - 1}};
 }
 
+// The worker of a job lets go of its own reference only after it has said that the job is done.
+void waitForWorkerOf(const Engine& engine) {
+  if (engine.job == nullptr || engine.job->Wait(0) == USC_S_ASYNC_PENDING) return;
+  static_cast<void>(test::comesTrue([&] {
+    engine.face->AddRef();
+    return engine.face->Release() == 2;  // the agent's: the face and the job
+  }));
+}
+
 Json release(const Json& order) {
   Engine& engine = engineOf(order);
+  waitForWorkerOf(engine);
   if (engine.job != nullptr) engine.job->Release();
   return {{"count", engine.face->Release()}};
 }

@@ -12,6 +12,7 @@
 #include "LoopVolume.h"
 #include "ScriptedDriver.h"
 #include "SnapshotDevice.h"
+#include "Waiting.h"
 #include "driver/DriverProtocol.h"
 
 using namespace UnixSnapshotCoordinator;
@@ -94,6 +95,11 @@ void takeOneSet(const std::string& type, std::uint64_t bytes) {
   EXPECT_FALSE(driver.snapped());
   EXPECT_FALSE(exists(store.folder() + "/.verrelocarea"));
   job->Release();
+  // The worker lets go of its reference after the job's end.
+  EXPECT_TRUE(test::comesTrue([&] {
+    engine->AddRef();
+    return engine->Release() == 1u;
+  }));
   EXPECT_EQ(engine->Release(), 0u);
 }
 
