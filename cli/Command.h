@@ -13,7 +13,8 @@ namespace cli {
 
 // From here to the end of the process the signals that ask a process to end no longer end this one: they are remembered
 // and, while a command runs, passed on to it. Nor does a pipe whose reader went away, or a limit on the size of files.
-// The ends of children are heard of even when they were ignored at the start.
+// The ends of children are heard of even when they were ignored at the start. For the main thread, before there are
+// others. Throws std::system_error.
 void holdSignalsBack();
 
 // The first signal that came since, 0 while none did.

@@ -20,7 +20,12 @@ bool isIgnored(int number) {
   return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-UniqueFd openTerminal() { return UniqueFd(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)); }
+// The controlling terminal: only of that one the kernel tells the foreground. A container may have no /dev/tty.
+UniqueFd openTerminal() {
+  UniqueFd terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+  if (!terminal && tcgetpgrp(STDIN_FILENO) >= 0) terminal = UniqueFd(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+  return terminal;
+}
 
 // Touching a terminal from the background would stop this process.
 class NotStoppedByTerminal {
