@@ -59,21 +59,9 @@ std::vector<Mount> MountTable::under(const std::string& folder) const {
 
 bool isWhole(const Mount& mount) { return mount.root == "/"; }
 
-bool liesWithin(const std::string& path, const std::string& folder) {
-  if (folder == "/") return !path.empty() && path.front() == '/';
-  return path.compare(0, folder.size(), folder) == 0 && (path.size() == folder.size() || path[folder.size()] == '/');
-}
-
 std::string resolved(const std::string& path) {
   const std::unique_ptr<char, FreeMemory> real(realpath(path.c_str(), nullptr));
   return real == nullptr ? path : std::string(real.get());
-}
-
-std::string joined(const std::string& base, const std::string& path) {
-  std::string result = base;
-  while (!result.empty() && result.back() == '/') result.pop_back();
-  if (path != "/") result += path;
-  return result.empty() ? "/" : result;
 }
 
 }  // namespace cli

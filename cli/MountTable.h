@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Paths.h"
+
 namespace cli {
 
 struct Mount {
@@ -39,11 +41,7 @@ class MountTable {
 
 // Whether all of the file system is mounted there.
 bool isWhole(const Mount& mount);
-// Whether `path` is `folder` or lies below it.
-bool liesWithin(const std::string& path, const std::string& folder);
 // `path` as the mount table spells it, absolute and with links resolved; as it is when it leads nowhere.
 std::string resolved(const std::string& path);
-// `base` joined with an absolute path.
-std::string joined(const std::string& base, const std::string& path);
 
 }  // namespace cli

@@ -91,7 +91,8 @@ std::optional<DeviceNumber> Caller::blockDevice(const std::string& path) const {
 }
 
 std::vector<MountLine> Caller::mounts() const {
-  return readMountInfo(UniqueFd(openat(mFolder.get(), "mountinfo", O_RDONLY | O_CLOEXEC)));
+  return readMountInfo(UniqueFd(openat(mFolder.get(), "mountinfo", O_RDONLY | O_CLOEXEC)))
+      .value_or(std::vector<MountLine>());
 }
 
 }  // namespace emulator

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,9 +17,11 @@ struct MountLine {
   std::string root;  // what of the file system is mounted: "/" but for a bind of a directory or a file
   std::string folder;  // where it is mounted, seen from the process's root
   std::string type;
-  std::string source;  // what was mounted: usually a device's path; empty for "none"
+  std::string source;    // what was mounted: usually a device's path; empty for "none"
+  bool network = false;  // its files are on another machine
+  bool pseudo = false;   // it is the kernel's own (proc, tmpfs and the like)
 };
 
-// Every mount of an open mountinfo file, in its order; lines that are not of that format are left out. Empty when
-// nothing is open or it cannot be read. Throws std::bad_alloc.
-std::vector<MountLine> readMountInfo(UniqueFd file);
+// Every mount of an open mountinfo file, in its order; lines that are not of that format are left out. Nothing when no
+// file is open or it cannot be read. Throws std::bad_alloc.
+std::optional<std::vector<MountLine>> readMountInfo(UniqueFd file);

@@ -2,7 +2,6 @@
 #include "qxtools/MountPointCollection.h"
 
 #include <fcntl.h>
-#include <libmount.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -18,25 +17,12 @@
 #include <utility>
 
 #include "base/Handle.h"
+#include "base/MountInfo.h"
+#include "base/Paths.h"
 #include "qxtools/UnixUtils.h"
 
 namespace UnixUtils {
 namespace {
-
-using MountTable = std::unique_ptr<libmnt_table, CloseWith<&mnt_unref_table>>;
-using MountIterator = std::unique_ptr<libmnt_iter, CloseWith<&mnt_free_iter>>;
-
-std::string TextOf(const char* text) { return text == nullptr ? std::string() : std::string(text); }
-
-// What libmount takes for a network file system, and what its versions differ in or do not know.
-bool IsNetworkFileSystem(libmnt_fs* mount) {
-  static constexpr std::string_view kOthers[] = {
-      "afs",       "beegfs",         "ceph",       "coda",           "lustre",      "ncpfs",     "orangefs",  "smb3",
-      "fuse.ceph", "fuse.curlftpfs", "fuse.davfs", "fuse.glusterfs", "fuse.rclone", "fuse.s3fs", "fuse.sshfs"};
-  if (mnt_fs_is_netfs(mount) != 0) return true;
-  const char* type = mnt_fs_get_fstype(mount);
-  return type != nullptr && std::find(std::begin(kOthers), std::end(kOthers), type) != std::end(kOthers);
-}
 
 // The kernel's number of the mount that holds `path`; -1 where it does not tell (before 5.8).
 int MountIdOf(const char* path) {
@@ -44,12 +30,6 @@ int MountIdOf(const char* path) {
   if (statx(AT_FDCWD, path, AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC, STATX_MNT_ID, &status) != 0) return -1;
   if ((status.stx_mask & STATX_MNT_ID) == 0 || status.stx_mnt_id > INT_MAX) return -1;
   return static_cast<int>(status.stx_mnt_id);
-}
-
-// Whether `folder` is `path` or one of the directories above it.
-bool Contains(std::string_view folder, std::string_view path) {
-  if (folder == "/") return true;
-  return path.substr(0, folder.size()) == folder && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
 std::string DeviceText(const char* prefix, std::uint64_t number) {
@@ -139,19 +119,15 @@ SystemMountPointCollection* SystemMountPointCollection::GetLocalSystemMountPoint
 }
 
 bool SystemMountPointCollection::read() {
-  const MountTable table(mnt_new_table_from_file("/proc/self/mountinfo"));
-  const MountIterator iterator(mnt_new_iter(MNT_ITER_FORWARD));
-  if (table == nullptr || iterator == nullptr) return false;
-  const auto count = static_cast<std::size_t>(std::max(0, mnt_table_get_nents(table.get())));
-  mMounts.reserve(count);
-  mEntries.reserve(count);
-  libmnt_fs* mount = nullptr;
-  while (mnt_table_next_fs(table.get(), iterator.get(), &mount) == 0) {
-    mMounts.push_back({mnt_fs_get_id(mount), TextOf(mnt_fs_get_target(mount)), nullptr});
-    if (IsNetworkFileSystem(mount)) continue;
-    mEntries.push_back(new MountPointInformation(mMounts.back().folder, TextOf(mnt_fs_get_root(mount)),
-                                                 TextOf(mnt_fs_get_fstype(mount)), TextOf(mnt_fs_get_source(mount)),
-                                                 mnt_fs_get_devno(mount), mnt_fs_is_pseudofs(mount) != 0));
+  auto table = readMountInfo(UniqueFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)));
+  if (!table) return false;
+  mMounts.reserve(table->size());
+  mEntries.reserve(table->size());
+  for (MountLine& line : *table) {
+    mMounts.push_back({line.id, line.folder, nullptr});
+    if (line.network) continue;
+    mEntries.push_back(new MountPointInformation(std::move(line.folder), std::move(line.root), std::move(line.type),
+                                                 std::move(line.source), line.device, line.pseudo));
     mMounts.back().entry = mEntries.back();
   }
   return true;
@@ -202,7 +178,7 @@ const SystemMountPointCollection::Mount* SystemMountPointCollection::findDeepest
     const char* resolvedPath) const noexcept {
   const Mount* deepest = nullptr;
   for (const Mount& mount : mMounts) {
-    if (!Contains(mount.folder, resolvedPath)) continue;
+    if (!liesWithin(resolvedPath, mount.folder)) continue;
     if (deepest == nullptr || mount.folder.size() >= deepest->folder.size()) deepest = &mount;
   }
   return deepest;

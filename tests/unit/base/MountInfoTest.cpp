@@ -16,7 +16,7 @@ namespace {
 std::vector<MountLine> mountsIn(const std::string& text) {
   const test::TempDir dir;
   test::writeFile(dir / "mountinfo", text);
-  return readMountInfo(UniqueFd(open((dir / "mountinfo").c_str(), O_RDONLY | O_CLOEXEC)));
+  return readMountInfo(UniqueFd(open((dir / "mountinfo").c_str(), O_RDONLY | O_CLOEXEC))).value();
 }
 
 TEST(MountInfo, reads_the_fields_that_matter) {
@@ -65,14 +65,14 @@ TEST(MountInfo, leaves_out_what_is_no_line_of_it_and_reads_on) {
   }
 }
 
-TEST(MountInfo, is_empty_when_nothing_is_open) { EXPECT_TRUE(readMountInfo(UniqueFd()).empty()); }
+TEST(MountInfo, is_nothing_when_nothing_is_open) { EXPECT_FALSE(readMountInfo(UniqueFd())); }
 
 TEST(MountInfo, of_the_kernel_has_a_mount_on_a_folder_with_a_blank_in_its_name) {
   const test::TempDir dir;
   const std::string folder = dir / "a b";
   ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
   ASSERT_EQ(mount("some source", folder.c_str(), "tmpfs", 0, nullptr), 0);
-  const auto mounts = readMountInfo(UniqueFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)));
+  const auto mounts = readMountInfo(UniqueFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC))).value();
   const auto found =
       std::find_if(mounts.begin(), mounts.end(), [&](const MountLine& mount) { return mount.folder == folder; });
   ASSERT_NE(found, mounts.end());
