@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks the documents: check.py pictures|links|snippets SOURCE_FOLDER COMPILER"""
+"""Checks the documents: check.py pictures|links|snippets|names SOURCE_FOLDER COMPILER"""
 import pathlib
 import re
 import subprocess
@@ -65,7 +65,28 @@ def snippets():
         wrong.append("no piece of code was found")
 
 
-{"pictures": pictures, "links": links, "snippets": snippets}[check]()
+def names():
+    """The tests and source files that the tables of behaviour name exist, and each file name is unambiguous."""
+    tests = set()
+    for path in [*source.glob("tests/unit/**/*.cpp"), *source.glob("tests/system/**/*.cpp")]:
+        text = path.read_text(encoding="utf-8")
+        tests |= {".".join(match) for match in re.findall(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\)", text, re.M)}
+    files = [path.name for folder in ("src", "include") for path in source.glob(f"{folder}/**/*.*")]
+    for document in (source / "docs/contract.md", source / "docs/threads.md"):
+        rows = re.findall(r"^\| .*", document.read_text(encoding="utf-8"), re.M)
+        named = re.findall(r"`(\w+)\.(\w+)`", "\n".join(rows))
+        for suite, test in named:
+            name = f"{suite}.{test}"
+            if test in ("cpp", "h"):
+                if files.count(name) != 1:
+                    wrong.append(f"{document.name}: {files.count(name)} files are called {name}")
+            elif name not in tests:
+                wrong.append(f"{document.name}: there is no test {name}")
+        if not named:
+            wrong.append(f"{document.name} names nothing")
+
+
+{"pictures": pictures, "links": links, "snippets": snippets, "names": names}[check]()
 for text in wrong:
     print("FAILED:", text, file=sys.stderr)
 sys.exit(1 if wrong else 0)
