@@ -167,7 +167,7 @@ class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
   // Writes the kernel driver's version text; empty when there is no driver. The text is the engine's and
   // lives as long as it does. `version` must not be null. Always S_OK.
   virtual int GetVersionString(const wchar_t** version) = 0;
-  // Writes 1 when the driver answers, else 0. S_OK, or E_POINTER for null.
+  // Writes 1 when the driver answers, else 0. S_OK; E_POINTER for null; E_OUTOFMEMORY, with nothing written.
   virtual int SupportsSnapshots(int* supported) = 0;
   // Writes 1: several volumes stand at one instant. S_OK, or E_POINTER for null.
   virtual int SupportsPITMultiVolumeSnaps(int* supported) = 0;
