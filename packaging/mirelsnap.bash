@@ -1,6 +1,6 @@
 # Bash completion for mirelsnap(1).
 
-# Block devices that are mounted, and where they are.
+# Mounted block devices, and their mount points.
 _mirelsnap_devices() {
   findmnt --noheadings --raw --real --output SOURCE 2>/dev/null | grep '^/dev/' | sort -u
 }
@@ -8,7 +8,7 @@ _mirelsnap_mount_points() {
   findmnt --noheadings --raw --real --output SOURCE,TARGET 2>/dev/null | sed -n 's#^/dev/[^ ]* ##p' | sort -u
 }
 
-# Completes with the lines that are given; names may hold blanks, which findmnt writes as \x20.
+# Completes with the lines on standard input. Names may contain blanks, which findmnt prints as \x20.
 _mirelsnap_reply() {
   local word
   while IFS= read -r word; do
@@ -28,7 +28,7 @@ _mirelsnap() {
   local verbs='run shell status doctor plan reconcile freeze thaw changes stop-tracking log-level dump-state'
   local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} verb= i
   COMPREPLY=()
-  # Readline takes "=" and ":" for words: --volume=/dev/sdb1, DEVICE:MOUNTPOINT.
+  # Readline treats "=" and ":" as words of their own: --volume=/dev/sdb1, DEVICE:MOUNTPOINT.
   if [[ $cur == [=:] ]]; then
     previous=$cur cur=
   fi
@@ -39,7 +39,7 @@ _mirelsnap() {
   fi
 
   for ((i = 1; i < COMP_CWORD; i++)); do
-    # Behind "--" stands a command with its own arguments.
+    # A command with its own arguments follows "--".
     if [[ ${COMP_WORDS[i]} == -- ]]; then
       if declare -F _command_offset >/dev/null; then
         _command_offset $((i + 1))

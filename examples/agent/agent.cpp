@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A whole backup agent: takes the snapshots of volumes, all of one instant, runs a command on them, cleans up.
+// A complete backup agent: takes snapshots of volumes at one instant, runs a command on them, cleans up.
 //
 //     agent DEVICE MOUNTPOINT [DEVICE MOUNTPOINT]... BASE COMMAND
 //     agent /dev/sdb1 /srv /run/agent 'tar -C /run/agent --exclude=.verrelocarea -cf /backup/srv.tar .'
 //
-// BASE is this agent's alone: what is mounted below it at the start is taken for left over.
+// BASE must be this agent's alone: anything mounted below it at the start is taken for a leftover and unmounted.
 #include <mirelsnap/SnapshotEngine.h>
 #include <clocale>
 #include <csignal>
@@ -66,18 +66,18 @@ bool run(const char* command) {
 bool backUp(IUscSnapshotEngine* engine, const std::vector<Volume>& volumes, const Path& base, const char* command) {
   std::error_code error;
   std::set<Path> folders = {base};
-  for (const Volume& volume : volumes) {  // the engine makes the base, but no folder in it
+  for (const Volume& volume : volumes) {  // the engine creates the base, but no directory in it
     const Path target = base / volume.mountPoint.relative_path();
-    create_directories(target, error);  // one that cannot be made fails the exposure
+    create_directories(target, error);  // without it the exposure fails
     for (Path folder = target; folder != base; folder = folder.parent_path()) folders.insert(folder);
   }
   bool done = ok(engine->ExposeSnapshotsInSnapshotSet(base.wstring().c_str()), "cannot mount below", base,
                  "see the system log") &&
               run(command);
-  engine->UnExposeSnapshotsInSnapshotSet();  // cannot remove the base yet: the folders made above are in it
+  engine->UnExposeSnapshotsInSnapshotSet();  // cannot remove the base yet: it contains the directories created above
   for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder) {
     if (remove(*folder, error); !error) continue;
-    std::fprintf(stderr, "agent: %s is left: %s\n", folder->c_str(), error.message().c_str());
+    std::fprintf(stderr, "agent: %s cannot be removed: %s\n", folder->c_str(), error.message().c_str());
     done = false;
   }
   return done;
@@ -86,7 +86,7 @@ bool backUp(IUscSnapshotEngine* engine, const std::vector<Volume>& volumes, cons
 int main(int argc, char** argv) try {
   std::setlocale(LC_ALL, "");
   for (int signal : {SIGHUP, SIGINT, SIGTERM}) std::signal(signal, [](int) { stopped = 1; });
-  // As the mount table spells it: from the root on, no symbolic link, no "/" at the end.
+  // As the mount table spells it: absolute, without symbolic links, without a trailing "/".
   Path base = argc >= 5 && argc % 2 == 1 ? weakly_canonical(std::filesystem::absolute(argv[argc - 2])) : Path();
   if (!base.has_filename()) base = base.parent_path();
   if (base == base.root_path()) {  // what is mounted below "/" is not this agent's

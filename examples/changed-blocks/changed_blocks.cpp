@@ -4,9 +4,9 @@
 //
 //   changed-blocks [--reloc-mount DIR] DEVICE IMAGE -- COMMAND [ARG...]
 //
-// First moment: takes a snapshot of DEVICE with change tracking and copies it whole to IMAGE. Then runs COMMAND. Second
-// moment: freezes DEVICE, asks the driver which blocks changed, copies just those to IMAGE, thaws. IMAGE is then what
-// DEVICE is at the second moment. Needs root and the driver (or mirelsnap-emulator).
+// Takes a snapshot of DEVICE with change tracking and copies it to IMAGE in full. Runs COMMAND. Then freezes DEVICE,
+// asks the driver which blocks have changed, copies only these to IMAGE, and thaws DEVICE. IMAGE is then identical to
+// DEVICE as it was while frozen. Needs root and the driver (or mirelsnap-emulator).
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <mirelsnap/DriverInterface.h>
@@ -32,15 +32,15 @@
 namespace {
 
 constexpr std::size_t kPiece = 1 << 20;
-constexpr std::size_t kAlignment = 4096;  // of direct reading
+constexpr std::size_t kAlignment = 4096;  // for O_DIRECT
 constexpr unsigned int kAlreadyFrozen = 24;
 
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what); }
 [[noreturn]] void failWithErrno(const std::string& what) { fail(what + ": " + std::strerror(errno)); }
 
-std::wstring wide(const std::string& path) { return {path.begin(), path.end()}; }  // the driver takes the low bytes
+std::wstring wide(const std::string& path) { return {path.begin(), path.end()}; }  // only low bytes reach the driver
 
-// An open file, closed at the end.
+// An open file; closed by the destructor.
 class File {
  public:
   File(const std::string& path, int flags) : mDescriptor(open(path.c_str(), flags | O_CLOEXEC, 0600)), mPath(path) {
@@ -53,7 +53,7 @@ class File {
   int get() const { return mDescriptor; }
   struct stat status() const {
     struct stat found;
-    if (fstat(mDescriptor, &found) != 0) failWithErrno("cannot ask for " + mPath);
+    if (fstat(mDescriptor, &found) != 0) failWithErrno("cannot stat " + mPath);
     return found;
   }
   void read(char* to, std::size_t length, std::uint64_t at) const {
@@ -80,7 +80,7 @@ class File {
   std::string mPath;
 };
 
-// Copies bytes [start, start + length) from one file to the same place of another.
+// Copies bytes [start, start + length) of one file to the same offset of another.
 void copyRange(const File& from, const File& to, std::uint64_t start, std::uint64_t length) {
   const std::unique_ptr<char, void (*)(void*)> buffer(static_cast<char*>(std::aligned_alloc(kAlignment, kPiece)),
                                                       std::free);
@@ -93,7 +93,7 @@ void copyRange(const File& from, const File& to, std::uint64_t start, std::uint6
   }
 }
 
-// The driver interface, held for the program's life.
+// A reference on the driver interface.
 class Driver {
  public:
   Driver() : mDriver(SnapDriverInterface::Instance()) {
@@ -108,23 +108,23 @@ class Driver {
   SnapDriverInterface* mDriver;
 };
 
-// What the rest needs to know of a volume.
+// What the other classes need to know about a volume.
 struct Volume {
   std::string path;
   dev_t number = 0;
   std::uint64_t bytes = 0;
-  unsigned int blockSize = 0;  // of its file system, bytes: also the unit of the changed runs
+  unsigned int blockSize = 0;  // of its file system, in bytes; also the unit of the changed runs
 
   explicit Volume(const std::string& device) : path(device) {
     const File opened(device, O_RDONLY);
-    if (ioctl(opened.get(), BLKGETSIZE64, &bytes) != 0) failWithErrno(device + " is no block device");
+    if (ioctl(opened.get(), BLKGETSIZE64, &bytes) != 0) failWithErrno(device + " is not a block device");
     number = opened.status().st_rdev;
     blockSize = fileSystemBlockSize();
   }
   std::list<std::wstring> names() const { return {wide(path)}; }
 
  private:
-  // Of the file system that is mounted from the device.
+  // Of the file system mounted from the device.
   unsigned int fileSystemBlockSize() const {
     const std::unique_ptr<FILE, int (*)(FILE*)> table(setmntent("/proc/self/mounts", "r"), endmntent);
     while (const mntent* mount = table == nullptr ? nullptr : getmntent(table.get())) {
@@ -138,13 +138,13 @@ struct Volume {
   }
 };
 
-// A snapshot of a volume that the driver tracks the changes of, as long as it lives.
+// A snapshot of a volume whose changes the driver tracks while this object exists.
 class TrackedSnapshot {
  public:
   TrackedSnapshot(const Driver& driver, const Volume& volume, const std::string& relocMount)
       : mDriver(driver), mVolume(volume) {
     constexpr bool kTrackChanges = true;
-    constexpr bool kIndependent = false;  // an independent snapshot is not tracked
+    constexpr bool kIndependent = false;  // independent snapshots do not start tracking
     constexpr unsigned int kSizeOfTheLibrarysChoice = 0;
     constexpr unsigned int kUsage = 0;
     std::list<SnapVolumeInformation> request;
@@ -159,7 +159,7 @@ class TrackedSnapshot {
   ~TrackedSnapshot() {
     std::list<std::wstring> names = mVolume.names();
     const unsigned int result = mDriver->UnSnapVolume(&names, false);
-    if (result != 0) std::fprintf(stderr, "changed-blocks: the snapshot stays: driver interface %u\n", result);
+    if (result != 0) std::fprintf(stderr, "changed-blocks: cannot discard the snapshot: driver interface %u\n", result);
   }
   TrackedSnapshot(const TrackedSnapshot&) = delete;
   TrackedSnapshot& operator=(const TrackedSnapshot&) = delete;
@@ -172,7 +172,7 @@ class TrackedSnapshot {
   std::string mDevice;
 };
 
-// Holds a volume still for a scope. One that somebody else holds still already stays so.
+// Freezes a volume for a scope. A volume that is already frozen stays frozen.
 class Standstill {
  public:
   Standstill(const Driver& driver, const Volume& volume) : mDriver(driver), mVolume(volume) {
@@ -196,7 +196,7 @@ class Standstill {
   bool mOurs;
 };
 
-// All runs that changed, however many commands it takes.
+// All changed runs, however many commands it takes to read them.
 std::vector<_run> changedRuns(const Driver& driver, const Volume& volume) {
   std::vector<_run> all;
   std::wstring name = wide(volume.path);
@@ -206,7 +206,7 @@ std::vector<_run> changedRuns(const Driver& driver, const Volume& volume) {
     const unsigned int result = driver->GetVtrackBitmap(bitmap);
     if (result != 0) fail("cannot read what changed: driver interface " + std::to_string(result));
     for (const _run& run : std::span(runs).first(bitmap.getNumOfRuns())) {
-      // An answer that does not get on would be asked for without an end.
+      // Without progress this loop would never end.
       if (run.startBlock < next || run.numBlocks == 0)
         fail("the driver's changed runs of " + volume.path + " do not rise");
       next = run.startBlock + run.numBlocks;
@@ -231,12 +231,12 @@ void runCommand(char** command) {
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) fail(std::string(command[0]) + " failed");
 }
 
-// The two moments.
+// The two points in time.
 void keepImage(const std::string& device, const std::string& imagePath, const std::string& relocMount, char** command) {
   const Driver driver;
   const Volume volume(device);
   const File image(imagePath, O_RDWR | O_CREAT);
-  // It could not be written while the volume stands still.
+  // It could not be written while the volume is frozen.
   if (image.status().st_dev == volume.number) fail(imagePath + " lies on the volume itself");
 
   const TrackedSnapshot snapshot(driver, volume, relocMount);
@@ -247,7 +247,7 @@ void keepImage(const std::string& device, const std::string& imagePath, const st
   std::uint64_t copied = 0;
   const Standstill standstill(driver, volume);
   const std::vector<_run> runs = changedRuns(driver, volume);
-  const File live(device, O_RDONLY | O_DIRECT);  // what is on the device, not what its page cache held before
+  const File live(device, O_RDONLY | O_DIRECT);  // the page cache of the device may be older than the device
   for (const _run& run : runs) {
     copyRange(live, image, run.startBlock * volume.blockSize, run.numBlocks * volume.blockSize);
     copied += run.numBlocks * volume.blockSize;

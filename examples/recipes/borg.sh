@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Backs volumes up into a Borg repository, at one instant: borg.sh VOLUME...
-# BORG_REPO and BORG_PASSPHRASE or BORG_PASSCOMMAND say which, as always; `borg init` makes it, once.
+# Backs up volumes into a Borg repository, as they are at one instant: borg.sh VOLUME...
+# BORG_REPO and BORG_PASSPHRASE or BORG_PASSCOMMAND name it, as usual. Create it once with `borg init`.
 set -euo pipefail
 if [ $# -lt 1 ]; then
   echo "usage: BORG_REPO=... BORG_PASSCOMMAND=... $0 VOLUME..." >&2
@@ -13,5 +13,5 @@ backup() {
 }
 export -f backup
 
-# One base for all times: by their paths borg knows the files again, and reads only those that changed.
+# Always the same base: Borg recognizes files by their paths and reads only those that have changed.
 exec mirelsnap run --base /run/mirelsnap-borg "${@/#/--volume=}" -- bash -euc backup

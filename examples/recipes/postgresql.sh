@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Copies a running PostgreSQL cluster at one instant, without stopping it: postgresql.sh DATA_DIRECTORY COPY
-# Data directory, write-ahead log and tablespaces may lie on as many volumes as they like: all are in one set. COPY is
-# a new folder; COPY/data is the data directory to start a server on, which then recovers as after a power failure.
-# After CREATE TABLESPACE make a CHECKPOINT first: a recovery that repeats it links the copy to the live tablespace.
+# Copies a running PostgreSQL cluster as it is at one instant, without stopping it: postgresql.sh DATA_DIRECTORY COPY
+# Data directory, write-ahead log and tablespaces may lie on any number of volumes: all are in one set. COPY is a new
+# directory. Start a server on COPY/data; it recovers as it would after a power failure.
+# Run CHECKPOINT after CREATE TABLESPACE: a recovery that replays it links the copy to the live tablespace.
 set -euo pipefail
 if [ $# -ne 2 ]; then
   echo "usage: $0 DATA_DIRECTORY COPY" >&2
@@ -19,9 +19,9 @@ done
 copy=$(realpath "$2")
 export data wal copy
 
-# The log and the tablespaces are part of the copy, whose links never lead to the live ones.
+# The write-ahead log and the tablespaces become part of the copy; its links never lead to the live ones.
 backup() {
-  trap 'exit 143' TERM # when what runs now has ended: it reads the snapshots
+  trap 'exit 143' TERM # after the current command has ended: it reads the snapshots
   mkdir "$copy" "$copy/tablespaces"
   chown --reference="$data" "$copy" "$copy/tablespaces"
   chmod 700 "$copy" "$copy/tablespaces"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Backs volumes up into a restic repository, at one instant: restic.sh VOLUME...
-# RESTIC_REPOSITORY and RESTIC_PASSWORD_FILE say which, as always; `restic init` makes it, once.
+# Backs up volumes into a restic repository, as they are at one instant: restic.sh VOLUME...
+# RESTIC_REPOSITORY and RESTIC_PASSWORD_FILE name it, as usual. Create it once with `restic init`.
 set -euo pipefail
 if [ $# -lt 1 ]; then
   echo "usage: RESTIC_REPOSITORY=... RESTIC_PASSWORD_FILE=... $0 VOLUME..." >&2
@@ -13,5 +13,5 @@ backup() {
 }
 export -f backup
 
-# One base for all times: by its path restic finds the backup before, and reads only what changed since.
+# Always the same base: restic finds the previous backup by its path and reads only what has changed since.
 exec mirelsnap run --base /run/mirelsnap-restic "${@/#/--volume=}" -- bash -euc backup
