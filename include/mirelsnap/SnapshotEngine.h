@@ -157,7 +157,9 @@ using IUscAsync = IUscAsyncType<0x507C37B4, 0xCF5B, 0x4E95, 0xB0, 0xAF, 0x14, 0x
 
 // The engine. One engine serves one snapshot set: start it, add volumes, set options, run the job,
 // expose, read properties, unexpose, delete, release. Only one set per process is in progress at a time.
-// One thread at a time calls it; counting references and watching the job is free to any thread at any time.
+// Only one thread at a time may call it, except for AddRef and Release (any thread, any time) and for Wait and
+// QueryStatus (any thread, once DoSnapshotSet has returned). In a process only one of these may run at a time, whatever
+// the engine: creating an engine, its last Release, SupportsSnapshots, DoReconcile, DeleteSnapshots of a set, a job.
 // The slots stand in their binary order; the type has no virtual destructor.
 template <MIRELSNAP_GUID_PARAMETERS>
 class IUscSnapshotEngineType : public UnixInterfaces::IUnknown {
