@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the worker does, and what it leaves.
+#include <fcntl.h>
+#include <linux/fs.h>
 #include <syslog.h>
 
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
 
 #include "Interposed.h"
 #include "JobTest.h"
@@ -30,6 +34,17 @@ int exitCode(void* value) { return static_cast<int>(reinterpret_cast<std::intptr
 std::wstring failureText(int code) {
   return L"DoSnapshotOnSeparateThread: ERROR: <Driver Interface>::SnapVolume() failed, Snap Result: " +
          std::to_wstring(code) + L"!";
+}
+
+// The descriptors that a program would inherit that this process executes now.
+std::set<int> inheritedDescriptors() {
+  std::set<int> descriptors;
+  for (const auto& entry : std::filesystem::directory_iterator(std::string(kRealProc) + "/self/fd")) {
+    const int descriptor = std::stoi(entry.path().filename());
+    const int flags = fcntl(descriptor, F_GETFD);
+    if (flags >= 0 && (flags & FD_CLOEXEC) == 0) descriptors.insert(descriptor);
+  }
+  return descriptors;
 }
 
 // --- Whole jobs
@@ -208,6 +223,57 @@ TEST_F(Worker, the_job_outlives_the_agents_last_reference) {
   EXPECT_EQ(SnapDriverInterface::mInstance, nullptr);
   EXPECT_TRUE(noSetInProgress());
   EXPECT_TRUE(isListed(setId));
+  forget(setId);
+}
+
+TEST_F(Worker, runs_with_the_signal_mask_of_the_thread_that_started_the_job) {
+  bool blocked = false;
+  driver.on(IOC_SNAP, [&](std::byte*, std::size_t) {
+    sigset_t now;
+    pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    blocked = sigismember(&now, SIGUSR1) == 1 && sigismember(&now, SIGUSR2) == 0;
+    return 0;
+  });
+  const Engine engine;
+  const _SSGUIDPLAIN setId = engine.start();
+  engine.addWithRelocation(volume);
+  sigset_t mask;
+  sigset_t before;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGUSR1);
+  pthread_sigmask(SIG_SETMASK, &mask, &before);
+  Job job(engine);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  awaitEnd(engine, job);
+  EXPECT_TRUE(blocked);
+  forget(setId);
+}
+
+TEST_F(Worker, leaves_no_descriptor_to_a_program_that_is_executed_meanwhile) {
+  const std::set<int> before = inheritedDescriptors();
+  std::set<int> meanwhile;
+  int looks = 0;
+  const auto look = [&] {
+    ++looks;
+    meanwhile.merge(inheritedDescriptors());
+  };
+  // With the control node and the relocation file open, and with the control node alone.
+  driver.intercept(FIBMAP, [&](int, void*) {
+    look();
+    return std::nullopt;
+  });
+  driver.on(IOC_SNAP, [&](std::byte*, std::size_t) {
+    look();
+    return 0;
+  });
+  const Engine engine;
+  const _SSGUIDPLAIN setId = engine.start();
+  engine.addWithRelocation(volume);
+  Job job(engine);
+  awaitEnd(engine, job);
+  EXPECT_EQ(outcome(job), std::make_pair(USC_S_ASYNC_FINISHED, 0));
+  EXPECT_GE(looks, 2);
+  EXPECT_EQ(meanwhile, before);
   forget(setId);
 }
 
