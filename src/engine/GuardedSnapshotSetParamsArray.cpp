@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "engine/AutoLock.h"
 #include "qxtools/UnixUtils.h"
@@ -15,7 +16,12 @@ using UnixInterfaces::IsEqualGUID;
 LinuxGuardedSnapshotSetParamsArray::~LinuxGuardedSnapshotSetParamsArray() {
   pthread_mutex_destroy(&mMutex);
   for (MirelSnapshotSetParams* set : mSets) set->Done();
-  mSets.clear();
+}
+
+void LinuxGuardedSnapshotSetParamsArray::RemoveAll() {
+  const AutoLock hold(mMutex);
+  const std::unique_lock<std::shared_mutex> changing(mSearching);
+  for (MirelSnapshotSetParams* set : std::exchange(mSets, {})) set->Done();
 }
 
 bool LinuxGuardedSnapshotSetParamsArray::Add(MirelSnapshotSetParams* set) try {

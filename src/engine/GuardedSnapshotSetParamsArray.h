@@ -24,6 +24,8 @@ class LinuxGuardedSnapshotSetParamsArray {
   bool Add(MirelSnapshotSetParams* set);
   // Removes the set `setId`; only the set listed first can be removed.
   bool RemoveSnapshotSet(const _SSGUIDPLAIN& setId);
+  // Drops every set.
+  void RemoveAll();
   // The first volume of any set on this device, with a reference; null when none. Does not take the array's mutex.
   MirelSnapshotVolumeParams* FindVolume(const wchar_t* name);
   MirelSnapshotVolumeParams* FindVolume(const char* name);

@@ -10,9 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <new>
 
 #include "base/Handle.h"
 #include "engine/Boundary.h"
@@ -27,9 +29,15 @@ const _SSGUIDPLAIN MirelSnapshotEngine::sProviderUUID = {
 pthread_mutex_t MirelSnapshotEngine::sLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t MirelSnapshotEngine::sCond = PTHREAD_COND_INITIALIZER;
 pthread_cond_t MirelSnapshotEngine::sCondNewSnapshotSet = PTHREAD_COND_INITIALIZER;
-LinuxGuardedSnapshotSetParamsArray MirelSnapshotEngine::sSnapshotSetParamsArray;
 
 namespace {
+
+alignas(LinuxGuardedSnapshotSetParamsArray) std::byte sArrayStorage[sizeof(LinuxGuardedSnapshotSetParamsArray)];
+
+// Drops the sets that are still listed when the library is unloaded or the process ends.
+struct EmptiesArray {
+  ~EmptiesArray() { MirelSnapshotEngine::sSnapshotSetParamsArray.RemoveAll(); }
+};
 
 // The name of the constructor in its messages.
 constexpr char kConstructor[] = "MirelSnapshotEngine";
@@ -56,6 +64,10 @@ bool isBlockDeviceWithRoom(const char* name) {
 }
 
 }  // namespace
+
+LinuxGuardedSnapshotSetParamsArray& MirelSnapshotEngine::sSnapshotSetParamsArray =
+    *new (sArrayStorage) LinuxGuardedSnapshotSetParamsArray;
+static const EmptiesArray sEmptiesArray;
 
 // --- Making and unmaking
 

@@ -174,7 +174,8 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
   static pthread_mutex_t sLock;               // guards sUUID, every engine's mState and mSnapResult, both conditions
   static pthread_cond_t sCond;                // a job left StateSnapshotSetInProgress
   static pthread_cond_t sCondNewSnapshotSet;  // sUUID was cleared
-  static LinuxGuardedSnapshotSetParamsArray sSnapshotSetParamsArray;
+  // Never destroyed, only emptied: a worker may list its set while the process ends.
+  static LinuxGuardedSnapshotSetParamsArray& sSnapshotSetParamsArray;
 
   MirelSnapshotSetParams* mSnapshotSetParams = nullptr;  // one reference
   SnapDriverInterface* mDriver = nullptr;                // one reference on the singleton

@@ -15,7 +15,7 @@ namespace mirelsnapsdk_linuxcomputer {
 namespace {
 
 // Nodes whose path begins so are other names of the root device, never its own.
-const std::string kRootAliasPrefix = "/dev/root";
+constexpr char kRootAliasPrefix[] = "/dev/root";
 
 std::string formatDeviceNumber(unsigned long device) {
   char text[16];

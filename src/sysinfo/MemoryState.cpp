@@ -15,15 +15,15 @@
 namespace mirelsnapsdk_linuxcomputer {
 namespace {
 
-const std::string kMemInfoPath = "/proc/meminfo";
-const std::string kDigits = "0123456789";
+constexpr char kMemInfoPath[] = "/proc/meminfo";
+constexpr char kDigits[] = "0123456789";
 
-const std::string kMemTotal = "MemTotal";
-const std::string kMemFree = "MemFree";
-const std::string kHighFree = "HighFree";
-const std::string kLowFree = "LowFree";
-const std::string kCached = "Cached";
-const std::string kAnonPages = "AnonPages";
+constexpr char kMemTotal[] = "MemTotal";
+constexpr char kMemFree[] = "MemFree";
+constexpr char kHighFree[] = "HighFree";
+constexpr char kLowFree[] = "LowFree";
+constexpr char kCached[] = "Cached";
+constexpr char kAnonPages[] = "AnonPages";
 
 // A longer line arrives in pieces of one byte less, each taken for a line.
 constexpr int kLineBuffer = 128;
@@ -46,10 +46,10 @@ std::uint64_t valueOf(const std::string& line) {
 }  // namespace
 
 int LinuxSystemInfo::InitializeSystemMemoryState() {
-  UniqueFile file(std::fopen(kMemInfoPath.c_str(), "rte"));
+  UniqueFile file(std::fopen(kMemInfoPath, "rte"));
   if (!file) {
-    noteFailedCall("open", kMemInfoPath.c_str(), errno);
-    syslog(LOG_ERR, "Unable to open the %s file, errno : %d.\n", kMemInfoPath.c_str(), errno);
+    noteFailedCall("open", kMemInfoPath, errno);
+    syslog(LOG_ERR, "Unable to open the %s file, errno : %d.\n", kMemInfoPath, errno);
     return kCannotOpen;
   }
   try {

@@ -3,12 +3,16 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdlib>
 #include <optional>
 
 #include "Builders.h"
 #include "Locale.h"
 #include "OtherThread.h"
 #include "Threading.h"
+#include "engine/MirelSnapshotEngine.h"
 #include "interpose/Allocations.h"
 
 using test::guid;
@@ -269,4 +273,30 @@ TEST(GuardedSnapshotSets, takes_its_mutex_outside_the_sets) {
   expectLocks(3, "GetSnappedVolumeCount", [&] { sets.GetSnappedVolumeCount(); });
   expectLocks(2, "GetVolume", [&] { HeldVolume(sets.GetVolume(guid(1), 0)); });
   expectLocks(1, "RemoveSnapshotSet", [&] { sets.RemoveSnapshotSet(guid(1)); });
+}
+
+namespace {
+
+HeldSet* addedAtTheEnd = nullptr;
+
+void addAtTheEnd() {
+  if (addedAtTheEnd == nullptr) return;
+  auto& sets = MirelSnapSnapshotCoordinator::MirelSnapshotEngine::sSnapshotSetParamsArray;
+  _exit(sets.GetSnapshotSetCount() == 0 && sets.Add(addedAtTheEnd->get()) && sets.GetSnapshotSetCount() == 1 ? 0 : 1);
+}
+
+// Registered before the statics are made, hence called when they are destroyed.
+[[gnu::constructor(101)]] void registerAddAtTheEnd() { std::atexit(&addAtTheEnd); }
+
+}  // namespace
+
+TEST(GuardedSnapshotSets, of_the_process_take_the_set_of_a_worker_that_outlives_the_statics) {
+  const auto endProcess = [] {
+    HeldSet listed = newSet(1);
+    HeldSet set = newSet(2);
+    MirelSnapSnapshotCoordinator::MirelSnapshotEngine::sSnapshotSetParamsArray.Add(listed.get());
+    addedAtTheEnd = &set;
+    std::exit(2);
+  };
+  EXPECT_EXIT(endProcess(), testing::ExitedWithCode(0), "");
 }
