@@ -6,11 +6,13 @@
  * (whether or not the blocks were ever written), and promises to leave it
  * there.
  */
+#include <linux/cred.h>
 #include <linux/file.h>
 #include <linux/mm.h>
 #include <linux/namei.h>
 #include <linux/slab.h>
 #include <linux/swap.h>
+#include <linux/uidgid.h>
 #include "cow.h"
 #include "relocfile.h"
 
@@ -29,6 +31,28 @@ static u64 blocks_in_runs(struct ms_snap_entry *entry)
 	return blocks;
 }
 
+/*
+ * Old content of all users' files goes into it.  Who owns a directory above
+ * the file can put another one in its place at any moment, so what counts is
+ * the inode that is used from here on: nobody but root made it or may read it.
+ */
+static int check_owner(struct ms_request *rq, const char *name,
+		       const struct inode *inode)
+{
+	if (!S_ISREG(inode->i_mode))
+		return refuse(rq, -EINVAL, "the relocation file %.96s is not a file", name);
+	if (!uid_eq(inode->i_uid, GLOBAL_ROOT_UID))
+		return refuse(rq, -EPERM, "the relocation file %.96s belongs to user %u, not root",
+			      name, from_kuid_munged(&init_user_ns, inode->i_uid));
+	if (inode->i_nlink != 1)
+		return refuse(rq, -EPERM, "the relocation file %.96s has %u links",
+			      name, inode->i_nlink);
+	if (inode->i_mode & (S_IRWXG | S_IRWXO))
+		return refuse(rq, -EPERM, "the relocation file %.96s is open to others than root",
+			      name);
+	return 0;
+}
+
 static int check_file(struct ms_request *rq, const struct ms_snap_entry *entry,
 		      const struct inode *inode)
 {
@@ -36,9 +60,10 @@ static int check_file(struct ms_request *rq, const struct ms_snap_entry *entry,
 	dev_t named = volume_dev(entry->reloc_volume_major, entry->reloc_volume_minor);
 	dev_t holder = inode->i_sb->s_dev;
 	u64 covered;
+	int result = check_owner(rq, name, inode);
 
-	if (!S_ISREG(inode->i_mode))
-		return refuse(rq, -EINVAL, "the relocation file %.96s is not a file", name);
+	if (result)
+		return result;
 	/* A file system of several devices (btrfs) has a number of its own. */
 	if (MAJOR(holder) && holder != named)
 		return refuse(rq, -EINVAL,
@@ -66,7 +91,7 @@ int reloc_file_open(struct ms_request *rq, const struct ms_snap_entry *entry,
 	int result;
 
 	/* Looked at before it is opened: opening a device or a pipe does things. */
-	result = kern_path(entry->reloc_file_name, LOOKUP_FOLLOW, &path);
+	result = kern_path(entry->reloc_file_name, LOOKUP_FOLLOW | LOOKUP_NO_SYMLINKS, &path);
 	if (result)
 		return refuse(rq, result, "the relocation file %.96s: error %d",
 			      entry->reloc_file_name, -result);

@@ -35,15 +35,24 @@ std::uint64_t blocksInRuns(const CommandBuffer& buffer, const SnapEntry& entry) 
   return blocks;
 }
 
-// The relocation file is there, on the volume that is said to hold it, at its full size; where it lies on the snapped
-// volume itself, the runs cover it.
+// Old content of all users' files goes into it: nobody but root may have made it, or read it.
+Answer refuseOthersFile(const std::string& what, const struct stat& file) {
+  if (!S_ISREG(file.st_mode)) return refuse(EINVAL, what + " is not a regular file");
+  if (file.st_uid != 0) return refuse(EPERM, what + " belongs to user " + std::to_string(file.st_uid) + ", not root");
+  if (file.st_nlink != 1) return refuse(EPERM, what + " has " + std::to_string(file.st_nlink) + " links");
+  if ((file.st_mode & (S_IRWXG | S_IRWXO)) != 0) return refuse(EPERM, what + " is open to others than root");
+  return done();
+}
+
+// The relocation file is there, root's alone, on the volume that is said to hold it, at its full size; where it lies on
+// the snapped volume itself, the runs cover it.
 Answer refuseRelocationFile(const Caller& caller, const SnapEntry& entry, const CommandBuffer& buffer) {
   const std::string name = textOf(entry.fixed.relocFileName);
   const std::string what = "the relocation file " + name;
-  const UniqueFd file = caller.open(name, O_PATH);
+  const UniqueFd file = caller.openWithoutLinks(name, O_PATH);
   struct stat found;
   if (!file || fstat(file.get(), &found) != 0) return failedCall(errno, what);
-  if (!S_ISREG(found.st_mode)) return refuse(EINVAL, what + " is not a regular file");
+  if (Answer answer = refuseOthersFile(what, found); !answer) return answer;
   const DeviceNumber holder = numberOf(found.st_dev);
   const DeviceNumber named = relocVolumeOf(entry.fixed);
   // A file system of several devices (btrfs) shows a number of its own, which cannot be compared.

@@ -69,12 +69,20 @@ std::optional<struct stat> Caller::descriptor(int number) const {
 }
 
 UniqueFd Caller::open(const std::string& path, int flags, mode_t mode) const {
+  return openAsSeen(path, flags, mode, 0);
+}
+
+UniqueFd Caller::openWithoutLinks(const std::string& path, int flags) const {
+  return openAsSeen(path, flags, 0, RESOLVE_NO_SYMLINKS);
+}
+
+UniqueFd Caller::openAsSeen(const std::string& path, int flags, mode_t mode, std::uint64_t resolve) const {
   const UniqueFd root(openat(mFolder.get(), "root", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!root) return UniqueFd();
   open_how how{};
   how.flags = static_cast<unsigned int>(flags | O_CLOEXEC);
   how.mode = mode;
-  how.resolve = RESOLVE_IN_ROOT;  // links that begin at the root begin at the caller's
+  how.resolve = resolve | RESOLVE_IN_ROOT;  // links that begin at the root begin at the caller's
   return UniqueFd(static_cast<int>(syscall(SYS_openat2, root.get(), path.c_str(), &how, sizeof how)));
 }
 

@@ -54,6 +54,8 @@ class Caller : public CallerMemory {
   // Opens a path as the caller sees it; a relative one starts at its root. Invalid on failure, errno says why.
   // With O_CREAT a new file gets `mode`.
   UniqueFd open(const std::string& path, int flags, mode_t mode = 0) const;
+  // The same where no component of the path is a symbolic link; ELOOP where one is.
+  UniqueFd openWithoutLinks(const std::string& path, int flags) const;
   // Whether the caller, asked to execute `path`, finds a file there; a relative path starts at its working directory.
   bool findsProgram(const std::string& path) const;
   // The device that a path leads to, when it leads to a block device.
@@ -61,6 +63,8 @@ class Caller : public CallerMemory {
   std::vector<MountLine> mounts() const;
 
  private:
+  UniqueFd openAsSeen(const std::string& path, int flags, mode_t mode, std::uint64_t resolve) const;
+
   UniqueFd mFolder;  // its directory in /proc
 };
 

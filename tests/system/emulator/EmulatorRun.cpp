@@ -210,6 +210,7 @@ SnapCandidate::SnapCandidate(Client& client, const std::string& device, const st
   mVolume.relocBlocks = relocBlocks;
   mVolume.process = static_cast<std::uint32_t>(client.process());
   writeFile(mVolume.relocFile, std::string(relocBlocks * kBlockSize, '\0'));
+  if (chmod(mVolume.relocFile.c_str(), 0600) != 0) throw std::runtime_error("no chmod of " + mVolume.relocFile);
   const auto mapped =
       client.issue(IOC_CREATE_RELOC_FILE_MAPPING,
                    createMappingCommand(static_cast<std::int32_t>(mVolume.process), mVolume.name, mVolume.relocFile));

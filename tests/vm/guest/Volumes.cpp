@@ -116,6 +116,7 @@ Mounted::~Mounted() {
 std::string Mounted::makeFile(const std::string& name, std::uint64_t bytes, bool written) const {
   const std::string file = path(name);
   const Descriptor descriptor(file, O_RDWR | O_CREAT | O_TRUNC);
+  fchmod(descriptor.number, 0600);  // as the driver demands of a relocation file; vfat keeps no modes
   if (posix_fallocate(descriptor.number, 0, static_cast<off_t>(bytes)) != 0) fail(file);
   if (written) {
     const std::string zeros(1 << 20, '\0');

@@ -231,6 +231,28 @@ TEST_F(RawVolume, with_a_relocation_file_that_is_not_there_or_too_small_or_elsew
   EXPECT_EQ(unmap(asked), (Result{0, 0}));
 }
 
+TEST_F(RawVolume, with_a_relocation_file_that_is_not_roots_alone_is_refused) {
+  SnapVolume asked = volume(16 * kMiB);
+  const std::string file = asked.entry.relocFileName;
+  const Result refused{EPERM, 0};
+  for (const mode_t mode : {0640, 0620, 0604, 0602}) {
+    ASSERT_EQ(chmod(file.c_str(), mode), 0);
+    EXPECT_EQ(snap({asked}), refused);
+  }
+  ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+  ASSERT_EQ(chown(file.c_str(), 1000, 0), 0);
+  EXPECT_EQ(snap({asked}), refused);
+  ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
+  ASSERT_EQ(link(file.c_str(), (file + "-second").c_str()), 0);
+  EXPECT_EQ(snap({asked}), refused);
+  ASSERT_EQ(unlink((file + "-second").c_str()), 0);
+  ASSERT_EQ(rename(file.c_str(), (file + "-moved").c_str()), 0);
+  ASSERT_EQ(symlink((file + "-moved").c_str(), file.c_str()), 0);
+  EXPECT_EQ(snap({asked}), (Result{ELOOP, 0}));
+  ASSERT_EQ(rename((file + "-moved").c_str(), file.c_str()), 0);
+  EXPECT_EQ(snap({asked}), (Result{0, 0}));
+}
+
 TEST_F(RawVolume, that_is_discarded_while_it_is_open_gives_nothing_more_and_can_be_snapped_again) {
   SnapVolume asked = volume(16 * kMiB);
   ASSERT_EQ(snap({asked}), (Result{0, 0}));
@@ -320,7 +342,7 @@ TEST(FileSystem, xfs_with_its_relocation_file_on_itself_allocated_but_not_writte
   snapOnItself("xfs", "mkfs.xfs -q -f", "nouuid", 4096, false);
 }
 
-TEST(FileSystem, vfat_with_its_relocation_file_on_itself) { snapOnItself("vfat", "mkfs.vfat", "", 512); }
+TEST(FileSystem, vfat_with_its_relocation_file_on_itself) { snapOnItself("vfat", "mkfs.vfat", "umask=077", 512); }
 
 TEST(FileSystem, the_snapshot_of_ext4_is_clean_and_holds_the_old_files) {
   Mounted volume = ext4("/dev/vda", "/mnt/a");

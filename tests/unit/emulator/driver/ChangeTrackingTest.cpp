@@ -171,7 +171,7 @@ TEST_F(ChangeTracking, counts_in_blocks_of_the_snapshots_size) {
     volume.blockSize = size;
     volume.numBlocks = kVolumeBytes / size;
     volume.relocBlocks = 1;
-    test::writeFile(volume.relocFile, std::string(size, '\0'));
+    makeRelocFile(volume.relocFile, size);
     ASSERT_EQ(error(IOC_SNAP, test::snapCommand({volume})), 0);
     touch(loop, 3 * 65536 + 700, static_cast<char>('a' + size % 26));
     EXPECT_EQ(changed(loop), (Runs{{(3 * 65536 + 700) / size, 1}})) << size;

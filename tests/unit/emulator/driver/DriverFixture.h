@@ -62,6 +62,11 @@ struct DriverTest : testing::Test {
 
   static test::WireDevice deviceOf(const test::LoopDevice& loop) { return {loop.major(), loop.minor()}; }
 
+  // What the driver takes for a relocation file: root's alone.
+  static void makeRelocFile(const std::string& path, std::size_t size) {
+    test::writeFile(path, std::string(size, 'r'));
+    EXPECT_EQ(chmod(path.c_str(), 0600), 0);
+  }
   // A snap entry for a loop device whose relocation file lies on the scratch file system, the mapping made.
   test::WireSnapVolume candidate(const test::LoopDevice& loop, std::uint64_t bytes = kVolumeBytes) {
     test::WireSnapVolume volume;
@@ -72,7 +77,7 @@ struct DriverTest : testing::Test {
     volume.relocFile = files / ("reloc" + std::to_string(loop.minor()));
     volume.relocBlocks = 4;
     volume.process = static_cast<std::uint32_t>(getpid());
-    test::writeFile(volume.relocFile, std::string(4 * 4096, '\0'));
+    makeRelocFile(volume.relocFile, 4 * 4096);
     EXPECT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(getpid(), volume.name, volume.relocFile)),
               0);
     return volume;

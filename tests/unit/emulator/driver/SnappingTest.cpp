@@ -134,7 +134,7 @@ TEST_F(Snapping, the_relocation_file_lies_on_the_volume_that_is_said_to_hold_it)
   const test::Volume holder("ext4", kVolumeBytes);
   WireSnapVolume volume = candidate(loop);
   volume.relocFile = holder.folder() + "/reloc";
-  test::writeFile(volume.relocFile, std::string(4 * 4096, '\0'));
+  makeRelocFile(volume.relocFile, 4 * 4096);
   ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(getpid(), volume.name, volume.relocFile)),
             0);
   volume.relocDevice = {7, loop.minor()};
@@ -148,7 +148,7 @@ TEST_F(Snapping, a_relocation_file_on_its_own_volume_is_covered_by_the_runs) {
   WireSnapVolume volume = candidate(own.loop());
   volume.relocFile = own.folder() + "/reloc";
   volume.relocDevice = volume.device;
-  test::writeFile(volume.relocFile, std::string(4 * 4096, 'r'));
+  makeRelocFile(volume.relocFile, 4 * 4096);
   ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(getpid(), volume.name, volume.relocFile)),
             0);
   EXPECT_EQ(snap({volume}), EINVAL);
@@ -156,6 +156,39 @@ TEST_F(Snapping, a_relocation_file_on_its_own_volume_is_covered_by_the_runs) {
   EXPECT_EQ(snap({volume}), EINVAL);
   volume.runs = {{100, 2}, {200, 2}};
   EXPECT_EQ(snap({volume}), 0);
+}
+
+TEST_F(Snapping, is_refused_with_a_relocation_file_that_is_not_roots_alone) {
+  const test::LoopDevice loop(kVolumeBytes);
+  const WireSnapVolume volume = candidate(loop);
+  const char* const file = volume.relocFile.c_str();
+  for (const mode_t mode : {0640, 0620, 0604, 0602, 0610, 0601}) {
+    ASSERT_EQ(chmod(file, mode), 0);
+    EXPECT_EQ(snap({volume}), EPERM) << std::oct << mode;
+  }
+  ASSERT_EQ(chmod(file, 0600), 0);
+  ASSERT_EQ(chown(file, 1000, 0), 0);
+  EXPECT_EQ(snap({volume}), EPERM);
+  ASSERT_EQ(chown(file, 0, 0), 0);
+  const std::string second = volume.relocFile + "-second";
+  ASSERT_EQ(link(file, second.c_str()), 0);
+  EXPECT_EQ(snap({volume}), EPERM);
+  ASSERT_EQ(unlink(second.c_str()), 0);
+  EXPECT_EQ(snap({volume}), 0);
+}
+
+TEST_F(Snapping, is_refused_with_a_relocation_file_that_is_reached_through_a_link) {
+  const test::LoopDevice loop(kVolumeBytes);
+  WireSnapVolume volume = candidate(loop);
+  const std::string moved = files / "moved";
+  ASSERT_EQ(rename(volume.relocFile.c_str(), moved.c_str()), 0);
+  ASSERT_EQ(symlink(moved.c_str(), volume.relocFile.c_str()), 0);
+  EXPECT_EQ(snap({volume}), ELOOP);
+  ASSERT_EQ(symlink(".", (files / "folder").c_str()), 0);
+  volume.relocFile = files / "folder/moved";
+  ASSERT_EQ(error(IOC_CREATE_RELOC_FILE_MAPPING, test::createMappingCommand(getpid(), volume.name, volume.relocFile)),
+            0);
+  EXPECT_EQ(snap({volume}), ELOOP);
 }
 
 // ---- all or nothing
