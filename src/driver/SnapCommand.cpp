@@ -17,6 +17,7 @@
 #include <new>
 #include <set>
 #include <utility>
+#include <vector>
 
 #include "base/Causes.h"
 #include "driver/ControlDevice.h"
@@ -27,6 +28,7 @@
 #include "driver/TrackingGuid.h"
 #include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
+#include "reloc/RelocationOrchestration.h"
 
 namespace {
 
@@ -36,6 +38,10 @@ constexpr char kSnapshotNodePrefix[] = "/dev/snap";
 constexpr std::chrono::seconds kPatience{60};
 
 constexpr std::size_t kLongestSent = kDriverPathSize - 1;
+
+// What SnapVolume answers when a relocation file was not made, or is not where it was made. The contract: 20, although
+// the engine looks for 21 to report that storage is short.
+constexpr int kNotPlaced = 20;
 
 // The driver's refusals.
 enum SnapStatus : std::int32_t {
@@ -103,6 +109,7 @@ class SnapSet {
   int collectRuns();
   int allocateCommand();
   int fillEntries();
+  int checkRelocFiles();
   int issue();
 
   // Parts of one volume's entry.
@@ -129,6 +136,7 @@ class SnapSet {
   DriverLock mControl;
   SnapDriverInterfaceUtility* mUtility = nullptr;  // never released, as every command's
   std::uint64_t mMaxRelocBlocks = 0;
+  std::vector<UniqueFd> mMadeFiles;  // open, one a volume, in list order
   RunMap mRuns;
   unsigned int mSize = 0;
   DriverCommand mCommand;
@@ -141,7 +149,8 @@ int SnapSet::take() {
     if (const int result = (this->*step)(); result != 0) return result;
   }
   try {
-    for (const Step step : {&SnapSet::collectRuns, &SnapSet::allocateCommand, &SnapSet::fillEntries}) {
+    for (const Step step :
+         {&SnapSet::collectRuns, &SnapSet::allocateCommand, &SnapSet::fillEntries, &SnapSet::checkRelocFiles}) {
       if (const int result = (this->*step)(); result != 0) {
         abandon();
         return result;
@@ -214,8 +223,7 @@ int SnapSet::lockDriver() {
 }
 
 int SnapSet::placeRelocFiles() {
-  // The contract: 20, although the engine looks for 21 to report that storage is short.
-  return mDriver.deduceRelocLocations(&mVolumes, mMaxRelocBlocks) == 0 ? 0 : 20;
+  return makeRelocationFiles(mDriver, mVolumes, mMaxRelocBlocks, mMadeFiles) == 0 ? 0 : kNotPlaced;
 }
 
 int SnapSet::collectRuns() { return mDriver.getIoctlCmdSize(&mVolumes, &mRuns, &mSize) == 0 ? 0 : 3; }
@@ -245,6 +253,15 @@ int SnapSet::fillEntries() {
   } catch (const std::bad_alloc&) {
     syslog(LOG_ERR, "Unable to allocate memory.\n");
     return 3;
+  }
+  return 0;
+}
+
+// Just before the driver opens them by their paths.
+int SnapSet::checkRelocFiles() {
+  auto made = mMadeFiles.begin();
+  for (const SnapVolumeInformation& volume : mVolumes) {
+    if (!isStillTheFile(volume.getRelocFileName(), *made++)) return kNotPlaced;
   }
   return 0;
 }

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "base/FileIdentity.h"
 #include "base/Handle.h"
 #include "reloc/RelocationReasons.h"
 #include "sysinfo/LinuxSystemInfo.h"
@@ -106,6 +107,7 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   std::uint64_t mNumBlocksOfVolume;  // size of the volume in blocks
   std::uint64_t mFSType = 0;         // magic of the file system that holds the file
   RelocationReasons mReasons;        // why the decision is as it is
+  FileIdentity mMadeFile;            // what CreateRelocFile made
 
  private:
   // A mounted file system that can take the file.

@@ -118,6 +118,7 @@ unsigned int LinuxSnapshotreloc::CreateRelocFile() {
     syslog(LOG_ERR, "Unable to create the directory.\n");  // the contract: the directory's text
     return kRelocFileNotCreated;
   }
+  mMadeFile = identityOf(file.get()).value_or(FileIdentity());
   if (const std::optional<int> error = allocateAtOnce(file.get())) return writeOut(std::move(file), *error);
   file.reset();
   syslog(LOG_ERR, "Reloc File successfully created.\n");  // the contract: at error priority on this path

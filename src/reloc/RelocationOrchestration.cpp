@@ -10,14 +10,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 
+#include "base/Causes.h"
+#include "base/FileIdentity.h"
+#include "base/Resolve.h"
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/Planted.h"
 #include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationFileRemoval.h"
 #include "reloc/RelocationForecast.h"
+#include "reloc/RelocationOrchestration.h"
 #include "reloc/RelocationStatus.h"
 #include "reloc/WritabilityProbe.h"
 
@@ -115,8 +123,21 @@ unsigned int place(LinuxSnapshotreloc& reloc, SnapVolumeInformation& volume) {
   return placeFreely(reloc, volume);
 }
 
+// Opens, through no link, the file that was made at `path`; nothing, which is logged and noted, where the path leads to
+// another one.
+UniqueFd reopen(const std::string& path, const FileIdentity& made) {
+  UniqueFd file = openWithoutLinks(path.c_str(), O_PATH);
+  if (file && identityOf(file.get()) == made) return file;
+  const std::string why = file ? "is another file than the one that was made"
+                               : std::string("cannot be reached any more: ") + std::strerror(errno);
+  tellPlanted(path, why);
+  noteCause(path.c_str(), why.c_str());
+  return UniqueFd();
+}
+
 // Places, registers and creates one volume's file and takes its size off `remaining`; false, logged, when a step fails.
-bool makeRelocationFile(SnapDriverInterface& driver, SnapVolumeInformation& volume, unsigned long& remaining) {
+bool makeRelocationFile(SnapDriverInterface& driver, SnapVolumeInformation& volume, unsigned long& remaining,
+                        std::vector<UniqueFd>& made) {
   const auto reloc = makeFor<LinuxSnapshotreloc>(volume, remaining);
   if (place(*reloc, volume) != kRelocSuccess) return false;
   // The contract: asked only now, so that the record of the volume that finds no memory left is placed all the same.
@@ -129,7 +150,8 @@ bool makeRelocationFile(SnapDriverInterface& driver, SnapVolumeInformation& volu
     syslog(LOG_ERR, "Unable to create relocation file mapping.\n");
     return false;
   }
-  if (reloc->CreateRelocFile() != kRelocSuccess) {
+  if (reloc->CreateRelocFile() != kRelocSuccess ||
+      !made.emplace_back(reopen(reloc->mRelocFileName, reloc->mMadeFile))) {
     syslog(LOG_ERR, "Reloc File couldnt be created.\n");
     return false;
   }
@@ -204,17 +226,29 @@ void undo(SnapDriverInterface& driver, VolumeIterator volume, VolumeIterator end
 int SnapDriverInterface::deduceRelocLocations(std::list<SnapVolumeInformation>* volumes,
                                               unsigned long relocEntriesInMemory) {
   if (volumes == nullptr) return kRelocSuccess;
+  std::vector<UniqueFd> made;
+  return makeRelocationFiles(*this, *volumes, relocEntriesInMemory, made);
+}
+
+int makeRelocationFiles(SnapDriverInterface& driver, std::list<SnapVolumeInformation>& volumes,
+                        unsigned long relocEntriesInMemory, std::vector<UniqueFd>& made) {
   unsigned long remaining = relocEntriesInMemory;
-  VolumeIterator volume = volumes->begin();
+  made.reserve(volumes.size());
+  VolumeIterator volume = volumes.begin();
   try {
-    while (volume != volumes->end() && makeRelocationFile(*this, *volume, remaining)) ++volume;
+    while (volume != volumes.end() && makeRelocationFile(driver, *volume, remaining, made)) ++volume;
   } catch (...) {
-    undo(*this, volumes->begin(), volume);
+    undo(driver, volumes.begin(), volume);
     throw;
   }
-  if (volume == volumes->end()) return kRelocSuccess;
-  undo(*this, volumes->begin(), volume);
+  if (volume == volumes.end()) return kRelocSuccess;
+  undo(driver, volumes.begin(), volume);
   return kRelocRequestUndone;
+}
+
+bool isStillTheFile(const std::string& path, const UniqueFd& made) {
+  const std::optional<FileIdentity> identity = identityOf(made.get());
+  return identity && reopen(path, *identity).valid();
 }
 
 std::vector<RelocationForecast> forecastRelocLocations(std::list<SnapVolumeInformation>& volumes,

@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <optional>
 
@@ -116,6 +117,7 @@ std::string nameOf(const testing::TestParamInfo<Place>& place) { return place.pa
 
 constexpr Place kExt4OfUser{"ext4_of_the_user", "ext4", 32U << 20, false, true};
 constexpr Place kXfsOfUser{"xfs_of_the_user", "xfs", 300U << 20, false, true};
+constexpr Place kBoundOfUser{"a_bind_mount_of_ext4_of_the_user", "ext4", 32U << 20, true, true};
 
 INSTANTIATE_TEST_SUITE_P(On, Planted,
                          testing::Values(Place{"ext4_where_everybody_may_write", "ext4", 32U << 20, false, false},
@@ -192,6 +194,67 @@ TEST_P(Planted, a_link_in_a_relocation_directory_of_roots_is_not_written_through
   EXPECT_EQ(mirelsnap({"reconcile"}), 0) << errors;
   EXPECT_TRUE(fs::is_symlink(area + "/" + name));
   clear();
+}
+
+// ---- another file in the place of one that was made
+
+// The owner of the top renames root's directory away while a run is between two steps, and a prepared one into its
+// place.
+class Swapped : public Planted {
+ protected:
+  // Starts a run that makes the relocation file `made`, and swaps the directories when it stops at `moment`.
+  test::Process swapAt(const std::string& moment, const std::string& made, const Texts& options) {
+    file = made;
+    byUser("mkdir mine && head -c 8M /dev/zero > mine/" + fs::path(file).filename().string());
+    Texts arguments = {MIRELSNAP_PROGRAM, "run"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    arguments.insert(arguments.end(), {"--", "/bin/true"});
+    test::Process running = session.start(arguments, {.environment = test::withMischief(moment)});
+    running.waitUntilStopped();
+    EXPECT_TRUE(fs::exists(file)) << "it has been made";
+    byUser("mv .verrelocarea away && mv mine .verrelocarea");
+    running.signal(SIGCONT);
+    return running;
+  }
+  void expectNotUsed() {
+    expectTold(file, "is another file than the one that was made");
+    EXPECT_TRUE(session.trace("snap").empty());
+    expectLeftToItsOwner();
+  }
+  void expectLeftToItsOwner() {
+    EXPECT_EQ(fs::file_size(file), 8U << 20);
+    clear();
+    fs::remove_all(volume.folder() + "/away");
+  }
+
+  std::string file;
+};
+INSTANTIATE_TEST_SUITE_P(On, Swapped, testing::Values(kExt4OfUser, kXfsOfUser, kBoundOfUser), nameOf);
+
+TEST_P(Swapped, a_file_of_the_users_is_not_given_to_the_driver) {
+  test::Process running = swapAt("stop-before-flush", area + "/" + name, {"--volume", path});
+  EXPECT_EQ(running.wait(), 115);
+  expectNotUsed();
+}
+
+TEST_P(Swapped, a_file_of_the_users_in_the_place_that_was_chosen_is_not_given_to_the_driver) {
+  const Volume own("ext4", 32 << 20);
+  test::Process running = swapAt("stop-before-flush", path + "/.verrelocarea/" + own.device().substr(5),
+                                 {"--volume", own.device(), "--reloc-mount", path, "--reloc-size", "100"});
+  EXPECT_EQ(running.wait(), 115);
+  expectNotUsed();
+}
+
+TEST_P(Swapped, a_file_of_the_users_is_not_taken_by_the_driver) {
+  test::Process running = swapAt("stop-before:19:1", area + "/" + name, {"--volume", path});
+  EXPECT_EQ(running.wait(), 116);
+  EXPECT_EQ(running.errors(), "mirelsnap: " + volume.device() +
+                                  ": the driver refused the snapshot: ioctl(IOC_SNAP): Operation not permitted; look "
+                                  "for MIRELSNAP_SDK in the system log, or use --verbose\n");
+  EXPECT_EQ(session.takeComplaints(1),
+            Texts{"mirelsnap-emulator: snap from process " + std::to_string(running.id()) +
+                  " refused: the relocation file " + file + " belongs to user 1000, not root"});
+  expectLeftToItsOwner();
 }
 
 // ---- the probe for writability

@@ -11,6 +11,7 @@
 //   stop-before:R:N         the process stops itself before the N-th driver command with number R, as SIGSTOP does
 //   stop-after:R:N          the same when that command has been answered
 //   stop-before-unlink:F    the same before the first removal of a file with the name F, in whatever folder
+//   stop-before-flush       the same before the first volume is flushed, which is when the relocation files are made
 //   tell-locked-out:PATH    the file PATH is made when a lock is not to be had at once
 //   no-mount                nothing can be mounted
 #include <dlfcn.h>
@@ -19,6 +20,7 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -88,6 +90,11 @@ bool isRelocationFile(int descriptor) {
   return readlink(link.c_str(), path.data(), path.size() - 1) > 0 && std::strstr(path.data(), "/.verrelocarea/");
 }
 
+bool isBlockDevice(int descriptor) {
+  struct stat status {};
+  return fstat(descriptor, &status) == 0 && S_ISBLK(status.st_mode);
+}
+
 // Comes to the gate, and stays until the test lets it go on or is gone.
 void standAtGate() {
   sockaddr_un gate{};
@@ -115,6 +122,7 @@ extern "C" __attribute__((visibility("default"))) ssize_t write(int descriptor, 
 extern "C" __attribute__((visibility("default"))) int fsync(int descriptor) {
   static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
   if (isAsked("held-relocation-file") && isRelocationFile(descriptor)) standAtGate();
+  if (isAsked("stop-before-flush") && isBlockDevice(descriptor)) stopOnce();
   return real(descriptor);
 }
 

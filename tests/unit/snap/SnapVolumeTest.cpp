@@ -288,6 +288,31 @@ TEST_F(SnapVolume, a_relocation_file_that_cannot_be_placed_gives_20_without_clea
   EXPECT_THAT(names, IsEmpty());
 }
 
+TEST_F(SnapVolume, another_file_in_the_place_of_a_relocation_file_gives_20_and_no_command) {
+  requestBoth();
+  const std::string file = relocFile(second, second);
+  beforeFilling([&] {
+    test::writeFile(file + "-other", std::string(kRelocBlocks * 4096, 'x'));
+    fs::rename(file + "-other", file);
+  });
+  EXPECT_EQ(snap(), 20);
+  EXPECT_EQ(log.count(LOG_ERR, file + " is not used: it is another file than the one that was made.\n"), 1u);
+  expectNoSnap();
+}
+
+TEST_F(SnapVolume, a_relocation_file_that_is_gone_gives_20_and_no_command) {
+  requestFirst();
+  const std::string file = relocFile(first, first);
+  test::onFsync = [&](int descriptor) {
+    struct stat flushed {};
+    if (fstat(descriptor, &flushed) == 0 && S_ISBLK(flushed.st_mode)) unlink(file.c_str());
+  };
+  EXPECT_EQ(snap(), 20);
+  EXPECT_EQ(log.count(LOG_ERR, file + " is not used: it cannot be reached any more: No such file or directory.\n"), 1u)
+      << log.dump();
+  expectNoSnap();
+}
+
 TEST_F(SnapVolume, a_relocation_file_that_cannot_be_mapped_gives_3_and_is_removed) {
   requestBoth();
   driver.intercept(FIBMAP, [](int, void*) { return EIO; });
