@@ -8,7 +8,8 @@
 
 #include <optional>
 #include <string>
-#include <utility>
+
+#include "base/FileIdentity.h"
 
 // A relocation file as the driver names it.
 class UsedFile {
@@ -19,13 +20,16 @@ class UsedFile {
   // name is taken for it: the name is that of the snapped device. A name that fills the driver's field may have been
   // cut.
   bool isAt(const std::string& path) const;
+  // The same of a file that was reached by `path` and is open; nothing: there was none.
+  bool isAt(const std::string& path, const std::optional<FileIdentity>& file) const;
 
  private:
   std::string mPath;
-  std::string mEntry;                            // the last component
-  std::optional<std::pair<dev_t, ino_t>> mFile;  // which one the path leads to
+  std::string mEntry;                 // the last component
+  std::optional<FileIdentity> mFile;  // which one the path leads to
 };
 
-// Asks the driver whether a living process, `except` aside (0: none), has mapped the file at `path` or holds a snapshot
-// with it. A driver that cannot be asked knows nothing to the contrary: true.
-bool isFileInUse(SnapDriverInterface& driver, const std::string& path, pid_t except);
+// Asks the driver whether a living process, `except` aside (0: none), has mapped the file that was reached by `path`,
+// or holds a snapshot with it. A driver that cannot be asked knows nothing to the contrary: true.
+bool isFileInUse(SnapDriverInterface& driver, const std::string& path, const std::optional<FileIdentity>& file,
+                 pid_t except);

@@ -18,6 +18,7 @@
 #include "driver/DriverCommand.h"
 #include "driver/DriverLock.h"
 #include "driver/FilesInUse.h"
+#include "driver/RelocationMappings.h"
 #include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
@@ -90,7 +91,7 @@ void keepFileInUse(const std::string& used, Paths& orphans) {
 // Drops the mappings of dead owners; the files of living ones are in use.
 void reconcileMappings(SnapDriverInterface& driver, Paths& orphans) {
   std::list<RelocFileMappingInformation> mappings;
-  if (driver.GetRelocFileMapping(mappings) != 0) {
+  if (!readAllMappings(mappings)) {
     orphans.clear();  // which files are in use is not known: none is removed
     return;
   }
@@ -112,10 +113,11 @@ void keepFilesOfSnapshots(const SnappedVolumes& volumes, Paths& orphans) {
 }
 
 void removeOrphans(SnapDriverInterface& driver, const Paths& orphans) {
-  for (const std::string& file : orphans) {
-    if (isFileInUse(driver, file, 0)) continue;  // since it was listed
-    syslog(LOG_DEBUG, "Relocation File to be deleted: %s.\n", file.c_str());
-    removeRelocFile(file);
+  for (const std::string& path : orphans) {
+    const DoomedRelocFile file(path);
+    if (isFileInUse(driver, path, file.identity(), 0)) continue;  // since it was listed
+    syslog(LOG_DEBUG, "Relocation File to be deleted: %s.\n", path.c_str());
+    file.remove();
   }
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The driver's mappings from snapped volumes to their relocation files.
+#include "driver/RelocationMappings.h"
+
 #include <mirelsnap/DriverInterface.h>
 #include <syslog.h>
 
@@ -51,19 +53,8 @@ std::list<RelocFileMappingInformation> readMappings(DriverCommand& command) {
   return mappings;
 }
 
-}  // namespace
-
-unsigned int SnapDriverInterface::CreateRelocationFileMapping(const std::string& snappedVolumeName,
-                                                              const std::string& relocFileName, int pid) {
-  return changeMapping(IOC_CREATE_RELOC_FILE_MAPPING, snappedVolumeName, relocFileName, pid);
-}
-
-unsigned int SnapDriverInterface::DeleteRelocationFileMapping(const std::string& snappedVolumeName, int pid) {
-  return changeMapping(IOC_DELETE_RELOC_FILE_MAPPING, snappedVolumeName, std::string(), pid);
-}
-
-unsigned int SnapDriverInterface::GetNumOfRelocFileMapping() {
-  // The contract: the failure codes share the value with the count.
+// Writes the number of mappings. 0, 3, 5, 6.
+unsigned int countMappings(std::uint32_t& count) {
   const UniqueFd device = openDriver();
   if (!device) return 5;
   DriverCommand command(sizeof(_ioctlCmd) + sizeof(CountPayload), 0);
@@ -75,14 +66,13 @@ unsigned int SnapDriverInterface::GetNumOfRelocFileMapping() {
     syslog(LOG_ERR, "IOC_GET_NUM_OF_RELOC_FILE_MAPPING IOCTL failed, errno:%d\n", errno);
     return 6;
   }
-  const std::uint32_t count = command.header().requestValue;
+  count = command.header().requestValue;
   syslog(LOG_DEBUG, "Number of reloc files mapped: %d.\n", count);
-  return count;
+  return 0;
 }
 
-unsigned int SnapDriverInterface::GetRelocFileMapping(std::list<RelocFileMappingInformation>& mappings) {
-  // The contract: the count's failure codes are taken for counts.
-  const unsigned int expected = GetNumOfRelocFileMapping();
+// Appends the mappings, `expected` at most. 0, 3, 5, 6.
+unsigned int listMappings(std::uint32_t expected, std::list<RelocFileMappingInformation>& mappings) {
   if (static_cast<int>(expected) < 0) {
     syslog(LOG_ERR, "Unable to obtained the number of mappings.\n");
     return 6;
@@ -102,4 +92,31 @@ unsigned int SnapDriverInterface::GetRelocFileMapping(std::list<RelocFileMapping
   syslog(LOG_INFO, "Driver returned info for %u mapped volumes.\n", command.header().requestValue);
   mappings.splice(mappings.end(), readMappings(command));
   return 0;
+}
+
+}  // namespace
+
+unsigned int SnapDriverInterface::CreateRelocationFileMapping(const std::string& snappedVolumeName,
+                                                              const std::string& relocFileName, int pid) {
+  return changeMapping(IOC_CREATE_RELOC_FILE_MAPPING, snappedVolumeName, relocFileName, pid);
+}
+
+unsigned int SnapDriverInterface::DeleteRelocationFileMapping(const std::string& snappedVolumeName, int pid) {
+  return changeMapping(IOC_DELETE_RELOC_FILE_MAPPING, snappedVolumeName, std::string(), pid);
+}
+
+unsigned int SnapDriverInterface::GetNumOfRelocFileMapping() {
+  std::uint32_t count = 0;
+  const unsigned int status = countMappings(count);
+  return status == 0 ? count : status;  // the contract: the failure codes share the value with the count
+}
+
+unsigned int SnapDriverInterface::GetRelocFileMapping(std::list<RelocFileMappingInformation>& mappings) {
+  // The contract: the count's failure codes are taken for counts.
+  return listMappings(GetNumOfRelocFileMapping(), mappings);
+}
+
+bool readAllMappings(std::list<RelocFileMappingInformation>& mappings) {
+  std::uint32_t count = 0;
+  return countMappings(count) == 0 && listMappings(count, mappings) == 0;
 }

@@ -61,13 +61,13 @@ void removeRelocFiles(DriverCommand& command, unsigned int count, SnapDriverInte
              static_cast<int>(entry->minorNum));
       continue;
     }
-    const std::string file = getText(entry->relocFileName);
-    if (asked != nullptr && isFileInUse(*asked, file, getpid())) {
-      syslog(LOG_INFO, "RelocFile %s is in use and stays.\n", file.c_str());
+    const DoomedRelocFile file(getText(entry->relocFileName));
+    if (asked != nullptr && isFileInUse(*asked, file.path(), file.identity(), getpid())) {
+      syslog(LOG_INFO, "RelocFile %s is in use and stays.\n", file.path().c_str());
       continue;
     }
-    removeRelocFile(file);
-    syslog(LOG_DEBUG, "Deleted directory: %s.\n", relocFileDirectory(file).c_str());  // whether or not it was
+    file.remove();
+    syslog(LOG_DEBUG, "Deleted directory: %s.\n", relocFileDirectory(file.path()).c_str());  // whether or not it was
   }
 }
 

@@ -148,22 +148,22 @@ int RelocationDirectory::list(std::list<std::string>& files) const {
   return error;
 }
 
-bool RelocationDirectory::isOurs(const std::string& name) const {
+std::optional<FileIdentity> RelocationDirectory::ours(const std::string& name) const {
   struct stat status {};
   if (!mDirectory) {
     errno = mError;
-    return false;
+    return std::nullopt;
   }
-  if (fstatat(mDirectory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (fstatat(mDirectory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
   const auto why = whyNotOurFile(status, mTopStatus.st_dev);
-  if (!why) return true;
+  if (!why) return FileIdentity{status.st_dev, status.st_ino};
   tell(mPath + FILE_PATH_SEPERATOR + name, *why);
   errno = S_ISDIR(status.st_mode) ? EISDIR : EACCES;
-  return false;
+  return std::nullopt;
 }
 
 UniqueFd RelocationDirectory::create(const std::string& name) const {
-  if (isOurs(name)) {
+  if (ours(name)) {
     if (unlinkat(mDirectory.get(), name.c_str(), 0) != 0) return UniqueFd();
   } else if (errno != ENOENT) {
     return UniqueFd();
@@ -175,12 +175,19 @@ UniqueFd RelocationDirectory::create(const std::string& name) const {
 }
 
 UniqueFd RelocationDirectory::open(const std::string& name) const {
-  if (!isOurs(name)) return UniqueFd();
+  if (!ours(name)) return UniqueFd();
   return UniqueFd(openat(mDirectory.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
 }
 
 bool RelocationDirectory::remove(const std::string& name) const {
-  return isOurs(name) && unlinkat(mDirectory.get(), name.c_str(), 0) == 0;
+  return ours(name) && unlinkat(mDirectory.get(), name.c_str(), 0) == 0;
+}
+
+bool RelocationDirectory::remove(const std::string& name, const std::optional<FileIdentity>& expected) const {
+  const std::optional<FileIdentity> found = ours(name);
+  if (found && found == expected) return unlinkat(mDirectory.get(), name.c_str(), 0) == 0;
+  if (found) errno = ESTALE;
+  return false;
 }
 
 void RelocationDirectory::removeIfEmpty() const {

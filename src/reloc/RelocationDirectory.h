@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "base/FileIdentity.h"
 #include "base/Handle.h"
 
 class RelocationDirectory {
@@ -45,6 +46,8 @@ class RelocationDirectory {
   // Opens it for reading.
   UniqueFd open(const std::string& name) const;
   bool remove(const std::string& name) const;
+  // The same unless it is another file by now than `expected`: ESTALE.
+  bool remove(const std::string& name, const std::optional<FileIdentity>& expected) const;
 
   // Removes the directory when it has no entries. That it cannot be read is logged.
   void removeIfEmpty() const;
@@ -58,7 +61,9 @@ class RelocationDirectory {
   void tell(const std::string& path, const std::string& why) const;
   void refuse(const std::string& why);
   void fail(int error);
-  bool isOurs(const std::string& name) const;
+  // Which file it is, when it is one that root made; nothing, errno being set, when not.
+  std::optional<FileIdentity> ours(const std::string& name) const;
+
   // The directory to be read from its beginning; null, with errno set, when it cannot be.
   UniqueDirectory stream() const;
   // Names of the entries of any kind. 0, or an errno.

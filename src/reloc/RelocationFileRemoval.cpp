@@ -4,9 +4,9 @@
 #include <syslog.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "base/Causes.h"
-#include "reloc/RelocationDirectory.h"
 
 std::string relocFileDirectory(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
@@ -15,13 +15,18 @@ std::string relocFileEntry(const std::string& path) {
   return slash == std::string::npos ? std::string() : path.substr(slash + 1);
 }
 
-void removeRelocFile(const std::string& path) {
-  const RelocationDirectory directory(relocFileDirectory(path));
-  if (directory.remove(relocFileEntry(path))) {
-    syslog(LOG_INFO, "RelocFile %s deleted.\n", path.c_str());
+DoomedRelocFile::DoomedRelocFile(std::string path)
+    : mPath(std::move(path)), mDirectory(relocFileDirectory(mPath)), mFile(mDirectory.open(relocFileEntry(mPath))) {
+  if (!mFile) mError = errno;
+}
+
+void DoomedRelocFile::remove() const {
+  errno = mError;
+  if (mFile && mDirectory.remove(relocFileEntry(mPath), identity())) {
+    syslog(LOG_INFO, "RelocFile %s deleted.\n", mPath.c_str());
   } else {
-    if (!path.empty()) noteFailedCall("unlink", path.c_str(), errno);
-    syslog(LOG_INFO, "RelocFile %s deletion failed, errno: %d.\n", path.c_str(), errno);
+    if (!mPath.empty()) noteFailedCall("unlink", mPath.c_str(), errno);
+    syslog(LOG_INFO, "RelocFile %s deletion failed, errno: %d.\n", mPath.c_str(), errno);
   }
-  directory.removeIfEmpty();
+  mDirectory.removeIfEmpty();
 }

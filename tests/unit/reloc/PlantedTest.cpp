@@ -65,7 +65,7 @@ class Planted : public RelocTest {
     expectTold(path, why);
     EXPECT_FALSE(reloc.DeleteRelocFile());
     expectTold(path, why);
-    removeRelocFile(file);
+    DoomedRelocFile(file).remove();
     EXPECT_EQ(log.texts(LOG_INFO),
               Lines{"RelocFile " + file + " deletion failed, errno: " + std::to_string(error) + ".\n"});
     expectTold(path, why);

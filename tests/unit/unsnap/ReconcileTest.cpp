@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <span>
 
 #include "Hooks.h"
 #include "LogCapture.h"
@@ -124,8 +125,10 @@ class Reconcile : public testing::Test {
     return 0;
   }
   int listMappings(std::byte* buffer) {
+    auto* header = reinterpret_cast<_ioctlCmd*>(buffer);
+    header->requestValue = std::min(header->requestValue, static_cast<std::uint32_t>(mappings.size()));
     auto* entry = reinterpret_cast<RelocFileMappingEntry*>(buffer + 24);
-    for (const Mapping& mapping : mappings) {
+    for (const Mapping& mapping : std::span(mappings).first(header->requestValue)) {
       entry->appPid = mapping.owner;
       mapping.volume.copy(entry->snappedVolumeName, 1023);
       mapping.relocFile.copy(entry->relocFileName, 1023);
@@ -339,6 +342,57 @@ TEST_F(Reconcile, a_failed_listing_of_mappings_keeps_every_file_and_stops_nothin
   EXPECT_TRUE(fs::exists(file));
   EXPECT_TRUE(log.has(LOG_INFO, "Reloc File List contains: 0 files.\n")) << log.dump();
   EXPECT_EQ(driver.calls(IOC_VERIFY_AND_CLEAN_VOLUMES).size(), 1u);
+}
+
+// Seven mappings: as many as the values of a failure, 3, 5 and 6, do not reach.
+class ReconcileOfSevenMappings : public Reconcile {
+ protected:
+  ReconcileOfSevenMappings() {
+    for (int i = 1; i <= 7; ++i) {
+      files.push_back(makeFile("sdb" + std::to_string(i)));
+      mappings.push_back({getpid(), "/dev/sdb" + std::to_string(i), files.back()});
+    }
+  }
+  void expectAllKept() {
+    EXPECT_EQ(reconcile(), 0u);
+    for (const std::string& file : files) EXPECT_TRUE(fs::exists(file)) << file;
+  }
+
+  std::vector<std::string> files;
+};
+
+TEST_F(ReconcileOfSevenMappings, a_count_that_the_driver_refuses_is_no_count_of_6) {
+  driver.fail(IOC_GET_NUM_OF_RELOC_FILE_MAPPING, EIO);
+  expectAllKept();
+  EXPECT_THAT(driver.calls(IOC_GET_RELOC_FILE_MAPPING), IsEmpty());
+}
+
+TEST_F(ReconcileOfSevenMappings, memory_that_is_short_for_the_count_is_no_count_of_3) {
+  std::optional<test::FailingAllocation> shortage;
+  beforeCount = [&] {
+    if (counted == 1) shortage.emplace(0u, sizeof(SnapDriverInterfaceUtility));
+  };
+  expectAllKept();
+  EXPECT_TRUE(shortage->failed());
+}
+
+TEST_F(ReconcileOfSevenMappings, a_count_that_fails_at_the_last_look_keeps_the_orphan) {
+  const std::string orphan = makeFile("orphan");
+  int counts = 0;
+  driver.on(IOC_GET_NUM_OF_RELOC_FILE_MAPPING,
+            [&](std::byte* buffer, std::size_t) { return ++counts == 2 ? EIO : answerCount(buffer, mappings.size()); });
+  expectAllKept();
+  EXPECT_TRUE(fs::exists(orphan));
+  EXPECT_EQ(reconcile(), 0u);
+  EXPECT_FALSE(fs::exists(orphan));
+}
+
+TEST_F(ReconcileOfSevenMappings, a_count_that_is_3_5_or_6_is_one) {
+  for (const std::size_t count : {6U, 5U, 3U}) {
+    mappings.resize(count, {});
+    EXPECT_EQ(reconcile(), 0u);
+    for (std::size_t i = 0; i < files.size(); ++i) EXPECT_EQ(fs::exists(files[i]), i < count) << i << " of " << count;
+  }
 }
 
 TEST_F(Reconcile, a_driver_that_turns_unreachable_before_the_discard_gives_3_with_nothing_removed) {
@@ -710,6 +764,37 @@ TEST_F(Reconcile, a_file_that_a_living_process_mapped_since_the_listing_is_kept)
   EXPECT_TRUE(fs::exists(file));
   EXPECT_FALSE(fs::exists(orphan));
   EXPECT_FALSE(log.has(LOG_DEBUG, "Relocation File to be deleted: " + file + ".\n")) << log.dump();
+}
+
+// Between the last look at the driver and the removal.
+class ReconcileAfterItsLastLook : public Reconcile {
+ protected:
+  void change(const std::function<void()>& what) {
+    beforeCount = [this, what] {
+      if (counted == 3) what();
+    };
+    EXPECT_EQ(reconcile(), 0u);
+    EXPECT_EQ(counted, 3);
+  }
+};
+
+TEST_F(ReconcileAfterItsLastLook, what_was_looked_at_is_removed_and_not_what_was_moved_into_its_place) {
+  makeFile("sda1");
+  const std::string away = volume.folder() + "/away";
+  change([&] {
+    fs::rename(area(), away);
+    fs::create_directory(area());
+    makeFile("sda1");
+  });
+  EXPECT_TRUE(fs::exists(area() + "/sda1"));
+  EXPECT_FALSE(fs::exists(away + "/sda1"));
+}
+
+TEST_F(ReconcileAfterItsLastLook, a_file_that_was_made_anew_in_the_directory_stays) {
+  const std::string file = makeFile("sda1");
+  change([&] { fs::rename(makeFile("new"), file); });
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_TRUE(log.has(LOG_INFO, "RelocFile " + file + " deletion failed, errno: 116.\n")) << log.dump();
 }
 
 TEST_F(Reconcile, the_file_of_a_discarded_snapshot_is_kept_when_a_living_process_has_mapped_it) {
