@@ -87,6 +87,7 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
     char* target;                   // where the snapshot is mounted
     char* device;                   // the snapshot's block device
     char* fsType;                   // file-system type
+    char* base;                     // that it is mounted below; the engine's may be another one by then
 
     void cleanup();
   };
@@ -154,8 +155,8 @@ class MirelSnapshotEngine : public UnixInterfaces::IUnknownImpl<UnixSnapshotCoor
 
   // Mounts one snapshot read-only; the mount's errno, 0 on success.
   int DoMount(const MountPointInfoWithFolderDepth& entry);
-  // Adds an entry with copies of the three strings in depth order. Its position; 0x7FFFFFFD for bad input, when nothing
-  // is added; negative when memory is short.
+  // Adds an entry with copies of the three strings, and of the base, in depth order. Its position; 0x7FFFFFFD for bad
+  // input, when nothing is added; negative when memory is short.
   int InsertIntoInternalShallowFirstSortedQueue(const char* target, const char* device, const char* fsType,
                                                 int volumeIndex, int mountPointIndex);
 

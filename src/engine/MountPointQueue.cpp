@@ -38,7 +38,8 @@ void MirelSnapshotEngine::MountPointInfoWithFolderDepth::cleanup() {
   std::free(target);
   std::free(device);
   std::free(fsType);
-  target = device = fsType = nullptr;
+  std::free(base);
+  target = device = fsType = base = nullptr;
   depth = -1;
   volumeIndex = static_cast<std::uint32_t>(-1);
 }
@@ -58,12 +59,14 @@ int MirelSnapshotEngine::InsertIntoInternalShallowFirstSortedQueue(const char* t
   UnixUtils::NarrowText ownTarget(strdup(target));
   UnixUtils::NarrowText ownDevice(strdup(device));
   UnixUtils::NarrowText ownType(strdup(fsType));
-  if (!ownTarget || !ownDevice || !ownType) return E_OUTOFMEMORY;
+  UnixUtils::NarrowText ownBase(strdup(mMountPointBase.c_str()));
+  if (!ownTarget || !ownDevice || !ownType || !ownBase) return E_OUTOFMEMORY;
   const int position = positionFor(mMountPointQueue, depth);
   try {
-    mMountPointQueue.insert(mMountPointQueue.begin() + position, {depth, static_cast<std::uint32_t>(volumeIndex),
-                                                                  static_cast<std::uint32_t>(mountPointIndex),
-                                                                  ownTarget.get(), ownDevice.get(), ownType.get()});
+    mMountPointQueue.insert(
+        mMountPointQueue.begin() + position,
+        {depth, static_cast<std::uint32_t>(volumeIndex), static_cast<std::uint32_t>(mountPointIndex), ownTarget.get(),
+         ownDevice.get(), ownType.get(), ownBase.get()});
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
@@ -71,6 +74,7 @@ int MirelSnapshotEngine::InsertIntoInternalShallowFirstSortedQueue(const char* t
   static_cast<void>(ownTarget.release());
   static_cast<void>(ownDevice.release());
   static_cast<void>(ownType.release());
+  static_cast<void>(ownBase.release());
   return position;
 }
 

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -97,7 +98,7 @@ void dismountAlternateSet(MirelSnapshotEngine& engine) {
 void unmountQueue(MirelSnapshotEngine& engine) {
   constexpr char kFunction[] = "UnExposeSnapshotsInSnapshotSet";
   for (auto entry = engine.mMountPointQueue.rbegin(); entry != engine.mMountPointQueue.rend(); ++entry) {
-    const int error = UnmountBelow(engine.mMountPointBase.c_str(), entry->target);
+    const int error = UnmountBelow(entry->base, entry->target);
     if (error == 0) {
       QX_Zprintf(0, L"%hs: umount( %s ) SUCCEEDED!", kFunction, entry->target);
     } else {
@@ -105,6 +106,16 @@ void unmountQueue(MirelSnapshotEngine& engine) {
                  std::strerror(error));
     }
   }
+}
+
+// Removes the base, and each one where exposures had several. False when one stays.
+bool removeBases(const MirelSnapshotEngine::MountPointInfoWithFolderDepthQueue& queue) {
+  bool removed = true;
+  for (auto entry = queue.begin(); entry != queue.end(); ++entry) {
+    const auto sameBase = [&](const Entry& before) { return std::strcmp(before.base, entry->base) == 0; };
+    if (std::none_of(queue.begin(), entry, sameBase)) removed = UnixUtils::RemoveDirectory(entry->base) == 0 && removed;
+  }
+  return removed;
 }
 
 // A signal of the agent's does not shorten it.
@@ -178,8 +189,7 @@ int MirelSnapshotEngine::ExposeSnapshotsInSnapshotSet(const wchar_t* base) {
 int MirelSnapshotEngine::DoMount(const MountPointInfoWithFolderDepth& entry) {
   waitForNode(entry.device);
   const char* data = mountData(entry.fsType);
-  const int error =
-      MountBelow(mMountPointBase.c_str(), entry.target, entry.device, entry.fsType, MS_MGC_VAL | MS_RDONLY, data);
+  const int error = MountBelow(entry.base, entry.target, entry.device, entry.fsType, MS_MGC_VAL | MS_RDONLY, data);
   if (error != 0) {
     logMountFailure(entry, data, error);
     return error;
@@ -196,8 +206,9 @@ int MirelSnapshotEngine::UnExposeSnapshotsInSnapshotSet() {
     dismountAlternateSet(*this);
     if (mMountPointQueue.empty()) return S_OK;
     unmountQueue(*this);
+    const bool removed = removeBases(mMountPointQueue);
     mMountPointQueue.clear();
-    return UnixUtils::RemoveDirectory(mMountPointBase.c_str()) == 0 ? S_OK : E_UNEXPECTED;
+    return removed ? S_OK : E_UNEXPECTED;
   });
 }
 

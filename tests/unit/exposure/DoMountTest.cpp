@@ -29,7 +29,8 @@ constexpr unsigned long kReadOnly = 0xC0ED0001;
 
 // An entry that borrows its texts.
 Entry entryOf(const std::string& target, const std::string& device, const char* type) {
-  return {1, 0, 0, const_cast<char*>(target.c_str()), const_cast<char*>(device.c_str()), const_cast<char*>(type)};
+  static char base[] = "/";
+  return {1, 0, 0, const_cast<char*>(target.c_str()), const_cast<char*>(device.c_str()), const_cast<char*>(type), base};
 }
 
 bool isReadOnly(const std::string& folder) {

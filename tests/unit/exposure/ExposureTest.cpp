@@ -267,6 +267,17 @@ TEST_F(Exposure, a_volume_is_readable_as_it_was_at_the_base_joined_with_its_moun
   expectNothingLeft();
 }
 
+TEST_F(Exposure, is_undone_where_it_was_made_although_the_option_names_another_base_since) {
+  finish();
+  ASSERT_EQ(set->ExposeSnapshotsInSnapshotSet(wbase().c_str()), S_OK);
+  const test::TempDir other;
+  std::filesystem::create_directory(other / "base");
+  ASSERT_EQ(set->SetOption({}, L"MountPointBase", wide(other / "base").c_str()), S_OK);
+  EXPECT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK);
+  expectNothingLeft();
+  EXPECT_TRUE(exists(other / "base")) << "nothing was exposed there";
+}
+
 TEST_F(Exposure, an_entry_carries_its_own_volume_and_mount_point) {
   const test::Volume other("ext4", 16 << 20);
   std::filesystem::create_directories(volume.folder() + other.folder());
