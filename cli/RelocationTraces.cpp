@@ -15,12 +15,12 @@
 #include "base/Resolve.h"
 #include "reloc/LinuxSnapshotreloc.h"
 #include "reloc/Planted.h"
+#include "reloc/WritabilityProbe.h"
 
 namespace cli {
 namespace {
 
 // At the top of a file system, for a moment.
-constexpr char kProbeName[] = "qorTESTfile.KQTA";
 
 FileId idOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
 
@@ -94,7 +94,7 @@ std::optional<FileId> emptyDirectory(const Top& top) {
 }
 
 std::optional<FileId> probe(const Top& top) {
-  const auto found = top.file(top.descriptor(), kProbeName);
+  const auto found = top.file(top.descriptor(), PROBE_FILE_NAME.c_str());
   return found && found->st_size == 0 ? std::optional(idOf(*found)) : std::nullopt;
 }
 
@@ -103,7 +103,7 @@ std::optional<FileId> find(const Top& top, Trace::Kind kind) {
 }
 
 const char* nameOf(Trace::Kind kind) {
-  return kind == Trace::Kind::kDirectory ? RELOC_FILE_LOCATION.c_str() : kProbeName;
+  return kind == Trace::Kind::kDirectory ? RELOC_FILE_LOCATION.c_str() : PROBE_FILE_NAME.c_str();
 }
 
 }  // namespace

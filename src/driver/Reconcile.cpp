@@ -22,6 +22,7 @@
 #include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/Planted.h"
 #include "reloc/RelocationFileRemoval.h"
 
 namespace {
@@ -163,6 +164,7 @@ class RemovalLock {
 }  // namespace
 
 unsigned int SnapDriverInterface::ReconcileAndCleanup() {
+  const ToldOnce once;
   RemovalLock lock;
   Paths orphans;
   SnappedVolumes snapped;

@@ -28,6 +28,7 @@
 #include "driver/TrackingGuid.h"
 #include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
+#include "reloc/Planted.h"
 #include "reloc/RelocationOrchestration.h"
 
 namespace {
@@ -144,6 +145,7 @@ class SnapSet {
 };
 
 int SnapSet::take() {
+  const ToldOnce once;
   for (const Step step : {&SnapSet::checkDevices, &SnapSet::checkVolumeStates, &SnapSet::openControl,
                           &SnapSet::sizeDriverTables, &SnapSet::lockDriver, &SnapSet::placeRelocFiles}) {
     if (const int result = (this->*step)(); result != 0) return result;

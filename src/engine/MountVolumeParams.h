@@ -35,7 +35,7 @@ class MirelMountVolumeParams {
 
   // Binds it at `base` joined with its own path; for a null base, and for one that the locale cannot narrow, at the
   // bound mount point that it has, joined the same way. True when it is bound afterwards, also when it was before.
-  // False with MountError() set: 22 for a null base without a bound mount point, 12 for one that cannot be narrowed,
+  // False with MountError() set: without a bound mount point 22 for a null base and 12 for one that cannot be narrowed;
   // else the errno of mount.
   bool DoMount(const wchar_t* base);
   // Unbinds it; true when it is not bound afterwards. False with the errno of umount as MountError().

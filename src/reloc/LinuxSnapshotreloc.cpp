@@ -69,7 +69,7 @@ unsigned int LinuxSnapshotreloc::initialize() {
 
 bool LinuxSnapshotreloc::predictFileOnVolume() {
   if (!mIsMounted) return ruleOutVolume(OwnVolume::kNotMounted);
-  if (!IsMountPointWritable(mVolMountPoint)) return ruleOutVolume(OwnVolume::kNotWritable);
+  if (!canHoldFile(mVolMountPoint, mSnappedDeviceName)) return ruleOutVolume(OwnVolume::kNotWritable);
   mRelocNumBlks = PredictSizeOfFile();
   return mRelocNumBlks != 0 || ruleOutVolume(OwnVolume::kNoBlocks);
 }
@@ -124,7 +124,7 @@ unsigned int LinuxSnapshotreloc::initializeRelocLocationOption(unsigned long fal
     syslog(LOG_ERR, "User provided Mount point already frozen.\n");
     return refuseChosenMount(ChosenMount::kFrozen);
   }
-  if (!IsMountPointWritable(mRelocMountName)) {
+  if (!canHoldFile(mRelocMountName, mRelocDeviceName)) {
     syslog(LOG_ERR, "User provided Mount point is not writable.\n");
     return refuseChosenMount(ChosenMount::kNotWritable);
   }
@@ -199,7 +199,7 @@ unsigned int LinuxSnapshotreloc::initializeRelocSizeOption() {
 
 bool LinuxSnapshotreloc::volumeHasRoom() {
   if (!mIsMounted) return ruleOutVolume(OwnVolume::kNotMounted);
-  if (!IsMountPointWritable(mVolMountPoint)) return ruleOutVolume(OwnVolume::kNotWritable);
+  if (!canHoldFile(mVolMountPoint, mSnappedDeviceName)) return ruleOutVolume(OwnVolume::kNotWritable);
   return toKB(mRelocNumBlks) < mAvailSizeKOfVolume || ruleOutVolume(OwnVolume::kNoRoom);
 }
 
@@ -243,7 +243,7 @@ unsigned int LinuxSnapshotreloc::validate() {
 }
 
 bool LinuxSnapshotreloc::acceptsChosenFile() {
-  if (!IsMountPointWritable(mRelocMountName)) {
+  if (!canHoldFile(mRelocMountName, mRelocDeviceName)) {
     syslog(LOG_ERR, "Mount point %s is read only.\n", mRelocMountName.c_str());
     refuseChosenMount(ChosenMount::kNotWritable);
     return false;

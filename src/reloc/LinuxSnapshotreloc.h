@@ -152,6 +152,9 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // GetMountSizeDetails into a record, which a failure leaves as it was.
   unsigned int readSizes(const std::string& mountPoint, Sizes& sizes);
 
+  // IsMountPointWritable, and nothing is mounted over what `device` shows there: the file would lie elsewhere.
+  bool canHoldFile(const std::string& mountPoint, const std::string& device);
+
   // Steps of the searches.
 
   // Why the file system cannot take the file; nothing when it can.

@@ -30,10 +30,16 @@ bool mayBeRenamedByUsers(const struct stat& top) {
   return (top.st_mode & kWritableForOthers) != 0 && (top.st_mode & S_ISVTX) == 0;
 }
 
+constexpr mode_t kForOthers = S_IRWXG | S_IRWXO;
+
+thread_local ToldOnce* sOperation = nullptr;  // the outermost
+
+std::string ownerText(uid_t owner) { return "belongs to user " + std::to_string(owner) + ", not root"; }
+
 std::optional<std::string> whyNotOurs(const struct stat& found, mode_t kind, dev_t device) {
   if ((found.st_mode & S_IFMT) != kind) return kindOf(found.st_mode);
   if (found.st_dev != device) return "lies on another file system";
-  if (found.st_uid != 0) return "belongs to user " + std::to_string(found.st_uid) + ", not root";
+  if (found.st_uid != 0) return ownerText(found.st_uid);
   return std::nullopt;
 }
 
@@ -58,6 +64,21 @@ std::optional<std::string> whyNotRelocationDirectory(const struct stat& top, con
   return std::nullopt;
 }
 
+std::optional<std::string> whyOpenToOthers(const struct stat& top, mode_t file) {
+  if (top.st_uid != 0) return ownerText(top.st_uid);
+  if (((top.st_mode | file) & kForOthers) != 0) return "is open to others, and the file system keeps no modes";
+  return std::nullopt;
+}
+
+ToldOnce::ToldOnce() noexcept {
+  if (sOperation == nullptr) sOperation = this;
+}
+
+ToldOnce::~ToldOnce() {
+  if (sOperation == this) sOperation = nullptr;
+}
+
 void tellPlanted(const std::string& path, const std::string& why) {
+  if (sOperation != nullptr && !sOperation->mLines.insert(path + '\n' + why).second) return;
   syslog(LOG_ERR, "%s is not used: it %s.\n", path.c_str(), why.c_str());
 }

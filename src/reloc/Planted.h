@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <optional>
+#include <set>
 #include <string>
 
 // Why a file is none that the library made on the file system `device`, as in "it ...": it is not a regular one, lies
@@ -20,6 +21,23 @@ std::optional<std::string> whyNotOurDirectory(const struct stat& directory, dev_
 // is in `top` could have given the name to another directory of root's. Ours cannot be searched, as hardly another.
 std::optional<std::string> whyNotRelocationDirectory(const struct stat& top, const struct stat& directory);
 
+// Why files on a file system that keeps no modes of its own (FAT) could be read by others: `top` is its top, and all
+// that is made there has the mode `file`. Nothing when root alone may look.
+std::optional<std::string> whyOpenToOthers(const struct stat& top, mode_t file);
+
 // Logs that what stands at `path` is not used, and why: the one line that a planted thing adds to what its operation
 // says.
 void tellPlanted(const std::string& path, const std::string& why);
+
+// One operation that may come upon the same thing several times: while this lives its thread tells each line once.
+class ToldOnce {
+ public:
+  ToldOnce() noexcept;
+  ~ToldOnce();
+  ToldOnce(const ToldOnce&) = delete;
+  ToldOnce& operator=(const ToldOnce&) = delete;
+
+ private:
+  friend void tellPlanted(const std::string& path, const std::string& why);
+  std::set<std::string> mLines;
+};

@@ -25,6 +25,7 @@ constexpr mode_t kStatedMode = 0644;  // of directory and file, when they are ma
 constexpr mode_t kPrivateMode = 0600;
 
 constexpr mode_t kForOthers = S_IRWXG | S_IRWXO;
+constexpr char kKeepsNoModes[] = "is open to others, and the file system keeps no modes";
 
 int makeDirectory(int parent, const char* name) {
   return mkdirat(parent, name, kStatedMode) == 0 || errno == EEXIST ? 0 : errno;
@@ -43,8 +44,7 @@ RelocationDirectory RelocationDirectory::make(std::string path, std::optional<de
   made.mPath = std::move(path);
   made.openTop();
   if (!made.mTop) return made;
-  // A file system with a number of no device (btrfs, tmpfs) cannot be compared.
-  if (device && *device != made.mTopStatus.st_dev && major(made.mTopStatus.st_dev) != 0) {
+  if (liesElsewhere(made.mTopStatus.st_dev, device)) {
     made.refuse("would lie on another file system");
   } else if (const int error = makeDirectory(made.mTop.get(), made.mName.c_str()); error != 0) {
     made.fail(error);
@@ -96,7 +96,7 @@ void RelocationDirectory::closeToOthers() {
   struct stat status {};
   if (fchmod(mDirectory.get(), kPrivateMode) != 0 || fstat(mDirectory.get(), &status) != 0) return fail(errno);
   // FAT, for one: all that is on it has the mode that it was mounted with.
-  if ((status.st_mode & kForOthers) != 0) refuse("is open to others, and the file system keeps no modes");
+  if ((status.st_mode & kForOthers) != 0) refuse(kKeepsNoModes);
 }
 
 // Only what keeps a file from being made is a failure: what merely stands there is left alone.
@@ -170,8 +170,15 @@ UniqueFd RelocationDirectory::create(const std::string& name) const {
   }
   UniqueFd file(
       openat(mDirectory.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStatedMode));
-  if (file) static_cast<void>(fchmod(file.get(), kPrivateMode));  // the directory keeps others away in any case
-  return file;
+  if (!file) return file;
+  struct stat status {};
+  if (fchmod(file.get(), kPrivateMode) == 0 && fstat(file.get(), &status) == 0 && (status.st_mode & kForOthers) == 0) {
+    return file;
+  }
+  tell(mPath + FILE_PATH_SEPERATOR + name, kKeepsNoModes);
+  static_cast<void>(unlinkat(mDirectory.get(), name.c_str(), 0));
+  errno = EACCES;
+  return UniqueFd();
 }
 
 UniqueFd RelocationDirectory::open(const std::string& name) const {
@@ -197,6 +204,16 @@ void RelocationDirectory::removeIfEmpty() const {
   } else if (names.empty()) {
     static_cast<void>(unlinkat(mTop.get(), mName.c_str(), AT_REMOVEDIR));  // whether it worked is nobody's concern
   }
+}
+
+std::optional<dev_t> deviceNumber(const std::string& device) {
+  struct stat node {};
+  if (stat(device.c_str(), &node) != 0 || !S_ISBLK(node.st_mode)) return std::nullopt;
+  return node.st_rdev;
+}
+
+bool liesElsewhere(dev_t found, std::optional<dev_t> expected) {
+  return expected && found != *expected && major(found) != 0;
 }
 
 bool mayHoldRelocationFiles(const std::string& mountPoint) {

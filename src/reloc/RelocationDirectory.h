@@ -78,6 +78,12 @@ class RelocationDirectory {
   UniqueFd mDirectory;
 };
 
+// The number of a block device, which files on it carry; nothing when there is no such device.
+std::optional<dev_t> deviceNumber(const std::string& device);
+// Whether what was `found` lies on another device than is expected. A file system with a number of no device (btrfs,
+// tmpfs) cannot be compared.
+bool liesElsewhere(dev_t found, std::optional<dev_t> expected);
+
 // Whether a directory of relocation files could be used on the file system mounted at `mountPoint`: what stands there
 // is ours, or nothing. Makes nothing.
 bool mayHoldRelocationFiles(const std::string& mountPoint);

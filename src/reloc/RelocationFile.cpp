@@ -47,13 +47,6 @@ bool isUnwritten(int file) {
   return ioctl(file, FIBMAP, &block) == 0 && block == 0;
 }
 
-// The number of a block device, which files on it carry; nothing when there is no such device.
-std::optional<dev_t> deviceNumber(const std::string& device) {
-  struct stat node {};
-  if (stat(device.c_str(), &node) != 0 || !S_ISBLK(node.st_mode)) return std::nullopt;
-  return node.st_rdev;
-}
-
 }  // namespace
 
 // --- The name.

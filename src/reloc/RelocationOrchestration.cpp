@@ -174,7 +174,7 @@ class ForecastPlacement : public LinuxSnapshotreloc {
     struct statvfs status {};
     if (faccessat(AT_FDCWD, mountPoint.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return false;
     if (statvfs(mountPoint.c_str(), &status) != 0 || (status.f_flag & ST_RDONLY) != 0) return false;
-    if (!isProbeNameFree(mountPoint) || !mayHoldRelocationFiles(mountPoint)) return false;
+    if (!couldMakeFiles(mountPoint) || !mayHoldRelocationFiles(mountPoint)) return false;
     return status.f_files == 0 || status.f_ffree != 0;  // those that make files as they need them count none
   }
 
@@ -232,6 +232,7 @@ int SnapDriverInterface::deduceRelocLocations(std::list<SnapVolumeInformation>* 
 
 int makeRelocationFiles(SnapDriverInterface& driver, std::list<SnapVolumeInformation>& volumes,
                         unsigned long relocEntriesInMemory, std::vector<UniqueFd>& made) {
+  const ToldOnce once;
   unsigned long remaining = relocEntriesInMemory;
   made.reserve(volumes.size());
   VolumeIterator volume = volumes.begin();
@@ -253,6 +254,7 @@ bool isStillTheFile(const std::string& path, const UniqueFd& made) {
 
 std::vector<RelocationForecast> forecastRelocLocations(std::list<SnapVolumeInformation>& volumes,
                                                        unsigned long relocEntriesInMemory) {
+  const ToldOnce once;
   std::vector<RelocationForecast> forecasts;
   PromisedSpace promised;
   unsigned long remaining = relocEntriesInMemory;

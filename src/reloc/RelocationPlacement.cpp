@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Probing volumes and mount points, and the searches among the mounted file systems.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
 
+#include "base/Resolve.h"
 #include "reloc/DriverReference.h"
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/Planted.h"
 #include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationStatus.h"
 #include "reloc/WritabilityProbe.h"
@@ -45,6 +49,16 @@ void logPassedOver(const MountEntry& mount, PassedOver why) {
 bool LinuxSnapshotreloc::IsMountPointWritable(const std::string& mountPoint) {
   // A file system on which the directory for the file cannot be used is as good as one that cannot be written to.
   return canMakeFiles(mountPoint) && mayHoldRelocationFiles(mountPoint);
+}
+
+bool LinuxSnapshotreloc::canHoldFile(const std::string& mountPoint, const std::string& device) {
+  const UniqueFd top = openWithoutLinks(mountPoint.c_str(), O_PATH | O_DIRECTORY);
+  struct stat status {};
+  if (top && fstat(top.get(), &status) == 0 && liesElsewhere(status.st_dev, deviceNumber(device))) {
+    tellPlanted(mountPoint, "is covered by another mount");
+    return false;
+  }
+  return IsMountPointWritable(mountPoint);
 }
 
 void LinuxSnapshotreloc::CheckIfVolumeIsMounted(const std::string& volume) {
@@ -102,7 +116,7 @@ unsigned int LinuxSnapshotreloc::readSizes(const std::string& mountPoint, Sizes&
 std::optional<PassedOver> LinuxSnapshotreloc::obstacleOn(const MountEntry& mount, const DriverReference& driver) {
   if (driver.isSnapped(mount.fsname)) return PassedOver::kSnapped;
   if (driver.isFrozen(mount.fsname)) return PassedOver::kFrozen;
-  if (!IsMountPointWritable(mount.dir)) return PassedOver::kNotWritable;
+  if (!canHoldFile(mount.dir, mount.fsname)) return PassedOver::kNotWritable;
   return std::nullopt;
 }
 

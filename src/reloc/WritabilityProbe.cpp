@@ -6,15 +6,24 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <string_view>
+#include <vector>
 
 #include "base/Handle.h"
 #include "base/Resolve.h"
 #include "reloc/Planted.h"
+#include "sysinfo/LinuxSystemInfo.h"
+#include "sysinfo/MountTable.h"
 
 namespace {
 
-constexpr char kProbeName[] = "/qorTESTfile.KQTA";  // after the path of the mount point
-constexpr const char* kEntry = kProbeName + 1;
+using mirelsnapsdk_linuxcomputer::MountEntry;
+
+const char* const kEntry = PROBE_FILE_NAME.c_str();
+
+constexpr mode_t kPrivate = S_IRUSR | S_IWUSR;
 
 // Processes that probe one folder at a time find and remove each other's files.
 constexpr int kAttempts = 8;
@@ -30,16 +39,35 @@ bool isLeftover(int top, const std::string& mountPoint) {
   if (fstatat(top, kEntry, &file, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
   auto why = whyNotOurFile(file, directory.st_dev);
   if (!why && file.st_size != 0) why = "is not empty";
-  if (why) tellPlanted(mountPoint + kProbeName, *why);
+  if (why) tellPlanted(mountPoint + FILE_PATH_SEPERATOR + PROBE_FILE_NAME, *why);
   return !why;
 }
 
-// FAT, for one, keeps no modes: what lies there is open to whoever may search the mount point.
-bool isOpenToEverybody(int file, int top) {
-  struct stat made {};
+// Why what is made in the directory `top`, as `file` was, would not be root's alone.
+std::optional<std::string> whyNotPrivate(int top, int file) {
   struct stat directory {};
-  return fchmod(file, S_IRUSR | S_IWUSR) != 0 || fstat(file, &made) != 0 || fstat(top, &directory) != 0 ||
-         ((made.st_mode & (S_IRWXG | S_IRWXO)) != 0 && (directory.st_mode & (S_IXGRP | S_IXOTH)) != 0);
+  struct stat made {};
+  if (fchmod(file, kPrivate) != 0 || fstat(file, &made) != 0 || fstat(top, &directory) != 0) {
+    return "cannot be closed to others";
+  }
+  if (auto why = whyNotOurFile(made, directory.st_dev)) return "gives a file that " + *why;
+  if ((made.st_mode & ACCESSPERMS) == kPrivate) return std::nullopt;
+  return whyOpenToOthers(directory, made.st_mode);
+}
+
+// The mode of every file on a file system that keeps none, as its mount options tell; nothing on one that does.
+std::optional<mode_t> modeOfAllFiles(const std::string& mountPoint) {
+  constexpr std::string_view kMask = ",fmask=";
+  std::optional<mode_t> mode;
+  for (const auto& mount : mirelsnapsdk_linuxcomputer::readMountTable().value_or(std::vector<MountEntry>())) {
+    if (mount.dir != mountPoint) continue;
+    const std::string options = "," + mount.opts;
+    const std::size_t mask = options.find(kMask);
+    mode.reset();  // of several on one folder the last covers the others
+    if (mask == std::string::npos) continue;
+    mode = ACCESSPERMS & ~static_cast<mode_t>(std::strtoul(options.c_str() + mask + kMask.size(), nullptr, 8));
+  }
+  return mode;
 }
 
 }  // namespace
@@ -51,10 +79,10 @@ bool canMakeFiles(const std::string& mountPoint) {
     const UniqueFd file(
         openat(top.get(), kEntry, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     if (file) {
-      const bool open = isOpenToEverybody(file.get(), top.get());
-      if (open) tellPlanted(mountPoint, "is open to everybody, and the file system keeps no modes");
+      const auto why = whyNotPrivate(top.get(), file.get());
+      if (why) tellPlanted(mountPoint, *why);
       unlinkat(top.get(), kEntry, 0);
-      return !open;
+      return !why;
     }
     if (errno != EEXIST || !isLeftover(top.get(), mountPoint)) return false;
     if (unlinkat(top.get(), kEntry, 0) != 0 && errno != ENOENT) return false;
@@ -62,7 +90,12 @@ bool canMakeFiles(const std::string& mountPoint) {
   return false;
 }
 
-bool isProbeNameFree(const std::string& mountPoint) {
+bool couldMakeFiles(const std::string& mountPoint) {
   const UniqueFd top = openTop(mountPoint);
-  return top && isLeftover(top.get(), mountPoint);
+  struct stat directory {};
+  if (!top || fstat(top.get(), &directory) != 0 || !isLeftover(top.get(), mountPoint)) return false;
+  const std::optional<mode_t> mode = modeOfAllFiles(mountPoint);
+  const auto why = mode ? whyOpenToOthers(directory, *mode) : std::nullopt;
+  if (why) tellPlanted(mountPoint, *why);
+  return !why;
 }

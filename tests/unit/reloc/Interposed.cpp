@@ -55,7 +55,9 @@ extern "C" int openat(int directory, const char* path, int flags, ...) {
       return -1;
     }
   }
-  return static_cast<int>(syscall(SYS_openat, directory, path, flags, mode));
+  const auto file = static_cast<int>(syscall(SYS_openat, directory, path, flags, mode));
+  if (file >= 0 && (flags & O_CREAT) != 0 && hooks.modeOfAllFiles) syscall(SYS_fchmod, file, *hooks.modeOfAllFiles);
+  return file;
 }
 
 extern "C" int statfs(const char* path, struct statfs* sizes) noexcept {
@@ -92,7 +94,7 @@ extern "C" int posix_fallocate(int fd, off_t offset, off_t length) {
 }
 
 extern "C" int fchmod(int fd, mode_t mode) noexcept {
-  return hooks.keepsNoModes ? 0 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
+  return hooks.modeOfAllFiles ? 0 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
 }
 
 extern "C" int fsync(int fd) {

@@ -21,8 +21,8 @@ struct Hooks {
   std::function<std::optional<ssize_t>(int fd, const void* data, size_t size)> write;
   std::function<std::optional<off_t>(int fd, off_t offset, int whence)> lseek;
   std::function<std::optional<int>(int fd, off_t offset, off_t length)> posixFallocate;
-  // fchmod answers 0 and changes nothing, as on FAT, whose files have the mode that it was mounted with.
-  bool keepsNoModes = false;
+  // Files that are made have this mode and keep it, as on FAT, which was mounted with it.
+  std::optional<mode_t> modeOfAllFiles;
   // Called before every fsync.
   std::function<void(int fd)> fsync;
   // What these two steps of a placement answer; nothing is looked up.

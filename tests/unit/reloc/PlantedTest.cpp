@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "RelocTest.h"
 #include "base/Handle.h"
@@ -344,15 +345,132 @@ TEST_F(Planted, what_is_mounted_on_the_folder_since_it_was_chosen_gets_no_file) 
   EXPECT_EQ(reloc.CreateRelocFile(), 0u);
 }
 
+TEST_F(Planted, a_mount_point_that_is_covered_by_another_mount_holds_no_file) {
+  const Volume own("ext4", 8 << 20);
+  const Volume covered("ext4", 64 << 20);
+  const Volume open("ext4", 32 << 20);
+  machine.list(covered.device(), covered.folder());
+  machine.list(open.device(), open.folder());
+  const Mounted cover(open.folder(), covered.folder(), "", MS_BIND);
+  LinuxSnapshotreloc other(own.device(), 1024, 100000UL, 1000UL);
+  log.clear();
+  EXPECT_EQ(other.initialize(), 0u);
+  EXPECT_EQ(other.mVolMountPoint, open.folder());
+  expectTold(covered.folder(), "is covered by another mount");
+  LinuxSnapshotreloc itself(covered.device(), 1024, 100000UL, 1000UL);
+  EXPECT_EQ(itself.initialize(), 0u);
+  EXPECT_EQ(itself.mReasons.ownVolume, OwnVolume::kNotWritable);
+  EXPECT_EQ(itself.mVolMountPoint, open.folder());
+  expectTold(covered.folder(), "is covered by another mount");
+  LinuxSnapshotreloc chosen(own.device(), 1024, 10, covered.folder(), 1000);
+  EXPECT_EQ(chosen.validate(), 17u);
+  EXPECT_EQ(chosen.mReasons.chosenMount, ChosenMount::kNotWritable);
+  expectTold(covered.folder(), "is covered by another mount");
+}
+
+// --- On a file system that keeps no modes, as FAT, whose files have the mode that it was mounted with.
+
+struct NoModesCase {
+  const char* name;
+  mode_t fmask, dmask;
+  uid_t owner;
+  const char* told;  // nothing: it is root's alone
+};
+
+constexpr char kOpen[] = "is open to others, and the file system keeps no modes";
+constexpr NoModesCase kNoModesCases[] = {
+    {"umask_077", 0077, 0077, 0, nullptr},
+    {"umask_022", 0022, 0022, 0, kOpen},
+    {"open_files_in_closed_folders", 0022, 0077, 0, kOpen},
+    {"files_that_others_may_execute", 0066, 0077, 0, kOpen},
+    {"closed_files_in_open_folders", 0077, 0022, 0, kOpen},
+    {"the_files_of_a_user", 0077, 0077, kUser, "belongs to user 1000, not root"},
+};
+void PrintTo(const NoModesCase& entry, std::ostream* out) { *out << entry.name; }
+
+class NoModes : public Planted, public testing::WithParamInterface<NoModesCase> {
+ protected:
+  NoModes() : device(machine.device("fat")), folder(machine.mount(device, {10000, 5000})) {
+    const NoModesCase& mounted = GetParam();
+    char line[4096];
+    std::snprintf(line, sizeof line, "%s %s vfat rw,fmask=%04o,dmask=%04o 0 0\n", device.c_str(), folder.c_str(),
+                  mounted.fmask, mounted.dmask);
+    writeFile("/proc/mounts", line);
+    EXPECT_EQ(chmod(folder.c_str(), 0777 & ~mounted.dmask), 0);
+    EXPECT_EQ(chown(folder.c_str(), mounted.owner, mounted.owner), 0);
+    hooks.modeOfAllFiles = 0777 & ~mounted.fmask;
+    log.clear();
+  }
+  OwnVolume expected() const { return GetParam().told == nullptr ? OwnVolume::kFits : OwnVolume::kNotWritable; }
+  // The line of the file system, or of what is made there; nothing more.
+  void expectToldIfRefused() {
+    Lines told;
+    for (const std::string& text : log.texts(LOG_ERR)) {
+      if (text.find(" is not used: ") != std::string::npos) told.push_back(text);
+    }
+    ASSERT_EQ(told.size(), GetParam().told == nullptr ? 0U : 1U) << log.dump();
+    for (const std::string& line : told) {
+      EXPECT_TRUE(line.starts_with(folder + " is not used: it ")) << line;
+      EXPECT_TRUE(line.ends_with(GetParam().told + std::string(".\n"))) << line;
+    }
+    log.clear();
+  }
+
+  const std::string device;
+  const std::string folder;
+};
+INSTANTIATE_TEST_SUITE_P(MountedWith, NoModes, testing::ValuesIn(kNoModesCases),
+                         [](const auto& entry) { return std::string(entry.param.name); });
+
+TEST_P(NoModes, the_forecast_sees_whether_files_are_roots_alone_as_the_placement_does) {
+  std::list<SnapVolumeInformation> volumes;
+  volumes.emplace_back(512, 100000, std::wstring(device.begin(), device.end()), 0, L"", false, true, 0);
+  EXPECT_EQ(forecastRelocLocations(volumes, 1000).at(0).reasons.ownVolume, expected());
+  expectToldIfRefused();
+  EXPECT_TRUE(fs::is_empty(folder)) << "it only looks";
+  LinuxSnapshotreloc placed(device, 512, 100000UL, 1000UL);
+  EXPECT_EQ(placed.initialize() == 0, GetParam().told == nullptr);
+  EXPECT_EQ(placed.mReasons.ownVolume, expected());
+  expectToldIfRefused();
+  EXPECT_TRUE(fs::is_empty(folder)) << "it is removed";
+}
+
 TEST_F(Planted, a_file_system_that_keeps_no_modes_gets_no_file_that_others_may_read) {
-  hooks.keepsNoModes = true;
+  hooks.modeOfAllFiles = 0755;
   fs::create_directory(area);
   log.clear();
   EXPECT_EQ(reloc.CreateRelocFile(), 18u);
-  expectTold(area, "is open to others, and the file system keeps no modes");
+  expectTold(area, kOpen);
   EXPECT_FALSE(fs::exists(file));
-  ASSERT_EQ(chmod(area.c_str(), 0700), 0);  // mounted so that nobody else may look
+  ASSERT_EQ(chmod(area.c_str(), 0700), 0);  // mounted with folders that nobody else may look into
+  EXPECT_EQ(reloc.CreateRelocFile(), 18u) << "the driver would refuse it";
+  expectTold(file, kOpen);
+  EXPECT_FALSE(fs::exists(file));
+  hooks.modeOfAllFiles = 0700;
   EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+}
+
+// --- Told once.
+
+TEST_F(Planted, a_thing_that_several_volumes_of_a_request_come_upon_is_told_of_once) {
+  const std::string planted = machine.mount(machine.device("m"), {90000, 5000});
+  machine.mount(machine.device("n"), {80000, 5000});
+  fs::create_directory_symlink(elsewhere.path(), planted + "/.verrelocarea");
+  std::list<SnapVolumeInformation> volumes;
+  for (const char* name : {"x", "y", "z"}) {
+    const std::string device = machine.device(name);
+    volumes.emplace_back(512, 100, std::wstring(device.begin(), device.end()), 0, L"", false, true, 0);
+  }
+  for (int request = 0; request < 2; ++request) {
+    log.clear();
+    ASSERT_EQ(singleton->deduceRelocLocations(&volumes, 1000), 0);
+    EXPECT_EQ(log.count(LOG_ERR, notUsed(planted + "/.verrelocarea", "is a symbolic link")), 1u) << log.dump();
+    singleton->cleanRelocFiles(&volumes);
+    log.clear();
+    forecastRelocLocations(volumes, 1000);
+    EXPECT_EQ(log.count(LOG_ERR, notUsed(planted + "/.verrelocarea", "is a symbolic link")), 1u) << log.dump();
+  }
+  fs::remove(planted + "/.verrelocarea");
 }
 
 // --- The forecast, which only looks.

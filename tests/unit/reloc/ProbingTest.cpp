@@ -243,21 +243,6 @@ TEST_F(IsMountPointWritable, is_false_where_the_directory_for_the_file_is_a_user
   EXPECT_EQ(messages(), (Lines{"[3] " + area + " is not used: it is a symbolic link.\n"}));
 }
 
-// As on FAT, whose files have the mode that it was mounted with.
-TEST_F(IsMountPointWritable, is_false_where_all_that_is_made_is_open_to_everybody) {
-  hooks.keepsNoModes = true;
-  const TempDir folder;
-  ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
-  LinuxSnapshotreloc reloc("/dev/a", 4096, 1000UL, 1000UL);
-  log.clear();
-  EXPECT_FALSE(reloc.IsMountPointWritable(folder.path()));
-  EXPECT_EQ(messages(), (Lines{"[3] " + folder.path() +
-                               " is not used: it is open to everybody, and the file system keeps no modes.\n"}));
-  EXPECT_FALSE(std::filesystem::exists(folder / "qorTESTfile.KQTA"));
-  ASSERT_EQ(chmod(folder.path().c_str(), 0700), 0);  // mounted so that nobody else may look
-  EXPECT_TRUE(reloc.IsMountPointWritable(folder.path()));
-}
-
 // --- CheckIfVolumeIsMounted.
 
 TEST_F(CheckIfVolumeIsMounted, without_a_mount_point_is_not_mounted) {
