@@ -19,18 +19,22 @@ std::vector<Cause>& noted() {
   return *causes;
 }
 
-void note(std::string what, std::string why) {
+void note(Cause cause) {
   const std::lock_guard<std::mutex> hold(sLock);
-  if (noted().size() < kMostKept) noted().push_back({std::move(what), std::move(why)});
+  if (noted().size() < kMostKept) noted().push_back(std::move(cause));
 }
 
 }  // namespace
+
+Cause failedCall(const std::string& call, const std::string& object, int error) {
+  return {call + "(" + object + ")", std::strerror(error)};
+}
 
 void noteFailedCall(const char* call, const char* object, int error) noexcept {
   if (!sWanted) return;
   const int saved = errno;
   try {
-    note(std::string(call) + "(" + object + ")", std::strerror(error));
+    note(failedCall(call, object, error));
   } catch (...) {
     // Memory is short: the stated result still tells that the operation failed.
   }
@@ -41,11 +45,15 @@ void noteCause(const char* what, const char* why) noexcept {
   if (!sWanted) return;
   const int saved = errno;
   try {
-    note(what, why);
+    note({what, why});
   } catch (...) {
   }
   errno = saved;
 }
+
+void noteCause(const Cause& cause) noexcept { noteCause(cause.what.c_str(), cause.why.c_str()); }
+
+void noteShortMemory() noexcept { noteCause("memory", std::strerror(ENOMEM)); }
 
 std::vector<Cause> takeCauses() {
   sWanted = true;

@@ -17,11 +17,17 @@ struct Cause {
   std::string text() const { return what + ": " + why; }
 };
 
+// What noteFailedCall notes.
+Cause failedCall(const std::string& call, const std::string& object, int error);
+
 // Notes a call that failed with the errno `error`; `object` is its path or its request. Keeps errno.
 void noteFailedCall(const char* call, const char* object, int error) noexcept;
 // Notes that something was not used, and why. Keeps errno. Nothing is noted while memory is short, nor beyond the first
 // 64 causes that nobody takes.
 void noteCause(const char* what, const char* why) noexcept;
+void noteCause(const Cause& cause) noexcept;
+// Notes that memory is short.
+void noteShortMemory() noexcept;
 
 // What was noted since the last time, in order, and forgets it. From the first time on causes are kept.
 std::vector<Cause> takeCauses();

@@ -25,6 +25,7 @@ int issueDriverRequest(int descriptor, unsigned long request, _ioctlCmd* command
 DriverCommand::DriverCommand(std::size_t length, std::uint32_t requestValue) : DriverCommand(length) {
   SnapDriverInterfaceUtility* utility = mBuffer == nullptr ? nullptr : storeFreshUtility();
   if (utility == nullptr) {
+    if (mBuffer != nullptr) noteShortMemory();
     mBuffer.reset();
     return;
   }
@@ -40,6 +41,7 @@ DriverCommand::DriverCommand(std::size_t length) : mLength(length) {
   // What the header's length field cannot express cannot be sent.
   if (length > std::numeric_limits<std::uint32_t>::max()) return;
   mBuffer.reset(static_cast<std::byte*>(std::calloc(length, 1)));
+  if (mBuffer == nullptr) noteShortMemory();
 }
 
 int DriverCommand::issue(int descriptor, unsigned long request) {

@@ -54,7 +54,10 @@ enum SnapStatus : std::int32_t {
 // The number of a block device that the request cannot do without. 0, 7, 8, logged with the path.
 unsigned int requireDevice(const char* path, DeviceNumberPair* pair) {
   const unsigned int result = getDeviceNumber(path, pair);
-  if (result != 0) syslog(LOG_ERR, "Device is invalid: %s.\n", path);
+  if (result != 0) {
+    noteBadDevice(path, result);
+    syslog(LOG_ERR, "Device is invalid: %s.\n", path);
+  }
   return result;
 }
 
@@ -197,6 +200,7 @@ int SnapSet::openControl() {
 int SnapSet::sizeDriverTables() {
   mUtility = storeFreshUtility();
   if (mUtility == nullptr) {
+    noteShortMemory();
     syslog(LOG_ERR, "Memory Allocation Failure.\n");
     return 3;
   }
@@ -253,6 +257,7 @@ int SnapSet::fillEntries() {
       flushDevice(volume.getcStrSnapVolumeName());
     }
   } catch (const std::bad_alloc&) {
+    noteShortMemory();
     syslog(LOG_ERR, "Unable to allocate memory.\n");
     return 3;
   }

@@ -5,8 +5,11 @@
 #include <sys/sysmacros.h>
 #include <syslog.h>
 
+#include <cerrno>
 #include <new>
 #include <utility>
+
+#include "base/Causes.h"
 
 SnapVolumeInformation::SnapVolumeInformation(unsigned int blockSize, unsigned long numBlocks,
                                              std::wstring snapVolumeName, unsigned int relocFileSize,
@@ -81,7 +84,9 @@ std::string WStringToString(const std::wstring& text) {
 unsigned int getDeviceNumber(const char* path, DeviceNumberPair* pair) {
   struct stat status {};
   if (stat(path, &status) != 0) {
+    const int error = errno;
     syslog(LOG_ERR, "%s: Device does not exist.\n", path);
+    errno = error;
     return 8;
   }
   if (!S_ISBLK(status.st_mode)) {
@@ -90,6 +95,11 @@ unsigned int getDeviceNumber(const char* path, DeviceNumberPair* pair) {
   }
   *pair = {major(status.st_rdev), minor(status.st_rdev)};
   return 0;
+}
+
+void noteBadDevice(const char* path, unsigned int result) noexcept {
+  if (result == 8) noteFailedCall("stat", path, errno);
+  if (result == 7) noteCause(path, "is not a block device");
 }
 
 unsigned int getDeviceNumbers(std::list<std::wstring>* volumes, DeviceNumberPair* pairs) {
@@ -102,8 +112,12 @@ unsigned int getDeviceNumbers(std::list<std::wstring>* volumes, DeviceNumberPair
     return 3;
   }
   for (const std::wstring& volume : *volumes) {
-    const unsigned int result = getDeviceNumber(WStringToString(volume).c_str(), pairs++);
-    if (result != 0) return result;
+    const std::string path = WStringToString(volume);
+    const unsigned int result = getDeviceNumber(path.c_str(), pairs++);
+    if (result != 0) {
+      noteBadDevice(path.c_str(), result);
+      return result;
+    }
   }
   return 0;
 }
@@ -119,6 +133,7 @@ std::unique_ptr<DeviceNumberPair[]> resolveVolumes(std::list<std::wstring>* volu
   }
   std::unique_ptr<DeviceNumberPair[]> pairs(new (std::nothrow) DeviceNumberPair[volumes->size()]);
   if (pairs == nullptr) {
+    noteShortMemory();
     syslog(LOG_ERR, "Error Allocating memory.\n");
     return nullptr;
   }

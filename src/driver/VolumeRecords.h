@@ -22,8 +22,10 @@ std::wstring StringToWString(const std::string& text);
 std::string WStringToString(const std::wstring& text);
 
 // The number of the block device `path` (the C library's split of the device number). 0; 8 the path cannot be asked
-// for; 7 it is not a block device. Failures are logged and leave `*pair` as it was.
+// for, with errno; 7 it is not a block device. Failures are logged and leave `*pair` as it was.
 unsigned int getDeviceNumber(const char* path, DeviceNumberPair* pair);
+// Notes that failure, right after it, where it ends an operation: many a name is only tried.
+void noteBadDevice(const char* path, unsigned int result) noexcept;
 
 // Resolves each name to its block device's number, in list order, into `pairs`, which has one element per
 // name. 0; 3 when an argument is missing; 8 a device does not exist; 7 a name is not a block device. Pairs

@@ -6,6 +6,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 
@@ -130,6 +131,7 @@ unsigned int LinuxSnapshotreloc::initializeRelocLocationOption(unsigned long fal
   }
   Sizes sizes;
   if (readSizes(mRelocMountName, sizes) != 0) {
+    mObstacle = failedCall("statfs", mRelocMountName, errno);
     syslog(LOG_ERR, "User provided Mount point not valid.\n");
     driver.neverGiveBack();
     return refuseChosenMount(ChosenMount::kNotReadable);
@@ -148,6 +150,7 @@ unsigned int LinuxSnapshotreloc::initializeRelocLocationOption(unsigned long fal
 bool LinuxSnapshotreloc::resolveRelocMount() {
   char resolved[PATH_MAX] = {};
   if (realpath(mRelocMountName.c_str(), resolved) == nullptr) {
+    mObstacle = failedCall("realpath", mRelocMountName, errno);
     syslog(LOG_ERR, "Mount point %s is invalid.\n", mRelocMountName.c_str());
     return false;
   }
@@ -249,6 +252,7 @@ bool LinuxSnapshotreloc::acceptsChosenFile() {
     return false;
   }
   if (GetMountFSType(mRelocMountName, &mFSType) != 0) {
+    mObstacle = failedCall("statfs", mRelocMountName, errno);
     syslog(LOG_ERR, "Mount point %s is invalid mount point.\n", mRelocMountName.c_str());
     refuseChosenMount(ChosenMount::kNotReadable);
     return false;

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "base/Causes.h"
 #include "base/FileIdentity.h"
 #include "base/Handle.h"
 #include "reloc/RelocationReasons.h"
@@ -23,6 +24,7 @@ inline const std::string RELOC_FILE_LOCATION = ".verrelocarea";
 std::string prepareRelocFileName(std::string name);
 
 class DriverReference;
+class RelocationDirectory;
 
 class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
  public:
@@ -108,6 +110,8 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   std::uint64_t mFSType = 0;         // magic of the file system that holds the file
   RelocationReasons mReasons;        // why the decision is as it is
   FileIdentity mMadeFile;            // what CreateRelocFile made
+  // Why the mount point that was tried last, other file systems' aside, cannot hold the file; nothing where it can.
+  std::optional<Cause> mObstacle;
 
  private:
   // A mounted file system that can take the file.
@@ -152,7 +156,8 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // GetMountSizeDetails into a record, which a failure leaves as it was.
   unsigned int readSizes(const std::string& mountPoint, Sizes& sizes);
 
-  // IsMountPointWritable, and nothing is mounted over what `device` shows there: the file would lie elsewhere.
+  // IsMountPointWritable, and nothing is mounted over what `device` shows there: the file would lie elsewhere. Sets
+  // `mObstacle`.
   bool canHoldFile(const std::string& mountPoint, const std::string& device);
 
   // Steps of the searches.
@@ -185,10 +190,10 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
   // Nothing when every block of the open file is allocated and mapped; else the error number that writing it out logs.
   std::optional<int> allocateAtOnce(int file) const;
   // Writes the file block by block. 0, 18.
-  unsigned int writeOut(UniqueFd file, int allocationError);
+  unsigned int writeOut(const RelocationDirectory& directory, UniqueFd file, int allocationError);
   // False, logged, when a block cannot be written: then the file is closed and gone.
-  bool writeBlocks(UniqueFd& file, const void* zeros);
+  bool writeBlocks(const RelocationDirectory& directory, UniqueFd& file, const void* zeros);
   // The file ends with its first `blocks` blocks.
   void cutTo(std::uint64_t blocks, int file);
-  void closeAndDelete(UniqueFd& file);
+  void closeAndDelete(const RelocationDirectory& directory, UniqueFd& file);
 };

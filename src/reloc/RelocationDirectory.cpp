@@ -40,13 +40,13 @@ RelocationDirectory::RelocationDirectory(std::string path) : mPath(std::move(pat
 
 RelocationDirectory RelocationDirectory::make(std::string path, std::optional<dev_t> device) {
   RelocationDirectory made;
-  made.mMaking = true;
   made.mPath = std::move(path);
   made.openTop();
   if (!made.mTop) return made;
   if (liesElsewhere(made.mTopStatus.st_dev, device)) {
     made.refuse("would lie on another file system");
   } else if (const int error = makeDirectory(made.mTop.get(), made.mName.c_str()); error != 0) {
+    made.failed("mkdir", made.mPath, error);
     made.fail(error);
   } else {
     made.openDirectory();
@@ -67,6 +67,7 @@ void RelocationDirectory::openTop() {
   UniqueFd opened = openWithoutLinks(top.c_str(), O_PATH | O_DIRECTORY);
   if (!opened || fstat(opened.get(), &status) != 0) {
     const int error = errno;
+    failed("open", top, error);
     if (error == ELOOP) tell(mPath, "is reached through a symbolic link");
     return fail(error);
   }
@@ -81,28 +82,39 @@ void RelocationDirectory::openDirectory() {
   mDirectory = (stated ? openEntry : openBeneath)(mTop.get(), mName.c_str(), O_RDONLY | O_DIRECTORY);
   if (!mDirectory) {
     fail(errno);
+    failed("open", mPath, mError);
     if (mError == EXDEV) return tell(mPath, "is a mount point");
     if (mError != ENOTDIR && mError != ELOOP) return;
     if (fstatat(mTop.get(), mName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
     if (const auto why = whyNotOurDirectory(status, mTopStatus.st_dev)) tell(mPath, *why);
     return;
   }
-  if (fstat(mDirectory.get(), &status) != 0) return fail(errno);
+  if (fstat(mDirectory.get(), &status) != 0) {
+    failed("fstat", mPath, errno);
+    return fail(errno);
+  }
   if (!stated) mTopStatus.st_dev = status.st_dev;
   if (const auto why = whyNotRelocationDirectory(mTopStatus, status)) refuse(*why);
 }
 
 void RelocationDirectory::closeToOthers() {
   struct stat status {};
-  if (fchmod(mDirectory.get(), kPrivateMode) != 0 || fstat(mDirectory.get(), &status) != 0) return fail(errno);
+  if (fchmod(mDirectory.get(), kPrivateMode) != 0 || fstat(mDirectory.get(), &status) != 0) {
+    failed("fchmod", mPath, errno);
+    return fail(errno);
+  }
   // FAT, for one: all that is on it has the mode that it was mounted with.
   if ((status.st_mode & kForOthers) != 0) refuse(kKeepsNoModes);
 }
 
-// Only what keeps a file from being made is a failure: what merely stands there is left alone.
 void RelocationDirectory::tell(const std::string& path, const std::string& why) const {
   tellPlanted(path, why);
-  if (mMaking) noteCause(path.c_str(), why.c_str());
+  mCause = {path, why};
+}
+
+void RelocationDirectory::failed(const char* call, const std::string& path, int error) const {
+  mCause = failedCall(call, path, error);
+  errno = error;
 }
 
 void RelocationDirectory::refuse(const std::string& why) {
@@ -154,7 +166,10 @@ std::optional<FileIdentity> RelocationDirectory::ours(const std::string& name) c
     errno = mError;
     return std::nullopt;
   }
-  if (fstatat(mDirectory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
+  if (fstatat(mDirectory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    failed("stat", mPath + FILE_PATH_SEPERATOR + name, errno);
+    return std::nullopt;
+  }
   const auto why = whyNotOurFile(status, mTopStatus.st_dev);
   if (!why) return FileIdentity{status.st_dev, status.st_ino};
   tell(mPath + FILE_PATH_SEPERATOR + name, *why);
@@ -163,19 +178,26 @@ std::optional<FileIdentity> RelocationDirectory::ours(const std::string& name) c
 }
 
 UniqueFd RelocationDirectory::create(const std::string& name) const {
+  const std::string path = mPath + FILE_PATH_SEPERATOR + name;
   if (ours(name)) {
-    if (unlinkat(mDirectory.get(), name.c_str(), 0) != 0) return UniqueFd();
+    if (unlinkat(mDirectory.get(), name.c_str(), 0) != 0) {
+      failed("unlink", path, errno);
+      return UniqueFd();
+    }
   } else if (errno != ENOENT) {
     return UniqueFd();
   }
   UniqueFd file(
       openat(mDirectory.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStatedMode));
-  if (!file) return file;
+  if (!file) {
+    failed("open", path, errno);
+    return file;
+  }
   struct stat status {};
   if (fchmod(file.get(), kPrivateMode) == 0 && fstat(file.get(), &status) == 0 && (status.st_mode & kForOthers) == 0) {
     return file;
   }
-  tell(mPath + FILE_PATH_SEPERATOR + name, kKeepsNoModes);
+  tell(path, kKeepsNoModes);
   static_cast<void>(unlinkat(mDirectory.get(), name.c_str(), 0));
   errno = EACCES;
   return UniqueFd();
@@ -216,7 +238,8 @@ bool liesElsewhere(dev_t found, std::optional<dev_t> expected) {
   return expected && found != *expected && major(found) != 0;
 }
 
-bool mayHoldRelocationFiles(const std::string& mountPoint) {
+std::optional<Cause> whyNotHoldingRelocationFiles(const std::string& mountPoint) {
   const RelocationDirectory directory(mountPoint + FILE_PATH_SEPERATOR + RELOC_FILE_LOCATION);
-  return directory || directory.error() == ENOENT;
+  if (directory || directory.error() == ENOENT) return std::nullopt;
+  return directory.cause();
 }

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Causes.h"
 #include "base/FileIdentity.h"
 #include "base/Handle.h"
 
@@ -33,6 +34,8 @@ class RelocationDirectory {
 
   explicit operator bool() const { return mDirectory.valid(); }
   int error() const { return mError; }  // errno; 0 when it is open
+  // Of the last failure: the call, or why something was refused. Nothing without one.
+  const std::optional<Cause>& cause() const { return mCause; }
 
   // Appends "`path`/NAME" of each entry, of any kind, in the directory's own order. 0, or the errno that keeps the
   // directory from being read.
@@ -58,8 +61,11 @@ class RelocationDirectory {
   void openTop();
   void openDirectory();
   void closeToOthers();
+  // Logs, and keeps as the cause, why something is not used.
   void tell(const std::string& path, const std::string& why) const;
   void refuse(const std::string& why);
+  // Keeps the call that failed as the cause. errno stays.
+  void failed(const char* call, const std::string& path, int error) const;
   void fail(int error);
   // Which file it is, when it is one that root made; nothing, errno being set, when not.
   std::optional<FileIdentity> ours(const std::string& name) const;
@@ -71,8 +77,8 @@ class RelocationDirectory {
 
   std::string mPath;
   std::string mName;  // last component of the path
-  bool mMaking = false;
   int mError = 0;
+  mutable std::optional<Cause> mCause;
   struct stat mTopStatus {};
   UniqueFd mTop;
   UniqueFd mDirectory;
@@ -84,6 +90,6 @@ std::optional<dev_t> deviceNumber(const std::string& device);
 // tmpfs) cannot be compared.
 bool liesElsewhere(dev_t found, std::optional<dev_t> expected);
 
-// Whether a directory of relocation files could be used on the file system mounted at `mountPoint`: what stands there
-// is ours, or nothing. Makes nothing.
-bool mayHoldRelocationFiles(const std::string& mountPoint);
+// Why a directory of relocation files could not be used on the file system mounted at `mountPoint`; nothing when what
+// stands there is ours, or nothing does. Makes nothing.
+std::optional<Cause> whyNotHoldingRelocationFiles(const std::string& mountPoint);

@@ -100,19 +100,21 @@ unsigned int LinuxSnapshotreloc::CreateRelocFile() {
   // The contract: mode 0644 when it is made, and never removed here, whatever follows.
   const RelocationDirectory directory = RelocationDirectory::make(mRelocDirName, deviceNumber(mRelocDeviceName));
   if (!directory) {
-    noteFailedCall("mkdir", mRelocDirName.c_str(), directory.error());
+    if (directory.cause()) noteCause(*directory.cause());
     syslog(LOG_ERR, "Unable to create the directory.\n");
     return kRelocFileNotCreated;
   }
   syslog(LOG_DEBUG, "Reloc file name is: %s.\n", mRelocFileName.c_str());
   UniqueFd file = directory.create(relocFileEntry(mRelocFileName));
   if (!file) {
-    noteFailedCall("open", mRelocFileName.c_str(), errno);
+    if (directory.cause()) noteCause(*directory.cause());
     syslog(LOG_ERR, "Unable to create the directory.\n");  // the contract: the directory's text
     return kRelocFileNotCreated;
   }
   mMadeFile = identityOf(file.get()).value_or(FileIdentity());
-  if (const std::optional<int> error = allocateAtOnce(file.get())) return writeOut(std::move(file), *error);
+  if (const std::optional<int> error = allocateAtOnce(file.get())) {
+    return writeOut(directory, std::move(file), *error);
+  }
   file.reset();
   syslog(LOG_ERR, "Reloc File successfully created.\n");  // the contract: at error priority on this path
   return kRelocSuccess;
@@ -127,15 +129,19 @@ std::optional<int> LinuxSnapshotreloc::allocateAtOnce(int file) const {
   return std::nullopt;
 }
 
-unsigned int LinuxSnapshotreloc::writeOut(UniqueFd file, int allocationError) {
+unsigned int LinuxSnapshotreloc::writeOut(const RelocationDirectory& directory, UniqueFd file, int allocationError) {
   syslog(LOG_ERR, "fallocate failed with err: %dfalling back to traditional method.\n", allocationError);
   const std::unique_ptr<void, FreeMemory> zeros(std::calloc(1, mBlockSize));
   if (zeros == nullptr) {
+    noteShortMemory();
     syslog(LOG_ERR, "Unable to allocate memory.\n");
     static_cast<void>(file.release());  // the contract: the descriptor stays open, and the file stays
     return kRelocFileNotCreated;
   }
-  if (!writeBlocks(file, zeros.get())) return kRelocFileNotCreated;
+  if (!writeBlocks(directory, file, zeros.get())) {
+    if (allocationError != 0) noteFailedCall("posix_fallocate", mRelocFileName.c_str(), allocationError);
+    return kRelocFileNotCreated;
+  }
   fsync(file.get());
   file.reset();
   syslog(LOG_DEBUG, "Reloc File successfully created.\n");
@@ -143,7 +149,7 @@ unsigned int LinuxSnapshotreloc::writeOut(UniqueFd file, int allocationError) {
 }
 
 // One seek and one write a block and nothing else: this loop bounds the time that a snapshot waits for its file.
-bool LinuxSnapshotreloc::writeBlocks(UniqueFd& file, const void* zeros) {
+bool LinuxSnapshotreloc::writeBlocks(const RelocationDirectory& directory, UniqueFd& file, const void* zeros) {
   if (mBlockSize == 0) return true;  // blocks of no size fill no file
   for (std::uint64_t i = 0; i < mRelocNumBlks; ++i) {
     const std::uint64_t offset = mBlockSize * i;
@@ -151,7 +157,7 @@ bool LinuxSnapshotreloc::writeBlocks(UniqueFd& file, const void* zeros) {
     if (lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) != static_cast<off_t>(offset)) {
       const int error = errno;
       noteFailedCall("lseek", mRelocFileName.c_str(), error);
-      closeAndDelete(file);
+      closeAndDelete(directory, file);
       syslog(LOG_ERR, "lseek failed to offset to :%lu bytes, errno : %d.\n", offset, error);
       return false;
     }
@@ -160,7 +166,7 @@ bool LinuxSnapshotreloc::writeBlocks(UniqueFd& file, const void* zeros) {
     if (written == static_cast<std::int32_t>(mBlockSize)) continue;
     if (errno != 0) {
       noteFailedCall("write", mRelocFileName.c_str(), errno);
-      closeAndDelete(file);
+      closeAndDelete(directory, file);
       syslog(LOG_ERR, "write failed for Reloc file.\n");
       return false;
     }
@@ -180,9 +186,9 @@ void LinuxSnapshotreloc::cutTo(std::uint64_t blocks, int file) {
   [[maybe_unused]] const int cut = ftruncate(file, static_cast<off_t>(mBlockSize * blocks));
 }
 
-void LinuxSnapshotreloc::closeAndDelete(UniqueFd& file) {
+void LinuxSnapshotreloc::closeAndDelete(const RelocationDirectory& directory, UniqueFd& file) {
   file.reset();
-  DeleteRelocFile();
+  directory.remove(relocFileEntry(mRelocFileName), mMadeFile);
 }
 
 bool LinuxSnapshotreloc::DeleteRelocFile() {

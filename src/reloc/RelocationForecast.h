@@ -23,8 +23,8 @@ struct RelocationForecast {
 
 // One answer a volume, in list order: where SnapDriverInterface::deduceRelocLocations would put its file, by the same
 // decision. Each file that is placed leaves less memory and less free space to those after it. Where a volume cannot be
-// placed the operation would end; here those after it are answered all the same. The records' relocation fields are filled as the operation would.
-// Nothing is written; which volumes are snapped or frozen is asked of the driver, and a driver that cannot be asked
-// counts as none.
+// placed the operation would end; here those after it are answered all the same. The records' relocation fields are
+// filled as the operation would. Nothing is written; which volumes are snapped or frozen is asked of the driver, and a
+// driver that cannot be asked counts as none.
 std::vector<RelocationForecast> forecastRelocLocations(std::list<SnapVolumeInformation>& volumes,
                                                        unsigned long relocEntriesInMemory);

@@ -139,7 +139,10 @@ UniqueFd reopen(const std::string& path, const FileIdentity& made) {
 bool makeRelocationFile(SnapDriverInterface& driver, SnapVolumeInformation& volume, unsigned long& remaining,
                         std::vector<UniqueFd>& made) {
   const auto reloc = makeFor<LinuxSnapshotreloc>(volume, remaining);
-  if (place(*reloc, volume) != kRelocSuccess) return false;
+  if (place(*reloc, volume) != kRelocSuccess) {
+    if (reloc->mObstacle) noteCause(*reloc->mObstacle);
+    return false;
+  }
   // The contract: asked only now, so that the record of the volume that finds no memory left is placed all the same.
   if (remaining == 0) {
     syslog(LOG_ERR, "Not enough Memory to hold  relocationobjects\n");
@@ -174,7 +177,7 @@ class ForecastPlacement : public LinuxSnapshotreloc {
     struct statvfs status {};
     if (faccessat(AT_FDCWD, mountPoint.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return false;
     if (statvfs(mountPoint.c_str(), &status) != 0 || (status.f_flag & ST_RDONLY) != 0) return false;
-    if (!couldMakeFiles(mountPoint) || !mayHoldRelocationFiles(mountPoint)) return false;
+    if (whyFilesCouldNotBeMade(mountPoint) || whyNotHoldingRelocationFiles(mountPoint)) return false;
     return status.f_files == 0 || status.f_ffree != 0;  // those that make files as they need them count none
   }
 

@@ -48,14 +48,18 @@ void logPassedOver(const MountEntry& mount, PassedOver why) {
 
 bool LinuxSnapshotreloc::IsMountPointWritable(const std::string& mountPoint) {
   // A file system on which the directory for the file cannot be used is as good as one that cannot be written to.
-  return canMakeFiles(mountPoint) && mayHoldRelocationFiles(mountPoint);
+  mObstacle = whyNotMakingFiles(mountPoint);
+  if (!mObstacle) mObstacle = whyNotHoldingRelocationFiles(mountPoint);
+  return !mObstacle;
 }
 
 bool LinuxSnapshotreloc::canHoldFile(const std::string& mountPoint, const std::string& device) {
+  mObstacle.reset();
   const UniqueFd top = openWithoutLinks(mountPoint.c_str(), O_PATH | O_DIRECTORY);
   struct stat status {};
   if (top && fstat(top.get(), &status) == 0 && liesElsewhere(status.st_dev, deviceNumber(device))) {
-    tellPlanted(mountPoint, "is covered by another mount");
+    mObstacle = {mountPoint, "is covered by another mount"};
+    tellPlanted(mObstacle->what, mObstacle->why);
     return false;
   }
   return IsMountPointWritable(mountPoint);
@@ -116,8 +120,10 @@ unsigned int LinuxSnapshotreloc::readSizes(const std::string& mountPoint, Sizes&
 std::optional<PassedOver> LinuxSnapshotreloc::obstacleOn(const MountEntry& mount, const DriverReference& driver) {
   if (driver.isSnapped(mount.fsname)) return PassedOver::kSnapped;
   if (driver.isFrozen(mount.fsname)) return PassedOver::kFrozen;
-  if (!canHoldFile(mount.dir, mount.fsname)) return PassedOver::kNotWritable;
-  return std::nullopt;
+  const std::optional<Cause> own = mObstacle;
+  const bool can = canHoldFile(mount.dir, mount.fsname);
+  mObstacle = own;  // that another file system cannot hold it either is no cause
+  return can ? std::nullopt : std::optional(PassedOver::kNotWritable);
 }
 
 void LinuxSnapshotreloc::passOver(const MountEntry& mount, PassedOver why) {

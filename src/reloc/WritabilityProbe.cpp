@@ -30,17 +30,27 @@ constexpr int kAttempts = 8;
 
 UniqueFd openTop(const std::string& mountPoint) { return openWithoutLinks(mountPoint.c_str(), O_PATH | O_DIRECTORY); }
 
-// Whether what has the probe's name in the directory `top` may be removed: an empty file of root's, left by a process
-// that died. Anything else is told of. Nothing there is fine.
-bool isLeftover(int top, const std::string& mountPoint) {
+std::string probePath(const std::string& mountPoint) { return mountPoint + FILE_PATH_SEPERATOR + PROBE_FILE_NAME; }
+
+Cause refused(const std::string& path, const std::string& why) {
+  tellPlanted(path, why);
+  return {path, why};
+}
+
+// Why what has the probe's name in the directory `top` may not be removed: it is no empty file of root's, as a process
+// that died leaves one. Nothing there is fine.
+std::optional<Cause> whyNameIsTaken(int top, const std::string& mountPoint) {
   struct stat directory {};
   struct stat file {};
-  if (fstat(top, &directory) != 0) return false;
-  if (fstatat(top, kEntry, &file, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
+  if (fstat(top, &directory) != 0) return failedCall("fstat", mountPoint, errno);
+  if (fstatat(top, kEntry, &file, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT) return std::nullopt;
+    return failedCall("stat", probePath(mountPoint), errno);
+  }
   auto why = whyNotOurFile(file, directory.st_dev);
   if (!why && file.st_size != 0) why = "is not empty";
-  if (why) tellPlanted(mountPoint + FILE_PATH_SEPERATOR + PROBE_FILE_NAME, *why);
-  return !why;
+  if (!why) return std::nullopt;
+  return refused(probePath(mountPoint), *why);
 }
 
 // Why what is made in the directory `top`, as `file` was, would not be root's alone.
@@ -72,30 +82,34 @@ std::optional<mode_t> modeOfAllFiles(const std::string& mountPoint) {
 
 }  // namespace
 
-bool canMakeFiles(const std::string& mountPoint) {
+std::optional<Cause> whyNotMakingFiles(const std::string& mountPoint) {
   const UniqueFd top = openTop(mountPoint);
-  if (!top) return false;
+  if (!top) return failedCall("open", mountPoint, errno);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const UniqueFd file(
         openat(top.get(), kEntry, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     if (file) {
       const auto why = whyNotPrivate(top.get(), file.get());
-      if (why) tellPlanted(mountPoint, *why);
       unlinkat(top.get(), kEntry, 0);
-      return !why;
+      if (why) return refused(mountPoint, *why);
+      return std::nullopt;
     }
-    if (errno != EEXIST || !isLeftover(top.get(), mountPoint)) return false;
-    if (unlinkat(top.get(), kEntry, 0) != 0 && errno != ENOENT) return false;
+    if (errno != EEXIST) return failedCall("open", probePath(mountPoint), errno);
+    if (auto why = whyNameIsTaken(top.get(), mountPoint)) return why;
+    if (unlinkat(top.get(), kEntry, 0) != 0 && errno != ENOENT) {
+      return failedCall("unlink", probePath(mountPoint), errno);
+    }
   }
-  return false;
+  return failedCall("open", probePath(mountPoint), EEXIST);
 }
 
-bool couldMakeFiles(const std::string& mountPoint) {
+std::optional<Cause> whyFilesCouldNotBeMade(const std::string& mountPoint) {
   const UniqueFd top = openTop(mountPoint);
   struct stat directory {};
-  if (!top || fstat(top.get(), &directory) != 0 || !isLeftover(top.get(), mountPoint)) return false;
+  if (!top || fstat(top.get(), &directory) != 0) return failedCall("open", mountPoint, errno);
+  if (auto why = whyNameIsTaken(top.get(), mountPoint)) return why;
   const std::optional<mode_t> mode = modeOfAllFiles(mountPoint);
   const auto why = mode ? whyOpenToOthers(directory, *mode) : std::nullopt;
-  if (why) tellPlanted(mountPoint, *why);
-  return !why;
+  if (why) return refused(mountPoint, *why);
+  return std::nullopt;
 }

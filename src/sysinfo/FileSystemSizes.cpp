@@ -14,10 +14,12 @@ namespace {
 
 constexpr unsigned int kCannotExamine = 16;
 
-// `statfs`, its failure logged.
+// `statfs`, its failure logged; errno stays.
 bool readSizes(const std::string& mountPoint, struct statfs& sizes) {
   if (statfs(mountPoint.c_str(), &sizes) == 0) return true;
-  syslog(LOG_ERR, "Unable to stat the mountpoint: %s, errno: %d.\n", mountPoint.c_str(), errno);
+  const int error = errno;
+  syslog(LOG_ERR, "Unable to stat the mountpoint: %s, errno: %d.\n", mountPoint.c_str(), error);
+  errno = error;
   return false;
 }
 
