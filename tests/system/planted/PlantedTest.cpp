@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -295,6 +296,92 @@ TEST_P(Planted, a_FIFO_for_the_relocation_file_holds_nothing_up) {
   EXPECT_EQ(run(), 115);
   EXPECT_TRUE(fs::is_fifo(area));
   expectTold(area, "is a FIFO");
+  clear();
+}
+
+// ---- whatever else has one of the names
+
+// What a user, or a medium of his, has there: how it is made at `path`, and what is told of it.
+struct Thing {
+  void (*make)(const std::string& path);
+  const char* told;
+};
+
+void makeNode(const std::string& path, mode_t mode, dev_t device = 0) {
+  ASSERT_EQ(mknod(path.c_str(), mode, device), 0) << path;
+}
+
+constexpr Thing kThings[] = {
+    {[](const std::string& path) { makeNode(path, S_IFSOCK | 0666); }, "is a socket"},
+    {[](const std::string& path) { makeNode(path, S_IFCHR | 0666, makedev(1, 3)); }, "is a character device"},
+    {[](const std::string& path) { makeNode(path, S_IFBLK | 0666, makedev(7, 0)); }, "is a block device"},
+};
+constexpr Thing kFolder = {[](const std::string& path) { fs::create_directory(path); }, "is a directory"};
+constexpr Thing kHardLink = {[](const std::string& path) {
+                               const std::string first = fs::path(path).parent_path() / "first";
+                               test::writeFile(first, "");
+                               fs::create_hard_link(first, path);
+                               fs::rename(first, fs::path(path).parent_path() / "second");
+                             },
+                             "has 2 links"};
+constexpr Thing kForeignFile = {[](const std::string& path) { test::writeFile(path, "somebody's"); }, "is not empty"};
+
+class PlantedThing : public Planted {
+ protected:
+  // A run that comes upon the thing leaves it alone and finds no place for its relocation file.
+  void expectLeftAlone(const Thing& thing, const std::string& planted) {
+    thing.make(planted);
+    struct stat before {};
+    struct stat after {};
+    ASSERT_EQ(lstat(planted.c_str(), &before), 0);
+    log.clear();
+    EXPECT_EQ(run(), 115) << thing.told;
+    expectTold(planted, thing.told);
+    ASSERT_EQ(lstat(planted.c_str(), &after), 0) << thing.told;
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(after.st_mode, before.st_mode);
+    EXPECT_EQ(after.st_size, before.st_size);
+    fs::remove_all(planted);
+    fs::remove(fs::path(planted).parent_path() / "second");
+  }
+};
+INSTANTIATE_TEST_SUITE_P(On, PlantedThing, testing::Values(kExt4OfUser, kXfsOfUser, kBoundOfUser), nameOf);
+
+TEST_P(PlantedThing, under_the_name_of_the_probe_is_left_alone) {
+  for (const Thing& thing : kThings) expectLeftAlone(thing, probe);
+  for (const Thing& thing : {kFolder, kHardLink, kForeignFile}) expectLeftAlone(thing, probe);
+}
+
+TEST_P(PlantedThing, under_the_name_of_the_relocation_directory_is_left_alone) {
+  for (const Thing& thing : kThings) expectLeftAlone(thing, area);
+  expectLeftAlone({kForeignFile.make, "is a file"}, area);
+  expectLeftAlone({[](const std::string& folder) {
+                     fs::create_directory(folder);
+                     EXPECT_EQ(chmod(folder.c_str(), 0620), 0);
+                   },
+                   "may be written to by others than root"},
+                  area);
+}
+
+TEST_P(PlantedThing, under_the_name_of_the_relocation_file_is_left_alone) {
+  fs::create_directory(area);
+  ASSERT_EQ(chmod(area.c_str(), 0600), 0);
+  const std::string file = area + "/" + name;
+  for (const Thing& thing : kThings) expectLeftAlone(thing, file);
+  for (const Thing& thing : {kFolder, kHardLink}) expectLeftAlone(thing, file);
+  clear();
+}
+
+TEST_P(PlantedThing, mounted_on_the_relocation_directory_is_left_alone) {
+  fs::create_directory(area);
+  {
+    const Mounted mounted("planted", area, "tmpfs");
+    test::writeFile(area + "/" + name, "somebody's");
+    EXPECT_EQ(run(), 115);
+    expectTold(area, "is a mount point");
+    EXPECT_EQ(mirelsnap({"reconcile"}), 0) << errors;
+    EXPECT_EQ(contentOf(area + "/" + name), "somebody's");
+  }
   clear();
 }
 

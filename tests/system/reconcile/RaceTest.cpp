@@ -3,6 +3,7 @@
 // Somebody removes what a dead process left, or a snapshot of its own, and is stopped in the middle of it while
 // somebody else takes a snapshot of the same volume: what the living one has is left to it.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -26,6 +27,7 @@ using test::DriverClient;
 using test::Ended;
 using test::Engine;
 using test::Json;
+using test::Mounted;
 using test::Process;
 using test::Session;
 using test::StartOptions;
@@ -38,22 +40,28 @@ constexpr char kHeldOff[] =
     "Snapshots and relocation files of dead processes are left: another process is taking a snapshot, or removing one; "
     "run reconcile again when it is done.\n";
 
-struct FileSystemKind {
+struct Place {
+  const char* name;
   const char* type;
   std::uint64_t bytes;
+  bool bound;  // relocation files are made by the path of a bind mount
 };
 
-class Race : public testing::TestWithParam<FileSystemKind> {
+void PrintTo(const Place& place, std::ostream* out) { *out << place.name; }
+
+class Race : public testing::TestWithParam<Place> {
  protected:
   static StartOptions with(const std::string& mischief) { return {.environment = test::withMischief(mischief)}; }
 
   // The name of a volume's relocation file, and where that lies.
   static std::string fileName(const Volume& of) { return of.device().substr(5); }
   static std::string fileOf(const Volume& of) { return of.folder() + "/.verrelocarea/" + fileName(of); }
+  // By which path relocation files on the volume are made.
+  const std::string& topOf(const Volume& of) const { return &of == &volume && bound ? bound->folder() : of.folder(); }
   // An open set of one volume, with a small relocation file on it.
-  static Engine openedSet(Agent& agent, const Volume& of) {
+  Engine openedSet(Agent& agent, const Volume& of) const {
     Engine engine = agent.openedSet({&of});
-    EXPECT_EQ(engine.setRelocation(0, of.folder(), 2), S_OK);
+    EXPECT_EQ(engine.setRelocation(0, topOf(of), 2), S_OK);
     return engine;
   }
   // A snapshot whose process is dead.
@@ -88,12 +96,18 @@ class Race : public testing::TestWithParam<FileSystemKind> {
     engine.release();
   }
 
-  Volume volume{GetParam().type, GetParam().bytes};
+  const TempDir otherFolder;
+  const Volume volume{GetParam().type, GetParam().bytes};
+  const std::optional<Mounted> bound =
+      GetParam().bound ? std::make_optional<Mounted>(volume.folder(), otherFolder.path(), "", MS_BIND) : std::nullopt;
   Session session;
 };
 
-INSTANTIATE_TEST_SUITE_P(On, Race, testing::Values(FileSystemKind{"ext4", 32 << 20}, FileSystemKind{"xfs", 300 << 20}),
-                         [](const auto& kind) { return std::string(kind.param.type); });
+INSTANTIATE_TEST_SUITE_P(On, Race,
+                         testing::Values(Place{"ext4", "ext4", 32 << 20, false}, Place{"xfs", "xfs", 300 << 20, false},
+                                         Place{"a_bind_mount_of_ext4", "ext4", 32 << 20, true},
+                                         Place{"a_bind_mount_of_xfs", "xfs", 300 << 20, true}),
+                         [](const auto& place) { return std::string(place.param.name); });
 
 // ---- the discard
 
@@ -151,10 +165,11 @@ TEST_P(Race, no_run_takes_a_snapshot_while_the_reconcile_of_another_is_stopped_b
 // A process that snaps a volume while another one is stopped: it takes its snapshot, or waits until that one goes on.
 class Newcomer {
  public:
-  Newcomer(Session& session, const Volume& volume)
+  // Its relocation file is made on the volume by the path `top`.
+  Newcomer(Session& session, const Volume& volume, const std::string& top)
       : mAgent(session, {.environment = test::withMischief("tell-locked-out:" + mLockedOut)}),
         mEngine(mAgent.openedSet({&volume})) {
-    EXPECT_EQ(mEngine.setRelocation(0, volume.folder(), 2), S_OK);
+    EXPECT_EQ(mEngine.setRelocation(0, top, 2), S_OK);
   }
   void begin() {
     EXPECT_GE(mEngine.startJob(), 0);
@@ -180,7 +195,7 @@ TEST_P(Race, a_reconcile_that_is_stopped_before_it_removes_a_file_does_not_remov
   Engine reconciler = stopped.engine();
   stopped.begin("reconcile", {{"engine", 0}});
   stopped.process().waitUntilStopped();
-  Newcomer newcomer(session, volume);
+  Newcomer newcomer(session, volume, topOf(volume));
   newcomer.begin();
   stopped.process().signal(SIGCONT);
   EXPECT_EQ(stopped.finish()["result"], S_OK);
@@ -195,7 +210,7 @@ TEST_P(Race, a_reconcile_that_is_stopped_after_its_last_listing_does_not_remove_
   Engine reconciler = stopped.engine();
   stopped.begin("reconcile", {{"engine", 0}});
   stopped.process().waitUntilStopped();
-  Newcomer newcomer(session, volume);
+  Newcomer newcomer(session, volume, topOf(volume));
   newcomer.begin();
   stopped.process().signal(SIGCONT);
   EXPECT_EQ(stopped.finish()["result"], S_OK);
@@ -211,7 +226,7 @@ TEST_P(Race, the_reconcile_of_a_run_that_is_stopped_before_it_removes_a_file_doe
   Process stopped = session.start(test::runArguments({"--volume", others.device()}, {"/bin/true"}),
                                   with("stop-before-unlink:" + fileName(volume)));
   stopped.waitUntilStopped();
-  Newcomer newcomer(session, volume);
+  Newcomer newcomer(session, volume, topOf(volume));
   newcomer.begin();
   stopped.signal(SIGCONT);
   EXPECT_EQ(stopped.wait(), 0) << stopped.errors();
@@ -225,7 +240,7 @@ TEST_P(Race, a_deletion_that_is_stopped_after_its_discard_does_not_remove_the_fi
   ASSERT_EQ(deleting.snap(), 0);
   stopped.begin("delete_set", {{"engine", 0}, {"set", deleting.set()}});
   stopped.process().waitUntilStopped();
-  Newcomer newcomer(session, volume);
+  Newcomer newcomer(session, volume, topOf(volume));
   newcomer.begin();
   stopped.process().signal(SIGCONT);
   EXPECT_EQ(stopped.finish()["result"], S_OK);
