@@ -367,13 +367,15 @@ TEST_F(ReconcileOfSevenMappings, a_count_that_the_driver_refuses_is_no_count_of_
   EXPECT_THAT(driver.calls(IOC_GET_RELOC_FILE_MAPPING), IsEmpty());
 }
 
-TEST_F(ReconcileOfSevenMappings, memory_that_is_short_for_the_count_is_no_count_of_3) {
+TEST_F(ReconcileOfSevenMappings, memory_that_is_short_for_the_count_at_the_last_look_is_no_count_of_3) {
+  const std::string orphan = makeFile("orphan");
   std::optional<test::FailingAllocation> shortage;
   beforeCount = [&] {
-    if (counted == 1) shortage.emplace(0u, sizeof(SnapDriverInterfaceUtility));
+    if (counted == 2) shortage.emplace(0u, sizeof(SnapDriverInterfaceUtility));
   };
   expectAllKept();
   EXPECT_TRUE(shortage->failed());
+  EXPECT_TRUE(fs::exists(orphan));
 }
 
 TEST_F(ReconcileOfSevenMappings, a_count_that_fails_at_the_last_look_keeps_the_orphan) {
