@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "MountTable.h"
+#include "Wide.h"
 #include "base/Resolve.h"
 
 namespace cli {
@@ -55,11 +57,23 @@ Outcome restrictSnapshot(const std::string& target, const ChosenVolume& volume) 
   return remount(target, openFolder(target), flags.value_or(MS_NOSUID | MS_NODEV | MS_NOEXEC));
 }
 
-Outcome restrictBind(const std::string& target, bool holdsAnother) {
+std::variant<std::unique_ptr<LiveMount>, Failure> liveMountAt(const std::string& mountPoint) {
+  int error = 0;
+  std::unique_ptr<LiveMount> live(LiveMount::CreateMountVolumeParams(wide(mountPoint).c_str(), nullptr, error));
+  if (live != nullptr) return live;
+  if (error == ENOMEM) return Failure{kCannotExpose, mountPoint, "memory is short", ""};
+  return Failure{kCannotExpose, mountPoint, "is not a mount point", "name a mount point with --bind"};
+}
+
+Outcome bindLive(LiveMount& live, const std::string& base) {
+  const std::string target = joined(base, live.OriginalMountPoint());
+  if (!live.DoMount(wide(base).c_str()))
+    return Failure{kCannotExpose, live.OriginalMountPoint(),
+                   "cannot be bound at " + target + ": " + std::strerror(live.MountError()),
+                   "see whether somebody replaced a folder of either path meanwhile, and run this again"};
   const UniqueFd bound = openFolder(target);
   const auto flags = restrictionsOf(bound);
-  if (!flags) return cannotRestrict(target, errno);
-  if (!holdsAnother && mount(nullptr, DescriptorPath(bound.get()).text(), nullptr, MS_PRIVATE, nullptr) != 0)
+  if (!flags || mount(nullptr, DescriptorPath(bound.get()).text(), nullptr, MS_PRIVATE, nullptr) != 0)
     return cannotRestrict(target, errno);
   return remount(target, bound, *flags);
 }

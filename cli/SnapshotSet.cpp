@@ -13,7 +13,6 @@
 
 #include "BaseSweep.h"
 #include "Driver.h"
-#include "ExposedMount.h"
 #include "PlacementText.h"
 #include "Processes.h"
 #include "RelocationProgress.h"
@@ -139,9 +138,9 @@ Outcome SnapshotSet::setOptions(const _SSGUIDPLAIN& snapshotId, const ChosenVolu
 
 Outcome SnapshotSet::addBinds() {
   for (const std::string& bind : mBinds) {
-    if (mEngine->AddToAlternateMountSet(wide(bind).c_str()) < 0) {
-      return Failure{kCannotExpose, bind, "is not a mount point", "name a mount point with --bind"};
-    }
+    auto live = liveMountAt(bind);
+    if (const auto* failure = std::get_if<Failure>(&live)) return *failure;
+    mLiveMounts.push_back(std::move(std::get<0>(live)));
   }
   return std::nullopt;
 }
@@ -302,7 +301,8 @@ Outcome SnapshotSet::expose(const std::string& base) {
     return Failure{kCannotExpose, mBase.path(), "the snapshots could not be mounted there" + attempt.because(),
                    "look for mirelsnap in the system log, or use --verbose"};
   }
-  if (Outcome failure = restrictMounts()) return failure;
+  if (Outcome failure = restrictSnapshots()) return failure;
+  if (Outcome failure = bindLiveMounts()) return failure;
   for (SnappedVolume& volume : mSnapped) {
     if (!volume.mountPoints.empty()) volume.exposedAt = joined(mBase.path(), volume.mountPoints.front());
   }
@@ -311,15 +311,16 @@ Outcome SnapshotSet::expose(const std::string& base) {
 }
 
 // Nobody but root reaches the base: its mounts are as the live ones before anybody can look.
-Outcome SnapshotSet::restrictMounts() const {
+Outcome SnapshotSet::restrictSnapshots() const {
   for (const ChosenVolume& volume : mVolumes) {
     if (Outcome failure = restrictSnapshot(joined(mBase.path(), volume.mountPoint), volume)) return failure;
   }
-  for (const std::string& bind : mBinds) {
-    const bool holdsAnother = std::any_of(mBinds.begin(), mBinds.end(), [&](const std::string& other) {
-      return other != bind && liesWithin(other, bind);
-    });
-    if (Outcome failure = restrictBind(joined(mBase.path(), bind), holdsAnother)) return failure;
+  return std::nullopt;
+}
+
+Outcome SnapshotSet::bindLiveMounts() {
+  for (const std::unique_ptr<LiveMount>& live : mLiveMounts) {
+    if (Outcome failure = bindLive(*live, mBase.path())) return failure;
   }
   return std::nullopt;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One snapshot set from its start to its end, through the engine's interface as any agent uses it.
+// One snapshot set from its start to its end, through the engine's interface as any agent uses it; but live mounts are
+// bound here, because each must be kept to itself before another one is bound in it.
 #pragma once
 
 #include <memory>
@@ -10,6 +11,7 @@
 #include <mirelsnap/SnapshotEngine.h>
 
 #include "Attempt.h"
+#include "ExposedMount.h"
 #include "ExposureBase.h"
 #include "Failure.h"
 #include "Placement.h"
@@ -29,6 +31,7 @@ struct SnappedVolume {
 
 class SnapshotSet {
  public:
+  // Of `binds` one that lies in another comes after it.
   SnapshotSet(Terminal& terminal, std::vector<ChosenVolume> volumes, std::vector<std::string> binds,
               RelocationOptions relocation);
   ~SnapshotSet();
@@ -64,7 +67,8 @@ class SnapshotSet {
   void showRelocationFile();
   void readProperties();
   void dropMappings();
-  Outcome restrictMounts() const;
+  Outcome restrictSnapshots() const;
+  Outcome bindLiveMounts();
   Failure snapFailure(int snapResult, const std::string& because);
   Failure busyFailure() const;
   Failure noRoomFailure(const std::string& because) const;
@@ -78,6 +82,7 @@ class SnapshotSet {
   Terminal& mTerminal;
   std::vector<ChosenVolume> mVolumes;
   std::vector<std::string> mBinds;
+  std::vector<std::unique_ptr<LiveMount>> mLiveMounts;
   RelocationOptions mRelocation;
   std::vector<Placement> mPlacements;  // predicted, for the bar
   std::unique_ptr<UnixSnapshotCoordinator::IUscSnapshotEngine, Release> mEngine;
