@@ -11,10 +11,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
 #include "MountTable.h"
 #include "Processes.h"
+#include "base/ReadText.h"
 
 namespace fs = std::filesystem;
 
@@ -72,7 +73,7 @@ std::string textOf(const BaseRecord& record) {
 // announce has been made.
 BaseRecord read(const fs::path& file) {
   BaseRecord record;
-  std::ifstream stream(file);
+  std::istringstream stream(readText(file, O_NOFOLLOW | O_NONBLOCK).value_or(std::string()));
   for (std::string line; std::getline(stream, line, '\0');) {
     const auto valueOf = [&](const char* key) { return line.substr(std::strlen(key)); };
     if (line.starts_with(kProcess)) record.process = std::atoi(valueOf(kProcess).c_str());

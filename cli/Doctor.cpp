@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 
 #include "Driver.h"
 #include "PlacementText.h"
@@ -16,6 +15,7 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeCheck.h"
+#include "base/ReadText.h"
 
 namespace cli {
 namespace {
@@ -54,11 +54,11 @@ bool checkRoot(Findings& findings) {
 
 void checkTables(Findings& findings) {
   for (const char* path : {"/proc/mounts", "/proc/self/mountinfo"}) {
-    if (std::ifstream file(path); !file)
+    if (!readText(path))
       findings.add("mount-table", path, std::string("the mount table cannot be read: ") + std::strerror(errno),
                    "mount proc on /proc");
   }
-  if (std::ifstream file("/proc/meminfo"); !file)
+  if (!readText("/proc/meminfo"))
     findings.add("memory", "/proc/meminfo", std::string("the state of memory cannot be read: ") + std::strerror(errno),
                  "mount proc on /proc");
 }

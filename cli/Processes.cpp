@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "MountTable.h"
 #include "Text.h"
 #include "base/Process.h"
+#include "base/ReadText.h"
 
 namespace fs = std::filesystem;
 
@@ -47,7 +47,7 @@ std::optional<std::string> pathInUse(const fs::path& process, const std::string&
 
 // Where the process's own mount namespace has `device` mounted.
 std::optional<std::string> mountOf(const fs::path& process, const std::string& device) {
-  std::ifstream table(process / "mounts");
+  std::istringstream table(readText(process / "mounts").value_or(std::string()));
   for (std::string line; std::getline(table, line);) {
     std::istringstream fields(line);
     std::string source, folder;
@@ -59,10 +59,8 @@ std::optional<std::string> mountOf(const fs::path& process, const std::string& d
 std::vector<User> loopDevicesOver(const std::string& folder) {
   std::vector<User> found;
   for (const fs::path& device : entriesOf("/sys/block")) {
-    std::ifstream file(device / "loop/backing_file");
-    std::string path;
-    if (std::getline(file, path) && liesWithin(path, folder))
-      found.push_back({"/dev/" + device.filename().string(), path});
+    const std::string path = readLine(device / "loop/backing_file");
+    if (liesWithin(path, folder)) found.push_back({"/dev/" + device.filename().string(), path});
   }
   return found;
 }
@@ -79,12 +77,7 @@ std::optional<int> processNamedBy(const fs::path& path) {
 
 bool isGone(int process) { return processIsGone(process); }
 
-std::string processName(int process) {
-  std::ifstream file("/proc/" + std::to_string(process) + "/comm");
-  std::string name;
-  std::getline(file, name);
-  return name;
-}
+std::string processName(int process) { return readLine("/proc/" + std::to_string(process) + "/comm"); }
 
 std::string processText(int process) {
   const std::string name = processName(process);

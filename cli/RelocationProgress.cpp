@@ -2,8 +2,9 @@
 #include "RelocationProgress.h"
 
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
+#include "base/ReadText.h"
 #include "reloc/LinuxSnapshotreloc.h"
 
 namespace fs = std::filesystem;
@@ -12,7 +13,7 @@ namespace cli {
 namespace {
 
 std::uint64_t positionOf(const std::string& descriptor) {
-  std::ifstream info("/proc/self/fdinfo/" + descriptor);
+  std::istringstream info(readText("/proc/self/fdinfo/" + descriptor).value_or(std::string()));
   std::string key;
   std::uint64_t position = 0;
   return info >> key >> position && key == "pos:" ? position : 0;

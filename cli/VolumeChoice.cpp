@@ -8,10 +8,11 @@
 #include <array>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
+#include <sstream>
 
 #include "Text.h"
+#include "base/ReadText.h"
 #include "qxtools/UnixUtils.h"
 #include "sysinfo/LinuxSystemInfo.h"
 
@@ -96,7 +97,7 @@ class Chooser {
     std::error_code error;
     const std::string folder = "/sys/dev/block/" + std::to_string(major(disk)) + ":" + std::to_string(minor(disk));
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
-      std::ifstream numbers(entry->path() / "dev");
+      std::istringstream numbers(readLine(entry->path() / "dev"));
       unsigned int partMajor = 0, partMinor = 0;
       char colon = 0;
       if (!fs::exists(entry->path() / "partition", error) || !(numbers >> partMajor >> colon >> partMinor)) continue;
