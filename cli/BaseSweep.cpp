@@ -69,11 +69,13 @@ void removeFoldersBelow(const std::string& base) {
   std::for_each(folders.rbegin(), folders.rend(), &removeFolder);
 }
 
-void sweep(const BaseRecord& record) {
+void unmountAll(const BaseRecord& record, Patience& patience) {
+  for (const Mount& mount : exposedIn(record.base, {record})) unmount(mount, patience);
+}
+
+void sweep(const BaseRecord& record, Patience& patience) {
   // One that says nothing was not written to its end.
-  if (!record.base.empty()) {
-    unmountExposure(record);
-  }
+  if (!record.base.empty()) unmountAll(record, patience);
   if (record.file.empty()) removeFoldersBelow(record.base);
   std::for_each(record.folders.rbegin(), record.folders.rend(), &removeFolder);
   const bool done = record.base.empty() || (record.shownFolders().empty() && exposedIn(record.base, {record}).empty());
@@ -81,8 +83,7 @@ void sweep(const BaseRecord& record) {
 }
 
 // Of a base that no record tells of only the snapshots are known.
-void sweepNamed(const std::string& base, const std::vector<BaseRecord>& living) {
-  Patience patience;
+void sweepNamed(const std::string& base, const std::vector<BaseRecord>& living, Patience& patience) {
   for (const Mount& mount : exposedIn(base, {})) {
     const bool used = std::any_of(living.begin(), living.end(),
                                   [&](const BaseRecord& record) { return liesWithin(mount.folder, record.base); });
@@ -100,7 +101,7 @@ bool isOfExposure(const Mount& mount, const std::vector<BaseRecord>& records) {
 
 void unmountExposure(const BaseRecord& record) {
   Patience patience;
-  for (const Mount& mount : exposedIn(record.base, {record})) unmount(mount, patience);
+  unmountAll(record, patience);
 }
 
 Outcome sweepBases(const std::string& base) {
@@ -111,8 +112,9 @@ Outcome sweepBases(const std::string& base) {
     failure->code = kCannotCleanUp;
     return *failure;
   }
-  for (const BaseRecord& record : abandonedBases()) sweep(record);
-  if (!base.empty()) sweepNamed(base, livingBases());
+  Patience patience;
+  for (const BaseRecord& record : abandonedBases()) sweep(record, patience);
+  if (!base.empty()) sweepNamed(base, livingBases(), patience);
   return std::nullopt;
 }
 
