@@ -21,6 +21,8 @@ namespace cli {
 using FileId = std::pair<dev_t, ino_t>;
 // FileId{} when nothing is there.
 FileId fileAt(const std::string& path);
+// Whether a file lies where a reconciliation looks for relocation files.
+bool isInRelocationDirectory(const std::string& path);
 
 // An empty directory for relocation files, or a probe.
 struct Trace {
@@ -37,5 +39,7 @@ std::vector<std::string> findRelocationFiles(const MountTable& table);
 std::vector<Trace> findTraces(const MountTable& table);
 // 0 or an errno. What has become something else meanwhile stays, and counts as removed.
 int removeTrace(const Trace& trace);
+// The same for a directory of relocation files, which stays while it holds any.
+int removeEmptyDirectory(const std::string& path);
 
 }  // namespace cli

@@ -219,13 +219,13 @@ bool RelocationDirectory::remove(const std::string& name, const std::optional<Fi
   return false;
 }
 
-void RelocationDirectory::removeIfEmpty() const {
+int RelocationDirectory::removeIfEmpty() const {
   std::vector<std::string> names;
-  if (readEntries(names) != 0) {
+  if (const int error = readEntries(names); error != 0) {
     syslog(LOG_ERR, "Unable to read directory: %s.\n", mPath.c_str());
-  } else if (names.empty()) {
-    static_cast<void>(unlinkat(mTop.get(), mName.c_str(), AT_REMOVEDIR));  // whether it worked is nobody's concern
+    return error;
   }
+  return !names.empty() || unlinkat(mTop.get(), mName.c_str(), AT_REMOVEDIR) == 0 ? 0 : errno;
 }
 
 std::optional<dev_t> deviceNumber(const std::string& device) {

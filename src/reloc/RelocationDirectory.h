@@ -52,8 +52,9 @@ class RelocationDirectory {
   // The same unless it is another file by now than `expected`: ESTALE.
   bool remove(const std::string& name, const std::optional<FileIdentity>& expected) const;
 
-  // Removes the directory when it has no entries. That it cannot be read is logged.
-  void removeIfEmpty() const;
+  // Removes the directory when it has no entries. That it cannot be read is logged. 0 when it is gone or keeps its
+  // entries; else an errno.
+  int removeIfEmpty() const;
 
  private:
   RelocationDirectory() = default;
