@@ -14,7 +14,8 @@ namespace cli {
 Outcome Driver::check(std::string* version) {
   std::string answered;
   Attempt attempt;
-  if (mDriver == nullptr || mDriver->GetDriverVersionDetail(answered) != 0) return noDriver(attempt.because());
+  if (mDriver == nullptr || mDriver->GetDriverVersionDetail(answered) != 0)
+    return noDriver(attempt.because(kControlNode));
   if (version != nullptr) *version = answered;
   return std::nullopt;
 }
@@ -52,7 +53,7 @@ Outcome Driver::holdings(std::list<SnappedVolumeInformation>& snapped, std::list
   Attempt attempt;
   const bool told = mDriver->GetSnappedVolumeDetails(snapped) == 0 && mDriver->GetRelocFileMapping(mapped) == 0;
   // A count of mappings that failed is no failure of the listing behind it, which is cut then.
-  const std::string because = attempt.because();
+  const std::string because = attempt.because(kControlNode);
   if (told && because.empty()) return std::nullopt;
   return Failure{unknown.code, unknown.subject, unknown.cause + because, unknown.advice};
 }
@@ -98,7 +99,7 @@ Failure notTracked(const std::string& device) {
 }
 
 Failure refused(const std::string& subject, unsigned int status) {
-  if (status == 5) return noDriver(Attempt::becauseSoFar());
+  if (status == 5) return noDriver(Attempt::becauseSoFar(kControlNode));
   if (status == 6)
     return {kRefused, subject, "the driver refused the request", "look for MIRELSNAP_SDK in the system log"};
   return {kRefused, subject, "the request could not be made (code " + std::to_string(status) + ")",

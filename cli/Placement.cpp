@@ -23,7 +23,7 @@ std::uint64_t entriesInMemory(std::string& problem) {
   mirelsnapsdk_linuxcomputer::LinuxSystemInfo system;
   mirelsnapsdk_linuxcomputer::_sysMemStateInfo state{};
   if (system.InitializeSystemMemoryState() != 0 || system.GetSpecificSystemMemoryState(&state) != 0) {
-    problem = "the state of memory cannot be read" + attempt.because();
+    problem = "the state of memory cannot be read" + attempt.because("");
     return 0;
   }
   return SnapDriverInterfaceUtility().calculateMaxRelocBlocks(state);

@@ -25,6 +25,7 @@
 namespace cli {
 namespace {
 
+using namespace std::chrono_literals;
 using nlohmann::json;
 using UnixSnapshotCoordinator::IUscSnapshotEngine;
 
@@ -63,7 +64,7 @@ class Removal {
       note("snapshots",
            {{"device", snapshot.device}, {"relocation_file", snapshot.relocationFile}, {"pid", snapshot.process}},
            "snapshot of " + snapshot.device + ", taken by " + dead(snapshot.process), left, snapshot.device,
-           "is still snapped by " + dead(snapshot.process) + why("ioctl", "IOC_SNAP_DISCARD"),
+           "is still snapped by " + dead(snapshot.process) + why("IOC_SNAP_DISCARD"),
            "look for MIRELSNAP_SDK in the system log");
     }
   }
@@ -77,7 +78,7 @@ class Removal {
            "mapping of " + mapping.device + " to " + mapping.relocationFile + ", made by " + dead(mapping.process),
            left, mapping.device,
            "is still mapped to " + mapping.relocationFile + " for " + dead(mapping.process) +
-               why("ioctl", "IOC_DELETE_RELOC_FILE_MAPPING"),
+               why("IOC_DELETE_RELOC_FILE_MAPPING"),
            "look for MIRELSNAP_SDK in the system log");
     }
   }
@@ -89,7 +90,8 @@ class Removal {
         continue;
       }
       note("relocation_files", {{"path", file}}, "relocation file " + file, left, file,
-           "the relocation file could not be removed" + why("unlink", file), "mend that, then run this again");
+           "the relocation file could not be removed" + becauseOf(mCauses, "unlink", file, file),
+           "mend that, then run this again");
     }
   }
   // By a snapshot or a mapping that is told of: then it must stay.
@@ -103,7 +105,9 @@ class Removal {
       const bool directory = trace.kind == Trace::Kind::kDirectory;
       const std::string what = directory ? "empty directory for relocation files" : "probe for writability";
       note(directory ? "relocation_directories" : "probe_files", {{"path", trace.path}}, what + " " + trace.path, left,
-           trace.path, "the " + what + " could not be removed" + why(directory ? "rmdir" : "unlink", trace.path),
+           trace.path,
+           "the " + what + " could not be removed" +
+               becauseOf(mCauses, directory ? "rmdir" : "unlink", trace.path, trace.path),
            "mend that, then run this again");
     }
   }
@@ -152,17 +156,18 @@ class Removal {
   void tellFailedSteps() {
     std::set<std::string> told;
     for (const Cause& cause : mCauses) {
-      if (!isOfWhatIsLeft(cause) && told.insert(cause.text()).second)
-        mReport.failed({kCannotCleanUp, kControlNode, "a step of the reconciliation failed: " + cause.text(),
-                        "mend that, then run this again"});
+      if (isOfWhatIsLeft(cause) || !told.insert(cause.text()).second) continue;
+      const bool isLocked = cause.what == kControlNode;
+      const std::string why = textBeside(cause, kControlNode);
+      mReport.failed({kCannotCleanUp, kControlNode, isLocked ? why : "a step of the reconciliation failed: " + why,
+                      isLocked ? "run this again when that is done" : "mend that, then run this again"});
     }
   }
   static bool isOfWhatIsLeft(const Cause& cause) {
-    const bool removal = cause.what.starts_with("unlink(") || cause.what.starts_with("rmdir(");
-    return (removal && cause.what.find(kControlNode) == std::string::npos) || cause.what == "ioctl(IOC_SNAP_DISCARD)" ||
+    return isRemoval(cause) || cause.what == "ioctl(IOC_SNAP_DISCARD)" ||
            cause.what == "ioctl(IOC_DELETE_RELOC_FILE_MAPPING)";
   }
-  std::string why(const std::string& call, const std::string& object) const { return becauseOf(mCauses, call, object); }
+  std::string why(const std::string& request) const { return becauseOf(mCauses, "ioctl", request, ""); }
 
   template <class Items, class Same>
   static bool isIn(const Items& items, Same same) {
@@ -233,10 +238,13 @@ std::vector<Cause> sweep(const std::string& base, Report& report) {
 std::vector<Trace> removeTraces(Driver& driver, const std::string& base, std::vector<Cause>& causes) {
   const std::vector<Trace> traces = findRemains(driver, base).traces;
   if (traces.empty()) return traces;
-  // A living process has each of them for a moment while it makes ready for a snapshot.
+  // A living process has each of them for a moment while it makes ready for a snapshot. Where the library has waited
+  // for it in vain, nobody waits again.
+  const bool hasWaited =
+      std::any_of(causes.begin(), causes.end(), [](const Cause& cause) { return cause.what == kControlNode; });
   DriverLock lock;
   lock.adoptNode();
-  if (lock.take(DriverLock::Kind::kExclusive, kPatience) == DriverLock::Outcome::kBusy) {
+  if (lock.take(DriverLock::Kind::kExclusive, hasWaited ? 0s : kPatience) == DriverLock::Outcome::kBusy) {
     causes.push_back({kControlNode, "is locked by a process that takes a snapshot or removes one"});
     return traces;
   }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SnapshotSet.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
@@ -16,9 +18,12 @@
 #include "PlacementText.h"
 #include "Processes.h"
 #include "RelocationProgress.h"
+#include "RelocationTraces.h"
 #include "SnapshotDevice.h"
 #include "Text.h"
 #include "Wide.h"
+#include "base/Paths.h"
+#include "base/Resolve.h"
 #include "driver/ControlDevice.h"
 
 namespace fs = std::filesystem;
@@ -31,6 +36,9 @@ using UnixSnapshotCoordinator::IUscAsync;
 
 // How often the terminal is redrawn while the job runs.
 constexpr unsigned int kTickMs = 200;
+
+// The job's result when the snap command fails and the driver gives no reason.
+constexpr int kDriverRefused = 6;
 
 constexpr char kReconcileAdvice[] = "run mirelsnap reconcile: that removes what is left";
 
@@ -48,6 +56,59 @@ bool isFull(const std::string& folder, std::uint64_t needed) {
 }
 
 std::string textOf(const wchar_t* text) { return text == nullptr ? std::string() : narrow(text); }
+
+bool isOwn(const SnappedVolumeInformation& snapshot) { return snapshot.getAppPid() == getpid(); }
+
+// What a discard told of why a snapshot is held: not what it told of the file of another one, which was discarded.
+std::string heldBecause(const std::vector<Cause>& causes) {
+  if (const std::string refused = becauseOf(causes, "ioctl", "IOC_SNAP_DISCARD", ""); !refused.empty())
+    return ": the driver refused to discard the snapshot" + refused;
+  const auto unreached = std::find_if(causes.begin(), causes.end(), [](const Cause& cause) {
+    return !isRemoval(cause) && cause.what != "ioctl(IOC_SNAP)";
+  });
+  return unreached == causes.end() ? "" : ": the driver could not be told to discard it: " + unreached->text();
+}
+
+Failure stillHeld(const std::string& device, const std::string& snapshotDevice, const std::string& state,
+                  const std::vector<Cause>& causes) {
+  const std::vector<User> holders = holdersOf(snapshotDevice);
+  return {kCannotCleanUp, device, state + heldBecause(causes) + (holders.empty() ? "" : ", " + usersText(holders)),
+          kReconcileAdvice};
+}
+
+Failure mayBeSnapped(const std::vector<ChosenVolume>& volumes, const Failure& unknown) {
+  return {kCannotCleanUp, listed(devicesOf(volumes)),
+          "the snapshots may be left: " + unknown.subject + ": " + unknown.cause, kReconcileAdvice};
+}
+
+// Where the file is by now; empty when it is gone, or where no path leads to it.
+std::string placeOf(const UniqueFd& file) {
+  struct stat status {};
+  std::error_code error;
+  if (!file || fstat(file.get(), &status) != 0 || status.st_nlink == 0) return {};
+  const std::string path = fs::read_symlink(DescriptorPath(file.get()).text(), error);
+  return fileAt(path) == FileId{status.st_dev, status.st_ino} ? path : std::string();
+}
+
+Failure notRemoved(const std::string& file, const std::string& because) {
+  return {kCannotCleanUp, file, "the relocation file could not be removed" + because,
+          fileAt(file) == FileId{} ? "look for it: it was moved, or what it lies on was" : kReconcileAdvice};
+}
+
+// What is left of the relocation file of a snapshot that was discarded. Who owns the top of its file system, or a
+// folder above that, can have moved it meanwhile. Nobody is sent to remove a file while the driver may write to one.
+Outcome relocationFileLeft(const SnappedVolume& volume, const std::vector<Cause>& causes, bool driverHoldsAny) {
+  const std::string& file = volume.relocationFile;
+  const std::string because = becauseOf(causes, "unlink", file, file);
+  const std::string place = placeOf(volume.file);
+  if (place == file) return notRemoved(file, because);
+  if (!place.empty())
+    return Failure{kCannotCleanUp, place, "the relocation file was moved there from " + file + " and is left",
+                   isInRelocationDirectory(place) ? kReconcileAdvice
+                   : driverHoldsAny               ? "remove it when mirelsnap status shows no snapshot and no mapping"
+                                                  : "no snapshot uses it any more: remove it"};
+  return because.empty() ? std::nullopt : Outcome(notRemoved(file, because));
+}
 
 }  // namespace
 
@@ -71,7 +132,7 @@ Outcome SnapshotSet::makeEngine() {
   if (mEngine == nullptr) return Failure{kSnapshotFailed, "the engine", "memory is short", ""};
   int supported = 0;
   Attempt attempt;
-  if (mEngine->SupportsSnapshots(&supported) < 0 || supported == 0) return noDriver(attempt.because());
+  if (mEngine->SupportsSnapshots(&supported) < 0 || supported == 0) return noDriver(attempt.because(kControlNode));
   if (mEngine->StartSnapshotSet(&mSetId) < 0)
     return Failure{kSnapshotFailed, "the snapshot set", "could not be started", ""};
   mId = idText(mSetId);
@@ -165,7 +226,9 @@ Outcome SnapshotSet::runJob() {
   job->QueryStatus(&status, &snapResult);
   mTerminal.end();
   if (snapResult != 0) {
-    Failure failure = snapFailure(snapResult, attempt.because());
+    mJobCauses = attempt.causes();
+    mRefused = snapResult == kDriverRefused;
+    Failure failure = snapFailure(snapResult);
     // Nothing was made where a volume is snapped or frozen, and looking at a frozen one would never end.
     if (failure.code != kAlreadySnapped) dropMappings();
     return failure;
@@ -202,12 +265,13 @@ void SnapshotSet::showRelocationFile() {
                 file->written, total);
 }
 
-Failure SnapshotSet::snapFailure(int snapResult, const std::string& because) {
+Failure SnapshotSet::snapFailure(int snapResult) const {
   const std::string all = listed(devicesOf(mVolumes));
+  const std::string because = Attempt::firstOf(mJobCauses, all);
   switch (snapResult) {
     case 5:
-      return noDriver(because);
-    case 6:
+      return noDriver(Attempt::firstOf(mJobCauses, kControlNode));
+    case kDriverRefused:
       return {kSnapshotFailed, all, "the driver refused the snapshot" + because,
               "look for MIRELSNAP_SDK in the system log, or use --verbose"};
     case 11:
@@ -261,29 +325,36 @@ void SnapshotSet::readProperties() {
   for (const _SSGUIDPLAIN& id : mSnapshotIds) {
     _USC_SNAPSHOT_PROP properties{};
     if (mEngine->GetSnapshotProperties(id, &properties) < 0) continue;
-    SnappedVolume volume{textOf(properties.OriginalVolumeName),
-                         {},
-                         textOf(properties.SnapshotDeviceName),
-                         textOf(properties.RelocationFileName),
-                         ""};
+    SnappedVolume volume{textOf(properties.OriginalVolumeName), {}, textOf(properties.SnapshotDeviceName),
+                         textOf(properties.RelocationFileName), "", {}};
     for (std::int32_t i = 0; i < properties.MountPointCount; ++i)
       volume.mountPoints.push_back(textOf(properties.MountPoints[i]));
+    volume.file = openWithoutLinks(volume.relocationFile.c_str(), O_PATH);
     mSnapped.push_back(std::move(volume));
     UnixSnapshotCoordinator::UscFreeSnapshotProperties(&properties);
   }
 }
 
-// A snap that failed may leave mappings of this process, and the folders of files that could not be made.
+// A snap that failed may leave mappings of this process, and the folders of files that could not be made. What a
+// snapshot is held with stays: the driver writes to that file.
 void SnapshotSet::dropMappings() {
   Driver driver;
-  for (const RelocFileMappingInformation& mapping : driver.mappings()) {
-    if (mapping.getAppPid() != getpid()) continue;
+  std::list<SnappedVolumeInformation> held;
+  std::list<RelocFileMappingInformation> mapped;
+  if (driver.holdings(held, mapped)) return;
+  std::vector<std::string> files;
+  for (const RelocFileMappingInformation& mapping : mapped) {
+    const bool isHeld = std::any_of(held.begin(), held.end(), [&](const SnappedVolumeInformation& snapshot) {
+      return isOwn(snapshot) && WStringToString(snapshot.getSnappedVolumeName()) == mapping.getSnappedVolumeName();
+    });
+    if (mapping.getAppPid() != getpid() || isHeld) continue;
     driver.deleteMapping(mapping.getSnappedVolumeName(), getpid());
-    rmdir(fs::path(mapping.getRelocFileName()).parent_path().c_str());
+    files.push_back(mapping.getRelocFileName());
   }
   for (const Placement& placement : predictPlacements(mVolumes, mRelocation)) {
-    if (placement.placed()) rmdir(fs::path(placement.file.file).parent_path().c_str());
+    if (placement.placed()) files.push_back(placement.file.file);
   }
+  for (const std::string& file : files) static_cast<void>(removeEmptyDirectory(std::string(folderOf(file))));
 }
 
 std::vector<std::string> SnapshotSet::allMountPoints() const {
@@ -298,7 +369,8 @@ Outcome SnapshotSet::expose(const std::string& base) {
   mExposed = true;
   Attempt attempt;
   if (mEngine->ExposeSnapshotsInSnapshotSet(wide(mBase.path()).c_str()) < 0) {
-    return Failure{kCannotExpose, mBase.path(), "the snapshots could not be mounted there" + attempt.because(),
+    return Failure{kCannotExpose, mBase.path(),
+                   "the snapshots could not be mounted there" + attempt.because(mBase.path()),
                    "look for mirelsnap in the system log, or use --verbose"};
   }
   if (Outcome failure = restrictSnapshots()) return failure;
@@ -367,38 +439,42 @@ Failure SnapshotSet::notDeleted(int result) const {
           kReconcileAdvice};
 }
 
-// Why the driver still holds it, from what the deletion told.
-Failure SnapshotSet::stillHeld(const SnappedVolume& volume, const std::vector<Cause>& causes) const {
-  std::string cause = "is still snapped";
-  if (!causes.empty()) {
-    cause += causes.front().what == "ioctl(IOC_SNAP_DISCARD)" ? ": the driver refused to discard the snapshot: "
-                                                              : ": the driver could not be told to discard it: ";
-    cause += causes.front().text();
-  }
-  const std::vector<User> holders = holdersOf(volume.snapshotDevice);
-  return {kCannotCleanUp, volume.device, cause + (holders.empty() ? "" : ", " + usersText(holders)), kReconcileAdvice};
-}
-
 std::vector<Failure> SnapshotSet::stillSnapped(const std::vector<Cause>& causes) const {
+  if (!mTaken) return mRefused ? snappedAllTheSame() : std::vector<Failure>();
   std::vector<Failure> left;
-  if (!mTaken) return left;
   Driver driver;
   std::list<SnappedVolumeInformation> held;
   std::list<RelocFileMappingInformation> mapped;
-  if (const Outcome unknown = driver.holdings(held, mapped))
-    return {{kCannotCleanUp, listed(devicesOf(mVolumes)),
-             "the snapshots may be left: " + unknown->subject + ": " + unknown->cause, kReconcileAdvice}};
+  if (const Outcome unknown = driver.holdings(held, mapped)) return {mayBeSnapped(mVolumes, *unknown)};
   for (const SnappedVolume& volume : mSnapped) {
     const bool isHeld = std::any_of(held.begin(), held.end(), [&](const SnappedVolumeInformation& other) {
-      return snapshotDeviceOf(other) == volume.snapshotDevice;
+      return isOwn(other) && snapshotDeviceOf(other) == volume.snapshotDevice;
     });
     if (isHeld) {
-      left.push_back(stillHeld(volume, causes));
-    } else if (!volume.relocationFile.empty() && access(volume.relocationFile.c_str(), F_OK) == 0) {
-      left.push_back({kCannotCleanUp, volume.relocationFile,
-                      "the relocation file could not be removed" + becauseOf(causes, "unlink", volume.relocationFile),
-                      kReconcileAdvice});
+      left.push_back(stillHeld(volume.device, volume.snapshotDevice, "is still snapped", causes));
+    } else if (const Outcome file = relocationFileLeft(volume, causes, !held.empty() || !mapped.empty())) {
+      left.push_back(*file);
     }
+  }
+  return left;
+}
+
+// The snap command can fail though it was carried out; the library discards the snapshots then, where it can.
+std::vector<Failure> SnapshotSet::snappedAllTheSame() const {
+  std::vector<Failure> left;
+  Driver driver;
+  std::list<SnappedVolumeInformation> held;
+  std::list<RelocFileMappingInformation> mapped;
+  if (const Outcome unknown = driver.holdings(held, mapped)) return {mayBeSnapped(mVolumes, *unknown)};
+  for (const SnappedVolumeInformation& snapshot : held) {
+    if (isOwn(snapshot))
+      left.push_back(stillHeld(WStringToString(snapshot.getSnappedVolumeName()), snapshotDeviceOf(snapshot),
+                               "is snapped though the command failed", mJobCauses));
+  }
+  // Each had been made by then.
+  for (const Cause& cause : mJobCauses) {
+    if (const std::string file = objectOf(cause, "unlink"); isRemoval(cause) && !file.empty())
+      left.push_back(notRemoved(file, ": " + textBeside(cause, file)));
   }
   return left;
 }

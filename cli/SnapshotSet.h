@@ -27,6 +27,7 @@ struct SnappedVolume {
   std::string snapshotDevice;
   std::string relocationFile;
   std::string exposedAt;  // of its first mount point; empty until it is exposed
+  UniqueFd file;          // the relocation file, wherever it is moved to (O_PATH)
 };
 
 class SnapshotSet {
@@ -69,14 +70,14 @@ class SnapshotSet {
   void dropMappings();
   Outcome restrictSnapshots() const;
   Outcome bindLiveMounts();
-  Failure snapFailure(int snapResult, const std::string& because);
+  Failure snapFailure(int snapResult) const;
   Failure busyFailure() const;
   Failure noRoomFailure(const std::string& because) const;
   Failure refusal(const ChosenVolume& volume, int result) const;
   std::vector<std::string> allMountPoints() const;
   std::vector<Failure> stillMounted() const;
   std::vector<Failure> stillSnapped(const std::vector<Cause>& causes) const;
-  Failure stillHeld(const SnappedVolume& volume, const std::vector<Cause>& causes) const;
+  std::vector<Failure> snappedAllTheSame() const;
   Failure notDeleted(int result) const;
 
   Terminal& mTerminal;
@@ -91,7 +92,9 @@ class SnapshotSet {
   std::vector<_SSGUIDPLAIN> mSnapshotIds;
   std::vector<SnappedVolume> mSnapped;
   ExposureBase mBase;
+  std::vector<Cause> mJobCauses;  // what the job told of why it failed
   bool mTaken = false;
+  bool mRefused = false;  // the snap command failed: whether it was carried out is open
   bool mExposed = false;
 };
 

@@ -3,14 +3,19 @@
 // The driver takes the snapshots of a set, and the answer is lost: the call fails. No snapshot is held whose relocation
 // file is gone.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
+#include <optional>
 
 #include "Agent.h"
 #include "DriverClient.h"
 #include "LogCapture.h"
+#include "Run.h"
 
 namespace fs = std::filesystem;
 
@@ -119,6 +124,88 @@ TEST_P(LostAnswer, a_set_of_an_agent_fails_with_6_and_leaves_nothing) {
   EXPECT_EQ(engine.snap(), 6);
   EXPECT_EQ(session.takeComplaints(1).size(), 1u);
   EXPECT_EQ(engine.release(), 0u);
+}
+
+// ---- a run
+
+TEST_P(LostAnswer, a_run_whose_snapshot_cannot_be_discarded_says_what_is_left_and_what_to_do) {
+  const test::TempDir folder;
+  const test::Mounted bound(volume.folder(), folder.path(), "", MS_BIND);
+  for (const std::string& path : {volume.folder(), bound.folder()}) {
+    SCOPED_TRACE(path);
+    Session session({"--inject", "snap:1:lost=EIO", "--inject", "discard:1:EIO"});
+    const test::Ended ended = test::run(session, {"--volume", path}, {"/bin/true"});
+    EXPECT_EQ(session.takeComplaints(2).size(), 2u);
+    EXPECT_EQ(ended.code, 118);
+    EXPECT_EQ(ended.errors,
+              "mirelsnap: " + volume.device() +
+                  ": the driver refused the snapshot: ioctl(IOC_SNAP): Input/output error; look for MIRELSNAP_SDK in "
+                  "the system log, or use --verbose\nmirelsnap: " +
+                  volume.device() +
+                  ": is snapped though the command failed: the driver refused to discard the snapshot: "
+                  "ioctl(IOC_SNAP_DISCARD): Input/output error; run mirelsnap reconcile: that removes what is left\n");
+    {
+      DriverClient driver(session);
+      EXPECT_EQ(driver.snapped().size(), 1u);
+      EXPECT_EQ(driver.mappings().size(), 1u) << "the driver goes on writing to the file";
+      EXPECT_TRUE(fs::exists(fileOf(volume)));
+    }
+    EXPECT_EQ(session.run({MIRELSNAP_PROGRAM, "reconcile"}).code, 0);
+    EXPECT_FALSE(fs::exists(fileOf(volume)));
+  }
+}
+
+TEST_P(LostAnswer, a_run_whose_relocation_file_is_moved_before_it_is_removed_says_so) {
+  Session session({"--inject", "snap:1:lost=EIO"});
+  test::Process run = session.start(test::runArguments({"--volume", volume.device()}, {"/bin/true"}),
+                                    {.environment = test::withMischief("stop-before:20:1")});
+  run.waitUntilStopped();
+  const std::string area = volume.folder() + "/.verrelocarea";
+  fs::rename(area, volume.folder() + "/moved");
+  run.signal(SIGCONT);
+  EXPECT_EQ(run.wait(), 118);
+  EXPECT_EQ(session.takeComplaints(1).size(), 1u);
+  EXPECT_NE(run.errors().find("mirelsnap: " + fileOf(volume) +
+                              ": the relocation file could not be removed: unlink: No such file or directory; look for "
+                              "it: it was moved, or what it lies on was\n"),
+            std::string::npos)
+      << run.errors();
+  fs::remove_all(volume.folder() + "/moved");
+}
+
+// Who owns the folder above a mount point puts a link in its place, which leads to an empty directory of root's.
+TEST(FailedSnap, of_a_run_removes_no_directory_that_a_link_leads_to) {
+  for (const bool bound : {false, true}) {
+    SCOPED_TRACE(bound ? "a bind mount" : "the mount");
+    const test::TempDir top, victim;
+    fs::create_directories(top / "theirs/folder");
+    fs::create_directories(victim / "folder/.verrelocarea");
+    ASSERT_EQ(chmod((victim / "folder/.verrelocarea").c_str(), 0600), 0);
+    const test::LoopDevice loop(32 << 20);
+    loop.mkfs("ext4");
+    const std::string path = top / "theirs/folder";
+    const test::TempDir first;
+    std::optional<test::Mounted> whole;
+    if (bound) whole.emplace(loop.path(), first.path(), "ext4");
+    {
+      std::optional<test::Mounted> mounted;
+      mounted.emplace(bound ? first.path() : loop.path(), path, bound ? "" : "ext4", bound ? MS_BIND : 0);
+      Session session({"--inject", "snap:1:EIO", "--inject", "delete-mapping:1:EIO"});
+      test::Process run = session.start(
+          test::runArguments({"--volume", loop.path(), "--reloc-mount", path, "--reloc-size", "100"}, {"/bin/true"}),
+          {.environment = test::withMischief("stop-after:19:1")});
+      run.waitUntilStopped();
+      fs::rename(top / "theirs", top / "moved");
+      fs::create_symlink(victim.path(), top / "theirs");
+      run.signal(SIGCONT);
+      EXPECT_EQ(run.wait(), 116) << run.errors();
+      EXPECT_EQ(session.takeComplaints(2).size(), 2u);
+      EXPECT_TRUE(fs::exists(victim / "folder/.verrelocarea"));
+      fs::remove(top / "theirs");
+      fs::rename(top / "moved", top / "theirs");
+      EXPECT_EQ(session.run({MIRELSNAP_PROGRAM, "reconcile"}).code, 0);
+    }
+  }
 }
 
 }  // namespace

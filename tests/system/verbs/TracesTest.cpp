@@ -146,8 +146,8 @@ TEST_F(Traces, on_a_frozen_volume_are_118_until_it_is_thawed) {
   test::DriverClient driver(session);
   ASSERT_EQ(driver.freeze({volume.device()}), 0u);
   test::expectFailure(verb(session, {"reconcile"}), 118,
-                      probe + ": the probe for writability could not be removed: unlink(" + probe +
-                          "): not tried, as " + volume.device() + " is frozen; mend that, then run this again");
+                      probe + ": the probe for writability could not be removed: unlink: not tried, as " +
+                          volume.device() + " is frozen; mend that, then run this again");
   ASSERT_EQ(driver.thaw({volume.device()}), 0u);
   expectText(verb(session, {"reconcile"}), "Removed the probe for writability " + probe + "\n");
 }
