@@ -51,7 +51,9 @@ bool isStopped(pid_t process) {
 }  // namespace
 
 StoppedProcess::StoppedProcess(Session& session, std::vector<std::string> arguments)
-    : mProcess(session.start(stoppedFirst(std::move(arguments)))) {
+    : StoppedProcess(session.start(stoppedFirst(std::move(arguments)))) {}
+
+StoppedProcess::StoppedProcess(Process stopping) : mProcess(std::move(stopping)) {
   while (mProcess.running() && !isStopped(mProcess.id())) usleep(1000);
   must(ptrace(PTRACE_SEIZE, mProcess.id(), nullptr, PTRACE_O_TRACESYSGOOD) == 0, "seize");
   mTraced = true;

@@ -18,6 +18,8 @@ class StoppedProcess {
  public:
   // Held before its first step; those of its other threads and of its children are not seen.
   StoppedProcess(Session& session, std::vector<std::string> arguments);
+  // Takes over one that stops itself (SIGSTOP): it goes on from there.
+  explicit StoppedProcess(Process stopping);
   ~StoppedProcess();
   StoppedProcess(const StoppedProcess&) = delete;
   StoppedProcess& operator=(const StoppedProcess&) = delete;
