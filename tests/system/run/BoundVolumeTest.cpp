@@ -50,7 +50,7 @@ TEST_P(BoundVolume, whose_relocation_file_cannot_be_made_is_115_with_the_call_an
   ASSERT_EQ(mkdir(directory.c_str(), 0600), 0);
   ASSERT_EQ(test::run({"chattr", "+i", directory}), 0);
   expectFailure(run(session, {"--volume", path}, kTrue), 115,
-                "mirelsnap: " + volume.device() + ": a relocation file could not be made: mkdir(" + directory +
+                "mirelsnap: " + volume.device() + ": a relocation file could not be made: fchmod(" + directory +
                     "): Operation not permitted; look for MIRELSNAP_SDK in the system log, or use --verbose");
   ASSERT_EQ(test::run({"chattr", "-i", directory}), 0);
   fs::remove(directory);
