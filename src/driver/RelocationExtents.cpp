@@ -17,6 +17,7 @@
 #include "driver/DriverProtocol.h"
 #include "driver/RelocationFileLocation.h"
 #include "driver/RunMap.h"
+#include "reloc/BlockFinder.h"
 #include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationFileRemoval.h"
 
@@ -30,8 +31,8 @@ enum MapResult : int {
   kUnusable = 9,
 };
 
-// Maps one file: asks for the physical block of each of its blocks and appends the runs, in the unit of the volume's
-// blocks, to a list.
+// Maps one file: finds the physical blocks of the whole file and appends the runs, in the unit of the volume's blocks,
+// to a list.
 class FileMap {
  public:
   // At most `room` runs fit the list.
@@ -40,11 +41,11 @@ class FileMap {
 
   // Throws std::bad_alloc when memory, or the room, is short.
   MapResult map() {
-    using Step = MapResult (FileMap::*)();
-    for (const Step step : {&FileMap::openFile, &FileMap::readBlockSize, &FileMap::chooseFactor, &FileMap::countBlocks,
-                            &FileMap::mapBlocks}) {
-      if (const MapResult result = (this->*step)(); result != kMapped) return result;
-    }
+    if (const MapResult opened = openFile(); opened != kMapped) return opened;
+    if (const MapResult blockSizeRead = readBlockSize(); blockSizeRead != kMapped) return blockSizeRead;
+    if (const MapResult factorChosen = chooseFactor(); factorChosen != kMapped) return factorChosen;
+    if (const MapResult counted = countBlocks(); counted != kMapped) return counted;
+    if (const MapResult mapped = mapBlocks(); mapped != kMapped) return mapped;
     syslog(LOG_DEBUG, "Number of Runs: %u.\n", static_cast<unsigned int>(numRuns()));
     return kMapped;
   }
@@ -106,58 +107,45 @@ class FileMap {
     mNumBlocks = size / mBlockSize + (size % mBlockSize != 0 ? 1 : 0);
     syslog(LOG_DEBUG, "File: %s Size: %ld Blocks: %u Blocksize: %u\n", mName.c_str(), status.st_size,
            static_cast<unsigned int>(mNumBlocks), mBlockSize);
-    // The request takes block numbers as int: a file beyond is refused before hours are spent on its first blocks.
-    if (mNumBlocks > std::uint64_t{1} + std::numeric_limits<int>::max()) {
-      errno = EOVERFLOW;
-      return mappingFailed(kUnusable);
-    }
-    return kMapped;
+    // A file beyond what can be asked for is refused before hours are spent on its first blocks.
+    return mNumBlocks > BlockFinder::kMostBlocks ? mappingFailed(EOVERFLOW, kUnusable) : kMapped;
   }
 
   MapResult mapBlocks() {
-    std::uint64_t physical = 0;
-    // Block 0 is asked for also in an empty file.
-    if (const MapResult result = physicalBlock(0, physical, kUnreadable); result != kMapped) return result;
-    startRun(physical);
-    for (std::uint64_t logical = 1; logical < mNumBlocks; ++logical) {
-      if (const MapResult result = physicalBlock(logical, physical, kUnusable); result != kMapped) return result;
-      if (physical == mRun->startBlock + mRun->numBlocks) {
-        ++mRun->numBlocks;
-        continue;
-      }
-      closeRun();
-      startRun(physical);
-    }
+    BlockFinder finder(mFile.get(), mBlockSize, mNumBlocks);
+    std::uint64_t logical = 0;
+    do {  // block 0 is asked for also in an empty file
+      const FoundBlocks found = finder.at(logical);
+      if (found.error != 0) return mappingFailed(found.error, logical == 0 ? kUnreadable : kUnusable);
+      if (found.count == 0) return refuseSparse();
+      append(found);
+      logical += found.count;
+    } while (logical < mNumBlocks);
     closeRun();
     return kMapped;
   }
 
-  // A failed request is answered with `onFailure`.
-  MapResult physicalBlock(std::uint64_t logical, std::uint64_t& physical, MapResult onFailure) {
-    int block = static_cast<int>(logical);
-    if (ioctl(mFile.get(), FIBMAP, &block) != 0) return mappingFailed(onFailure);
-    if (block < 0) {  // a block beyond what the request can answer, cut by the kernel
-      errno = EOVERFLOW;
-      return mappingFailed(onFailure);
-    }
-    if (block == 0) {
-      noteCause(mName.c_str(), "has blocks that are not allocated");
-      syslog(LOG_ERR, "Relocation file is sparse, not supported.\n");
-      return kUnusable;
-    }
-    physical = static_cast<std::uint64_t>(block);
-    return kMapped;
-  }
-
-  MapResult mappingFailed(MapResult result) const {
-    noteFailedCall("ioctl FIBMAP", mName.c_str(), errno);
-    syslog(LOG_ERR, "FIBMAP ioctl failed - errno: %s\n", std::strerror(errno));
+  MapResult mappingFailed(int error, MapResult result) const {
+    noteFailedCall("ioctl FIBMAP", mName.c_str(), error);
+    syslog(LOG_ERR, "FIBMAP ioctl failed - errno: %s\n", std::strerror(error));
     return result;
   }
 
-  void startRun(std::uint64_t physical) {
+  MapResult refuseSparse() const {
+    noteCause(mName.c_str(), "has blocks that are not allocated");
+    syslog(LOG_ERR, "Relocation file is sparse, not supported.\n");
+    return kUnusable;
+  }
+
+  // Lengthens the current run, or closes it and starts another.
+  void append(const FoundBlocks& found) {
+    if (mRun != nullptr && found.physical == mRun->startBlock + mRun->numBlocks) {
+      mRun->numBlocks += found.count;
+      return;
+    }
+    if (mRun != nullptr) closeRun();
     if (mRuns.size() >= mRoom) throw std::bad_alloc();
-    std::unique_ptr<_run> run(new _run{physical, 1});
+    std::unique_ptr<_run> run(new _run{found.physical, found.count});
     mRuns.push_back(run.get());
     mRun = run.release();
   }
@@ -181,7 +169,7 @@ class FileMap {
   unsigned int mFactor = 1;     // blocks of the volume in one of the file system
   bool mScaling = false;
   std::uint64_t mNumBlocks = 0;
-  _run* mRun = nullptr;  // the run being grown, the last of the list
+  _run* mRun = nullptr;  // the run being grown, the last of the list; null before the first
 };
 
 // Adds to the size of the command; one beyond its 32 bits is a lack of memory.
