@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Taking the snapshots of a set of volumes with one driver command.
-#include <fcntl.h>
-#include <linux/fs.h>
 #include <mirelsnap/DriverInterface.h>
-#include <sys/ioctl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -20,6 +17,7 @@
 #include <vector>
 
 #include "base/Causes.h"
+#include "base/DeviceFlush.h"
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "driver/DriverLock.h"
@@ -59,18 +57,6 @@ unsigned int requireDevice(const char* path, DeviceNumberPair* pair) {
     syslog(LOG_ERR, "Device is invalid: %s.\n", path);
   }
   return result;
-}
-
-// Writes out what the kernel holds of the device in memory. Failures never stop a snapshot.
-void flushDevice(const char* path) {
-  const UniqueFd device(open(path, O_RDONLY | O_CLOEXEC));
-  if (!device) {
-    syslog(LOG_ERR, "Failed to open devfd for %s\n", path);
-    return;
-  }
-  fsync(device.get());
-  syslog(LOG_INFO, "flushing %s.\n", path);
-  if (ioctl(device.get(), BLKFLSBUF, 0) != 0) syslog(LOG_ERR, "ioctl BLKFLSBUF failed.\n");
 }
 
 // Whether `found` is this process's snapshot of `volume`, with the relocation file that was made for it. Other sets of

@@ -187,7 +187,8 @@ class LinuxSnapshotreloc : public mirelsnapsdk_linuxcomputer::LinuxSystemInfo {
 
   // Steps of CreateRelocFile.
 
-  // Nothing when every block of the open file is allocated and mapped; else the error number that writing it out logs.
+  // Nothing when every block of the open file is allocated and can be found; else the error number that writing it out
+  // logs.
   std::optional<int> allocateAtOnce(int file) const;
   // Writes the file block by block. 0, 18.
   unsigned int writeOut(const RelocationDirectory& directory, UniqueFd file, int allocationError);

@@ -14,6 +14,8 @@
 #include <memory>
 
 #include "base/Causes.h"
+#include "base/DeviceFlush.h"
+#include "reloc/BlockFinder.h"
 #include "reloc/LinuxSnapshotreloc.h"
 #include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationFileRemoval.h"
@@ -40,11 +42,19 @@ constexpr FileSizeLimit kFileSizeLimits[] = {
 
 constexpr std::size_t kDevPrefixLength = 5;  // "/dev/"
 
-// True when the file system holds the file's first block as allocated but unwritten: then it maps none of its blocks
-// until they are written. A file system that maps no blocks for anybody is no reason to write.
-bool isUnwritten(int file) {
-  int block = 0;
-  return ioctl(file, FIBMAP, &block) == 0 && block == 0;
+// Whether some of the file's `bytes` bytes cannot be found on its device before they are written. A file system that
+// maps no blocks for anybody is no reason to write.
+bool hasHole(int file, std::uint64_t bytes) {
+  int blockSize = 0;
+  if (ioctl(file, FIGETBSZ, &blockSize) != 0 || blockSize <= 0) return false;
+  const auto size = static_cast<unsigned int>(blockSize);
+  return BlockFinder(file, size, std::min(bytes / size + (bytes % size != 0), BlockFinder::kMostBlocks)).findsHole();
+}
+
+// Whether it is a block device that differs from the snapped one.
+bool isOtherDevice(const std::string& device, const std::string& snapped) {
+  const std::optional<dev_t> number = deviceNumber(device);
+  return number && number != deviceNumber(snapped);
 }
 
 }  // namespace
@@ -122,10 +132,13 @@ unsigned int LinuxSnapshotreloc::CreateRelocFile() {
 
 std::optional<int> LinuxSnapshotreloc::allocateAtOnce(int file) const {
   if (mFSType == kXfsMagic) return 0;  // xfs never maps allocated blocks before they are written
-  const int error = posix_fallocate(file, 0, static_cast<off_t>(mBlockSize * mRelocNumBlks));
-  if (error != 0) return error;
-  // Nor does ext4 since kernel 5.7, and a file whose blocks are not mapped would be refused as sparse.
-  if (mRelocNumBlks != 0 && isUnwritten(file)) return 0;
+  const std::uint64_t bytes = mBlockSize * mRelocNumBlks;
+  if (const int error = posix_fallocate(file, 0, static_cast<off_t>(bytes)); error != 0) return error;
+  // Until then the journal alone knows which blocks are the file's.
+  if (fsync(file) != 0) return errno;
+  if (hasHole(file, bytes)) return 0;
+  // What the kernel holds in memory of blocks that are the file's from now on. The snap flushes the snapped volumes.
+  if (isOtherDevice(mRelocDeviceName, mSnappedDeviceName)) flushDevice(mRelocDeviceName.c_str());
   return std::nullopt;
 }
 

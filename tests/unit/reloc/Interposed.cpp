@@ -98,7 +98,12 @@ extern "C" int fchmod(int fd, mode_t mode) noexcept {
 }
 
 extern "C" int fsync(int fd) {
-  if (hooks.fsync) hooks.fsync(fd);
+  if (hooks.fsync) {
+    if (const int error = hooks.fsync(fd); error != 0) {
+      errno = error;
+      return -1;
+    }
+  }
   return static_cast<int>(syscall(SYS_fsync, fd));
 }
 

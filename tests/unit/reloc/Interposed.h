@@ -23,8 +23,8 @@ struct Hooks {
   std::function<std::optional<int>(int fd, off_t offset, off_t length)> posixFallocate;
   // Files that are made have this mode and keep it, as on FAT, which was mounted with it.
   std::optional<mode_t> modeOfAllFiles;
-  // Called before every fsync.
-  std::function<void(int fd)> fsync;
+  // Called before every fsync; an errno makes it fail.
+  std::function<int(int fd)> fsync;
   // What these two steps of a placement answer; nothing is looked up.
   std::optional<unsigned int> getVolumeDetails;
   std::optional<unsigned int> initializeUserSelectedOptions;

@@ -3,13 +3,19 @@
 // The relocation file: its name, limits, making, deleting, listing.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/fiemap.h>
+#include <linux/fs.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include "RelocTest.h"
 #include "base/Handle.h"
@@ -269,7 +275,10 @@ TEST_F(CreateRelocFile, is_written_by_one_seek_and_one_write_a_block_from_one_bu
     buffers.insert(data);
     return std::nullopt;
   };
-  hooks.fsync = [&](int) { calls.emplace_back("fsync"); };
+  hooks.fsync = [&](int) {
+    calls.emplace_back("fsync");
+    return 0;
+  };
   writeOut();
   reloc.mRelocNumBlks = 3;
   EXPECT_EQ(reloc.CreateRelocFile(), 0u);
@@ -289,6 +298,130 @@ TEST_F(CreateRelocFile, seeks_in_64_bits) {
   reloc.mRelocNumBlks = 6;
   EXPECT_EQ(reloc.CreateRelocFile(), 0u);
   EXPECT_EQ(offsets.back(), off_t{5} << 30);
+}
+
+// --- Where the blocks of a file that is allocated at once are.
+
+// A volume of ext4 that holds the file of another device, or its own.
+class AllocatedRelocFile : public CreateRelocFile {
+ protected:
+  AllocatedRelocFile() : ext4("ext4", 64 << 20, {"-b", "4096"}) {
+    reloc.mRelocDirName = ext4.folder() + "/.verrelocarea";
+    reloc.mRelocFileName = reloc.mRelocDirName + "/a";
+    reloc.mRelocDeviceName = ext4.device();
+    reloc.mBlockSize = 4096;
+    reloc.mRelocNumBlks = 1000;
+    hooks.fsync = [this](int fd) {
+      steps.push_back(kindOf(fd) == S_IFBLK ? "fsync of the device" : "fsync of the file");
+      return 0;
+    };
+    note(FIBMAP, "FIBMAP");
+    note(FS_IOC_FIEMAP, "FIEMAP");
+    driver.intercept(BLKFLSBUF, [this](int fd, void*) -> std::optional<int> {
+      struct stat status {};
+      EXPECT_EQ(fstat(fd, &status), 0);
+      EXPECT_EQ(status.st_rdev, makedev(ext4.loop().major(), ext4.loop().minor()));
+      steps.emplace_back("BLKFLSBUF");
+      return std::nullopt;
+    });
+  }
+
+  static mode_t kindOf(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 ? status.st_mode & S_IFMT : 0;
+  }
+  void note(unsigned long request, const char* name) {
+    driver.intercept(request, [this, name](int, void*) {
+      steps.emplace_back(name);
+      return std::nullopt;
+    });
+  }
+  // FS_IOC_FIEMAP finds extents with these flags too.
+  void addFlags(std::uint32_t flags) {
+    driver.intercept(FS_IOC_FIEMAP, [flags](int fd, void* argument) -> std::optional<int> {
+      auto& answer = *static_cast<fiemap*>(argument);
+      if (syscall(SYS_ioctl, fd, FS_IOC_FIEMAP, argument) != 0) return errno;
+      for (std::uint32_t i = 0; i < answer.fm_mapped_extents; ++i) answer.fm_extents[i].fe_flags |= flags;
+      return 0;
+    });
+  }
+  std::uint64_t allocatedBytes() const {
+    struct stat status {};
+    return stat(reloc.mRelocFileName.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_blocks) * 512 : 0;
+  }
+  void expectWrittenOut(int error) {
+    EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+    EXPECT_EQ(messages(), (Lines{directoryLine(), nameLine(), fallbackLine(error), kDone}));
+    const std::vector<int> blocks = physicalBlocks(reloc.mRelocFileName);
+    EXPECT_EQ(blocks.size(), 1000u);
+    EXPECT_EQ(std::count(blocks.begin(), blocks.end(), 0), 0);
+  }
+
+  const Volume ext4;
+  Lines steps;
+};
+
+TEST_F(AllocatedRelocFile, is_flushed_before_its_blocks_are_looked_for_and_so_is_another_device_after_them) {
+  EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+  EXPECT_EQ(messages(), (Lines{directoryLine(), nameLine(), "[6] flushing " + ext4.device() + ".\n", kDoneAtOnce}));
+  EXPECT_EQ(steps, (Lines{"fsync of the file", "FIBMAP", "FIEMAP", "fsync of the device", "BLKFLSBUF"}));
+  EXPECT_EQ(fileSize(), 1000u * 4096);
+  EXPECT_EQ(allocatedBytes(), 1000u * 4096);
+}
+
+TEST_F(AllocatedRelocFile, on_the_snapped_device_itself_leaves_flushing_that_to_the_snap) {
+  const Alias alias("alias", ext4.device());
+  for (const std::string& name : {ext4.device(), alias.path()}) {
+    reloc.mSnappedDeviceName = name;
+    steps.clear();
+    EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+    EXPECT_EQ(steps, (Lines{"fsync of the file", "FIBMAP", "FIEMAP"}));
+  }
+}
+
+TEST_F(AllocatedRelocFile, is_never_written) {
+  hooks.write = [](int, const void*, std::size_t) -> std::optional<ssize_t> {
+    ADD_FAILURE() << "written";
+    return std::nullopt;
+  };
+  EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+}
+
+TEST_F(AllocatedRelocFile, whose_blocks_cannot_be_found_is_written_out) {
+  addFlags(FIEMAP_EXTENT_ENCODED);
+  expectWrittenOut(0);
+}
+
+TEST_F(AllocatedRelocFile, one_of_whose_later_blocks_cannot_be_found_is_written_out) {
+  driver.intercept(FIBMAP, [](int, void* argument) {
+    int& block = *static_cast<int*>(argument);
+    block = block == 999 ? 0 : 5000 + block;
+    return 0;
+  });
+  driver.intercept(FS_IOC_FIEMAP, [](int, void*) { return EOPNOTSUPP; });
+  hooks.write = [this](int, const void*, std::size_t) -> std::optional<ssize_t> {
+    driver.intercept(FIBMAP, [](int, void*) { return std::nullopt; });
+    return std::nullopt;
+  };
+  expectWrittenOut(0);
+}
+
+TEST_F(AllocatedRelocFile, is_written_out_where_the_kind_of_file_system_says_xfs) {
+  reloc.mFSType = kXfs;
+  expectWrittenOut(0);
+}
+
+TEST_F(AllocatedRelocFile, that_cannot_be_flushed_is_written_out_with_the_error) {
+  bool failed = false;
+  hooks.fsync = [&failed](int) { return std::exchange(failed, true) ? 0 : EIO; };
+  expectWrittenOut(EIO);
+}
+
+// Nobody can look for a block, and zeros would not help.
+TEST_F(AllocatedRelocFile, on_a_file_system_that_maps_no_blocks_stays_as_it_is) {
+  driver.intercept(FIBMAP, [](int, void*) { return EINVAL; });
+  EXPECT_EQ(reloc.CreateRelocFile(), 0u);
+  EXPECT_EQ(messages().back(), kDoneAtOnce);
 }
 
 // --- A file of no blocks.

@@ -400,8 +400,13 @@ TEST_F(SnapVolume, the_command_carries_every_field_at_its_place) {
     EXPECT_EQ(command.get<std::uint32_t>(at + 2100), usage);
   }
 
-  // The second entry's runs, right behind its fixed part, are those of the kernel.
-  const int file = open(relocFile(second, second).c_str(), O_RDONLY);
+  // The second entry's runs, right behind its fixed part, are those that the kernel gives once the file is written.
+  const int file = open(relocFile(second, second).c_str(), O_RDWR);
+  struct stat status {};
+  ASSERT_EQ(fstat(file, &status), 0);
+  const std::string written(static_cast<std::size_t>(status.st_size), 'w');
+  ASSERT_EQ(pwrite(file, written.data(), written.size(), 0), status.st_size);
+  ASSERT_EQ(fsync(file), 0);
   std::vector<std::uint64_t> told;
   for (std::uint32_t i = 0; i < runs; ++i) {
     const auto run = command.get<_run>(entry2 + 2144 + 16 * std::size_t{i});
