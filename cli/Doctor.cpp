@@ -107,7 +107,19 @@ void checkState(Driver& driver, const std::vector<ChosenVolume>& volumes, Findin
   }
 }
 
-void checkPlaces(const std::vector<ChosenVolume>& volumes, Findings& findings) {
+void tellCost(const Placement& placement, const MountTable& table, Report& report) {
+  const std::string type = holderOf(placement, table).type;
+  report.document()["relocation_files"].push_back({{"device", placement.volume.device},
+                                                   {"path", placement.file.file},
+                                                   {"cost", costText(placement, type)},
+                                                   {"bytes_written", bytesWritten(placement, type)}});
+  report.print(onOneLine(placement.volume.device + ": its relocation file would be " + costText(placement, type)) +
+               "\n");
+}
+
+// What each relocation file would cost is told, too: it is nothing that stands in the way.
+void checkPlaces(const std::vector<ChosenVolume>& volumes, const MountTable& table, Findings& findings,
+                 Report& report) {
   for (const Placement& placement : predictPlacements(volumes, {})) {
     // That it is snapped already has been found.
     if (placement.file.reasons.ownVolume == OwnVolume::kSnapped) continue;
@@ -120,6 +132,7 @@ void checkPlaces(const std::vector<ChosenVolume>& volumes, Findings& findings) {
                                                : "go to " + placement.file.file),
                    "free some space on " + placement.volume.mountPoint);
     }
+    if (placement.placed()) tellCost(placement, table, report);
   }
 }
 
@@ -153,6 +166,7 @@ void checkRemains(Driver& driver, Findings& findings) {
 
 void doctor(const DoctorOptions& options, Report& report) {
   Findings findings(report);
+  report.document()["relocation_files"] = json::array();
   const bool root = checkRoot(findings);
   checkTables(findings);
   const MountTable table;
@@ -161,7 +175,7 @@ void doctor(const DoctorOptions& options, Report& report) {
     Driver driver;
     const bool answers = checkDriver(driver, findings);
     if (answers) checkState(driver, volumes, findings);
-    checkPlaces(volumes, findings);
+    checkPlaces(volumes, table, findings, report);
     if (answers) checkRemains(driver, findings);
   }
   if (findings.count() != 0) {

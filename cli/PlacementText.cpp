@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PlacementText.h"
 
+#include "Text.h"
+
 namespace cli {
 namespace {
 
@@ -64,6 +66,11 @@ const char* passedOverText(PassedOver why) {
 
 }  // namespace
 
+Mount holderOf(const Placement& placement, const MountTable& table) {
+  return table.at(placement.file.mountPoint)
+      .value_or(Mount{placement.file.mountPoint, "/", "", placement.file.device, 0});
+}
+
 bool onOwnVolume(const Placement& placement) { return placement.file.device == placement.volume.device; }
 
 std::string whereText(const Placement& placement) {
@@ -95,6 +102,18 @@ std::string sizeReasonText(const Placement& placement) {
       break;
   }
   return "capped by memory: the driver can hold " + std::to_string(placement.memoryLimit) + " blocks for the whole set";
+}
+
+std::uint64_t bytesWritten(const Placement& placement, const std::string& type) {
+  constexpr std::uint64_t kXfsMagic = 0x58465342;
+  return type == "ext4" && placement.file.fsType != kXfsMagic ? 0 : placement.bytes();
+}
+
+std::string costText(const Placement& placement, const std::string& type) {
+  const std::uint64_t bytes = bytesWritten(placement, type);
+  if (bytes == 0) return "allocated at once";
+  return "written out: " + sizeText(bytes) + ", " + type +
+         "; a place on ext4 takes no time (--reloc-mount and --reloc-size)";
 }
 
 std::vector<std::string> passedOverTexts(const Placement& placement) {

@@ -29,12 +29,6 @@ std::string bytesText(const Placement& placement) {
          " bytes: " + counted(placement.file.blocks, "block") + " of " + std::to_string(placement.blockSize) + ")";
 }
 
-// The file system that would hold the file.
-Mount holder(const Placement& placement, const MountTable& table) {
-  return table.at(placement.file.mountPoint)
-      .value_or(Mount{placement.file.mountPoint, "/", "", placement.file.device, 0});
-}
-
 // "/dev/sda1 on /srv (ext4, 1.5 GiB)"
 std::string headline(const Placement& placement) {
   const std::string size = placement.volumeSize == 0 ? "size unknown" : sizeText(placement.volumeSize);
@@ -53,6 +47,8 @@ json fileJson(const Placement& placement, const Mount& mount) {
           {"on_volume_itself", onOwnVolume(placement)},
           {"why_there", whereText(placement)},
           {"why_this_size", sizeReasonText(placement)},
+          {"cost", costText(placement, mount.type)},
+          {"bytes_written", bytesWritten(placement, mount.type)},
           {"passed_over", passedOverTexts(placement)}};
 }
 
@@ -63,6 +59,7 @@ std::string fileText(const Placement& placement, const Mount& mount) {
   text += "  on               " +
           onOneLine(placement.file.mountPoint + " (" + mount.type + ", " + placement.file.device) +
           "): " + whereText(placement) + "\n";
+  text += "  cost             " + costText(placement, mount.type) + "\n";
   if (!passedOver.empty()) text += "  passed over      " + onOneLine(listed(passedOver)) + "\n";
   return text;
 }
@@ -78,7 +75,7 @@ void tell(const Placement& placement, const MountTable& table, bool refused, con
   if (refused || !placement.placed()) {
     text += "  relocation file  none\n";
   } else {
-    const Mount mount = holder(placement, table);
+    const Mount mount = holderOf(placement, table);
     entry["relocation_file"] = fileJson(placement, mount);
     text += fileText(placement, mount);
   }

@@ -5,7 +5,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libmount-dev uuid-dev libcli11-
 RUN_PACKAGES=(kmod mount util-linux e2fsprogs xfsprogs)
 TEST_PACKAGES=("${RUN_PACKAGES[@]}" btrfs-progs procps sqlite3 clang libclang-rt-dev
   binutils bsdextrautils dpkg-dev file groff-base make man-db python3 systemd
-  rsync restic borgbackup postgresql)
+  rsync restic borgbackup postgresql strace)
 
 # Installs those of the named packages that are not there.
 install_missing() {

@@ -18,6 +18,7 @@ struct RelocationForecast {
   std::string mountPoint;  // of the file system that would hold it; empty unless it is placed
   std::string device;      // of that file system; empty unless it is placed
   std::uint64_t blocks;    // in blocks of the volume
+  std::uint64_t fsType;    // magic of the kind of file system that the making would go by
   RelocationReasons reasons;
 };
 

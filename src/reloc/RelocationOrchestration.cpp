@@ -192,10 +192,10 @@ class ForecastPlacement : public LinuxSnapshotreloc {
   }
 
   RelocationForecast forecast(unsigned int status) {
-    if (status != kRelocSuccess) return {status, "", "", "", 0, mReasons};
+    if (status != kRelocSuccess) return {status, "", "", "", 0, 0, mReasons};
     const std::string mountPoint = mRelocDirName.substr(0, mRelocDirName.rfind(FILE_PATH_SEPERATOR));
     promised(mountPoint) += mBlockSize * mRelocNumBlks;
-    return {status, mRelocFileName, mountPoint, mRelocDeviceName, mRelocNumBlks, mReasons};
+    return {status, mRelocFileName, mountPoint, mRelocDeviceName, mRelocNumBlks, mFSType, mReasons};
   }
 
  private:

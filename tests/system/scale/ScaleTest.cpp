@@ -7,11 +7,15 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <map>
 #include <memory>
+#include <regex>
+#include <sstream>
 
 #include "Agent.h"
 #include "AlternatingWriter.h"
 #include "Base.h"
+#include "Run.h"
 
 namespace {
 
@@ -121,6 +125,53 @@ TEST(RelocationFile, in_thousands_of_pieces_reaches_the_driver_run_by_run_in_lit
   EXPECT_GT(runs, 4000);
   // The list and the command itself, on top of what a small snap takes.
   EXPECT_LT(memory, kSmallSnap + runs * 16 * 6 / 1024) << "KiB";
+}
+
+// Allocates without writing: the image of the volume stays small.
+void use(const Volume& volume, std::uint64_t bytes) {
+  const int file = open((volume.folder() + "/large").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(posix_fallocate(file, 0, static_cast<off_t>(bytes)), 0);
+  close(file);
+}
+
+// The calls on relocation files, one a line, as the kernel took them: "fsync", "ioctl FIBMAP".
+Texts callsOnRelocationFile(const std::string& trace) {
+  static const std::regex call(R"((\w+)\(\d+<[^>]*/\.verrelocarea/[^>]*>(?:, (F[A-Z_]+))?.*)");
+  Texts calls;
+  std::istringstream lines(test::readFile(trace));
+  std::smatch match;
+  for (std::string line; std::getline(lines, line);) {
+    if (std::regex_search(line, match, call))
+      calls.push_back(match[1].str() + (match[2].matched ? " " : "") + match[2].str());
+  }
+  return calls;
+}
+
+TEST(RelocationFile, of_6_GiB_takes_a_call_an_extent_and_not_one_that_writes) {
+  const Volume volume("ext4", std::uint64_t{200} << 30, {"-b", "4096", "-J", "size=16"});
+  use(volume, std::uint64_t{60} << 30);
+  Session session;
+  const test::TempDir folder;
+  const test::Ended ended =
+      session.run({"strace", "-f", "-qq", "-y", "-e", "trace=desc,fsync,fdatasync", "-o", folder / "calls",
+                   MIRELSNAP_PROGRAM, "run", "--volume", volume.device(), "--", "true"});
+  ASSERT_EQ(ended.code, 0) << ended.errors;
+  const test::Json snapped = lastSnapped(session);
+  constexpr std::uint64_t kLeast = (std::uint64_t{6} << 30) / 4096;
+  EXPECT_GE(snapped["relocation_blocks"], kLeast);
+  EXPECT_EQ(snapped["run_blocks"], snapped["relocation_blocks"]);
+
+  std::map<std::string, int> counts;
+  for (const std::string& call : callsOnRelocationFile(folder / "calls")) ++counts[call];
+  EXPECT_EQ(counts["fallocate"], 1);
+  EXPECT_EQ(counts["fsync"], 1);
+  // Making and mapping look for the blocks, which lie in a few extents.
+  EXPECT_EQ(counts["ioctl FS_IOC_FIEMAP"], 2);
+  EXPECT_LE(counts["ioctl FIBMAP"], 200);
+  EXPECT_EQ(counts["write"] + counts["pwrite64"] + counts["lseek"], 0);
+  int all = 0;
+  for (const auto& [call, count] : counts) all += count;
+  EXPECT_LE(all, 250);
 }
 
 }  // namespace

@@ -59,6 +59,10 @@ TEST_F(Plan, of_volumes_with_room_keeps_each_file_on_its_own) {
   EXPECT_EQ(file["file_system"], (Json{{"mount_point", first.folder()}, {"device", first.device()}, {"type", "ext4"}}));
   EXPECT_EQ(file["why_there"], "it stays on the volume itself");
   EXPECT_EQ(file["why_this_size"], "a tenth of the space free there");
+  EXPECT_EQ(file["cost"], "allocated at once");
+  EXPECT_EQ(file["bytes_written"], 0);
+  const Json& onXfs = planned[1]["relocation_file"];
+  EXPECT_EQ(onXfs["bytes_written"], onXfs["size"]);
 }
 
 TEST_F(Plan, reads_well) {
@@ -77,7 +81,22 @@ TEST_F(Plan, reads_well) {
                               " bytes: 1024 blocks of " + std::to_string(block) +
                               "): --reloc-size says so\n"
                               "  on               " +
-                              place.folder() + " (ext4, " + place.device() + "): --reloc-mount says so\n\n");
+                              place.folder() + " (ext4, " + place.device() +
+                              "): --reloc-mount says so\n"
+                              "  cost             allocated at once\n\n");
+}
+
+TEST_F(Plan, tells_what_is_written_out_and_where_it_would_take_no_time) {
+  const Volume volume("ext4", 32 << 20, {"-b", "4096"});
+  for (const char* type : {"xfs", "ext2", "ext3"}) {
+    const Volume place(type, 300 << 20);
+    const Ended ended =
+        verb(session, {"plan", volume.device(), "--reloc-mount", place.folder(), "--reloc-size", "1024"});
+    EXPECT_NE(ended.output.find("  cost             written out: 4.0 MiB, " + std::string(type) +
+                                "; a place on ext4 takes no time (--reloc-mount and --reloc-size)\n"),
+              std::string::npos)
+        << ended.output;
+  }
 }
 
 TEST_F(Plan, of_a_full_volume_goes_to_the_roomiest_other) {

@@ -250,7 +250,9 @@ TEST_F(Freeze, of_a_volume_that_is_named_under_two_mount_points_is_one) {
   expectText(verb(session, {"freeze", named[0], named[1], named[2]}), "Frozen: " + both);
   expectText(verb(session, {"thaw", named[0], named[1], named[2]}), "Thawed: " + both);
   expectText(verb(session, {"doctor", named[0], named[1], named[2]}),
-             "Nothing stands in the way of a snapshot of " + volume.device() + " and " + other.device() + ".\n");
+             volume.device() + ": its relocation file would be allocated at once\n" + other.device() +
+                 ": its relocation file would be allocated at once\nNothing stands in the way of a snapshot of " +
+                 volume.device() + " and " + other.device() + ".\n");
 }
 
 TEST_F(Freeze, tells_machines_what_became_of_each) {
