@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """Draws the documents' pictures: make.py [FOLDER] writes them there, beside this file unless told otherwise."""
+import math
 import pathlib
+import re
 import sys
 from xml.sax.saxutils import escape
 
@@ -166,7 +168,7 @@ def what_follows(p):
     p.text(20, y - 6, "Then, where a place was found:", size=13, anchor="start", weight="bold")
     steps = [["The driver learns the mapping", "V → file, with the process"],
              ["M/.verrelocarea/ is made,", "and the file in it"],
-             ["Its blocks are reserved;", "xfs and unwritten extents: zeros"],
+             ["Its blocks are allocated; zeros on", "xfs and where they cannot be found"],
              ["Next volume. When all are", "placed: the runs are mapped"],
              ["If one fails: the files before it", "are removed; the snap ends with 20"]]
     for number, lines in enumerate(steps):
@@ -245,7 +247,43 @@ def life_of_a_set():
     return p
 
 
-PICTURES = {"relocation.svg": relocation, "life-of-a-set.svg": life_of_a_set}
+SECONDS = {"ns": 1e-9, "µs": 1e-6, "ms": 1e-3, "s": 1}
+BYTES = {"GiB": 2**30, "TiB": 2**40}
+
+
+def making():
+    """What making and mapping a relocation file takes, from the table of docs/performance.md."""
+    table = (pathlib.Path(__file__).parent.parent / "performance.md").read_text(encoding="utf-8")
+    rows = re.findall(r"^\| make and map (\d+) (\w+) on ext4 \| ([\d.]+) (\w+) \| ([\d.]+) (\w+) \|", table, re.M)
+    sizes = [float(size) * BYTES[unit] for size, unit, *_ in rows]
+    p = Picture(760, 420, "Making and mapping a relocation file on ext4")
+    p.text(380, 32, "Making and mapping a relocation file on ext4", size=19, weight="bold")
+    left, right, top, bottom = 90, 730, 60, 360
+    place_x = lambda size: left + (right - left) * (math.log10(size) - math.log10(sizes[0])) / (
+        math.log10(sizes[-1]) - math.log10(sizes[0]))
+    place_y = lambda seconds: bottom - (bottom - top) * (math.log10(seconds) + 4) / 5  # 0.1 ms to 10 s
+    for power, label in zip(range(-4, 2), ["0.1 ms", "1 ms", "10 ms", "100 ms", "1 s", "10 s"]):
+        p.line(left, place_y(10.0**power), right, place_y(10.0**power), "#cbd2d9", "3 4")
+        p.text(left - 10, place_y(10.0**power) + 4, label, size=12, anchor="end")
+    for (size, unit, *_), bytes_ in zip(rows, sizes):
+        p.text(place_x(bytes_), bottom + 22, f"{size} {unit}", size=12)
+    curves = [("the library", "#2b6cb0", 2), ("posix_fallocate, fsync and FS_IOC_FIEMAP alone", "#b7791f", 4)]
+    for number, (name, colour, column) in enumerate(curves):
+        points = [(place_x(bytes_), place_y(float(row[column]) * SECONDS[row[column + 1]]))
+                  for row, bytes_ in zip(rows, sizes)]
+        p.parts.append(f'<path d="M{" L".join(f"{x:.1f},{y:.1f}" for x, y in points)}" fill="none" '
+                       f'stroke="{colour}" stroke-width="2"/>')
+        for x, y in points:
+            p.parts.append(f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3.5" fill="{colour}"/>')
+        p.line(left + 20, top + 18 + 20 * number, left + 50, top + 18 + 20 * number, colour)
+        p.text(left + 58, top + 22 + 20 * number, name, size=12, anchor="start")
+    p.text(380, 405, "Both axes are logarithmic. The time grows with the number of extents, one for 128 MiB at most.", size=12,
+           fill=FAINT)
+    return p
+
+
+PICTURES = {"relocation.svg": relocation, "life-of-a-set.svg": life_of_a_set,
+            "making.svg": making}
 
 
 def main():

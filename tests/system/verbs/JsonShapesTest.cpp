@@ -118,7 +118,6 @@ TEST_F(JsonShapes, of_status) {
 }
 
 TEST_F(JsonShapes, of_doctor) {
-  const Volume volume("ext4", 32 << 20);
   answer({"doctor", "/nothing", volume.device()});
   // It has no failures of its own.
   take(R"({"failures":[{"code":1,"subject":"","cause":"","advice":""}]})");
