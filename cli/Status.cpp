@@ -3,6 +3,11 @@
 // `mirelsnap status`: what the driver holds, and who of it.
 #include <sys/sysmacros.h>
 
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <sstream>
+
 #include "Driver.h"
 #include "MountTable.h"
 #include "Processes.h"
@@ -12,6 +17,7 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeChoice.h"
+#include "driver/DriverProtocol.h"
 #include "driver/VolumeRecords.h"
 
 namespace cli {
@@ -29,6 +35,42 @@ std::string numbersText(unsigned int major, unsigned int minor) {
   return std::to_string(major) + ":" + std::to_string(minor);
 }
 
+// How the driver's file tells that a snapshot is; all of it unknown where there is no such file.
+struct SnapshotState {
+  std::string state = "unknown";
+  std::uint64_t kept = 0, room = 0;  // blocks of 4 KiB in the relocation file, and how many it takes
+  std::uint64_t memory = 0;          // bytes
+  std::uint64_t frozen = 0;          // microseconds for which the volumes stood still
+  std::string instant;               // seconds since 1970
+};
+
+// By the number of the volume. A line is words "key=value".
+std::map<std::string, SnapshotState> snapshotStates() {
+  std::map<std::string, SnapshotState> states;
+  std::ifstream file(kDriverSnapshotsPath);
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream words(line);
+    std::map<std::string, std::string> values;
+    for (std::string word; words >> word;) {
+      const std::size_t sign = word.find('=');
+      if (sign != std::string::npos) values[word.substr(0, sign)] = word.substr(sign + 1);
+    }
+    const auto number = [&](const char* key) { return std::strtoull(values[key].c_str(), nullptr, 10); };
+    states[values["volume"]] = {values["state"],  number("kept"),      number("of"),
+                                number("memory"), number("frozen_us"), values["instant"]};
+  }
+  return states;
+}
+
+// "2026-04-03 14:05:09", the machine's time; "-" where it is unknown.
+std::string timeText(const std::string& seconds) {
+  const std::time_t time = std::strtoll(seconds.c_str(), nullptr, 10);
+  std::tm parts{};
+  char text[32];
+  if (seconds.empty() || localtime_r(&time, &parts) == nullptr) return "-";
+  return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts));
+}
+
 // Where the snapshot that the driver offers for a volume is mounted.
 std::vector<std::string> exposures(const MountTable& table, const std::string& snapshotDevice) {
   std::vector<std::string> folders;
@@ -40,12 +82,15 @@ std::vector<std::string> exposures(const MountTable& table, const std::string& s
 
 std::string tellSnapped(Driver& driver, const MountTable& table, json& document) {
   Table shown({"NAME", "DEVICE", ">SIZE", "SNAPSHOT", "RELOCATION FILE", ">SIZE", "OWNER"});
+  Table snapshots({"NAME", "STATE", ">KEPT", ">OF", ">MEMORY", ">FROZEN", "TAKEN"});
+  std::map<std::string, SnapshotState> states = snapshotStates();
   document = json::array();
   for (const SnappedVolumeInformation& volume : driver.snappedVolumes()) {
     const std::string name = WStringToString(volume.getSnappedVolumeName());
     const std::string file = WStringToString(volume.getRelocFileName());
     const std::string snapshot = snapshotDeviceOf(volume);
     const std::uint64_t size = volume.getNumBlocks() * volume.getBlockSize();
+    const SnapshotState state = states[numbersText(volume.getMajorNum(), volume.getMinorNum())];
     const std::uint64_t fileSize = std::uint64_t{volume.getRelocFileSize()} * volume.getBlockSize();
     document.push_back({{"name", name},
                         {"device", numbersText(volume.getMajorNum(), volume.getMinorNum())},
@@ -57,11 +102,20 @@ std::string tellSnapped(Driver& driver, const MountTable& table, json& document)
                         {"relocation_file", file},
                         {"relocation_size", fileSize},
                         {"relocation_blocks", volume.getRelocFileSize()},
-                        {"owner", ownerJson(volume.getAppPid())}});
+                        {"owner", ownerJson(volume.getAppPid())},
+                        {"state", state.state},
+                        {"kept", state.kept},
+                        {"room", state.room},
+                        {"memory", state.memory},
+                        {"frozen_microseconds", state.frozen},
+                        {"instant", state.instant}});
+    snapshots.add({name, state.state, std::to_string(state.kept), std::to_string(state.room), sizeText(state.memory),
+                   std::to_string(state.frozen / 1000) + " ms", timeText(state.instant)});
     shown.add({name, numbersText(volume.getMajorNum(), volume.getMinorNum()), sizeText(size), snapshot, file,
                sizeText(fileSize), ownerText(volume.getAppPid())});
   }
-  return shown.empty() ? "No volume is snapped.\n" : "Snapped volumes\n" + shown.text(outputColumns());
+  if (shown.empty()) return "No volume is snapped.\n";
+  return "Snapped volumes\n" + shown.text(outputColumns()) + "\nSnapshots\n" + snapshots.text(outputColumns());
 }
 
 std::string tellMappings(Driver& driver, json& document) {

@@ -30,6 +30,9 @@ class CommandDesk {
   std::optional<int> serve(const Caller& caller, unsigned long request, std::uint64_t address,
                            const StillWaits& stillWaits);
 
+  // A line a snapshot that the driver holds.
+  std::string snapshotLines() const { return mDriver.snapshotLines(); }
+
  private:
   // Does what an injection asks for, where there is one.
   Answer carryOut(const Command& command, const Injection* injection, const Caller& caller, CommandBuffer& buffer);

@@ -77,6 +77,10 @@ class EmulatedDriver {
   // Its state as text: into a file of the caller's, or as messages.
   Answer dumpState(const Caller& caller, CommandBuffer& buffer);
 
+  // The text of /proc/mirelsnap/snapshots: a line a snapshot, as the kernel's driver has it. The image holds a volume
+  // as it was, so that the relocation file takes no block, and no memory is held.
+  std::string snapshotLines() const;
+
   // Thaws every volume that is frozen.
   void thawAll();
   // Ends a snap that is running, and refuses those that come. May be called from any thread.
@@ -98,6 +102,8 @@ class EmulatedDriver {
     SnapVolumeEntry entry;  // as the snap command gave it
     SnapshotImage image;
     std::optional<Tracking> tracking;
+    std::chrono::system_clock::time_point instant;
+    std::chrono::microseconds frozen;  // how long the set's volumes stood still
   };
 
   std::vector<Snapped>::iterator findSnapped(DeviceNumber volume);

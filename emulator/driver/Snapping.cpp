@@ -133,14 +133,15 @@ Answer EmulatedDriver::snap(const Caller& caller, CommandBuffer& buffer) {
   SnapshotRequest request{{}, {}, mSettings.stores, mSettings.freezeLimit};
   for (const SnapEntry& entry : entries) request.volumes.push_back(volumeOf(entry.fixed));
   for (const FileSystem& frozen : mFrozen) request.frozen.insert(frozen.device());
-  auto images = takeSnapshots(mKernel, caller, request, mCancelled);
-  if (!images) return refusalOf(images);
-  std::vector<Snapped> taken;
+  auto taken = takeSnapshots(mKernel, caller, request, mCancelled);
+  if (!taken) return refusalOf(taken);
+  std::vector<Snapped> snapped;
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    taken.push_back({entries[i].fixed, std::move((*images)[i]), startTracking(entries[i].fixed)});
+    snapped.push_back({entries[i].fixed, std::move(taken->images[i]), startTracking(entries[i].fixed), taken->instant,
+                       taken->frozen});
   }
-  mSnapped.reserve(mSnapped.size() + taken.size());
-  std::move(taken.begin(), taken.end(), std::back_inserter(mSnapped));
+  mSnapped.reserve(mSnapped.size() + snapped.size());
+  std::move(snapped.begin(), snapped.end(), std::back_inserter(mSnapped));
   return done();
 }
 

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The driver's state as text.
+// The driver's state as text: the dump, and a line a snapshot.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <set>
 #include <sstream>
 
@@ -27,6 +28,30 @@ std::string ownerText(const Kernel& kernel, std::int64_t process) {
   return "process " + number + (lives ? "" : " (gone)");
 }
 
+// Blanks and backslashes in octal, as the kernel writes names into such files.
+std::string escaped(const std::string& name) {
+  std::string text;
+  for (const char letter : name) {
+    if (std::string_view(" \t\n\\").find(letter) == std::string_view::npos) {
+      text += letter;
+    } else {
+      char octal[8];
+      std::snprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned char>(letter));
+      text += octal;
+    }
+  }
+  return text;
+}
+
+// Seconds since 1970, with nine digits behind the point.
+std::string secondsOf(std::chrono::system_clock::time_point instant) {
+  const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(instant.time_since_epoch()).count();
+  char text[40];
+  std::snprintf(text, sizeof text, "%lld.%09lld", static_cast<long long>(since / 1000000000),
+                static_cast<long long>(since % 1000000000));
+  return text;
+}
+
 Answer writeText(const UniqueFd& file, const std::string& name, const std::string& text) {
   for (std::size_t done = 0; done < text.size();) {
     const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
@@ -38,6 +63,19 @@ Answer writeText(const UniqueFd& file, const std::string& name, const std::strin
 }
 
 }  // namespace
+
+std::string EmulatedDriver::snapshotLines() const {
+  constexpr std::uint64_t kKeptBlock = 4096;
+  std::ostringstream text;
+  for (const Snapped& snapped : mSnapped) {
+    const SnapVolumeEntry& entry = snapped.entry;
+    text << "volume=" << snapped.image.volume().text() << " name=" << escaped(textOf(entry.volumeName))
+         << " owner=" << entry.appPid
+         << " state=snapped kept=0 of=" << std::uint64_t{entry.relocFileSize} * entry.blockSize / kKeptBlock
+         << " memory=0 frozen_us=" << snapped.frozen.count() << " instant=" << secondsOf(snapped.instant) << '\n';
+  }
+  return text.str();
+}
 
 std::string EmulatedDriver::describeState() const {
   std::ostringstream text;

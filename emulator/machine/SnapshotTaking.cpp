@@ -95,8 +95,9 @@ Answer copySources(const std::vector<Source>& sources, const std::function<int()
   }
 }
 
+// Says in `taken` when, and how long the volumes stood still.
 Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& request,
-                        const std::atomic<bool>& cancelled) {
+                        const std::atomic<bool>& cancelled, TakenSnapshots& taken) {
   std::vector<FileSystem*> toFreeze;
   for (Source& source : sources) {
     source.fileSystem.sync();  // leaves little to write while frozen
@@ -104,9 +105,12 @@ Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& req
     if (!request.frozen.contains(source.device.number())) toFreeze.push_back(&source.fileSystem);
   }
   Standstill standstill(request.limit);
+  const auto start = std::chrono::steady_clock::now();
   if (Answer answer = standstill.begin(insideOut(toFreeze)); !answer) return answer;
+  taken.instant = std::chrono::system_clock::now();
   Answer answer = copySources(sources, [&] { return standstill.expired() ? ETIMEDOUT : cancelled ? ECANCELED : 0; });
   standstill.end();
+  taken.frozen = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
   if (answer && standstill.expired()) {
     answer = refuse(ETIMEDOUT, "the volumes could not be kept frozen long enough; see --freeze-limit");
   }
@@ -115,26 +119,26 @@ Answer copyAtOneInstant(std::vector<Source>& sources, const SnapshotRequest& req
 
 }  // namespace
 
-Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Caller& caller,
-                                                 const SnapshotRequest& request, const std::atomic<bool>& cancelled) {
+Result<TakenSnapshots> takeSnapshots(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request,
+                                     const std::atomic<bool>& cancelled) {
   // Opened while the caller certainly exists: it may be killed during the copy.
   const UniqueFd folder = caller.open("/dev", O_PATH | O_DIRECTORY);
   if (!folder) return failedCall(errno, "cannot open the caller's /dev");
   auto sources = openSources(kernel, caller, request);
   if (!sources) return refusalOf(sources);
-  if (Answer answer = copyAtOneInstant(*sources, request, cancelled); !answer) return refusalOf(answer);
+  TakenSnapshots taken;
+  if (Answer answer = copyAtOneInstant(*sources, request, cancelled, taken); !answer) return refusalOf(answer);
 
-  std::vector<SnapshotImage> images;
   for (Source& source : *sources) {
     auto image =
         SnapshotImage::attach(kernel, source.device.number(), std::move(source.image), source.device.sectorSize());
     if (!image) return refusalOf(image);
-    images.push_back(std::move(*image));
+    taken.images.push_back(std::move(*image));
     UniqueFd nodeFolder(fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));
     if (!nodeFolder) return failedCall(errno, "cannot duplicate the descriptor of the caller's /dev");
-    if (Answer answer = images.back().makeNode(std::move(nodeFolder)); !answer) return refusalOf(answer);
+    if (Answer answer = taken.images.back().makeNode(std::move(nodeFolder)); !answer) return refusalOf(answer);
   }
-  return images;
+  return taken;
 }
 
 }  // namespace emulator

@@ -25,10 +25,16 @@ struct SnapshotRequest {
   std::chrono::milliseconds limit{0};  // how long the volumes may stay frozen
 };
 
-// Images of the volumes, in their order, each on its loop device with its node in the caller's /dev. Nothing is left
+struct TakenSnapshots {
+  std::vector<SnapshotImage> images;  // in the order of the volumes
+  std::chrono::system_clock::time_point instant;
+  std::chrono::microseconds frozen{0};  // how long the volumes stood still
+};
+
+// Images of the volumes, each on its loop device with its node in the caller's /dev. Nothing is left
 // when it is refused: ENOSPC where the store has no room, EDEADLK where every store lies on a volume to be frozen,
 // ETIMEDOUT after the limit, ECANCELED once `cancelled` is set.
-Result<std::vector<SnapshotImage>> takeSnapshots(const Kernel& kernel, const Caller& caller,
-                                                 const SnapshotRequest& request, const std::atomic<bool>& cancelled);
+Result<TakenSnapshots> takeSnapshots(const Kernel& kernel, const Caller& caller, const SnapshotRequest& request,
+                                     const std::atomic<bool>& cancelled);
 
 }  // namespace emulator

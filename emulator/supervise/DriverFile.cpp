@@ -46,10 +46,12 @@ std::vector<std::byte> bytesOf(const T& record) {
 
 }  // namespace
 
-Result<DriverFile> DriverFile::make() {
-  const std::string text =
-      std::to_string(kControlDevice.majorNum) + ' ' + std::to_string(kControlDevice.minorNum) + '\n';
-  UniqueFd content(memfd_create("mirelsnap-dev", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+Result<DriverFile> DriverFile::ofNumbers() {
+  return make(std::to_string(kControlDevice.majorNum) + ' ' + std::to_string(kControlDevice.minorNum) + '\n');
+}
+
+Result<DriverFile> DriverFile::make(const std::string& text) {
+  UniqueFd content(memfd_create("mirelsnap-driver", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!content || write(content.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
       fchmod(content.get(), 0444) != 0 ||
       fcntl(content.get(), F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
@@ -58,9 +60,13 @@ Result<DriverFile> DriverFile::make() {
   return DriverFile(std::move(content));
 }
 
-bool namesDriverFile(const seccomp_data& call, const CallerMemory& caller) {
+std::optional<DriverFileName> driverFileOf(const seccomp_data& call, const CallerMemory& caller) {
   const int argument = pathArgument(call.nr);
-  return argument >= 0 && caller.readText(call.args[argument], sizeof kDriverNumbersPath) == kDriverNumbersPath;
+  if (argument < 0) return std::nullopt;
+  const std::string path = caller.readText(call.args[argument], sizeof kDriverSnapshotsPath);
+  if (path == kDriverNumbersPath) return DriverFileName::kNumbers;
+  if (path == kDriverSnapshotsPath) return DriverFileName::kSnapshots;
+  return std::nullopt;
 }
 
 std::optional<DriverFile::Reply> DriverFile::answer(const Kernel& kernel, const seccomp_data& call,

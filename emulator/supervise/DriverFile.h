@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The file in /proc that names the control device's numbers.
+// The driver's files in /proc: the control device's numbers, and a line a snapshot.
 #pragma once
 
 #include <linux/seccomp.h>
@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "base/Handle.h"
@@ -19,7 +20,10 @@ namespace emulator {
 
 class DriverFile {
  public:
-  static Result<DriverFile> make();
+  // A file with a content of its own.
+  static Result<DriverFile> make(const std::string& text);
+  // The control device's numbers.
+  static Result<DriverFile> ofNumbers();
 
   // How a system call on the file is answered.
   struct Reply {
@@ -42,7 +46,8 @@ class DriverFile {
   UniqueFd mContent;
 };
 
-// Whether a call asks for the driver's file by its full path.
-bool namesDriverFile(const seccomp_data& call, const CallerMemory& caller);
+enum class DriverFileName { kNumbers, kSnapshots };
+// Which of the driver's files a call asks for, by its full path.
+std::optional<DriverFileName> driverFileOf(const seccomp_data& call, const CallerMemory& caller);
 
 }  // namespace emulator

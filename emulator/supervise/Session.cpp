@@ -112,7 +112,7 @@ int runSession(Kernel& kernel, const Options& options) {
     if (!traceFile)
       return complain("cannot write the trace file " + options.trace + ": " + std::strerror(errno), kExitRefused);
   }
-  auto driverFile = DriverFile::make();
+  auto driverFile = DriverFile::ofNumbers();
   if (!driverFile) return complain(driverFile.error().why, kExitRefused);
 
   HeldSignals signals({SIGTERM, SIGINT, SIGHUP, SIGQUIT}, {SIGPIPE});

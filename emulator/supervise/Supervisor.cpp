@@ -57,12 +57,12 @@ struct Supervisor::ControlRequest {
   Caller caller;
 };
 
-Supervisor::Supervisor(const Kernel& kernel, CommandDesk& desk, Messages& messages, DriverFile driverFile,
+Supervisor::Supervisor(const Kernel& kernel, CommandDesk& desk, Messages& messages, DriverFile numbers,
                        UniqueFd listener, bool loaded, std::function<void()> broken)
     : mKernel(kernel),
       mDesk(desk),
       mMessages(messages),
-      mDriverFile(std::move(driverFile)),
+      mNumbers(std::move(numbers)),
       mListener(std::move(listener)),
       mStop(eventfd(0, EFD_CLOEXEC)),
       mLoaded(loaded),
@@ -114,15 +114,26 @@ void Supervisor::takeCall(const seccomp_notif& call) {
     if (call.data.nr == SYS_ioctl) return takeRequest(call);
     if (call.data.nr == SYS_execve || call.data.nr == SYS_execveat) {
       takeExecution(call);
-    } else if (mLoaded && namesDriverFile(call.data, caller)) {
-      if (const auto fileReply = mDriverFile.answer(mKernel, call.data, caller))
-        return reply(call.id, caller, *fileReply);
+    } else if (mLoaded && takeDriverFile(call, caller)) {
+      return;
     }
     letThrough(call.id);
   } catch (const std::exception& problem) {
     mMessages.warn(std::string("a system call could not be answered: ") + problem.what());
     answer(call.id, ENOMEM);
   }
+}
+
+bool Supervisor::takeDriverFile(const seccomp_notif& call, const CallerMemory& caller) {
+  const auto name = driverFileOf(call.data, caller);
+  if (!name) return false;
+  if (*name == DriverFileName::kSnapshots) {
+    queue([this, call] { serveSnapshots(call); });
+    return true;
+  }
+  const auto fileReply = mNumbers.answer(mKernel, call.data, caller);
+  if (fileReply) reply(call.id, caller, *fileReply);
+  return fileReply.has_value();
 }
 
 void Supervisor::takeRequest(const seccomp_notif& call) {
@@ -189,6 +200,20 @@ void Supervisor::serve(const ControlRequest& request) {
   } catch (const std::exception& problem) {
     mMessages.warn(std::string("a command failed: ") + problem.what());
     answer(request.id, EIO);
+  }
+}
+
+// The snapshots as they are between two commands.
+void Supervisor::serveSnapshots(const seccomp_notif& call) {
+  try {
+    const CallerMemory caller(static_cast<pid_t>(call.pid));
+    const auto file = DriverFile::make(mDesk.snapshotLines());
+    if (!file) return answer(call.id, file.error().error);
+    const auto fileReply = file->answer(mKernel, call.data, caller);
+    fileReply ? reply(call.id, caller, *fileReply) : letThrough(call.id);
+  } catch (const std::exception& problem) {
+    mMessages.warn(std::string("the driver's file could not be shown: ") + problem.what());
+    answer(call.id, EIO);
   }
 }
 

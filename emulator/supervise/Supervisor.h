@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Takes the system calls that the filter hands over: the driver's file and the control node's requests are answered
+// Takes the system calls that the filter hands over: the driver's files and the control node's requests are answered
 // here, everything else goes on to the kernel. One thread takes calls, another carries out commands, so that processes
 // go on opening files while a snapshot is copied.
 #pragma once
@@ -28,7 +28,7 @@ class Supervisor {
  public:
   // `listener`: where the calls arrive. With `loaded` false there is no driver until a process loads it. `broken` is
   // called once, from another thread, when calls cannot be taken any more.
-  Supervisor(const Kernel& kernel, CommandDesk& desk, Messages& messages, DriverFile driverFile, UniqueFd listener,
+  Supervisor(const Kernel& kernel, CommandDesk& desk, Messages& messages, DriverFile numbers, UniqueFd listener,
              bool loaded, std::function<void()> broken);
   // Ends: a call that is not answered yet fails, for the caller, as one that the kernel does not have.
   ~Supervisor();
@@ -45,8 +45,10 @@ class Supervisor {
   void takeCall(const seccomp_notif& call);
   void takeRequest(const seccomp_notif& call);
   void takeExecution(const seccomp_notif& call);
+  bool takeDriverFile(const seccomp_notif& call, const CallerMemory& caller);
   void carryOutCommands();
   void serve(const ControlRequest& request);
+  void serveSnapshots(const seccomp_notif& call);
   void queue(std::function<void()> work);
 
   bool stillWaits(std::uint64_t id) const;
@@ -57,7 +59,7 @@ class Supervisor {
   const Kernel& mKernel;
   CommandDesk& mDesk;
   Messages& mMessages;
-  DriverFile mDriverFile;
+  DriverFile mNumbers;
   UniqueFd mListener;
   UniqueFd mStop;  // readable once the threads are to end
   bool mLoaded;    // of the thread that takes calls

@@ -45,6 +45,7 @@ inline constexpr unsigned long IOC_VERIFY_AND_CLEAN_VOLUMES = driverRequest(25);
 // Where a driver is met: the file that names its control node's numbers, the node itself, and what the nodes of
 // snapshot devices begin with ("/dev/snap8_1" for the volume 8:1).
 inline constexpr char kDriverNumbersPath[] = "/proc/mirelsnap/dev";
+inline constexpr char kDriverSnapshotsPath[] = "/proc/mirelsnap/snapshots";
 inline constexpr char kControlNodePath[] = "/dev/mirelsnapctl";
 inline constexpr char kSnapshotDevicePrefix[] = "/dev/snap";
 

@@ -2,6 +2,7 @@
 //
 // `mirelsnap status`, `freeze` and `thaw`.
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -42,6 +43,11 @@ class Status : public testing::Test {
  protected:
   std::string minor() const { return std::to_string(volume.loop().minor()); }
 
+  std::uint64_t blockSize() const {
+    struct stat found;
+    return stat(volume.folder().c_str(), &found) == 0 ? static_cast<std::uint64_t>(found.st_blksize) : 0;
+  }
+
   const Volume volume{"ext4", 32 << 20};
   Session session;
 };
@@ -74,6 +80,32 @@ TEST_F(Status, shows_a_snapped_volume_with_its_file_and_its_owner) {
   EXPECT_EQ(lineOf(ended.output, volume.device() + " " + volume.folder() + " "),
             volume.device() + " " + volume.folder() + " ext4 snapped");
   EXPECT_EQ(ended.output.find("\n  /dev/snap"), std::string::npos) << "a snapshot is no volume of the machine";
+}
+
+TEST_F(Status, tells_how_a_snapshot_is_and_when_it_was_taken) {
+  const Ended ended = session.run({MIRELSNAP_PROGRAM, "run", "--volume", volume.device(), "--reloc-mount",
+                                   volume.folder(), "--reloc-size", "2048", "--", "/bin/sh", "-c",
+                                   "cat /proc/mirelsnap/snapshots; " + std::string(MIRELSNAP_PROGRAM) + " status"});
+  EXPECT_EQ(ended.code, 0) << ended.errors;
+  const std::string line = ended.output.substr(0, ended.output.find('\n'));
+  const std::string blocks = std::to_string(2048 * blockSize() / 4096);
+  EXPECT_TRUE(std::regex_match(line, std::regex("volume=7:" + minor() + " name=" + volume.device() +
+                                                " owner=[0-9]+ state=snapped kept=[0-9]+ of=" + blocks +
+                                                " memory=[0-9]+ frozen_us=[0-9]+ instant=[0-9]+\\.[0-9]{9}")))
+      << line;
+  EXPECT_EQ(lineOf(ended.output, "NAME STATE"), "NAME STATE KEPT OF MEMORY FROZEN TAKEN");
+  const std::string shown = lineOf(ended.output, volume.device() + " snapped ");
+  EXPECT_TRUE(std::regex_match(shown, std::regex(volume.device() + " snapped [0-9]+ " + blocks +
+                                                 " [0-9.]+ (bytes|[KM]iB) [0-9]+ ms [-0-9]{10} [:0-9]{8}")))
+      << shown;
+}
+
+TEST_F(Status, of_a_driver_at_rest_has_an_empty_file) {
+  const Ended ended = session.shell(
+      "test -r /proc/mirelsnap/snapshots && stat -c %F:%a /proc/mirelsnap/snapshots && "
+      "wc -c </proc/mirelsnap/snapshots");
+  EXPECT_EQ(ended.output, "regular empty file:444\n0\n");
+  EXPECT_EQ(ended.errors, "");
 }
 
 // Rows that a terminal would break are shown a cell a line.
