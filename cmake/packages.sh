@@ -5,7 +5,9 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libmount-dev uuid-dev libcli11-
 RUN_PACKAGES=(kmod mount util-linux e2fsprogs xfsprogs)
 TEST_PACKAGES=("${RUN_PACKAGES[@]}" btrfs-progs procps sqlite3 clang libclang-rt-dev
   binutils bsdextrautils dpkg-dev file groff-base make man-db python3 systemd
-  rsync restic borgbackup postgresql strace)
+  rsync restic borgbackup postgresql strace dkms linux-headers-cloud-amd64)
+# For the tests of the driver in a virtual machine, which unpack more from the archive and do not install it.
+VM_PACKAGES=("${TEST_PACKAGES[@]}" qemu-system-x86 busybox-static cpio gcc libgtest-dev dosfstools dmsetup)
 
 # Installs those of the named packages that are not there.
 install_missing() {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A test program's private world: its own mount namespace, in which the machine but for its /tmp is read-only, with
-//   /dev   a tmpfs with the plain character devices, loop-control, and whatever the tests make
+//   /dev   a tmpfs with the plain character devices, loop-control, and whatever the tests make; where they have the
+//          kernel's driver the machine's own, in which its snapshots appear
 //   /proc  a tmpfs whose files lead to the real one, so that a test can lay its own meminfo, mounts, mirelsnap/dev
 //   /mnt   an empty tmpfs: images, mount points, scratch
 // All of it is gone with the process.

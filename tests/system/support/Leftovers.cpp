@@ -60,7 +60,9 @@ std::vector<std::string> loopsInScratch(bool onlySnapshots) {
 std::vector<std::string> snapshotNodes() {
   std::vector<std::string> found;
   for (const auto& entry : fs::directory_iterator("/dev")) {
-    if (entry.path().filename().string().rfind("snap", 0) == 0) found.push_back(entry.path());
+    // The kernel may have a /dev/snapshot of its own.
+    const std::string name = entry.path().filename();
+    if (name.starts_with("snap") && name.find_first_of("0123456789") == 4) found.push_back(entry.path());
   }
   return found;
 }

@@ -142,14 +142,38 @@ std::string Process::errors() const { return readFile(mFiles->folder / "errors")
 
 // ---- the session
 
-Session::Session(std::vector<std::string> emulatorOptions) : mDriver(true) {
+Session::Session(std::vector<std::string> emulatorOptions)
+    : mDriver(hasKernelDriver() ? Driver::kKernel : Driver::kEmulator) {
+  if (mDriver == Driver::kKernel) {
+    if (!emulatorOptions.empty()) requireEmulator("an option");
+    const std::string held = heldByKernelDriver();
+    if (!held.empty()) throw std::runtime_error("the driver holds " + held);
+    begin({HOST_PROGRAM});
+  } else {
+    beginEmulator(emulatorOptions);
+  }
+}
+
+Session::Session(Driver driver) : mDriver(driver) {
+  if (hasKernelDriver()) mUnloaded.emplace();
+  begin({HOST_PROGRAM});
+}
+
+void Session::requireEmulator(const std::string& what) const {
+  if (mDriver != Driver::kEmulator) throw std::logic_error(what + " is the emulator's: this session has none");
+}
+
+pid_t Session::emulator() const {
+  requireEmulator("a process");
+  return mProcess;
+}
+
+void Session::beginEmulator(const std::vector<std::string>& options) {
   std::vector<std::string> command = {EMULATOR_PROGRAM, "--trace", mDir / "trace", "--store", mDir.path()};
-  command.insert(command.end(), emulatorOptions.begin(), emulatorOptions.end());
+  command.insert(command.end(), options.begin(), options.end());
   command.insert(command.end(), {"--", HOST_PROGRAM});
   begin(std::move(command));
 }
-
-Session::Session(Plain) : mDriver(false) { begin({HOST_PROGRAM}); }
 
 void Session::begin(std::vector<std::string> command) {
   mMountsBefore = mountTexts();
@@ -187,13 +211,15 @@ Session::~Session() {
   mHost.close();
   int status = 0;
   if (!comesTrue([&] { return waitpid(mProcess, &status, WNOHANG) != 0; })) {
-    ADD_FAILURE() << "the emulator does not end";
+    ADD_FAILURE() << "the emulator, or the process host, does not end";
     kill(mProcess, SIGKILL);
     waitpid(mProcess, &status, 0);
   }
+  // The kernel's driver stays, and so does the library's node of it.
+  if (mDriver == Driver::kKernel) unlink("/dev/mirelsnapctl");
   if (mChecked) return;
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the emulator ended with wait status " << status;
-  for (const std::string& complaint : takeComplaints(0)) {
+  for (const std::string& complaint : newComplaints(0)) {
     if (!std::regex_match(complaint, std::regex(mTolerated))) ADD_FAILURE() << "the emulator says: " << complaint;
   }
   EXPECT_NE(access("/dev/mirelsnapctl", F_OK), 0) << "the control node is left";
@@ -238,6 +264,7 @@ Ended Session::run(const std::vector<std::string>& arguments, const StartOptions
 
 // The emulator writes its trace behind its answers: what came before a mark is there when the mark is.
 void Session::waitForTrace() {
+  requireEmulator("the trace");
   if (mMarker == nullptr) mMarker = std::make_unique<DriverClient>(*this);
   mMarker->mark();
   ++mMarks;
@@ -268,6 +295,11 @@ std::vector<Json> Session::trace(const std::string& command) {
 }
 
 std::vector<std::string> Session::takeComplaints(std::size_t count) {
+  requireEmulator("a complaint");
+  return newComplaints(count);
+}
+
+std::vector<std::string> Session::newComplaints(std::size_t count) {
   std::vector<std::string> lines;
   static_cast<void>(comesTrue([&] {
     lines = linesOf(mDir / "errors");
@@ -281,21 +313,24 @@ std::vector<std::string> Session::takeComplaints(std::size_t count) {
 void Session::check() {
   mMarker.reset();
   // The emulator and its host; a plain host has nobody above it.
-  const std::size_t ours = mDriver ? 1 : 0;
+  const std::size_t ours = mDriver == Driver::kEmulator ? 1 : 0;
   static_cast<void>(comesTrue([&] { return processesBelow(mProcess).size() <= ours; }));
   for (const pid_t process : processesBelow(mProcess)) {
     if (processesBelow(process).empty() && processesBelow(mProcess).size() <= ours) continue;  // the host
     ADD_FAILURE() << "left behind: process " << process << " "
                   << readFile("/proc/" + std::to_string(process) + "/comm");
   }
-  if (mDriver) checkDriver();
+  if (mDriver == Driver::kEmulator) checkEmulator();
+  if (mDriver == Driver::kKernel) {
+    EXPECT_EQ(heldByKernelDriver(), "");
+  }
   EXPECT_EQ(snapshotNodes(), kNothing);
   EXPECT_EQ(changes(mRelocationBefore, relocationRemains()), kNothing);
   EXPECT_EQ(changes(mMountsBefore, mountTexts()), kNothing);
   EXPECT_NE(access("/run/mirelsnap", F_OK), 0) << "/run/mirelsnap is left";
 }
 
-void Session::checkDriver() {
+void Session::checkEmulator() {
   DriverClient driver(*this);
   EXPECT_EQ(driver.snapped(), Json::array());
   EXPECT_EQ(driver.mappings(), Json::array());

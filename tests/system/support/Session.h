@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An emulator with processes below it, as a test starts, kills and questions them. When it ends it proves that nothing
+// A driver with processes that use it, as a test starts, kills and questions them. When it ends it proves that nothing
 // is left: see Session.
 #pragma once
 
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Channel.h"
+#include "KernelDriver.h"
 #include "World.h"
 
 namespace test {
@@ -74,15 +75,18 @@ struct Ended {
   std::string errors;
 };
 
-// The emulator with its options, or no driver at all. What is started must be gone before the session.
+// The emulator with its options, or no driver at all. What is started must be gone before the session. Where the tests
+// have the kernel's driver (KernelDriver.h) it takes the emulator's place: there are no options then, no trace, no
+// complaints; a test that asks for one of them fails.
 //
 // Its end fails the test when anything is left that was not there at its start: a process, a snapshot, a mapping, a
 // mount, a node, a loop device, a relocation file or its directory, the emulator's control node; or when the emulator
-// refused a command that the test did not expect to be refused, or ended with a failure of its own.
+// refused a command that the test did not expect to be refused, or ended with a failure of its own. The kernel's
+// driver, which is the machine's, must hold nothing at the start either.
 class Session {
  public:
   explicit Session(std::vector<std::string> emulatorOptions = {});
-  static Session withoutDriver() { return Session(Plain{}); }
+  static Session withoutDriver() { return Session(Driver::kNone); }
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -104,22 +108,27 @@ class Session {
   std::vector<std::string> takeComplaints(std::size_t count);
   // Complaints that match `pattern` may come or not.
   void tolerateComplaints(const std::string& pattern) { mTolerated = pattern; }
-  pid_t emulator() const { return mProcess; }
+  pid_t emulator() const;
   // Processes that stay on purpose, or of which the test cannot know the end (a killed session).
   void forget() { mChecked = true; }
 
  private:
   friend class Process;
-  struct Plain {};
-  explicit Session(Plain);
+  enum class Driver { kEmulator, kKernel, kNone };
+  explicit Session(Driver driver);
+  void beginEmulator(const std::vector<std::string>& options);
   void begin(std::vector<std::string> command);
   std::optional<int> statusOf(pid_t process);
   void check();
-  void checkDriver();
+  void checkEmulator();
   void waitForTrace();
+  std::vector<std::string> newComplaints(std::size_t count);
+
+  void requireEmulator(const std::string& what) const;
 
   TempDir mDir;
-  bool mDriver;
+  const Driver mDriver;
+  std::optional<UnloadedModule> mUnloaded;  // the kernel's, where there is to be none
   bool mChecked = false;
   pid_t mProcess = -1;  // of the emulator, or of the host itself
   Channel mHost{-1};

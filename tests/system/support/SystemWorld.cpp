@@ -27,9 +27,10 @@ void must(bool done, const std::string& what) {
 }
 
 void layTerminals() {
-  must(mkdir("/dev/pts", 0755) == 0, "/dev/pts");
+  // The kernel's own /dev has them.
+  must(mkdir("/dev/pts", 0755) == 0 || errno == EEXIST, "/dev/pts");
   must(mount("tests", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666,mode=0620") == 0, "mount /dev/pts");
-  must(symlink("pts/ptmx", "/dev/ptmx") == 0, "/dev/ptmx");
+  must(symlink("pts/ptmx", "/dev/ptmx") == 0 || errno == EEXIST, "/dev/ptmx");
 }
 
 bool isRealVolume(const MountLine& line) {

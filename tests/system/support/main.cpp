@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include "KernelDriver.h"
+#include "KernelLog.h"
 #include "LeakListener.h"
 #include "Leftovers.h"
 #include "SystemWorld.h"
@@ -12,6 +14,7 @@ int main(int argc, char** argv) {
     auto& listeners = testing::UnitTest::GetInstance()->listeners();
     listeners.Append(new test::LeakListener);
     listeners.Append(new test::LeftoverListener);
+    if (test::hasKernelDriver()) listeners.Append(new test::KernelLogListener);
   }
   return RUN_ALL_TESTS();
 }

@@ -287,4 +287,82 @@ void Readers::read(const std::string& device, std::uint64_t generation, Range ra
   }
 }
 
+FileWriters::FileWriters(const std::string& folder, unsigned int threads, std::uint64_t bytesEach) : mCount(threads) {
+  for (unsigned int i = 0; i < threads; ++i) {
+    mThreads.emplace_back(&FileWriters::write, this, folder + "/" + names()[i], bytesEach / kSector, i + 1);
+  }
+}
+
+std::vector<std::string> FileWriters::names() const {
+  std::vector<std::string> all;
+  for (unsigned int i = 0; i < mCount; ++i) all.push_back("writer" + std::to_string(i));
+  return all;
+}
+
+std::int64_t FileWriters::stop() {
+  mStop = true;
+  for (std::thread& thread : mThreads) thread.join();
+  mThreads.clear();
+  return mFailed ? -1 : mWrong.load();
+}
+
+void FileWriters::waitFor(std::uint64_t writes) const {
+  while (mWrites < writes && !mFailed) std::this_thread::yield();
+}
+
+void FileWriters::write(const std::string& file, std::uint64_t sectors, std::uint64_t id) {
+  constexpr std::uint64_t kPage = 8;
+  const Buffer buffer;
+  Random random(id);
+  std::uint64_t generation = id << 40;
+  std::vector<std::uint64_t> expected(sectors, 0);  // 0: nothing was written
+  auto makeSectors = [&](Range range) {
+    for (std::uint64_t i = 0; i < range.count; ++i) {
+      makeSector(buffer.words + i * kWords, range.first + i, generation);
+    }
+  };
+  while (!mStop && !mFailed) {
+    if (random.below(200) == 0) {
+      unlink(file.c_str());
+      std::fill(expected.begin(), expected.end(), 0);
+    }
+    const Descriptor opened(file, O_RDWR | O_CREAT | (random.below(2) == 0 ? O_DIRECT : 0));
+    for (std::uint64_t left = 1 + random.below(20); left > 0 && !mStop; --left) {
+      ++generation;
+      const std::uint64_t first = random.below(sectors / kPage) * kPage;
+      const Range range{first, std::min(kPage * (1 + random.below(16)), sectors - first)};
+      makeSectors(range);
+      if (!writeSectors(opened.number, buffer.words, range)) mFailed = true;
+      std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(range.first), range.count, generation);
+      ++mWrites;
+    }
+    if (random.below(4) == 0 && fdatasync(opened.number) != 0) mFailed = true;
+  }
+  // What was never written is a hole, or lies behind the file's end.
+  const Descriptor opened(file, O_RDWR | O_CREAT);
+  if (ftruncate(opened.number, static_cast<off_t>(sectors * kSector)) != 0) mFailed = true;
+  for (std::uint64_t at = 0; at < sectors && !mFailed; at += kMost) {
+    const Range range{at, std::min<std::uint64_t>(kMost, sectors - at)};
+    if (!readSectors(opened.number, buffer.words, range)) mFailed = true;
+    for (std::uint64_t i = 0; i < range.count; ++i) {
+      if (expected[at + i] == 0) continue;
+      if (!isSector(buffer.words + i * kWords, at + i, expected[at + i])) ++mWrong;
+    }
+  }
+}
+
+std::uint64_t tornSectors(const std::string& file) {
+  const Descriptor opened(file, O_RDONLY);
+  const Buffer buffer;
+  std::uint64_t torn = 0, sector = 0;
+  for (ssize_t bytes; (bytes = read(opened.number, buffer.words, kMost * kSector)) > 0;) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(bytes) / kSector; ++i, ++sector) {
+      const std::uint64_t* words = buffer.words + i * kWords;
+      const bool isZero = std::all_of(words, words + kWords, [](std::uint64_t word) { return word == 0; });
+      if (!isZero && !isSector(words, sector, words[1])) ++torn;
+    }
+  }
+  return torn;
+}
+
 }  // namespace guest

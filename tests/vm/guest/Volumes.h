@@ -96,4 +96,31 @@ class Readers {
   std::vector<std::thread> mThreads;
 };
 
+// Threads that write files of a folder at random, each a file of its own in which every sector says where it is and of
+// which generation; through the page cache and past it, and now and then the file is removed and made anew.
+class FileWriters {
+ public:
+  FileWriters(const std::string& folder, unsigned int threads, std::uint64_t bytesEach);
+  ~FileWriters() { stop(); }
+  // How many sectors of the files are not what was written last; -1: a write failed.
+  std::int64_t stop();
+  std::uint64_t writes() const { return mWrites; }
+  // Until so many writes were made.
+  void waitFor(std::uint64_t writes) const;
+  std::vector<std::string> names() const;
+
+ private:
+  void write(const std::string& file, std::uint64_t sectors, std::uint64_t id);
+
+  unsigned int mCount;
+  std::atomic<bool> mStop{false};
+  std::atomic<std::uint64_t> mWrites{0};
+  std::atomic<std::int64_t> mWrong{0};
+  std::atomic<bool> mFailed{false};
+  std::vector<std::thread> mThreads;
+};
+
+// How many sectors of a file are not whole: neither zeros nor what some generation has there.
+std::uint64_t tornSectors(const std::string& file);
+
 }  // namespace guest

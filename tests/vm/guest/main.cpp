@@ -2,38 +2,15 @@
 //
 // The tests of the driver, run inside the virtual machine. A test that leaves a snapshot, a mapping or a frozen volume
 // behind, or lets the kernel warn, has failed.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <regex>
 #include <string>
 
 #include "Driver.h"
+#include "KernelLog.h"
 
 namespace {
-
-// What the kernel has said since the last look.
-class KernelLog {
- public:
-  KernelLog() : mFile(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC)) { lseek(mFile, 0, SEEK_END); }
-  ~KernelLog() { close(mFile); }
-
-  std::string warnings() {
-    static const std::regex kWarning("WARNING|BUG|Oops|Call Trace|blocked for more than|stall|refcount");
-    std::string found;
-    char line[8192];
-    for (ssize_t length; (length = read(mFile, line, sizeof line - 1)) > 0;) {
-      const std::string text(line, static_cast<std::size_t>(length));
-      if (std::regex_search(text, kWarning)) found += text;
-    }
-    return found;
-  }
-
- private:
-  int mFile;
-};
 
 class Watcher : public testing::EmptyTestEventListener {
   void OnTestEnd(const testing::TestInfo&) override {
@@ -42,7 +19,7 @@ class Watcher : public testing::EmptyTestEventListener {
     const std::string state = guest::dumpedState();
     EXPECT_NE(state.find("snapped volumes: 0\nmappings: 0\nfrozen volumes: 0\n"), std::string::npos) << state;
   }
-  KernelLog mLog;
+  test::KernelLog mLog;
 };
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "Driver.h"
+#include "Frozen.h"
 #include "Volumes.h"
 
 namespace guest {
@@ -20,14 +21,6 @@ namespace {
 constexpr std::uint64_t kMiB = 1 << 20;
 
 Range whole(const std::string& device) { return {0, sectorsOf(device)}; }
-
-// The sectors of a volume's runs.
-std::vector<Range> rangesOf(const SnapVolume& volume) {
-  std::vector<Range> ranges;
-  const std::uint64_t factor = volume.entry.blockSize / 512;
-  for (const _run& run : volume.runs) ranges.push_back({run.startBlock * factor, run.numBlocks * factor});
-  return ranges;
-}
 
 std::string stateOf(const std::string& device) {
   for (const std::string& line : snapshotLines()) {
@@ -284,20 +277,6 @@ TEST_F(RawVolume, is_snapped_and_discarded_again_and_again_under_writers) {
 }
 
 // ---- with a file system, and the relocation file on the volume itself
-
-// What a snapshot of a frozen file system must be: its device as it was at that moment.
-struct Frozen {
-  std::vector<std::uint64_t> sums;
-  Result result;
-};
-Frozen snapFrozen(const SnapVolume& volume, const std::string& device) {
-  Frozen frozen;
-  freeze({device});
-  frozen.sums = sums(device);
-  frozen.result = snap({volume});
-  thaw({device});
-  return frozen;
-}
 
 void churn(const Mounted& volume, int rounds) {
   for (int i = 0; i < rounds; ++i) {
