@@ -1,4 +1,4 @@
-# What `cmake --install` lays below the prefix, in three components, which are the three packages. Nothing that is installed
+# What `cmake --install` lays below the prefix, in four components, which are the four packages. Nothing that is installed
 # knows the prefix, so that `cmake --install --prefix` and the packages may choose another.
 include(CMakePackageConfigHelpers)
 
@@ -42,6 +42,12 @@ install(TARGETS mirelsnap mirelsnap-emulator RUNTIME DESTINATION ${CMAKE_INSTALL
 install(FILES packaging/mirelsnap.bash
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME mirelsnap COMPONENT mirelsnap)
 install(FILES packaging/mirelsnap-reconcile.service DESTINATION lib/systemd/system COMPONENT mirelsnap)
+
+# mirelsnap-dkms: the driver's sources, where DKMS finds them.
+configure_file(packaging/dkms/dkms.conf.in ${PROJECT_BINARY_DIR}/packaging/dkms/dkms.conf @ONLY)
+install(DIRECTORY kernel/ ${PROJECT_BINARY_DIR}/packaging/dkms/ DESTINATION src/mirelsnap-${PROJECT_VERSION}
+  COMPONENT mirelsnap-dkms EXCLUDE_FROM_ALL FILES_MATCHING
+  PATTERN *.c PATTERN *.h PATTERN Kbuild PATTERN Makefile PATTERN dkms.conf PATTERN *.mod.c EXCLUDE)
 
 # Man pages, compressed without a time stamp.
 function(install_man_page page component)

@@ -4,7 +4,7 @@ set(CPACK_PACKAGE_NAME mirelsnap)
 set(CPACK_PACKAGE_VENDOR mirelsnap)
 set(CPACK_PACKAGE_CONTACT "The mirelsnap developers <mirelsnap@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_COMPONENTS_ALL libmirelsnap1 libmirelsnap-dev mirelsnap)
+set(CPACK_COMPONENTS_ALL libmirelsnap1 libmirelsnap-dev mirelsnap mirelsnap-dkms)
 set(CPACK_STRIP_FILES ON)
 # A folder is 755, whatever the umask of who builds.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -55,6 +55,24 @@ blocks changed, and removes what killed agents left, also at boot.
 .
 mirelsnap-emulator plays the kernel's snapshot driver in user space, on real file
 systems and devices, for trying and testing.")
+
+set(CPACK_DEBIAN_MIRELSNAP-DKMS_PACKAGE_NAME mirelsnap-dkms)
+set(CPACK_DEBIAN_MIRELSNAP-DKMS_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_MIRELSNAP-DKMS_PACKAGE_SECTION kernel)
+set(CPACK_DEBIAN_MIRELSNAP-DKMS_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_MIRELSNAP-DKMS_PACKAGE_DEPENDS dkms)
+# The scripts name the version.
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/packaging/dkms-control)
+foreach(script postinst prerm)
+  configure_file(packaging/dkms/${script}.in ${PROJECT_BINARY_DIR}/packaging/dkms-control/${script} @ONLY
+    FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  list(APPEND dkms_scripts ${PROJECT_BINARY_DIR}/packaging/dkms-control/${script})
+endforeach()
+set(CPACK_DEBIAN_MIRELSNAP-DKMS_PACKAGE_CONTROL_EXTRA "${dkms_scripts}")
+set(CPACK_DEBIAN_MIRELSNAP-DKMS_DESCRIPTION
+"point-in-time snapshots of mounted volumes (kernel driver's sources)
+The copy-on-write driver mirelsnap, which DKMS builds for every kernel whose
+headers are installed. It is made for Debian's 6.1 and 6.12.")
 
 string(TIMESTAMP today "%a, %d %b %Y 00:00:00 +0000" UTC)
 configure_file(packaging/debian/changelog.in ${PROJECT_BINARY_DIR}/packaging/changelog)

@@ -26,7 +26,7 @@ strangers=$(dpkg-deb --fsys-tarfile "$deb" | tar -tv --numeric-owner | awk '$2 !
 # Folders and programs 755, everything else 644; no extra bits.
 odd=$(find usr -type d -not -perm 755 -o -type f -path 'usr/bin/*' -not -perm 755 -o -type f -not -path 'usr/bin/*' -not -perm 644)
 [ -z "$odd" ] || wrong "permissions: $odd"
-for script in postinst postrm; do
+for script in postinst prerm postrm; do
   [ ! -e "DEBIAN/$script" ] || { [ -x "DEBIAN/$script" ] && sh -n "DEBIAN/$script"; } || wrong "$script"
 done
 outside=$(find . -mindepth 1 -maxdepth 1 -not -name DEBIAN -not -name usr)
@@ -61,6 +61,12 @@ case $name in
     for header in SnapshotEngine DriverInterface VolumeRecords; do
       [ -f usr/include/mirelsnap/$header.h ] || wrong "no $header.h"
     done
+    ;;
+  mirelsnap-dkms)
+    folder=usr/src/mirelsnap-${version%-*}
+    for file in Makefile Kbuild main.c protocol.h dkms.conf; do [ -f "$folder/$file" ] || wrong "no /$folder/$file"; done
+    odd=$(find "$folder" -type f -not -name '*.[ch]' -not -name Makefile -not -name Kbuild -not -name dkms.conf)
+    [ -z "$odd" ] || wrong "what is built is shipped: $odd"
     ;;
   mirelsnap)
     for file in bin/mirelsnap bin/mirelsnap-emulator lib/systemd/system/mirelsnap-reconcile.service \

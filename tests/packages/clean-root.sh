@@ -38,13 +38,15 @@ export TMPDIR=/mnt/tmp
 step "building the packages"
 (cd "$build" && quietly "the packages cannot be built" cpack -G DEB -B /mnt/packages)
 cd /mnt
-for package in libmirelsnap1 libmirelsnap-dev mirelsnap; do
-  ls packages/"${package}"_*_amd64.deb >/dev/null || fail "$package was not built"
-  "$here/check-package.sh" packages/"${package}"_*_amd64.deb
+packages=(libmirelsnap1 libmirelsnap-dev mirelsnap mirelsnap-dkms)
+for package in "${packages[@]}"; do
+  ls packages/"${package}"_*.deb >/dev/null || fail "$package was not built"
+  "$here/check-package.sh" packages/"${package}"_*.deb
 done
 
 step "laying a clean Debian with a compiler, cmake and pkg-config"
-quietly "no clean Debian" "$here/lay-root.py" root packages/*.deb g++ cmake make pkg-config e2fsprogs mount util-linux
+quietly "no clean Debian" "$here/lay-root.py" root packages/*.deb g++ cmake make pkg-config e2fsprogs mount util-linux \
+  linux-headers-cloud-amd64
 mount -t proc proc root/proc
 mount -t sysfs -o ro sysfs root/sys
 mount -t tmpfs -o mode=0755 dev root/dev
@@ -68,11 +70,16 @@ step "installing the packages by apt"
 mkdir root/packages
 cp packages/*.deb root/packages/
 quietly "apt refuses the packages" in_root sh -c 'apt-get install -y -qq --no-install-recommends /packages/*.deb'
-for package in libmirelsnap1 libmirelsnap-dev mirelsnap; do
+for package in "${packages[@]}"; do
   [ "$(in_root dpkg-query -W -f '${db:Status-Status}' "$package")" = installed ] || fail "$package is not installed"
 done
 [ -L root/etc/systemd/system/multi-user.target.wants/mirelsnap-reconcile.service ] || fail "the unit is not enabled"
-quietly "files of the packages were changed" in_root dpkg --verify libmirelsnap1 libmirelsnap-dev mirelsnap
+quietly "files of the packages were changed" in_root dpkg --verify "${packages[@]}"
+
+step "building the driver by DKMS"
+release=$(basename "$(ls -d root/lib/modules/*/)")
+quietly "the driver does not build" in_root dkms install -m mirelsnap -v "$(in_root dpkg-query -W -f '${Version}' mirelsnap | sed 's/-.*//')" -k "$release"
+[ "$(in_root modinfo -k "$release" -F license mirelsnap)" = GPL ] || fail "modprobe would not find the driver"
 
 cp "$here/in-root.sh" root/in-root.sh
 mkdir root/agents
@@ -88,7 +95,7 @@ for agent in "${agents[@]}"; do
 done
 
 step "removing the packages"
-quietly "apt cannot remove the packages" in_root apt-get purge -y -qq mirelsnap libmirelsnap-dev libmirelsnap1
+quietly "apt cannot remove the packages" in_root apt-get purge -y -qq "${packages[@]}"
 left=$(in_root find /etc /usr /var /run -xdev -name '*mirelsnap*' -not -path '/var/lib/dpkg/*' | head)
 [ -z "$left" ] || fail "the packages leave behind: $left"
 step "all of it works"
