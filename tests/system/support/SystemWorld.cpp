@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -41,7 +42,8 @@ bool isRealVolume(const MountLine& line) {
 // The mounts that hold programs, their libraries, or what these read.
 std::set<int> neededMounts(const std::vector<MountLine>& mounts) {
   std::set<int> needed;
-  for (const std::string path : {"/", "/usr", "/bin", "/lib", "/lib64", "/etc", "/var/tmp", EMULATOR_PROGRAM}) {
+  const std::string programs = std::filesystem::canonical(EMULATOR_PROGRAM);
+  for (const std::string path : {"/", "/usr", "/bin", "/lib", "/lib64", "/etc", "/var/tmp", programs.c_str()}) {
     const MountLine* holder = nullptr;
     for (const MountLine& mount : mounts) {
       const std::string inside = mount.folder == "/" ? "/" : mount.folder + "/";
