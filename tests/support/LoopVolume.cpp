@@ -14,6 +14,9 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
+
+#include "base/Handle.h"
 
 namespace test {
 namespace {
@@ -31,28 +34,27 @@ LoopDevice::LoopDevice(std::uint64_t bytes) : LoopDevice(bytes, "") {}
 
 LoopDevice::LoopDevice(std::uint64_t bytes, const std::string& folder)
     : mImage((folder.empty() ? mDir.path() : folder) + "/image") {
-  const int file = open(mImage.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (file < 0 || ftruncate(file, static_cast<off_t>(bytes)) != 0) fail("cannot make " + mImage);
-  const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
-  if (control < 0) fail("cannot open /dev/loop-control");
-  // Another process may take the free device first: ask again then.
-  for (int attempt = 0;; ++attempt) {
-    const long number = kernelIoctl(control, LOOP_CTL_GET_FREE, 0);
-    if (number < 0 || attempt == 100) fail("no free loop device");
+  const UniqueFd file(open(mImage.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!file || ftruncate(file.get(), static_cast<off_t>(bytes)) != 0) fail("cannot make " + mImage);
+  const UniqueFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+  if (!control) fail("cannot open /dev/loop-control");
+  loop_config config{};
+  config.fd = static_cast<std::uint32_t>(file.get());
+  config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+  // Another process may take the device first: the kernel says so, and names another.
+  do {
+    const long number = kernelIoctl(control.get(), LOOP_CTL_GET_FREE, 0);
+    if (number < 0) fail("no free loop device");
     mMinor = static_cast<unsigned int>(number);
-    mPath = "/dev/loop" + std::to_string(number);
+    mPath = "/dev/loop" + std::to_string(mMinor);
     unlink(mPath.c_str());
     if (mknod(mPath.c_str(), S_IFBLK | 0600, makedev(7, mMinor)) != 0) fail("cannot make " + mPath);
     mDevice = open(mPath.c_str(), O_RDWR | O_CLOEXEC);
-    loop_config config{};
-    config.fd = static_cast<std::uint32_t>(file);
-    config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-    if (mDevice >= 0 && kernelIoctl(mDevice, LOOP_CONFIGURE, reinterpret_cast<unsigned long>(&config)) == 0) break;
-    close(mDevice);
+    if (mDevice >= 0 && kernelIoctl(mDevice, LOOP_CONFIGURE, reinterpret_cast<unsigned long>(&config)) == 0) return;
+    close(std::exchange(mDevice, -1));
     unlink(mPath.c_str());
-  }
-  close(control);
-  close(file);
+  } while (errno == EBUSY || errno == ENXIO);
+  fail("cannot set up a loop device");
 }
 
 LoopDevice::~LoopDevice() {

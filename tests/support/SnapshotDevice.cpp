@@ -2,31 +2,17 @@
 #include "SnapshotDevice.h"
 
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <stdexcept>
 #include <vector>
 
+#include "Frozen.h"
 #include "base/Handle.h"
 
 namespace test {
 namespace {
-
-class Frozen {
- public:
-  explicit Frozen(const std::string& folder) : mFolder(open(folder.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (!mFolder || ioctl(mFolder.get(), FIFREEZE, 0) != 0) throw std::runtime_error("cannot freeze " + folder);
-  }
-  ~Frozen() { ioctl(mFolder.get(), FITHAW, 0); }
-  Frozen(const Frozen&) = delete;
-  Frozen& operator=(const Frozen&) = delete;
-
- private:
-  UniqueFd mFolder;
-};
 
 std::uint64_t sizeOf(const std::string& file) {
   struct stat status {};

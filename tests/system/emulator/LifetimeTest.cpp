@@ -7,9 +7,7 @@
 #include <linux/audit.h>
 #include <linux/capability.h>
 #include <linux/filter.h>
-#include <linux/fs.h>
 #include <linux/seccomp.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -24,6 +22,7 @@
 #include <filesystem>
 
 #include "EmulatorRun.h"
+#include "Frozen.h"
 #include "ProcessState.h"
 #include "Waiting.h"
 #include "World.h"
@@ -184,9 +183,7 @@ struct Everything {
   }
 
   bool isUndone() const {
-    const UniqueFd root(open(frozen.folder().c_str(), O_RDONLY | O_CLOEXEC));
-    if (ioctl(root.get(), FIFREEZE, 0) != 0) return false;
-    ioctl(root.get(), FITHAW, 0);
+    if (test::isFrozen(frozen.folder())) return false;
     struct stat inside;
     struct stat above;
     stat(folder.path().c_str(), &inside);
@@ -332,12 +329,11 @@ TEST(End, processes_that_ignore_SIGTERM_or_are_stopped_are_killed_after_two_seco
 TEST(End, gives_up_a_snap_whose_client_is_gone) {
   const Volume volume("ext4", 16 << 20);
   const Volume store("ext4", 64 << 20);
-  const UniqueFd root(open(store.folder().c_str(), O_RDONLY | O_CLOEXEC));
   const test::TempDir dir;
   ClientRun run({"--quiet", "--store", store.folder(), "--trace", dir / "trace"});
   const SnapCandidate candidate(*run, volume.device());
   const pid_t client = run->process();
-  ASSERT_EQ(ioctl(root.get(), FIFREEZE, 0), 0);  // the snap waits for its store
+  test::Frozen frozen(store.folder());  // the snap waits for it
   run->begin(IOC_SNAP, test::snapCommand({candidate.wire()}));
   const pid_t emulator = run.emulator().process();
   EXPECT_TRUE(comesTrue([&] {
@@ -347,7 +343,7 @@ TEST(End, gives_up_a_snap_whose_client_is_gone) {
   run.emulator().signal(SIGTERM);
   EXPECT_TRUE(comesTrue([&] { return kill(client, 0) != 0; }));
   EXPECT_TRUE(comesTrue([&] { return test::waitsForAThread(emulator); })) << "for the one with the snap";
-  ioctl(root.get(), FITHAW, 0);
+  frozen.thaw();
   EXPECT_EQ(run.emulator().wait(), 143);
   EXPECT_FALSE(exists(candidate.node()));
   EXPECT_NE(test::readFile(dir / "trace").find("\"why\":\"the emulator is shutting down\""), std::string::npos);

@@ -3,8 +3,6 @@
 // Snapshots of real volumes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -18,6 +16,7 @@
 #include <thread>
 
 #include "EmulatorRun.h"
+#include "Frozen.h"
 #include "ProcessState.h"
 #include "Waiting.h"
 #include "World.h"
@@ -223,19 +222,12 @@ bool isInRequest(pid_t process) { return test::isInCall(process, SYS_ioctl); }
 // A store that takes no writes until it is let go: a snap into it lasts as long as a test wants.
 class StuckStore {
  public:
-  StuckStore() : mVolume("ext4", 64 << 20), mRoot(open(mVolume.folder().c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (ioctl(mRoot.get(), FIFREEZE, 0) != 0) std::abort();
-  }
-  ~StuckStore() { letGo(); }
   const std::string& folder() const { return mVolume.folder(); }
-  void letGo() {
-    ioctl(mRoot.get(), FITHAW, 0);
-    mRoot.reset();
-  }
+  void letGo() { mFrozen.thaw(); }
 
  private:
-  Volume mVolume;
-  UniqueFd mRoot;
+  Volume mVolume{"ext4", 64 << 20};
+  test::Frozen mFrozen{mVolume.folder()};
 };
 
 TEST(Snap, that_lasts_leaves_other_processes_their_files) {

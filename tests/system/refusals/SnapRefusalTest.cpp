@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What a refusal of the driver means to the agent, and that it leaves nothing.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "Agent.h"
 #include "Base.h"
 #include "DriverClient.h"
+#include "Frozen.h"
 #include "Leftovers.h"
 
 namespace {
@@ -184,8 +182,7 @@ TEST(DeleteSnapshots, of_two_volumes_discards_both_with_one_command) {
 TEST(Freeze, outside_the_driver_makes_the_snap_fail_and_leaves_nothing) {
   const Volume volume("ext4", 32 << 20);
   const Volume other("ext4", 32 << 20);
-  const int folder = open(volume.folder().c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_EQ(ioctl(folder, FIFREEZE, 0), 0);
+  const test::Frozen frozen(volume.folder());
   {
     Session session;
     Agent agent(session);
@@ -197,8 +194,7 @@ TEST(Freeze, outside_the_driver_makes_the_snap_fail_and_leaves_nothing) {
     expectNothingLeft(session);
     engine.release();
   }
-  EXPECT_EQ(ioctl(folder, FITHAW, 0), 0);
-  close(folder);
+  EXPECT_TRUE(test::isFrozen(volume.folder()));
 }
 
 TEST(Freeze, through_the_driver_makes_the_volume_count_as_already_snapped) {

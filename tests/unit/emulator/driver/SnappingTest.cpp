@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "DriverFixture.h"
+#include "Frozen.h"
 #include "base/Handle.h"
 
 namespace {
@@ -196,10 +197,9 @@ TEST_F(Snapping, is_refused_with_a_relocation_file_that_is_reached_through_a_lin
 TEST_F(Snapping, leaves_nothing_when_one_volume_of_several_cannot_be_snapped) {
   const test::Volume good("ext4", kVolumeBytes);
   const test::Volume bad("ext4", kVolumeBytes);
-  const UniqueFd root(open(bad.folder().c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_EQ(ioctl(root.get(), FIFREEZE, 0), 0);  // somebody else holds it
+  test::Frozen frozen(bad.folder());  // by somebody else
   EXPECT_EQ(snap({candidate(good.loop()), candidate(bad.loop())}), EBUSY);
-  ASSERT_EQ(ioctl(root.get(), FITHAW, 0), 0);
+  frozen.thaw();
   EXPECT_FALSE(exists(nodeOf(good.loop())));
   EXPECT_EQ(count(IOC_GET_NUM_OF_SNAPPED_VOLUMES), 0u);
   test::writeFile(good.folder() + "/written", "it is thawed");

@@ -1,29 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Checks, freezing and thawing.
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "DriverFixture.h"
+#include "Frozen.h"
 #include "base/Handle.h"
 
 namespace {
 
 using test::WireCommand;
-
-// Whether a file system takes no writes: freezing it again is refused.
-bool standsStill(const std::string& folder) {
-  const UniqueFd root(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
-  if (ioctl(root.get(), FIFREEZE, 0) == 0) {
-    ioctl(root.get(), FITHAW, 0);
-    return false;
-  }
-  return errno == EBUSY;
-}
 
 struct VolumeStates : DriverTest {};
 
@@ -41,12 +29,12 @@ TEST_F(VolumeStates, freezing_stops_the_file_systems_and_thawing_lets_them_go) {
   EXPECT_EQ(error(IOC_FREEZE, both), 0);
   EXPECT_EQ(status(IOC_CHECK_VOLUME_FROZEN, deviceOf(one.loop())), -6);
   EXPECT_EQ(status(IOC_CHECK_VOLUME_FROZEN, deviceOf(two.loop())), -6);
-  EXPECT_TRUE(standsStill(one.folder()));
-  EXPECT_TRUE(standsStill(two.folder()));
+  EXPECT_TRUE(test::isFrozen(one.folder()));
+  EXPECT_TRUE(test::isFrozen(two.folder()));
   EXPECT_EQ(error(IOC_THAW, both), 0);
   EXPECT_EQ(status(IOC_CHECK_VOLUME_FROZEN, deviceOf(one.loop())), -7);
-  EXPECT_FALSE(standsStill(one.folder()));
-  EXPECT_FALSE(standsStill(two.folder()));
+  EXPECT_FALSE(test::isFrozen(one.folder()));
+  EXPECT_FALSE(test::isFrozen(two.folder()));
 }
 
 TEST_F(VolumeStates, freezing_a_frozen_volume_fails_with_6_and_freezes_none) {
@@ -57,7 +45,7 @@ TEST_F(VolumeStates, freezing_a_frozen_volume_fails_with_6_and_freezes_none) {
   EXPECT_EQ(ask(IOC_FREEZE, both), EBUSY);
   EXPECT_EQ(both.status(), -6);
   EXPECT_EQ(status(IOC_CHECK_VOLUME_FROZEN, deviceOf(two.loop())), -7);
-  EXPECT_FALSE(standsStill(two.folder()));
+  EXPECT_FALSE(test::isFrozen(two.folder()));
   driver->thawAll();
 }
 
@@ -68,19 +56,17 @@ TEST_F(VolumeStates, thawing_a_volume_that_is_not_frozen_fails_with_7_and_thaws_
   WireCommand both = test::volumeListCommand({deviceOf(one.loop()), deviceOf(two.loop())});
   EXPECT_EQ(ask(IOC_THAW, both), EINVAL);
   EXPECT_EQ(both.status(), -7);
-  EXPECT_TRUE(standsStill(one.folder()));
+  EXPECT_TRUE(test::isFrozen(one.folder()));
   driver->thawAll();
 }
 
 TEST_F(VolumeStates, a_volume_that_cannot_be_frozen_leaves_the_others_as_they_were) {
   const test::Volume one("ext4", kVolumeBytes);
   const test::Volume two("ext4", kVolumeBytes);
-  const UniqueFd root(open(two.folder().c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_EQ(ioctl(root.get(), FIFREEZE, 0), 0);  // by somebody else
+  const test::Frozen frozen(two.folder());  // by somebody else
   EXPECT_EQ(error(IOC_FREEZE, test::volumeListCommand({deviceOf(one.loop()), deviceOf(two.loop())})), EBUSY);
-  EXPECT_FALSE(standsStill(one.folder()));
+  EXPECT_FALSE(test::isFrozen(one.folder()));
   EXPECT_EQ(status(IOC_CHECK_VOLUME_FROZEN, deviceOf(one.loop())), -7);
-  ioctl(root.get(), FITHAW, 0);
 }
 
 TEST_F(VolumeStates, a_volume_that_is_mounted_nowhere_freezes_in_name) {
@@ -99,7 +85,7 @@ TEST_F(VolumeStates, its_end_thaws_what_is_frozen) {
   const test::Volume volume("ext4", kVolumeBytes);
   ASSERT_EQ(error(IOC_FREEZE, test::volumeListCommand({deviceOf(volume.loop())})), 0);
   driver.reset();
-  EXPECT_FALSE(standsStill(volume.folder()));
+  EXPECT_FALSE(test::isFrozen(volume.folder()));
 }
 
 // A file system in a file on another volume: its last writes go there.

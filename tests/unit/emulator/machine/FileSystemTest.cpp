@@ -5,8 +5,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +14,7 @@
 #include <cstring>
 #include <optional>
 
+#include "Frozen.h"
 #include "LoopVolume.h"
 #include "World.h"
 #include "emulator/machine/BlockDevice.h"
@@ -31,14 +30,6 @@ using std::chrono::milliseconds;
 constexpr std::uint64_t kBytes = 8 << 20;
 
 DeviceNumber numberOf(const test::LoopDevice& loop) { return {7, loop.minor()}; }
-
-// Whether freezing the file system on a folder is refused because it is frozen.
-bool standsStill(const std::string& folder) {
-  const UniqueFd root(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
-  if (ioctl(root.get(), FIFREEZE, 0) != 0) return errno == EBUSY;
-  ioctl(root.get(), FITHAW, 0);
-  return false;
-}
 
 struct FileSystems : testing::Test {
   FileSystem on(const test::LoopDevice& loop) {
@@ -60,9 +51,9 @@ TEST_F(FileSystems, are_found_through_any_mount_of_the_device) {
   FileSystem found = on(volume.loop());
   ASSERT_TRUE(found.mounted());
   ASSERT_TRUE(found.freeze());
-  EXPECT_TRUE(standsStill(other.path()));
+  EXPECT_TRUE(test::isFrozen(other.path()));
   found.thaw();
-  EXPECT_FALSE(standsStill(other.path()));
+  EXPECT_FALSE(test::isFrozen(other.path()));
 }
 
 TEST_F(FileSystems, on_a_folder_with_a_blank_in_its_name_are_found) {
@@ -162,9 +153,9 @@ TEST_F(FileSystems, stand_still_until_the_end) {
   FileSystem fileSystem = on(volume.loop());
   Standstill standstill(milliseconds(60000));
   ASSERT_TRUE(standstill.begin({&fileSystem}));
-  EXPECT_TRUE(standsStill(volume.folder()));
+  EXPECT_TRUE(test::isFrozen(volume.folder()));
   standstill.end();
-  EXPECT_FALSE(standsStill(volume.folder()));
+  EXPECT_FALSE(test::isFrozen(volume.folder()));
   EXPECT_FALSE(standstill.expired());
 }
 
@@ -184,7 +175,7 @@ TEST_F(FileSystems, are_let_go_when_the_standstill_goes_out_of_scope) {
     Standstill standstill(milliseconds(60000));
     ASSERT_TRUE(standstill.begin({&fileSystem}));
   }
-  EXPECT_FALSE(standsStill(volume.folder()));
+  EXPECT_FALSE(test::isFrozen(volume.folder()));
 }
 
 TEST_F(FileSystems, are_all_let_go_when_one_cannot_be_frozen) {
@@ -195,7 +186,7 @@ TEST_F(FileSystems, are_all_let_go_when_one_cannot_be_frozen) {
   ASSERT_TRUE(second.freeze());
   Standstill standstill(milliseconds(60000));
   EXPECT_EQ(standstill.begin({&first, &second}).error().error, EBUSY);
-  EXPECT_FALSE(standsStill(one.folder()));
+  EXPECT_FALSE(test::isFrozen(one.folder()));
   second.thaw();
 }
 
@@ -210,8 +201,8 @@ TEST_F(FileSystems, in_the_wrong_order_wait_for_each_other_only_until_the_time_i
   static_cast<void>(standstill.begin({&lower, &upper}));
   EXPECT_TRUE(standstill.expired());
   standstill.end();
-  EXPECT_FALSE(standsStill(outer.folder()));
-  EXPECT_FALSE(standsStill(stacked.folder()));
+  EXPECT_FALSE(test::isFrozen(outer.folder()));
+  EXPECT_FALSE(test::isFrozen(stacked.folder()));
 }
 
 }  // namespace
