@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""Checks the documents: check.py pictures|links|snippets|names SOURCE_FOLDER COMPILER"""
+"""Checks the documents, and the texts of the tests.
+
+    check.py pictures|links|snippets|names|removals SOURCE_FOLDER COMPILER
+"""
 import pathlib
 import re
 import subprocess
@@ -86,7 +89,29 @@ def names():
             wrong.append(f"{document.name} names nothing")
 
 
-{"pictures": pictures, "links": links, "snippets": snippets, "names": names}[check]()
+def removals():
+    """Tests remove directories and unmount through the guard alone, scripts through theirs."""
+    guards = {source / "tests/support/OwnWorld.cpp", source / "tests/unit/support/OwnWorldTest.cpp",
+              source / "cmake/own-folder.sh"}
+    not_called = {source / "tests/system/support/Steps.cpp"}  # stands before the C library's
+    inside = {*source.glob("tests/vm/**/*"), *source.glob("tests/fuzz/**/*")}  # their machine is their own
+    literal = re.compile(r'"(?:[^"\\\n]|\\.)*"|//[^\n]*')
+    call = re.compile(r"\b(remove_all|umount2?|nftw|fts_open)\s*\(")
+    command = re.compile(r"\brm +(-\w+ +)*(-\w*[rR]|--recursive)|\bumount +(-\w+ +)*-\w*R|\bfind\b.*-delete\b")
+    programs = {*source.glob("tests/**/*.cpp"), *source.glob("tests/**/*.h")}
+    scripts = {*source.glob("tests/**/*.sh"), *source.glob("cmake/*.sh"), source / "check", source / "demo"}
+    for file in sorted((programs | scripts) - guards - inside):
+        for number, line in enumerate(file.read_text(encoding="utf-8").split("\n"), 1):
+            code = literal.sub("", line)
+            found = command.search(line) or (file in programs - not_called and call.search(code))
+            if found:
+                wrong.append(f"{file.relative_to(source)}:{number}: {found[0]}: use tests/support/OwnWorld.h, in a "
+                             "script cmake/own-folder.sh")
+    if not all(guard.exists() for guard in guards) or not programs or not scripts:
+        wrong.append("no test was found")
+
+
+{"pictures": pictures, "links": links, "snippets": snippets, "names": names, "removals": removals}[check]()
 for text in wrong:
     print("FAILED:", text, file=sys.stderr)
 sys.exit(1 if wrong else 0)

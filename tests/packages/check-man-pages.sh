@@ -7,9 +7,10 @@ wrong=0
 complain() { echo "FAILED: $*" >&2; wrong=1; }
 
 # What this machine's administrator adds to every page is not looked at.
-GROFF_TMAC_PATH=$(mktemp -d)
-export GROFF_TMAC_PATH
-trap 'rm -rf "$GROFF_TMAC_PATH"' EXIT
+. "$(dirname "$0")/../../cmake/own-folder.sh"
+make_own_folder man
+trap remove_own_folder EXIT
+export GROFF_TMAC_PATH=$own_folder
 touch "$GROFF_TMAC_PATH/man.local" "$GROFF_TMAC_PATH/mdoc.local"
 
 for page in "$folder"/*.[1-9]; do

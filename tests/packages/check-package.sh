@@ -12,10 +12,11 @@ version=$(dpkg-deb -f "$deb" Version)
 depends=$(dpkg-deb -f "$deb" Depends)
 [ "$name" != libmirelsnap-dev ] || [[ ", $depends, " == *", libmirelsnap1 (= $version), "* ]] || wrong "it needs: $depends"
 
-folder=$(mktemp -d)
-trap 'rm -rf "$folder"' EXIT
-dpkg-deb -R "$deb" "$folder"
-cd "$folder"
+. "$(dirname "$0")/../../cmake/own-folder.sh"
+make_own_folder package
+trap remove_own_folder EXIT
+dpkg-deb -R "$deb" "$own_folder"
+cd "$own_folder"
 
 # Everybody's checksums, and nobody's files but root's.
 (md5sum --quiet --check DEBIAN/md5sums) || wrong "a checksum differs"

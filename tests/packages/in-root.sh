@@ -51,7 +51,8 @@ COMMAND
   agent_answers failure 'exit 3'
   agent_answers failure 'kill -TERM $PPID'
   umount /srv
-  rm -r /backup /volume.img /back-up-command
+  rm /backup/letter /volume.img /back-up-command
+  rmdir /backup
 }
 
 case $1 in

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "OwnWorld.h"
 #include "World.h"
 
 namespace test {
@@ -17,7 +18,7 @@ class KernelTable {
     std::filesystem::create_directories("/proc/self");
     writeFile("/proc/self/mountinfo", lines);
   }
-  ~KernelTable() { std::filesystem::remove_all("/proc/self"); }
+  ~KernelTable() { removeTree("/proc/self"); }
   KernelTable(const KernelTable&) = delete;
   KernelTable& operator=(const KernelTable&) = delete;
 

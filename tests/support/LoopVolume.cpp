@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "OwnWorld.h"
 #include "base/Handle.h"
 
 namespace test {
@@ -76,9 +77,10 @@ Mounted::Mounted(const std::string& source, const std::string& folder, const std
   if (mount(source.c_str(), folder.c_str(), type.c_str(), flags, data.c_str()) != 0) {
     fail("cannot mount " + source + " on " + folder);
   }
+  ownWorld().addMount(folder);
 }
 
-Mounted::~Mounted() { umount(mFolder.c_str()); }
+Mounted::~Mounted() { unmount(mFolder); }
 
 Volume::Volume(const std::string& type, std::uint64_t bytes, const std::vector<std::string>& mkfsOptions,
                const std::string& imageFolder)
@@ -86,9 +88,11 @@ Volume::Volume(const std::string& type, std::uint64_t bytes, const std::vector<s
   mLoop.mkfs(type, mkfsOptions);
   if (mkdir(mFolder.c_str(), 0755) != 0) fail("cannot make " + mFolder);
   if (mount(mLoop.path().c_str(), mFolder.c_str(), type.c_str(), 0, nullptr) != 0) fail("cannot mount " + mLoop.path());
+  ownWorld().addMount(mFolder);
+  ownWorld().addFileSystem(mFolder);
 }
 
-Volume::~Volume() { umount(mFolder.c_str()); }
+Volume::~Volume() { unmount(mFolder); }
 
 int run(const std::vector<std::string>& arguments) {
   std::vector<char*> argv;

@@ -17,6 +17,7 @@
 #include <stdexcept>
 
 #include "KernelDriver.h"
+#include "OwnWorld.h"
 
 namespace fs = std::filesystem;
 
@@ -45,18 +46,23 @@ void holdMachine() {
   must(mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_BIND, nullptr) == 0, "make /tmp writable");
 }
 
-void layScratch() { must(mount("tests", kScratch, "tmpfs", 0, "mode=0755") == 0, "mount /mnt"); }
+// An empty file system of the tests' own.
+void layRoot(const char* folder, unsigned long flags = 0) {
+  must(mount("tests", folder, "tmpfs", flags, "mode=0755") == 0, folder);
+  ownWorld().addRoot(folder);
+}
 
 // The machine is the tests' own then, and its /dev is the kernel's.
 void layKernelsDev() {
   must(mount(nullptr, "/dev", nullptr, MS_REMOUNT | MS_BIND, nullptr) == 0, "make /dev writable");
   must(access("/dev/fd", F_OK) == 0 && access("/dev/shm", F_OK) == 0, "/dev/fd, /dev/shm");
+  ownWorld().addRoot("/dev");
 }
 
 void layDev() {
   if (hasKernelDriver()) return layKernelsDev();
   // Kept outside the new /dev, so that walks of /dev stay short.
-  must(mount("tests", "/dev", "tmpfs", MS_NOEXEC, "mode=0755") == 0, "mount /dev");
+  layRoot("/dev", MS_NOEXEC);
   const struct {
     const char* path;
     unsigned int major, minor;
@@ -76,7 +82,7 @@ void layRealProc() {
 }
 
 void overlayProc() {
-  must(mount("tests", "/proc", "tmpfs", 0, "mode=0755") == 0, "mount /proc");
+  layRoot("/proc");
   for (const auto& entry : fs::directory_iterator(kRealProc)) {
     const std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") == std::string::npos) continue;
@@ -87,25 +93,13 @@ void overlayProc() {
   fs::create_symlink(fs::path(kRealProc) / self, fs::path("/proc") / self);
 }
 
-// Whether something is mounted on `folder` or below it, or the mount table cannot tell.
-bool mayHoldMount(const std::string& folder) {
-  std::ifstream table(std::string(kRealProc) + "/self/mountinfo");
-  bool readAny = false;
-  for (std::string line; std::getline(table, line); readAny = true) {
-    if (line.find(' ' + folder + ' ') != std::string::npos || line.find(' ' + folder + '/') != std::string::npos) {
-      return true;
-    }
-  }
-  return !readAny;
-}
-
 }  // namespace
 
 void layPrivateWorld(Proc proc) {
   must(geteuid() == 0, "not root");
   must(unshare(CLONE_NEWNS) == 0, "unshare");
   holdMachine();
-  layScratch();
+  layRoot(kScratch);
   layDev();
   layRealProc();
   if (proc == Proc::kOverlaid) overlayProc();
@@ -132,11 +126,7 @@ TempDir::TempDir() {
   mPath = pattern;
 }
 
-TempDir::~TempDir() {
-  if (mayHoldMount(mPath)) return;
-  std::error_code ignored;
-  fs::remove_all(mPath, ignored);  // what stays is found by the leak check
-}
+TempDir::~TempDir() { removeTree(mPath); }
 
 ProcFile::ProcFile(const std::string& name) : mPath("/proc/" + name) {
   if (fs::is_symlink(mPath)) {

@@ -30,8 +30,8 @@ void writeFile(const std::filesystem::path& path, const std::string& content);
 std::string readFile(const std::filesystem::path& path);
 
 // A directory of its own under /mnt, removed with all that it holds. Its name begins with TempDir::prefix(), which no
-// other process of the machine uses. While something is still mounted in it nothing of it is removed: behind a bind
-// mount that a test could not undo lie the machine's own files.
+// other process of the machine uses. While something is still mounted in it nothing of it is removed (OwnWorld.h):
+// behind a bind mount that a test could not undo lie the machine's own files.
 class TempDir {
  public:
   TempDir();

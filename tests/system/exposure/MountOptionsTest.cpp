@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "MountList.h"
+#include "OwnWorld.h"
 #include "Run.h"
 
 namespace fs = std::filesystem;
@@ -75,7 +76,7 @@ TEST_F(ExposedMounts, of_bound_folders_pass_no_mount_on_and_their_end_unmounts_n
   EXPECT_EQ(ended.code, 0) << ended.errors;
   const Texts mounts = test::mountsUnder(live.folder());
   EXPECT_EQ(mounts, (Texts{live.folder(), live.folder() + "/late"}));
-  umount((live.folder() + "/late").c_str());
+  test::unmount(live.folder() + "/late");
 }
 
 }  // namespace

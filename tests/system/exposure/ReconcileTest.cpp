@@ -2,7 +2,6 @@
 //
 // What a dead run left at its base is removed, and nothing besides.
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,6 +10,7 @@
 #include "Agent.h"
 #include "Base.h"
 #include "MountList.h"
+#include "OwnWorld.h"
 #include "Run.h"
 #include "StoppedProcess.h"
 
@@ -215,7 +215,7 @@ TEST_F(ReconcileBase, takes_no_run_directory_that_is_a_users) {
   EXPECT_EQ(ended.code, 117);
   EXPECT_EQ(ended.errors, line);
   EXPECT_TRUE(fs::exists("/run/mirelsnap/1/folder"));
-  fs::remove_all("/run/mirelsnap");
+  test::removeTree("/run/mirelsnap");
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "DriverClient.h"
 #include "LogCapture.h"
 #include "LoopVolume.h"
+#include "OwnWorld.h"
 #include "Session.h"
 
 namespace fs = std::filesystem;
@@ -75,7 +76,7 @@ class Planted : public testing::TestWithParam<Place> {
   }
   // What is planted goes before the session compares.
   void clear() {
-    fs::remove_all(area);
+    test::removeTree(area);
     fs::remove(probe);
   }
   // Ended by itself.

@@ -18,6 +18,7 @@
 #include "DriverClient.h"
 #include "Leftovers.h"
 #include "MountList.h"
+#include "OwnWorld.h"
 
 namespace fs = std::filesystem;
 
@@ -358,7 +359,7 @@ TEST(Reconcile, removes_relocation_files_that_nobody_knows_of_and_keeps_a_folder
   EXPECT_TRUE(fs::exists(second.folder() + "/.verrelocarea/folder"));
   EXPECT_FALSE(fs::exists(second.folder() + "/.verrelocarea/loop98"));
   engine.release();
-  fs::remove_all(second.folder() + "/.verrelocarea");
+  test::removeTree(second.folder() + "/.verrelocarea");
 }
 
 }  // namespace

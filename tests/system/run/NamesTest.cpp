@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <ostream>
 
 #include "NamedVolume.h"
+#include "OwnWorld.h"
 #include "Run.h"
 
 namespace fs = std::filesystem;
@@ -38,6 +40,8 @@ struct Name {
   const char* what;
   std::string text;
 };
+
+void PrintTo(const Name& name, std::ostream* out) { *out << name.what; }
 
 class RunMountPoint : public testing::TestWithParam<Name> {};
 
@@ -218,7 +222,7 @@ TEST_F(RunVolume, is_named_by_a_link_to_its_device) {
   fs::create_symlink("../.." + volume.device().substr(4), "/dev/disk/by-label/my\\x20data");
   expectIsTheVolume(firstVolume({"/dev/disk/by-label/my\\x20data"}));
   expectIsTheVolume(firstVolume({"/dev/disk/by-label/my\\x20data:" + volume.folder()}));
-  fs::remove_all("/dev/disk");
+  test::removeTree("/dev/disk");
 }
 
 TEST_F(RunVolume, is_named_by_another_node_of_the_same_device) {
@@ -245,7 +249,7 @@ TEST_F(RunVolume, named_by_its_device_is_found_where_all_of_it_is_mounted) {
   const Mounted part(volume.folder() + "/part", dir.path(), "", MS_BIND);
   const std::string device = volume.device(), folder = volume.folder();
   // Mounted anew, the whole comes after the part in the mount table.
-  ASSERT_EQ(umount(folder.c_str()), 0);
+  ASSERT_EQ(test::unmount(folder), 0);
   ASSERT_EQ(mount(device.c_str(), folder.c_str(), "ext4", 0, nullptr), 0);
   expectIsTheVolume(firstVolume({device}));
 }

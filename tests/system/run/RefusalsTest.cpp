@@ -16,6 +16,7 @@
 #include "Agent.h"
 #include "DriverClient.h"
 #include "MountList.h"
+#include "OwnWorld.h"
 #include "Run.h"
 #include "Waiting.h"
 
@@ -150,7 +151,7 @@ TEST_F(RunRefusedVolume, of_which_only_a_folder_is_mounted_is_113) {
   expectRefused(dir.path(), dir.path() + ": shows only /part of " + volume.device() +
                                 ", and a snapshot is of a whole volume; name " + volume.folder() +
                                 ", whose snapshot holds it at /part");
-  umount(volume.folder().c_str());
+  test::unmount(volume.folder());
   expectRefused(volume.device(), volume.device() + ": is mounted in part only: /part at " + dir.path() +
                                      "; mount all of it: a snapshot is of a whole volume");
   expectRefused(dir.path(), dir.path() + ": shows only /part of " + volume.device() +
@@ -354,7 +355,7 @@ TEST_F(RunRefusedBase, that_cannot_be_made_is_117) {
   ASSERT_EQ(mount("tests", dir.path().c_str(), "tmpfs", MS_RDONLY, nullptr), 0);
   expectRefused({"--base", dir / "new/base"},
                 dir / "new" + ": cannot be made: Read-only file system; name another base with --base");
-  umount(dir.path().c_str());
+  test::unmount(dir.path());
 }
 
 TEST_F(RunRefusedBase, with_a_bind_that_is_no_mount_point_is_117) {
@@ -429,7 +430,7 @@ TEST(RunCannotCleanUp, while_a_process_sits_in_the_exposed_tree_is_118) {
                               "; stop what uses it, then: umount " + exposed + "\n");
   kill(std::stoi(sleeper), SIGKILL);
   // What the line says is to be done is enough.
-  EXPECT_TRUE(test::comesTrue([&] { return umount(exposed.c_str()) == 0; }));
+  EXPECT_TRUE(test::comesTrue([&] { return test::unmount(exposed) == 0; }));
   EXPECT_EQ(test::mountsUnder(dir.path()), Texts());
   EXPECT_EQ(session.run({MIRELSNAP_PROGRAM, "reconcile"}).output, "Removed the folder " + dir / "base" + "\n");
 }
@@ -503,7 +504,7 @@ TEST(RunAfterAKilledRun, leaves_live_folders_alone_that_were_bound_and_are_in_us
   EXPECT_TRUE(fs::exists(live.folder() + "/empty/empty"));
   EXPECT_TRUE(fs::exists(live.folder() + "/used"));
   kill(std::stoi(killed.output()), SIGKILL);
-  EXPECT_TRUE(test::comesTrue([&] { return umount((base + live.folder()).c_str()) == 0; }));
+  EXPECT_TRUE(test::comesTrue([&] { return test::unmount(base + live.folder()) == 0; }));
   EXPECT_EQ(test::mountsUnder(base), Texts());
   EXPECT_EQ(run(session, {"--volume", volume.device()}, kTrue).code, 0);
   EXPECT_FALSE(fs::exists(base));

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "MountList.h"
+#include "OwnWorld.h"
 #include "World.h"
 
 namespace test {
@@ -64,7 +65,7 @@ void holdRealVolumes() {
     const char* folder = mount->folder.c_str();
     const int result = needed.contains(mount->id)
                            ? ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr)
-                           : umount2(folder, MNT_DETACH | UMOUNT_NOFOLLOW);
+                           : ownWorld().hideMachines(mount->folder);
     // What another mount hides cannot be reached, neither here nor by a program.
     must(result == 0 || errno == ENOENT || errno == EINVAL, "hold " + mount->folder);
   }
@@ -77,6 +78,7 @@ void laySystemWorld() {
   holdRealVolumes();
   layTerminals();
   must(mount("tests", "/run", "tmpfs", 0, "mode=0755") == 0, "mount /run");
+  ownWorld().addRoot("/run");
   // What a started program leaves running becomes this process's child, and is found.
   must(prctl(PR_SET_CHILD_SUBREAPER, 1) == 0, "subreaper");
   setenv("TMPDIR", kScratch, 1);

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "OwnWorld.h"
 #include "base/MountInfo.h"
 
 #include <fcntl.h>
@@ -78,7 +79,7 @@ TEST(MountInfo, of_the_kernel_has_a_mount_on_a_folder_with_a_blank_in_its_name) 
   ASSERT_NE(found, mounts.end());
   EXPECT_EQ(found->type, "tmpfs");
   EXPECT_EQ(found->source, "some source");
-  EXPECT_EQ(umount(folder.c_str()), 0);
+  EXPECT_EQ(test::unmount(folder), 0);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "OwnWorld.h"
 #include "driver/ControlDevice.h"
 
 #include <fcntl.h>
@@ -85,10 +86,7 @@ class LastDescriptor {
 // Removes the control node, whatever made it.
 class ControlDevice : public testing::Test {
  protected:
-  ~ControlDevice() override {
-    std::error_code ignored;
-    fs::remove_all(kControlNode, ignored);
-  }
+  ~ControlDevice() override { test::removeTree(kControlNode); }
   static struct stat node() {
     struct stat status {};
     EXPECT_EQ(lstat(kControlNode, &status), 0);
@@ -220,7 +218,7 @@ TEST_F(ControlDevice, a_node_that_can_neither_be_opened_nor_removed_fails_with_b
     ASSERT_EQ(mount((dir / "socket").c_str(), kControlNode, nullptr, MS_BIND, nullptr), 0);
     EXPECT_EQ(openControlDevice(), -1);
     EXPECT_EQ(errno, EEXIST);
-    ASSERT_EQ(umount(kControlNode), 0);
+    ASSERT_EQ(test::unmount(kControlNode), 0);
   }
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{error("unlink failed, errno:16\n"),
                                                error("Failure in creating control device. errno: 17\n")}));

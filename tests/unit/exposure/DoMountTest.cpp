@@ -14,6 +14,7 @@
 #include "FinishedSet.h"
 #include "Locale.h"
 #include "LoopVolume.h"
+#include "OwnWorld.h"
 #include "SnapshotDevice.h"
 #include "SystemCalls.h"
 #include "engine/GetDoneWrapper.h"
@@ -74,7 +75,7 @@ TEST_F(DoMount, an_ext4_snapshot_is_mounted_read_only_without_mount_data_shown_a
   EXPECT_EQ(log.lines(), Lines{L"DoMount: mount( \"" + snapshot.wpath() + L"\", \"" + wide(target) +
                                L"\", \"ext4\", MS_MGC_VAL | MS_RDONLY, NULL ) SUCCEEDED!"});
   EXPECT_EQ(recorded(0, 0), wide(target));
-  EXPECT_EQ(umount(target.c_str()), 0);
+  EXPECT_EQ(test::unmount(target), 0);
 }
 
 TEST_F(DoMount, an_xfs_snapshot_is_mounted_beside_its_live_volume_with_mount_data_in_quotes) {
@@ -92,7 +93,7 @@ TEST_F(DoMount, an_xfs_snapshot_is_mounted_beside_its_live_volume_with_mount_dat
   EXPECT_EQ(calls.mounts[0].data, "nouuid,norecovery");
   EXPECT_EQ(log.lines(), Lines{L"DoMount: mount( \"" + snapshot.wpath() + L"\", \"" + wide(target) +
                                L"\", \"xfs\", MS_MGC_VAL | MS_RDONLY, \"nouuid,norecovery\" ) SUCCEEDED!"});
-  EXPECT_EQ(umount(target.c_str()), 0);
+  EXPECT_EQ(test::unmount(target), 0);
 }
 
 TEST_F(DoMount, a_failure_without_mount_data_is_told_and_answered_with_its_errno) {
@@ -152,7 +153,7 @@ TEST_F(DoMount, a_node_that_appears_meanwhile_is_mounted) {
   calls.onSleep = [&](int n) { return n != 2 || link(snapshot.path().c_str(), late.c_str()) == 0; };
   EXPECT_EQ(set->DoMount(entryOf(target, late, "ext4")), 0);
   EXPECT_EQ(calls.sleeps, std::vector<double>(2, 1.0));
-  EXPECT_EQ(umount(target.c_str()), 0);
+  EXPECT_EQ(test::unmount(target), 0);
   unlink(late.c_str());
 }
 
@@ -177,14 +178,14 @@ TEST_F(DoMount, the_mount_is_recorded_at_the_entrys_volume_and_mount_point) {
   EXPECT_EQ(recorded(0, 0), L"");
   EXPECT_EQ(recorded(1, 0), L"");
   EXPECT_EQ(recorded(1, 1), wide(target));
-  EXPECT_EQ(umount(target.c_str()), 0);
+  EXPECT_EQ(test::unmount(target), 0);
 }
 
 TEST_F(DoMount, a_volume_that_is_gone_meanwhile_leaves_the_mount_as_it_is) {
   const test::Volume volume("ext4", 16 << 20);
   const test::SnapshotDevice snapshot(volume);
   EXPECT_EQ(set->DoMount(entryOf(target, snapshot.path(), "ext4")), 0);
-  EXPECT_EQ(umount(target.c_str()), 0);
+  EXPECT_EQ(test::unmount(target), 0);
 }
 
 TEST_F(DoMount, a_target_that_cannot_be_widened_stays_mounted_and_is_told) {
@@ -202,5 +203,5 @@ TEST_F(DoMount, a_target_that_cannot_be_widened_stays_mounted_and_is_told) {
               L"DoMount: ERROR: Unable to convert Mount Point (" + wide(dir.path()) + L"/\\xFF) to UNICODE!");
   }
   EXPECT_EQ(recorded(0, 0), L"");
-  EXPECT_EQ(umount(undecodable.c_str()), 0);
+  EXPECT_EQ(test::unmount(undecodable), 0);
 }

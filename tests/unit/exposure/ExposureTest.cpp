@@ -17,6 +17,7 @@
 #include "KernelTable.h"
 #include "Locale.h"
 #include "LoopVolume.h"
+#include "OwnWorld.h"
 #include "SnapshotDevice.h"
 #include "SystemCalls.h"
 #include "base/Handle.h"
@@ -538,8 +539,8 @@ TEST_F(Exposure, a_mount_in_use_stays_and_the_rest_goes_on) {
   EXPECT_TRUE(exists(base));
   user.reset();
   EXPECT_EQ(set->UnExposeSnapshotsInSnapshotSet(), S_OK);  // nothing is queued any more
-  EXPECT_EQ(umount(inner().c_str()), 0);
-  EXPECT_EQ(umount(base.c_str()), 0);
+  EXPECT_EQ(test::unmount(inner()), 0);
+  EXPECT_EQ(test::unmount(base), 0);
 }
 
 TEST_F(Exposure, a_base_with_something_in_it_cannot_be_removed_and_is_unexpected) {
@@ -637,8 +638,8 @@ TEST_F(Exposure, an_alternate_mount_in_use_is_told_and_the_rest_goes_on) {
             L"UnExposeSnapshotsInSnapshotSet: Failed to dismount one or more mount points in the alternate set!");
   EXPECT_EQ(log.lines()[2], unmounted(inner()));
   user.reset();
-  EXPECT_EQ(umount(bound.c_str()), 0);
-  EXPECT_EQ(umount(base.c_str()), 0);
+  EXPECT_EQ(test::unmount(bound), 0);
+  EXPECT_EQ(test::unmount(base), 0);
 }
 
 TEST_F(EmptyExposure, a_failure_of_the_alternate_set_alone_does_not_fail_unexposure) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What is left mounted under an exposure's directory goes, deepest first.
+#include "OwnWorld.h"
 #include "engine/ReconcileSweep.h"
 
 #include <fcntl.h>
@@ -182,7 +183,7 @@ TEST(DismountAndDeleteDirectory, a_link_in_the_place_of_a_folder_above_leads_to_
   DismountAndDeleteDirectory((dir / "swapped/a").c_str(), 0);
   EXPECT_EQ(log.lines(), Lines{L"DismountAndDeleteDirectory: 0  : Failed to un-mount '" + w(dir / "swapped/a") +
                                L"', Error: 40, {Too many levels of symbolic links}"});
-  EXPECT_EQ(umount((dir / "victim/a").c_str()), 0) << "it was still mounted";
+  EXPECT_EQ(test::unmount(dir / "victim/a"), 0) << "it was still mounted";
 }
 
 TEST(DismountAndDeleteDirectory, a_link_in_the_place_of_the_folder_leads_to_no_other_mount) {
@@ -190,7 +191,7 @@ TEST(DismountAndDeleteDirectory, a_link_in_the_place_of_the_folder_leads_to_no_o
   mountTmpfs(dir / "victim");
   std::filesystem::create_directory_symlink(dir / "victim", dir / "swapped");
   DismountAndDeleteDirectory((dir / "swapped").c_str(), 0);
-  EXPECT_EQ(umount((dir / "victim").c_str()), 0) << "it was still mounted";
+  EXPECT_EQ(test::unmount(dir / "victim"), 0) << "it was still mounted";
 }
 
 TEST(DismountAndDeleteAllUnder, a_missing_base_is_an_invalid_argument) {
@@ -244,14 +245,14 @@ TEST(DismountAndDeleteAllUnder, a_neighbour_whose_name_begins_alike_is_not_touch
   EXPECT_EQ(DismountAndDeleteAllUnder((dir / "snaps").c_str()), 0);
   EXPECT_FALSE(exists(dir / "snaps/a"));
   EXPECT_TRUE(exists(dir / "snapsX"));
-  EXPECT_EQ(umount((dir / "snapsX").c_str()), 0);
+  EXPECT_EQ(test::unmount(dir / "snapsX"), 0);
 }
 
 TEST(DismountAndDeleteAllUnder, a_trailing_slash_is_compared_as_it_stands_and_nothing_lies_under_it) {
   const test::TempDir dir;
   mountTmpfs(dir / "snaps/a");
   EXPECT_EQ(DismountAndDeleteAllUnder((dir / "snaps/").c_str()), 0);
-  EXPECT_EQ(umount((dir / "snaps/a").c_str()), 0);
+  EXPECT_EQ(test::unmount(dir / "snaps/a"), 0);
 }
 
 TEST(DismountAndDeleteAllUnder, a_busy_mount_stays_with_its_parents_and_the_others_go) {
@@ -321,8 +322,8 @@ TEST(DismountAndDeleteAllUnder, the_root_is_left_alone_and_stays_writable) {
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(umount((root + "/proc").c_str()), 0);
-  EXPECT_EQ(umount(root.c_str()), 0);
+  EXPECT_EQ(test::unmount(root + "/proc"), 0);
+  EXPECT_EQ(test::unmount(root), 0);
 }
 
 TEST(DismountAndDeleteAllUnder, a_shortage_of_memory_is_answered_with_nothing_touched_or_only_shortens_a_message) {

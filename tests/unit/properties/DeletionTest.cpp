@@ -12,6 +12,7 @@
 #include "EngineLog.h"
 #include "FinishedSet.h"
 #include "LoopVolume.h"
+#include "OwnWorld.h"
 #include "SnapshotDevice.h"
 #include "driver/DriverProtocol.h"
 #include "engine/GetDoneWrapper.h"
@@ -366,7 +367,7 @@ TEST_F(Reconciliation, without_a_driver_is_unexpected_and_sweeps_nothing) {
   engine.mDriver = nullptr;
   EXPECT_EQ(engine.DoReconcile(wide(dir.path()).c_str()), E_UNEXPECTED);
   engine.mDriver = taken;
-  EXPECT_EQ(umount((dir / "a").c_str()), 0);
+  EXPECT_EQ(test::unmount(dir / "a"), 0);
 }
 
 TEST_F(Reconciliation, a_failure_of_the_drivers_is_answered_and_the_base_is_swept_all_the_same) {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "OwnWorld.h"
 #include "qxtools/MountPointCollection.h"
 
 #include <gtest/gtest.h>
@@ -136,7 +137,7 @@ TEST(FindMountPointFromPath, a_mount_that_was_moved_over_a_later_one_wins) {
   const test::Mounted late("late", dir / "late", "tmpfs");
   ASSERT_EQ(mount((dir / "early").c_str(), (dir / "late").c_str(), nullptr, MS_MOVE, nullptr), 0);
   EXPECT_EQ(typeOf(dir / "late"), "ramfs");
-  umount((dir / "late").c_str());
+  test::unmount(dir / "late");
 }
 
 TEST(FindMountPointFromPath, goes_by_names_where_the_kernel_does_not_tell_the_mount) {
@@ -331,7 +332,7 @@ TEST(MountPointInformation, finds_the_device_by_its_number_in_dev_block) {
   directory("/dev/block");
   fs::create_symlink(dir / "renamed", "/dev/block/7:" + std::to_string(loop.minor()));
   EXPECT_EQ(mountOf(mounted.folder())->GetDeviceSize(), 16u << 20);
-  fs::remove_all("/dev/block");
+  test::removeTree("/dev/block");
   fs::rename("/dev/hidden", loop.path());
   fs::rename(dir / "renamed", node.path());
 }
@@ -349,7 +350,7 @@ TEST(MountPointInformation, finds_the_device_by_its_name_in_sysfs_whose_marks_st
     EXPECT_EQ(mountOf(dir.path())->GetDeviceSize(), 16u << 20);
   }
   fs::rename("/dev/odd/controller/disk", loop.path());
-  fs::remove_all("/dev/odd");
+  test::removeTree("/dev/odd");
 }
 
 TEST(MountPointInformation, reads_the_device_only_when_asked_for) {

@@ -10,6 +10,7 @@
 #include "Builders.h"
 #include "EngineLog.h"
 #include "Locale.h"
+#include "OwnRoot.h"
 #include "base/Handle.h"
 #include "engine/MountVolumeParams.h"
 #include "interpose/Allocations.h"
@@ -179,14 +180,15 @@ TEST(AlternateMount, a_trailing_slash_of_the_base_makes_no_double_slash) {
 }
 
 TEST(AlternateMount, the_root_is_bound_at_the_base_itself) {
-  const test::TempDir dir;
-  const std::string base = directory(dir / "snaps");
+  const test::OwnRoot root;
+  const std::string base = directory("/mnt/snaps");
+  test::writeFile("/letter", "live");
   const Entry entry = create(L"/").entry;
   ASSERT_NE(entry, nullptr);
   test::EngineLog log;
   ASSERT_TRUE(entry->DoMount((wide(base) + L"/").c_str()));
   EXPECT_EQ(entry->NewBoundMountPoint(), base);
-  EXPECT_EQ(access((base + "/etc").c_str(), F_OK), 0);
+  EXPECT_EQ(test::readFile(base + "/letter"), "live");
   EXPECT_TRUE(entry->DoDismount());
   EXPECT_EQ(log.lines(), (std::vector<std::wstring>{
                              L"DoMount: mount( \"/\", \"" + wide(base) + L"\", NULL, MS_BIND, NULL ) Succeeded!",
@@ -293,7 +295,8 @@ TEST(AlternateMount, a_link_above_the_live_mount_point_leads_to_no_other_folder)
   std::filesystem::create_directory_symlink(dir / "moved", dir / "theirs");
   EXPECT_FALSE(entry->DoMount(wide(base).c_str()));
   EXPECT_EQ(entry->MountError(), ELOOP);
-  umount((dir / "moved/live").c_str());
+  std::filesystem::remove(dir / "theirs");
+  std::filesystem::rename(dir / "moved", dir / "theirs");
 }
 
 TEST(AlternateMount, a_link_above_the_bound_mount_point_leads_to_no_other_mount) {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
+#include "OwnWorld.h"
 #include "RelocTest.h"
 #include "reloc/RelocationForecast.h"
 #include "reloc/RelocationStatus.h"
@@ -17,7 +18,7 @@ namespace fs = std::filesystem;
 class ForecastTest : public RelocTest {
  protected:
   ~ForecastTest() override {
-    for (const std::string& area : mAreas) fs::remove_all(area);
+    for (const std::string& area : mAreas) removeTree(area);
   }
 
   void request(const std::string& device, unsigned int size = 0, const std::string& mountPoint = "") {

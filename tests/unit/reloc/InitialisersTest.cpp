@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The four ways of placing a file.
+#include "OwnWorld.h"
 #include "RelocTest.h"
 
 namespace test {
@@ -20,7 +21,7 @@ class InitialiserTest : public RelocTest {
 class DeviceFolder {
  public:
   DeviceFolder() { std::filesystem::create_directory("/dev/vol"); }
-  ~DeviceFolder() { std::filesystem::remove_all("/dev/vol"); }
+  ~DeviceFolder() { removeTree("/dev/vol"); }
 };
 
 // --- Neither option.

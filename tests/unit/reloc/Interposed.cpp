@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <new>
 
+#include "HarnessScope.h"
 #include "reloc/LinuxSnapshotreloc.h"
 
 namespace test {
@@ -35,7 +36,7 @@ extern "C" int open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  if (hooks.open) {
+  if (hooks.open && !test::HarnessScope::running()) {
     if (const int error = hooks.open(path, flags, mode); error != 0) {
       errno = error;
       return -1;
@@ -49,7 +50,7 @@ extern "C" int openat(int directory, const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  if (hooks.open) {
+  if (hooks.open && !test::HarnessScope::running()) {
     if (const int error = hooks.open(pathOf(directory, path).c_str(), flags, mode); error != 0) {
       errno = error;
       return -1;

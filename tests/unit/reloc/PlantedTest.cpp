@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "OwnWorld.h"
 #include "RelocTest.h"
 #include "base/Handle.h"
 #include "reloc/RelocationFileRemoval.h"
@@ -165,7 +166,7 @@ TEST_F(PlantedFile, is_listed_as_whatever_the_directory_holds_is) {
   EXPECT_EQ(reloc.GetAllRelocationFiles(files), 0u);
   files.sort();
   EXPECT_EQ(files, (std::list<std::string>{there + "/link", there + "/own"}));
-  fs::remove_all(there);
+  removeTree(there);
 }
 
 // --- In the place of the directory.
@@ -277,7 +278,7 @@ TEST_F(PlantedDirectory, of_a_mounted_file_system_is_passed_over_by_the_listing)
                                        notUsed(link + "/.verrelocarea", "is a symbolic link")}));
   EXPECT_TRUE(log.has(LOG_DEBUG, "GetAllRelocationFiles: Unable to read directory: " + user + "/.verrelocarea.\n"));
   EXPECT_TRUE(log.has(LOG_DEBUG, "Error 13 opening dir: " + user + "/.verrelocarea.\n"));
-  fs::remove_all(user + "/.verrelocarea");
+  removeTree(user + "/.verrelocarea");
   fs::remove(link + "/.verrelocarea");
 }
 

@@ -18,6 +18,7 @@
 #include "Interposed.h"
 #include "LogCapture.h"
 #include "LoopVolume.h"
+#include "OwnWorld.h"
 #include "ScriptedDriver.h"
 #include "World.h"
 #include "driver/LinuxSnapLib.h"
@@ -79,7 +80,7 @@ class Alias {
     std::filesystem::create_directory("/dev/disk");
     std::filesystem::create_symlink(device, mPath);
   }
-  ~Alias() { std::filesystem::remove_all("/dev/disk"); }
+  ~Alias() { removeTree("/dev/disk"); }
   Alias(const Alias&) = delete;
   Alias& operator=(const Alias&) = delete;
   const std::string& path() const { return mPath; }

@@ -17,6 +17,7 @@
 #include <csignal>
 #include <utility>
 
+#include "OwnWorld.h"
 #include "RelocTest.h"
 #include "base/Handle.h"
 
@@ -185,7 +186,7 @@ TEST_F(CreateRelocFile, closes_directory_and_file_to_everybody_but_root_whatever
     EXPECT_EQ(status.st_mode, S_IFDIR | 0600u) << "no search bits";
     ASSERT_EQ(stat(reloc.mRelocFileName.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode, S_IFREG | 0600u);
-    fs::remove_all(reloc.mRelocDirName);
+    removeTree(reloc.mRelocDirName);
   }
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The tests' own tools do what the tests lean on.
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -10,9 +11,11 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 
 #include "LogCapture.h"
 #include "LoopVolume.h"
+#include "OwnWorld.h"
 #include "ScriptedDriver.h"
 #include "World.h"
 #include "base/Handle.h"
@@ -43,12 +46,11 @@ TEST(Volume, is_a_real_mounted_file_system) {
 // Asked with access alone, which changes nothing where the test would fail.
 TEST(World, lets_nothing_of_the_machine_be_written_neither_directly_nor_through_a_bind_mount) {
   const test::TempDir dir;
-  ASSERT_EQ(mount("/", dir.path().c_str(), nullptr, MS_BIND | MS_REC, nullptr), 0);
-  for (const std::string& path : {std::string("/"), std::string("/usr"), dir.path(), dir / "usr"}) {
+  const test::Mounted bound("/usr", dir.path(), "", MS_BIND);
+  for (const std::string& path : {std::string("/"), std::string("/usr"), dir.path(), dir / "lib"}) {
     EXPECT_EQ(access(path.c_str(), W_OK), -1) << path;
     EXPECT_EQ(errno, EROFS) << path;
   }
-  EXPECT_EQ(umount2(dir.path().c_str(), MNT_DETACH), 0);
 }
 
 TEST(TempDir, is_removed_with_all_that_it_holds) {
@@ -62,22 +64,22 @@ TEST(TempDir, is_removed_with_all_that_it_holds) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
+// EXPECT_NONFATAL_FAILURE takes no local variable.
+std::optional<test::TempDir> mountedIn;
+
 TEST(TempDir, never_removes_through_a_mount_that_a_test_left_in_it) {
   const test::TempDir live;
   test::writeFile(live / "file", "live");
   for (const char* where : {"", "/below"}) {
-    std::string path;
-    std::string bound;
-    {
-      const test::TempDir dir;
-      path = dir.path();
-      bound = path + where;
-      std::filesystem::create_directories(bound);
-      ASSERT_EQ(mount(live.path().c_str(), bound.c_str(), nullptr, MS_BIND, nullptr), 0);
-    }
+    mountedIn.emplace();
+    const std::string path = mountedIn->path();
+    const std::string bound = path + where;
+    std::filesystem::create_directories(bound);
+    ASSERT_EQ(mount(live.path().c_str(), bound.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_NONFATAL_FAILURE(mountedIn.reset(), "something is mounted on " + bound);
     EXPECT_EQ(test::readFile(live / "file"), "live") << bound;
-    ASSERT_EQ(umount(bound.c_str()), 0);
-    std::filesystem::remove_all(path);
+    ASSERT_EQ(test::unmount(bound), 0);
+    test::removeTree(path);
   }
 }
 

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "DriverFixture.h"
+#include "OwnWorld.h"
 #include "base/Handle.h"
 
 namespace {
@@ -166,8 +167,8 @@ TEST_F(SnappedVolumes, the_drivers_end_unmounts_snapshots_also_discarded_ones_an
   EXPECT_TRUE(showsAnImage());
   ASSERT_EQ(error(IOC_SNAP_DISCARD, test::discardCommand({first.device})), 0);
   driver.reset();
-  EXPECT_NE(umount(a.c_str()), 0);
-  EXPECT_NE(umount(b.c_str()), 0);
+  EXPECT_NE(test::unmount(a), 0);
+  EXPECT_NE(test::unmount(b), 0);
   EXPECT_FALSE(showsAnImage());
   EXPECT_FALSE(exists(nodeOf(two.loop())));
 }

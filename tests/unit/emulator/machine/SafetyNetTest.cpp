@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What becomes of frozen file systems when the emulator is killed.
+#include "OwnWorld.h"
 #include "emulator/machine/SafetyNet.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +52,7 @@ TEST_F(SafetyNet, holds_no_file_system_that_was_thawed) {
       ASSERT_TRUE(fileSystem.freeze());
       fileSystem.thaw();
     }
-    EXPECT_EQ(umount(folder.path().c_str()), 0) << std::strerror(errno);
+    EXPECT_EQ(test::unmount(folder.path()), 0) << std::strerror(errno);
   }
 }
 
@@ -86,7 +87,7 @@ TEST_F(SafetyNet, of_a_killed_emulator_thaws_its_file_systems) {
   test::writeFile(folder / "file", "written");
   EXPECT_EQ(test::readFile(folder / "file"), "written");
   // The net lets go of the file system right after the thaw.
-  EXPECT_TRUE(test::comesTrue([&] { return umount(folder.path().c_str()) == 0; }));
+  EXPECT_TRUE(test::comesTrue([&] { return test::unmount(folder.path()) == 0; }));
 }
 
 }  // namespace
