@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ScriptedDriver.h"
+#include "Wide.h"
 #include "engine/MirelSnapshotEngine.h"
 
 namespace test {
@@ -45,7 +46,5 @@ class FinishedSet {
 int askedUnderLock(const std::function<int()>& ask, const std::function<void()>& change);
 // Whether nobody holds the engines' lock.
 bool lockIsFree();
-
-inline std::wstring wide(const std::string& text) { return {text.begin(), text.end()}; }
 
 }  // namespace test

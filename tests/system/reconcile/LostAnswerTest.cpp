@@ -11,6 +11,7 @@
 #include <csignal>
 #include <filesystem>
 #include <optional>
+#include <ostream>
 
 #include "Agent.h"
 #include "DriverClient.h"
@@ -32,6 +33,8 @@ struct FileSystemKind {
   const char* type;
   std::uint64_t bytes;
 };
+
+void PrintTo(const FileSystemKind& kind, std::ostream* out) { *out << kind.type; }
 
 class LostAnswer : public testing::TestWithParam<FileSystemKind> {
  protected:

@@ -49,6 +49,49 @@ struct Place {
 
 void PrintTo(const Place& place, std::ostream* out) { *out << place.name; }
 
+// A process whose reconcile stops where its mischief says.
+class StoppedReconcile {
+ public:
+  StoppedReconcile(Session& session, const StartOptions& start) : mAgent(session, start), mEngine(mAgent.engine()) {
+    mAgent.begin("reconcile", {{"engine", 0}});
+    mAgent.process().waitUntilStopped();
+  }
+  void finish() {
+    mAgent.process().signal(SIGCONT);
+    EXPECT_EQ(mAgent.finish()["result"], S_OK);
+    mEngine.release();
+  }
+
+ private:
+  Agent mAgent;
+  Engine mEngine;
+};
+
+// A process that snaps a volume while another one is stopped: it takes its snapshot, or waits until that one goes on.
+class Newcomer {
+ public:
+  // Its relocation file is made on the volume by the path `top`.
+  Newcomer(Session& session, const Volume& volume, const std::string& top)
+      : mAgent(session, {.environment = test::withMischief("tell-locked-out:" + mLockedOut)}),
+        mEngine(mAgent.openedSet({&volume})) {
+    EXPECT_EQ(mEngine.setRelocation(0, top, 2), S_OK);
+    EXPECT_GE(mEngine.startJob(), 0);
+    while (!fs::exists(mLockedOut) && mEngine.status().status == USC_S_ASYNC_PENDING) mEngine.waitForJob(10);
+  }
+  int finish() {
+    while (mEngine.status().status == USC_S_ASYNC_PENDING) mEngine.waitForJob(1000);
+    return mEngine.status().snapResult;
+  }
+  Agent& agent() { return mAgent; }
+  Engine& engine() { return mEngine; }
+
+ private:
+  const TempDir mDir;
+  const std::string mLockedOut = mDir / "locked-out";
+  Agent mAgent;
+  Engine mEngine;
+};
+
 class Race : public testing::TestWithParam<Place> {
  protected:
   static StartOptions with(const std::string& mischief) { return {.environment = test::withMischief(mischief)}; }
@@ -95,6 +138,10 @@ class Race : public testing::TestWithParam<Place> {
     EXPECT_FALSE(fs::exists(fileOf(of)));
     engine.release();
   }
+  void expectWhole(Newcomer& newcomer) {
+    EXPECT_EQ(newcomer.finish(), 0);
+    expectWhole(newcomer.agent(), newcomer.engine(), volume);
+  }
 
   const TempDir otherFolder;
   const Volume volume{GetParam().type, GetParam().bytes};
@@ -113,10 +160,7 @@ INSTANTIATE_TEST_SUITE_P(On, Race,
 
 TEST_P(Race, a_reconcile_that_is_stopped_after_its_listing_leaves_what_was_snapped_meanwhile) {
   leaveSnapshot(volume);
-  Agent stopped(session, with("stop-after:12:1"));
-  Engine reconciler = stopped.engine();
-  stopped.begin("reconcile", {{"engine", 0}});
-  stopped.process().waitUntilStopped();
+  StoppedReconcile stopped(session, with("stop-after:12:1"));
 
   Agent agent(session);
   Engine other = agent.engine();
@@ -125,28 +169,21 @@ TEST_P(Race, a_reconcile_that_is_stopped_after_its_listing_leaves_what_was_snapp
   Engine engine = openedSet(agent, volume);
   ASSERT_EQ(engine.snap(), 0);
 
-  stopped.process().signal(SIGCONT);
-  EXPECT_EQ(stopped.finish()["result"], S_OK);
+  stopped.finish();
   expectWhole(agent, engine, volume);
-  reconciler.release();
 }
 
 // What is stale keeps its volume from being snapped until it is discarded, by whoever holds the lock.
 TEST_P(Race, no_run_takes_a_snapshot_while_a_reconcile_is_stopped_before_its_discard) {
   leaveSnapshot(volume);
-  Agent stopped(session, with("stop-before:20:1"));
-  Engine reconciler = stopped.engine();
-  stopped.begin("reconcile", {{"engine", 0}});
-  stopped.process().waitUntilStopped();
+  StoppedReconcile stopped(session, with("stop-before:20:1"));
 
   const Texts arguments =
       test::runArguments({"--volume", volume.device()}, {"/bin/sh", "-c", "ls $MIRELSNAP_VOLUME_1"});
   EXPECT_EQ(session.run(arguments).code, 114);
-  stopped.process().signal(SIGCONT);
-  EXPECT_EQ(stopped.finish()["result"], S_OK);
+  stopped.finish();
   EXPECT_EQ(holders().size(), 0u);
   EXPECT_EQ(session.run(arguments).code, 0);
-  reconciler.release();
 }
 
 TEST_P(Race, no_run_takes_a_snapshot_while_the_reconcile_of_another_is_stopped_before_its_discard) {
@@ -162,61 +199,20 @@ TEST_P(Race, no_run_takes_a_snapshot_while_the_reconcile_of_another_is_stopped_b
 
 // ---- the removal of a file
 
-// A process that snaps a volume while another one is stopped: it takes its snapshot, or waits until that one goes on.
-class Newcomer {
- public:
-  // Its relocation file is made on the volume by the path `top`.
-  Newcomer(Session& session, const Volume& volume, const std::string& top)
-      : mAgent(session, {.environment = test::withMischief("tell-locked-out:" + mLockedOut)}),
-        mEngine(mAgent.openedSet({&volume})) {
-    EXPECT_EQ(mEngine.setRelocation(0, top, 2), S_OK);
-  }
-  void begin() {
-    EXPECT_GE(mEngine.startJob(), 0);
-    while (!fs::exists(mLockedOut) && mEngine.status().status == USC_S_ASYNC_PENDING) mEngine.waitForJob(10);
-  }
-  int finish() {
-    while (mEngine.status().status == USC_S_ASYNC_PENDING) mEngine.waitForJob(1000);
-    return mEngine.status().snapResult;
-  }
-  Agent& agent() { return mAgent; }
-  Engine& engine() { return mEngine; }
-
- private:
-  const TempDir mDir;
-  const std::string mLockedOut = mDir / "locked-out";
-  Agent mAgent;
-  Engine mEngine;
-};
-
 TEST_P(Race, a_reconcile_that_is_stopped_before_it_removes_a_file_does_not_remove_that_of_a_new_snapshot) {
   leaveFile(volume);
-  Agent stopped(session, with("stop-before-unlink:" + fileName(volume)));
-  Engine reconciler = stopped.engine();
-  stopped.begin("reconcile", {{"engine", 0}});
-  stopped.process().waitUntilStopped();
+  StoppedReconcile stopped(session, with("stop-before-unlink:" + fileName(volume)));
   Newcomer newcomer(session, volume, topOf(volume));
-  newcomer.begin();
-  stopped.process().signal(SIGCONT);
-  EXPECT_EQ(stopped.finish()["result"], S_OK);
-  EXPECT_EQ(newcomer.finish(), 0);
-  expectWhole(newcomer.agent(), newcomer.engine(), volume);
-  reconciler.release();
+  stopped.finish();
+  expectWhole(newcomer);
 }
 
 TEST_P(Race, a_reconcile_that_is_stopped_after_its_last_listing_does_not_remove_the_file_of_a_new_snapshot) {
   leaveFile(volume);
-  Agent stopped(session, with("stop-after:11:2"));
-  Engine reconciler = stopped.engine();
-  stopped.begin("reconcile", {{"engine", 0}});
-  stopped.process().waitUntilStopped();
+  StoppedReconcile stopped(session, with("stop-after:11:2"));
   Newcomer newcomer(session, volume, topOf(volume));
-  newcomer.begin();
-  stopped.process().signal(SIGCONT);
-  EXPECT_EQ(stopped.finish()["result"], S_OK);
-  EXPECT_EQ(newcomer.finish(), 0);
-  expectWhole(newcomer.agent(), newcomer.engine(), volume);
-  reconciler.release();
+  stopped.finish();
+  expectWhole(newcomer);
 }
 
 TEST_P(Race, the_reconcile_of_a_run_that_is_stopped_before_it_removes_a_file_does_not_remove_that_of_a_new_snapshot) {
@@ -227,11 +223,9 @@ TEST_P(Race, the_reconcile_of_a_run_that_is_stopped_before_it_removes_a_file_doe
                                   with("stop-before-unlink:" + fileName(volume)));
   stopped.waitUntilStopped();
   Newcomer newcomer(session, volume, topOf(volume));
-  newcomer.begin();
   stopped.signal(SIGCONT);
   EXPECT_EQ(stopped.wait(), 0) << stopped.errors();
-  EXPECT_EQ(newcomer.finish(), 0);
-  expectWhole(newcomer.agent(), newcomer.engine(), volume);
+  expectWhole(newcomer);
 }
 
 TEST_P(Race, a_deletion_that_is_stopped_after_its_discard_does_not_remove_the_file_of_a_new_snapshot) {
@@ -241,11 +235,9 @@ TEST_P(Race, a_deletion_that_is_stopped_after_its_discard_does_not_remove_the_fi
   stopped.begin("delete_set", {{"engine", 0}, {"set", deleting.set()}});
   stopped.process().waitUntilStopped();
   Newcomer newcomer(session, volume, topOf(volume));
-  newcomer.begin();
   stopped.process().signal(SIGCONT);
   EXPECT_EQ(stopped.finish()["result"], S_OK);
-  EXPECT_EQ(newcomer.finish(), 0);
-  expectWhole(newcomer.agent(), newcomer.engine(), volume);
+  expectWhole(newcomer);
   deleting.release();
 }
 

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <ostream>
+
 #include "Agent.h"
 #include "Base.h"
 #include "DriverClient.h"
@@ -42,6 +44,8 @@ struct Refusal {
   int snapResult;
   int status;
 };
+
+void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.name; }
 
 class SnapRefusal : public testing::TestWithParam<std::tuple<Refusal, std::size_t>> {};
 

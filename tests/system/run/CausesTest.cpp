@@ -20,6 +20,7 @@ namespace {
 
 using test::Ended;
 using test::expectFailure;
+using test::kTrue;
 using test::run;
 using test::runScript;
 using test::Session;
@@ -27,8 +28,6 @@ using test::TempDir;
 using test::Volume;
 
 using Texts = std::vector<std::string>;
-
-const Texts kTrue = {"/bin/true"};
 
 class RunFails : public testing::Test {
  protected:

@@ -26,6 +26,7 @@ namespace {
 
 using test::Ended;
 using test::expectFailure;
+using test::kTrue;
 using test::LoopDevice;
 using test::Mounted;
 using test::run;
@@ -35,8 +36,6 @@ using test::TempDir;
 using test::Volume;
 
 using Texts = std::vector<std::string>;
-
-const Texts kTrue = {"/bin/true"};
 
 // ---- the machine
 

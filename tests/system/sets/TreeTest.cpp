@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ostream>
+
 #include "Agent.h"
 #include "Base.h"
 #include "MountList.h"
@@ -26,6 +28,8 @@ struct Case {
   std::uint64_t bytes;
   std::vector<std::string> mkfsOptions;
 };
+
+void PrintTo(const Case& one, std::ostream* out) { *out << one.name; }
 
 class ExposedTree : public testing::TestWithParam<Case> {};
 

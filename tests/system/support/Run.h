@@ -13,6 +13,9 @@
 
 namespace test {
 
+// A COMMAND that does nothing.
+inline const std::vector<std::string> kTrue = {"/bin/true"};
+
 inline std::vector<std::string> runArguments(std::vector<std::string> options, std::vector<std::string> command) {
   std::vector<std::string> arguments = {MIRELSNAP_PROGRAM, "run"};
   arguments.insert(arguments.end(), options.begin(), options.end());

@@ -15,12 +15,13 @@
 #include <vector>
 
 #include "Channel.h"
+#include "Wide.h"
 
 namespace {
 
 using test::Json;
+using test::wide;
 
-std::wstring wide(const std::string& ascii) { return {ascii.begin(), ascii.end()}; }
 std::string narrow(const std::wstring& text) {
   std::string result;
   for (const wchar_t character : text) result += static_cast<char>(character);

@@ -42,7 +42,7 @@ std::string narrow(const wchar_t* text) {
   return result;
 }
 
-std::wstring wide(const std::string& text) {
+std::wstring decoded(const std::string& text) {
   const char* from = text.c_str();
   std::mbstate_t state{};
   std::wstring result(text.size() + 1, L'\0');
@@ -55,7 +55,7 @@ std::wstring wide(const std::string& text) {
 class WideArgument {
  public:
   WideArgument(const Json& order, const char* name) {
-    if (order.contains(name) && order[name].is_string()) mText = wide(order[name]);
+    if (order.contains(name) && order[name].is_string()) mText = decoded(order[name]);
   }
   const wchar_t* get() const { return mText ? mText->c_str() : nullptr; }
 

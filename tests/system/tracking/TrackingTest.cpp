@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <map>
+#include <ostream>
 
 #include "BlockDifference.h"
 #include "DriverClient.h"
@@ -49,6 +50,8 @@ struct Kind {
   std::vector<std::string> options;
   std::size_t blockSize;
 };
+
+void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
 class ChangedRuns : public testing::TestWithParam<Kind> {};
 

@@ -10,6 +10,7 @@
 
 #include "DriverFixture.h"
 #include "LogCapture.h"
+#include "Wide.h"
 #include "World.h"
 
 namespace {
@@ -19,6 +20,7 @@ using test::LogCapture;
 using test::LogLine;
 using test::Node;
 using test::TempDir;
+using test::wide;
 
 // What a caller may write through, and what is his own to keep.
 static_assert(
@@ -40,8 +42,6 @@ static_assert(std::is_same_v<decltype(&RelocFileMappingInformation::getSnappedVo
 static_assert(std::is_same_v<decltype(&RelocFileMappingInformation::getRelocFileName),
                              std::string (RelocFileMappingInformation::*)() const>);
 static_assert(sizeof(_DeviceState) == 4 && sizeof(_updateBitmapIoctlType) == 4);
-
-std::wstring wide(const std::string& text) { return {text.begin(), text.end()}; }
 
 TEST(StringToWString, every_byte_is_sign_extended_so_high_bytes_become_negative) {
   const std::wstring widened = StringToWString("a\xE9\x80\xFF\x7F");

@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <cerrno>
+#include <ostream>
 
 #include "DriverFixture.h"
 
@@ -210,6 +211,8 @@ struct Way {
   unsigned int refused;
   std::int32_t otherRefusal;
 };
+
+void PrintTo(const Way& way, std::ostream* out) { *out << way.name; }
 
 class FreezeAndThaw : public VolumeState, public testing::WithParamInterface<Way> {
  protected:

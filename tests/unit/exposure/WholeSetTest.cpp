@@ -13,13 +13,13 @@
 #include "ScriptedDriver.h"
 #include "SnapshotDevice.h"
 #include "Waiting.h"
+#include "Wide.h"
 #include "driver/DriverProtocol.h"
 
 using namespace UnixSnapshotCoordinator;
+using test::wide;
 
 namespace {
-
-std::wstring wide(const std::string& text) { return {text.begin(), text.end()}; }
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 

@@ -12,14 +12,13 @@
 #include "EngineLog.h"
 #include "LoopVolume.h"
 #include "ScriptedDriver.h"
+#include "Wide.h"
 #include "engine/MirelSnapshotEngine.h"
 
 namespace test {
 
 using namespace MirelSnapSnapshotCoordinator;
 using UnixSnapshotCoordinator::IUscAsync;
-
-inline std::wstring wide(const std::string& text) { return {text.begin(), text.end()}; }
 
 // An engine and the agent's reference on it.
 class Engine {

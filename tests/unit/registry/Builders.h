@@ -11,6 +11,7 @@
 #include <string>
 
 #include "LoopVolume.h"
+#include "Wide.h"
 #include "engine/GuardedSnapshotSetParamsArray.h"
 
 namespace test {
@@ -42,8 +43,6 @@ using HeldSet = Held<MirelSnapshotSetParams>;
 inline HeldSet newSet(std::uint8_t number = 1) {
   return HeldSet(MirelSnapshotSetParams::CreateSnapshotSetParams(guid(number)));
 }
-
-inline std::wstring wide(const std::string& text) { return {text.begin(), text.end()}; }
 
 inline std::string directory(const std::string& path) {
   std::filesystem::create_directories(path);

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <ostream>
 
 #include "RelocTest.h"
 
@@ -364,6 +365,10 @@ struct Prediction {
   std::uint64_t usedKB;
   std::uint64_t sizeKB;
 };
+
+void PrintTo(const Prediction& prediction, std::ostream* out) {
+  *out << prediction.availKB << " KiB free, " << prediction.usedKB << " KiB used";
+}
 
 class PredictSizeOfFile : public RelocTest, public testing::WithParamInterface<Prediction> {};
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <ostream>
 #include <stdexcept>
 
 #include "RelocTest.h"

@@ -18,6 +18,7 @@
 #include <functional>
 #include <limits>
 #include <optional>
+#include <ostream>
 #include <thread>
 
 #include "Hooks.h"
@@ -683,6 +684,8 @@ struct Refusal {
   int result;
   std::string text;
 };
+
+void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.status; }
 
 class RefusedSnap : public SnapVolume, public testing::WithParamInterface<Refusal> {};
 

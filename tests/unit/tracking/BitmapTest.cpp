@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <limits>
+#include <ostream>
 
 #include "TrackingFixture.h"
 
@@ -26,6 +27,8 @@ struct Way {
   unsigned long request;
   const char* failure;  // without its errno
 };
+
+void PrintTo(const Way& way, std::ostream* out) { *out << way.name; }
 
 class Bitmap : public test::TrackingTest, public testing::WithParamInterface<Way> {
  protected:
