@@ -226,7 +226,7 @@ class Swapped : public Planted {
   void expectLeftToItsOwner() {
     EXPECT_EQ(fs::file_size(file), 8U << 20);
     clear();
-    fs::remove_all(volume.folder() + "/away");
+    test::removeTree(volume.folder() + "/away");
   }
 
   std::string file;
@@ -342,7 +342,7 @@ class PlantedThing : public Planted {
     EXPECT_EQ(after.st_ino, before.st_ino);
     EXPECT_EQ(after.st_mode, before.st_mode);
     EXPECT_EQ(after.st_size, before.st_size);
-    fs::remove_all(planted);
+    test::removeTree(planted);
     fs::remove(fs::path(planted).parent_path() / "second");
   }
 };

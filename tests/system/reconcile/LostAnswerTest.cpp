@@ -16,6 +16,7 @@
 #include "Agent.h"
 #include "DriverClient.h"
 #include "LogCapture.h"
+#include "OwnWorld.h"
 #include "Run.h"
 
 namespace fs = std::filesystem;
@@ -173,7 +174,7 @@ TEST_P(LostAnswer, a_run_whose_relocation_file_is_moved_before_it_is_removed_say
                               "it: it was moved, or what it lies on was\n"),
             std::string::npos)
       << run.errors();
-  fs::remove_all(volume.folder() + "/moved");
+  test::removeTree(volume.folder() + "/moved");
 }
 
 // Who owns the folder above a mount point puts a link in its place, which leads to an empty directory of root's.

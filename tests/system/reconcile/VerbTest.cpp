@@ -13,6 +13,7 @@
 #include "Agent.h"
 #include "DriverClient.h"
 #include "MountList.h"
+#include "OwnWorld.h"
 #include "Run.h"
 
 namespace fs = std::filesystem;
@@ -204,7 +205,7 @@ TEST_P(ReconcileVerb, at_the_base_of_a_dead_agent_removes_its_snapshot_and_nothi
   }
   EXPECT_FALSE(fs::exists(base + snapped.folder()));
   EXPECT_TRUE(fs::exists(base + "/empty"));
-  fs::remove_all(base);
+  test::removeTree(base);
 }
 
 }  // namespace

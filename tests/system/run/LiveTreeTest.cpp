@@ -13,6 +13,7 @@
 #include "Agent.h"
 #include "Base.h"
 #include "MountList.h"
+#include "OwnWorld.h"
 #include "Run.h"
 
 namespace fs = std::filesystem;
@@ -87,7 +88,7 @@ class LiveTree : public testing::TestWithParam<Case> {
   }
   // That all is as it was, once what came late has gone.
   void expectAsBefore() const {
-    for (const std::string& folder : {late() + "/deep", late()}) EXPECT_EQ(umount(folder.c_str()), 0) << folder;
+    for (const std::string& folder : {late() + "/deep", late()}) EXPECT_EQ(test::unmount(folder), 0) << folder;
     EXPECT_EQ(tree(), before);
   }
 

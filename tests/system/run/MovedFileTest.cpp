@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "DriverClient.h"
+#include "OwnWorld.h"
 #include "Run.h"
 #include "User.h"
 
@@ -44,10 +45,11 @@ class MovedFile : public testing::TestWithParam<Place> {
     if (GetParam().bound) whole.emplace(loop.path(), first.path(), GetParam().type);
     const std::string& source = GetParam().bound ? first.path() : loop.path();
     EXPECT_EQ(mount(source.c_str(), path.c_str(), GetParam().type, GetParam().bound ? MS_BIND : 0, nullptr), 0);
+    test::ownWorld().addFileSystem(path);
     for (const std::string& folder : {theirs, path}) EXPECT_EQ(chown(folder.c_str(), kUser, kUser), 0);
   }
   ~MovedFile() override {
-    for (const std::string& folder : {path, moved + "/folder"}) umount(folder.c_str());
+    for (const std::string& folder : {path, moved + "/folder"}) static_cast<void>(test::unmount(folder));
     whole.reset();
   }
 
@@ -90,8 +92,8 @@ TEST_P(MovedFile, with_its_directory_is_told_of_and_what_the_user_put_there_stay
                                name);
   expectTold(ended, path + "/kept/" + name, "no snapshot uses it any more: remove it");
   EXPECT_EQ(test::readFile(path + "/.verrelocarea/" + name), "mine\n");
-  fs::remove_all(path + "/kept");
-  fs::remove_all(path + "/.verrelocarea");
+  test::removeTree(path + "/kept");
+  test::removeTree(path + "/.verrelocarea");
 }
 
 TEST_P(MovedFile, with_its_directory_is_not_advised_to_be_removed_by_hand_while_anything_is_snapped) {
@@ -101,7 +103,7 @@ TEST_P(MovedFile, with_its_directory_is_not_advised_to_be_removed_by_hand_while_
   expectTold(runWhile("cd " + path + " && mv .verrelocarea kept"), path + "/kept/" + name,
              "remove it when mirelsnap status shows no snapshot and no mapping");
   EXPECT_EQ(driver.unsnap({other.device()}), 0u);
-  fs::remove_all(path + "/kept");
+  test::removeTree(path + "/kept");
 }
 
 TEST_P(MovedFile, with_the_folder_above_the_mount_point_is_told_of_and_reconciled) {
