@@ -4,7 +4,6 @@
 #include <sys/sysmacros.h>
 
 #include <ctime>
-#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -17,6 +16,7 @@
 #include "Text.h"
 #include "Verbs.h"
 #include "VolumeChoice.h"
+#include "base/ReadText.h"
 #include "driver/DriverProtocol.h"
 #include "driver/VolumeRecords.h"
 
@@ -47,7 +47,7 @@ struct SnapshotState {
 // By the number of the volume. A line is words "key=value".
 std::map<std::string, SnapshotState> snapshotStates() {
   std::map<std::string, SnapshotState> states;
-  std::ifstream file(kDriverSnapshotsPath);
+  std::istringstream file(readText(kDriverSnapshotsPath).value_or(""));
   for (std::string line; std::getline(file, line);) {
     std::istringstream words(line);
     std::map<std::string, std::string> values;

@@ -46,8 +46,9 @@ TEST_F(Traces, doctor_names_an_empty_relocation_directory_and_a_probe_that_a_kil
   makeProbe();
   const Ended ended = verb(session, {"doctor", volume.device()});
   EXPECT_EQ(ended.code, 1);
-  EXPECT_EQ(ended.output, directory + ": is an empty directory for relocation files; mirelsnap reconcile removes it\n" +
-                              probe + ": is a probe for writability; mirelsnap reconcile removes it\n2 findings.\n");
+  EXPECT_EQ(ended.output, volume.device() + ": its relocation file would be allocated at once\n" + directory +
+                              ": is an empty directory for relocation files; mirelsnap reconcile removes it\n" + probe +
+                              ": is a probe for writability; mirelsnap reconcile removes it\n2 findings.\n");
   EXPECT_EQ(document(session, {"doctor", volume.device()})["findings"][0]["kind"], "leftover-directory");
   EXPECT_EQ(document(session, {"doctor", volume.device()})["findings"][1]["kind"], "leftover-probe");
   EXPECT_TRUE(fs::exists(directory) && fs::exists(probe)) << "doctor changes nothing";
