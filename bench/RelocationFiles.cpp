@@ -16,8 +16,8 @@
 #include "LoopVolume.h"
 #include "Rows.h"
 #include "base/Handle.h"
-#include "driver/RunMap.h"
 #include "reloc/LinuxSnapshotreloc.h"
+#include "reloc/RunMap.h"
 
 namespace bench {
 namespace {

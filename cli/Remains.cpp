@@ -13,8 +13,8 @@
 #include "BaseSweep.h"
 #include "Processes.h"
 #include "SnapshotDevice.h"
-#include "driver/FilesInUse.h"
 #include "driver/VolumeRecords.h"
+#include "snapping/FilesInUse.h"
 
 namespace cli {
 namespace {

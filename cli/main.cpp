@@ -13,7 +13,7 @@
 #include "Failure.h"
 #include "Text.h"
 #include "Verbs.h"
-#include "qxtools/StandardStreams.h"
+#include "base/StandardStreams.h"
 
 namespace {
 

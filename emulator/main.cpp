@@ -5,10 +5,10 @@
 #include <exception>
 #include <string>
 
+#include "base/StandardStreams.h"
 #include "emulator/machine/Kernel.h"
 #include "emulator/supervise/Options.h"
 #include "emulator/supervise/Session.h"
-#include "qxtools/StandardStreams.h"
 
 namespace {
 

@@ -7,6 +7,6 @@
 #include <mirelsnap/DriverInterface.h>
 
 #include "driver/ControlDevice.h"
-#include "driver/RelocationFileLocation.h"
-#include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
+#include "reloc/RelocationFileLocation.h"
+#include "snapping/Unsnap.h"

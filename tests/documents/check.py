@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Checks the documents, and the texts of the tests.
+"""Checks the documents, and the texts of the sources and the tests.
 
-    check.py pictures|links|snippets|names|removals SOURCE_FOLDER COMPILER
+    check.py pictures|links|snippets|names|removals|layers SOURCE_FOLDER COMPILER
 """
 import pathlib
 import re
@@ -111,7 +111,36 @@ def removals():
         wrong.append("no test was found")
 
 
-{"pictures": pictures, "links": links, "snippets": snippets, "names": names, "removals": removals}[check]()
+def layers():
+    """A room includes what lies below it, as HACKING.md draws the house, and nothing else."""
+    below = {
+        "src/base": [],
+        "src/qxtools": ["base"],
+        "src/sysinfo": ["base"],
+        "src/driver": ["sysinfo", "base"],
+        "src/reloc": ["driver", "sysinfo", "base"],
+        "src/snapping": ["reloc", "driver", "sysinfo", "base"],
+        "src/engine": ["snapping", "reloc", "driver", "sysinfo", "qxtools", "base"],
+        "emulator/machine": ["base", "driver/DriverProtocol.h"],
+        "emulator/driver": ["emulator/machine", "base", "driver/DriverProtocol.h"],
+        "emulator/supervise": ["emulator/driver", "emulator/machine", "base", "driver/DriverProtocol.h"],
+    }
+    # The whole driver interface in one header, for programs that know it by this path.
+    whole = source / "src/driver/LinuxSnapLib.h"
+    rooms = {path.relative_to(source).as_posix() for top in ("src", "emulator")
+             for path in (source / top).iterdir() if path.is_dir()}
+    for room in sorted(rooms ^ below.keys()):
+        wrong.append(f"{room} is not among the rooms, or is none")
+    for room in sorted(rooms & below.keys()):
+        own = room.removeprefix("src/")
+        for file in sorted({*(source / room).glob("*.cpp"), *(source / room).glob("*.h")} - {whole}):
+            for included in re.findall(r'^#include "([^"]+/[^"]+)"', file.read_text(encoding="utf-8"), re.M):
+                if not any(included == name or included.startswith(name + "/") for name in [own, *below[room]]):
+                    wrong.append(f"{file.relative_to(source)} includes {included}, which does not lie below it")
+
+
+{"pictures": pictures, "links": links, "snippets": snippets, "names": names, "removals": removals,
+ "layers": layers}[check]()
 for text in wrong:
     print("FAILED:", text, file=sys.stderr)
 sys.exit(1 if wrong else 0)

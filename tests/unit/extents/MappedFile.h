@@ -19,7 +19,7 @@
 #include "LoopVolume.h"
 #include "ScriptedDriver.h"
 #include "driver/LinuxSnapLib.h"
-#include "driver/RunMap.h"
+#include "reloc/RunMap.h"
 
 namespace test {
 

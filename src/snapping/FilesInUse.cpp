@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "driver/FilesInUse.h"
+#include "snapping/FilesInUse.h"
 
 #include <sys/stat.h>
 

@@ -22,12 +22,12 @@
 #include "driver/DriverCommand.h"
 #include "driver/DriverLock.h"
 #include "driver/LinuxSnapLibUtil.h"
-#include "driver/RunMap.h"
 #include "driver/TrackingGuid.h"
-#include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
 #include "reloc/Planted.h"
-#include "reloc/RelocationOrchestration.h"
+#include "reloc/RunMap.h"
+#include "snapping/RelocationOrchestration.h"
+#include "snapping/Unsnap.h"
 
 namespace {
 

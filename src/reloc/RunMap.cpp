@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "driver/RunMap.h"
+#include "reloc/RunMap.h"
 
 void freeRuns(RunList* runs) noexcept {
   if (runs == nullptr) return;

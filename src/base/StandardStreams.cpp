@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "qxtools/StandardStreams.h"
+#include "base/StandardStreams.h"
 
 #include <fcntl.h>
 #include <unistd.h>

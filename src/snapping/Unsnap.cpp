@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "driver/Unsnap.h"
+#include "snapping/Unsnap.h"
 
 #include <syslog.h>
 #include <unistd.h>
@@ -10,8 +10,8 @@
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "driver/DriverLock.h"
-#include "driver/FilesInUse.h"
 #include "reloc/RelocationFileRemoval.h"
+#include "snapping/FilesInUse.h"
 
 namespace {
 

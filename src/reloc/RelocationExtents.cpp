@@ -15,11 +15,11 @@
 #include "base/Causes.h"
 #include "base/Handle.h"
 #include "driver/DriverProtocol.h"
-#include "driver/RelocationFileLocation.h"
-#include "driver/RunMap.h"
 #include "reloc/BlockFinder.h"
 #include "reloc/RelocationDirectory.h"
+#include "reloc/RelocationFileLocation.h"
 #include "reloc/RelocationFileRemoval.h"
+#include "reloc/RunMap.h"
 
 namespace {
 

@@ -17,13 +17,13 @@
 #include "driver/ControlDevice.h"
 #include "driver/DriverCommand.h"
 #include "driver/DriverLock.h"
-#include "driver/FilesInUse.h"
 #include "driver/RelocationMappings.h"
-#include "driver/Unsnap.h"
 #include "driver/VolumeRecords.h"
 #include "reloc/LinuxSnapshotreloc.h"
 #include "reloc/Planted.h"
 #include "reloc/RelocationFileRemoval.h"
+#include "snapping/FilesInUse.h"
+#include "snapping/Unsnap.h"
 
 namespace {
 

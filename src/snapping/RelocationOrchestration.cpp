@@ -25,9 +25,9 @@
 #include "reloc/RelocationDirectory.h"
 #include "reloc/RelocationFileRemoval.h"
 #include "reloc/RelocationForecast.h"
-#include "reloc/RelocationOrchestration.h"
 #include "reloc/RelocationStatus.h"
 #include "reloc/WritabilityProbe.h"
+#include "snapping/RelocationOrchestration.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "driver/RelocationFileLocation.h"
+#include "reloc/RelocationFileLocation.h"
 
 #include <sys/stat.h>
 #include <syslog.h>
